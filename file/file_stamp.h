@@ -1,0 +1,15 @@
+// What a store's file looked like when this instance last had it, to find out whether somebody else
+// changed it meanwhile.
+#pragma once
+
+#include "store/records.h"
+
+namespace hx {
+
+// The file's header and length as they are now. A file that can't be read gives a stamp that
+// matches none.
+FileStamp stampOf(FileHandle* file);
+
+bool sameStamp(const FileStamp& a, const FileStamp& b);
+
+}  // namespace hx

@@ -1,0 +1,39 @@
+// An item's chain of DATACHUNK records: how long the item is, and single pages of it in memory.
+// Callers hold the instance's lock.
+#pragma once
+
+#include "file/format.h"
+#include "store/export.h"
+#include "store/records.h"
+#include "store/status.h"
+
+namespace hx {
+
+extern "C" {
+
+// Sets the size of an item that has no page in memory and gives it one: the first when `flags` has
+// kRead, else the last. 0; -1 when memory runs out; kUnreadable; or kFileNotOpen when the tree has
+// neither file nor blob. On failure the item is left as it was.
+HX_EXPORT int32_t loadItem(ItemMember* item, uint32_t flags);
+
+// The same for an item of a blob's tree: its page points into the blob. Without kRead an item of
+// more than one page gets none. `loadItem` passes such items on to it.
+HX_EXPORT int32_t loadItemFromMemory(ItemMember* item, uint32_t flags);
+
+}  // extern "C"
+
+// The record at `offset`, the item's `index`-th, ready for use; false when it can't be read, when
+// its page does not lie in the file, or when it breaks the rules of a chain.
+bool readChunk(const ItemMember* item, int64_t offset, int32_t index, DataChunk* chunk);
+
+// A page with the bytes that the record tells, in no list yet. Null with kNoMemory or kUnreadable.
+PageBuf* loadPage(const ItemMember* item, const DataChunk& chunk, int64_t offset, int32_t index,
+                  Status* status);
+
+// Loads page 0 anew in front of the list of an item whose other pages are in memory.
+Status loadFirstPage(ItemMember* item);
+
+// Frees a page that is in no list.
+void freePage(const ItemMember* item, PageBuf* page);
+
+}  // namespace hx

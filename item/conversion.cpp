@@ -1,0 +1,57 @@
+#include "item/conversion.h"
+
+#include "file/converters.h"
+#include "store/lock_guard.h"
+#include "store/memory.h"
+
+namespace hx {
+
+namespace {
+
+// Two readers of one tree may need its converters at the same moment.
+Status obtainConverter(Store* store, Converter* (*obtain)(Store*), Converter** converter) {
+  const LockGuard lock(store->extension->lock);
+  if (!lock.taken()) return kNotLocked;
+  *converter = obtain(store);
+  return *converter == nullptr ? kNoMemory : kOk;
+}
+
+}  // namespace
+
+Conversion::~Conversion() {
+  freeBlock(handle_->item->pool, stored_);
+}
+
+bool Conversion::applies() const {
+  const ItemMember* item = handle_->item;
+  return argument_ != nullptr && item->extension->encodingExtension != nullptr &&
+         isForeign(item->parent);
+}
+
+Status Conversion::prepare(const void* buffer, int32_t length) {
+  Converter* converter = nullptr;
+  const Status status =
+      obtainConverter(handle_->item->parent, instanceToStoreConverter, &converter);
+  if (status != kOk) return status;
+  storedLength_ = converter->measure(converter, argument_, buffer, length);
+  if (storedLength_ == 0) return kNoMemory;
+  const auto size = static_cast<uint64_t>(storedLength_);
+  stored_ = static_cast<uint8_t*>(allocateBlock(handle_->item->pool, size));
+  return stored_ == nullptr ? kNoMemory : kOk;
+}
+
+Status Conversion::convert(int64_t count, void* buffer, int32_t length, uint32_t* converted) {
+  Converter* converter = nullptr;
+  const Status status =
+      obtainConverter(handle_->item->parent, storeToInstanceConverter, &converter);
+  if (status != kOk) return status;
+  const void* storedAddress = stored_;
+  uint32_t result = 0;
+  const int32_t failure = converter->convert(converter, argument_, stored_, count, buffer, length,
+                                             &storedAddress, &result);
+  if (failure != 0) return kNoMemory;
+  *converted = result;
+  return kOk;
+}
+
+}  // namespace hx

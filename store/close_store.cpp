@@ -1,0 +1,68 @@
+#include "store/close_store.h"
+
+#include "file/converters.h"
+#include "file/disk_space.h"
+#include "file/file_stamp.h"
+#include "file/write_directory.h"
+#include "store/lock_guard.h"
+#include "store/purge.h"
+
+namespace hx {
+
+namespace {
+
+Header currentHeader(const Store* store) {
+  Header header = {};
+  ExtensionInstance* instance = store->extension;
+  header.encodingId = instance->encodingId;
+  if (Encoding* encoding = instance->encodingExtension) {
+    encoding->fillEncodingId(encoding, &header.encodingId, HX_ENCODING_ID_LENGTH, 0, 0);
+  }
+  header.pageSizeCode = pageSizeCodeOf(store->pageSize);
+  header.directoryOffset = store->directoryOffset;
+  return header;
+}
+
+void writeBack(Store* store) {
+  if (store->directoryOffset == 0) store->directoryOffset = allocateDiskSpace(store, kEntrySize);
+  const Header header = currentHeader(store);
+  writeStored(store, 0, &header, kHeaderSize);
+  writeDirectory(store, 0, 0);
+  store->dirty &= ~1u;
+  writeStored(store, 0, &header, kHeaderSize);
+  store->stamp = stampOf(openFile(store));
+}
+
+void countOff(Store* store) {
+  if (store->openCount > 0) --store->openCount;
+  if (store->openCount < 0) ++store->openCount;
+}
+
+}  // namespace
+
+extern "C" void hxcrateCloseStore(Store* store) {
+  const LockGuard lock(store->extension->lock);
+  if (!lock.taken()) return;
+  const bool wasUpdated = store->openCount < 0;
+  countOff(store);
+  if (store->openCount != 0 || !isRoot(store)) return;
+  if (wasUpdated && openFile(store) != nullptr) writeBack(store);
+  closeStoreFile(store);
+  releaseConverters(store);
+  if (isInBlob(store)) dropStore(store);
+}
+
+extern "C" void hxcrateCloseAndDeleteStore(Store* store) {
+  const LockGuard lock(store->extension->lock);
+  if (!lock.taken()) return;
+  countOff(store);
+  if (store->openCount != 0 || !isRoot(store)) return;
+  closeStoreFile(store);
+  if (store->hasHadFile) {
+    FileIo* io = store->extension->fileExtension;
+    io->remove(io, store->name, store->nameLength, 0, 0);
+  }
+  dropStore(store);
+}
+
+}  // namespace hx

@@ -1,0 +1,80 @@
+#include "store/purge.h"
+
+#include "file/converters.h"
+#include "file/disk_space.h"
+#include "file/load_item.h"
+#include "store/member_table.h"
+#include "store/memory.h"
+
+namespace hx {
+
+namespace {
+
+void freeItem(Pool* pool, ItemMember* item) {
+  while (item->firstPage != nullptr) {
+    PageBuf* page = item->firstPage;
+    item->firstPage = page->next;
+    freePage(item, page);
+  }
+  freeBlock(pool, item->name);
+  freeBlock(pool, item);
+}
+
+Member* takeFirstMember(Store* store) {
+  Member* member = firstMember(store->members);
+  if (member != nullptr) removeMember(store->members, member);
+  return member;
+}
+
+// A store opened from a blob is in no table.
+void leaveTable(Store* store) {
+  if ((store->flags & kMemoryBacked) != 0) return;
+  MemberTable& table = store->parent != nullptr ? store->parent->members : store->extension->stores;
+  removeMember(table, asMember(store));
+}
+
+}  // namespace
+
+extern "C" void purgeStore(Store* store) {
+  Pool* pool = store->extension->pool;
+  leaveTable(store);
+  freeBlock(pool, store->name);
+  freeMemory(store);
+  freeBlock(pool, store);
+}
+
+// Depth first, without recursion: a nested store is taken out of its parent before its own members
+// are freed, so `parent` is all that leads back.
+extern "C" void freeMemory(Store* top) {
+  Pool* pool = top->extension->pool;
+  Store* store = top;
+  for (;;) {
+    Member* member = takeFirstMember(store);
+    if (member == nullptr && store == top) return;
+    if (member == nullptr) {
+      Store* finished = store;
+      store = store->parent;
+      freeBlock(pool, finished->name);
+      freeBlock(pool, finished);
+    } else if (member->kind == kStoreKind) {
+      store = asStore(member);
+    } else {
+      freeItem(pool, asItem(member));
+    }
+  }
+}
+
+void dropStore(Store* root) {
+  releaseConverters(root);
+  releaseFreeList(root);
+  if (root->openHandles == 0) return purgeStore(root);
+  leaveTable(root);
+  root->file = nullptr;
+  root->condemned = true;
+}
+
+void purgeIfCondemned(Store* root) {
+  if (root->condemned && root->openHandles == 0) purgeStore(root);
+}
+
+}  // namespace hx

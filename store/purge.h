@@ -1,0 +1,29 @@
+// Releases the memory of stores. Callers hold the instance's lock, unless nobody else can reach the
+// tree.
+#pragma once
+
+#include "store/export.h"
+#include "store/records.h"
+
+namespace hx {
+
+extern "C" {
+
+// Takes a store whose openers are gone out of its table, if it is in one, and frees it with
+// everything below it. Closes no file and releases no converter.
+HX_EXPORT void purgeStore(Store* store);
+
+// Frees every member below a store, to any depth.
+HX_EXPORT void freeMemory(Store* store);
+
+}  // extern "C"
+
+// Ends a top-level store whose file is closed: releases its converters and free list and purges it.
+// While an item handle is open in its tree the store only leaves its table, and the close of the
+// last handle purges it.
+void dropStore(Store* root);
+
+// Called when an item handle of the tree was closed: purges a dropped store behind the last one.
+void purgeIfCondemned(Store* root);
+
+}  // namespace hx
