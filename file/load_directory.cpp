@@ -70,21 +70,8 @@ Status loadItemMember(Store* parent, int64_t link, Entry* entry) {
   return status;
 }
 
-}  // namespace
-
-extern "C" void loadDirectory(Store* store, MemberTable* table, int32_t* status) {
-  store->kind = kStoreKind;
-  if (store->parent != nullptr) {
-    Entry entry;
-    *status = kUnreadable;
-    if (!readEntry(store, store->directoryOffset, &entry)) return;
-    *status = kNoMemory;
-    if (!takeStoredName(store->extension->pool, asMember(store), entry)) return;
-  }
-  insertMember(*table, asMember(store));
-  *status = loadMembers(store);
-}
-
+// Everything below a store. A directory never has more entries than the file or the blob has room
+// for, so one that goes in circles ends too.
 int32_t loadMembers(Store* top) {
   Entry entry;
   if (!readEntry(top, top->directoryOffset, &entry)) return kUnreadable;
@@ -106,6 +93,22 @@ int32_t loadMembers(Store* top) {
     link = isItem ? entry.next : entry.firstLink;
   }
   return kOk;
+}
+
+}  // namespace
+
+extern "C" void loadDirectory(Store* store, MemberTable* table, int32_t* status) {
+  store->kind = kStoreKind;
+  if (store->parent != nullptr) {
+    Entry entry;
+    *status = kUnreadable;
+    if (!readEntry(store, store->directoryOffset, &entry)) return;
+    *status = kNoMemory;
+    if (!takeStoredName(store->extension->pool, asMember(store), entry)) return;
+  }
+  // The top of a blob's tree is reached by its opener alone.
+  if ((store->flags & kMemoryBacked) == 0) insertMember(*table, asMember(store));
+  *status = loadMembers(store);
 }
 
 }  // namespace hx

@@ -1,10 +1,9 @@
 #include "file/load_store.h"
 
 #include "file/converters.h"
+#include "file/header.h"
 #include "file/load_directory.h"
-#include "file/record_maps.h"
 #include "file/storage.h"
-#include "file/translate.h"
 #include "store/member_table.h"
 #include "store/memory.h"
 #include "store/slots.h"
@@ -13,15 +12,6 @@
 namespace hx {
 
 namespace {
-
-// Takes page size and directory from a header in the file's own encoding.
-Status takeHeader(Store* store, Header header) {
-  store->encodingId = header.encodingId;
-  if (translateStructure(store, &header, kHeaderSize, HEADER_map) != 0) return kUnreadable;
-  store->pageSize = pageSizeFromCode(header.pageSizeCode);
-  store->directoryOffset = header.directoryOffset;
-  return store->pageSize == 0 ? kUnreadable : kOk;
-}
 
 Status fillTopStore(Store* store, ExtensionInstance* instance, FileHandle* file, Name path,
                     const Header& header) {

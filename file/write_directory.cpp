@@ -2,23 +2,30 @@
 
 #include "file/disk_space.h"
 #include "file/write_pages.h"
-#include "store/member_table.h"
+#include "store/tree_cursor.h"
 
 namespace hx {
 
 namespace {
 
-// A walk over a tree in table order, each nested store's members right after it. The way back up is
-// found by the parent pointers, so any depth takes the same stack.
+uint64_t allocateUnsigned(Store* store, int32_t size) {
+  return static_cast<uint64_t>(allocateDiskSpace(store, size));
+}
+
+// Writes the directory along a walk over the tree. Only the member written last is remembered: on
+// the way back up that is the nested store just left, so a level needs no state of its own.
 class TreeWriter {
  public:
-  TreeWriter(Store* top, const Image& image) : top_(top), store_(top), image_(image) {}
+  TreeWriter(Store* top, const Image& image) : cursor_(top), image_(image) {}
 
   void write(int64_t parentLink, int64_t previousLink) {
-    writeOwnEntry(top_, parentLink, previousLink);
-    Member* member = firstMember(top_->members);
-    while (member != nullptr || store_ != top_) {
-      member = member == nullptr ? leaveStore() : writeMember(member);
+    writeOwnEntry(cursor_.top, parentLink, previousLink);
+    while (!cursor_.isBehindAll()) {
+      if (cursor_.member == nullptr) {
+        leaveStore();
+      } else {
+        writeMember();
+      }
     }
     finishStore();
   }
@@ -39,56 +46,40 @@ class TreeWriter {
     writeEntry(store->directoryOffset, name, parentLink, previousLink, 0);
   }
 
-  // Links a member behind the one before it, writes it and returns what comes next.
-  Member* writeMember(Member* member) {
-    place(member);
+  // Links a member behind the one before it and writes it.
+  void writeMember() {
+    Member* member = cursor_.member;
+    placeMember(member, cursor_.store);
     if (last_ != nullptr) image_.setLink(entryOffsetOf(last_), &Entry::next, linkTo(member));
-    return member->kind == kStoreKind ? enterStore(asStore(member)) : writeItemMember(member);
-  }
-
-  void place(Member* member) {
     if (member->kind == kStoreKind) {
-      Store* store = asStore(member);
-      if (store->directoryOffset == 0) {
-        store->directoryOffset = allocateDiskSpace(store_, kEntrySize);
-      }
-      return;
+      enterStore(asStore(member));
+    } else {
+      writeItemMember(asItem(member));
     }
-    ItemMember* item = asItem(member);
-    if (item->entryOffset == 0) item->entryOffset = allocateAt(kEntrySize);
-    if (item->firstChunkOffset == 0) item->firstChunkOffset = allocateAt(kChunkSize);
   }
 
-  uint64_t allocateAt(int32_t size) {
-    return static_cast<uint64_t>(allocateDiskSpace(store_, size));
-  }
-
-  Member* writeItemMember(Member* member) {
-    ItemMember* item = asItem(member);
+  void writeItemMember(ItemMember* item) {
+    Member* member = asMember(item);
     const int64_t previous = last_ == nullptr ? 0 : entryOffsetOf(last_);
-    writeEntry(entryOffsetOf(member), nameOf(member), store_->directoryOffset, previous,
+    writeEntry(entryOffsetOf(member), nameOf(member), cursor_.store->directoryOffset, previous,
                static_cast<int64_t>(item->firstChunkOffset));
     writePages(item, image_);
     last_ = member;
-    return nextMember(store_->members, member);
+    cursor_.advance();
   }
 
-  Member* enterStore(Store* nested) {
-    writeOwnEntry(nested, store_->directoryOffset, lastNestedOffset_);
-    store_ = nested;
+  void enterStore(Store* nested) {
+    writeOwnEntry(nested, cursor_.store->directoryOffset, lastNestedOffset_);
     last_ = nullptr;
     lastNestedOffset_ = 0;
-    return firstMember(nested->members);
+    cursor_.enter();
   }
 
-  // Goes on behind a nested store whose members are all written.
-  Member* leaveStore() {
+  void leaveStore() {
     finishStore();
-    Member* finished = asMember(store_);
-    lastNestedOffset_ = store_->directoryOffset;
-    store_ = store_->parent;
-    last_ = finished;
-    return nextMember(store_->members, finished);
+    last_ = asMember(cursor_.store);
+    lastNestedOffset_ = cursor_.store->directoryOffset;
+    cursor_.leave();
   }
 
   // Ends the chain of the store's members and links its head.
@@ -97,18 +88,30 @@ class TreeWriter {
     if (last_->kind == kStoreKind && !isRewritten(asStore(last_))) {
       image_.setLink(entryOffsetOf(last_), &Entry::next, 0);
     }
-    image_.setLink(store_->directoryOffset, &Entry::firstLink,
-                   linkTo(firstMember(store_->members)));
+    Member* first = firstMember(cursor_.store->members);
+    image_.setLink(cursor_.store->directoryOffset, &Entry::firstLink, linkTo(first));
   }
 
-  Store* top_;
-  Store* store_;                  // whose members are being written
-  Member* last_ = nullptr;        // the member of store_ written last
-  int64_t lastNestedOffset_ = 0;  // the nested store of store_ written last
+  TreeCursor cursor_;
   Image image_;
+  Member* last_ = nullptr;        // the member of the cursor's store written last
+  int64_t lastNestedOffset_ = 0;  // the nested store of the cursor's store written last
 };
 
 }  // namespace
+
+void placeMember(Member* member, Store* container) {
+  if (member->kind == kStoreKind) {
+    Store* store = asStore(member);
+    if (store->directoryOffset == 0) {
+      store->directoryOffset = allocateDiskSpace(container, kEntrySize);
+    }
+    return;
+  }
+  ItemMember* item = asItem(member);
+  if (item->entryOffset == 0) item->entryOffset = allocateUnsigned(container, kEntrySize);
+  if (item->firstChunkOffset == 0) item->firstChunkOffset = allocateUnsigned(container, kChunkSize);
+}
 
 extern "C" int64_t writeDirectory(Store* store, int64_t parentLink, int64_t previousLink) {
   return writeTree(store, Image(store->root, nullptr), parentLink, previousLink);

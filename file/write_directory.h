@@ -16,7 +16,10 @@ HX_EXPORT int64_t writeDirectory(Store* store, int64_t parentLink, int64_t previ
 
 }  // extern "C"
 
-// The same into an image; into a blob every ENTRY and every page.
+// Gives a member its place in the file, unless it has one: the ENTRY, and an item's first record.
+void placeMember(Member* member, Store* container);
+
+// The same as writeDirectory into an image; into a blob every ENTRY and every page.
 int64_t writeTree(Store* top, const Image& image, int64_t parentLink, int64_t previousLink);
 
 }  // namespace hx

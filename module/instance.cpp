@@ -1,3 +1,4 @@
+#include "blob/open_blob.h"
 #include "item/open_item.h"
 #include "module/build_info.h"
 #include "module/entry.h"
@@ -64,6 +65,7 @@ void fillInstance(ExtensionInstance* instance) {
   instance->destroy = hxcrateRealDestroy;
   instance->openStore = hxcrateOpenStore;
   instance->openItem = hxcrateOpenItem;
+  instance->openStoreFromMemory = hxcrateOpenStoreFromMemory;
 }
 
 // Without the extension the identity stays all zero, and headers carry that.

@@ -1,5 +1,6 @@
 #include "store/slots.h"
 
+#include "blob/create_blob.h"
 #include "item/open_item.h"
 #include "item/read_item.h"
 #include "item/write_item.h"
@@ -16,6 +17,7 @@ void fillStoreSlots(Store* store) {
   store->getNextMember = hxcrateGetNextMember;
   store->path = hxcratePath;
   store->setPageSize = hxcrateSetPageSize;
+  store->createBlobFromStore = hxcrateCreateBlobFromStore;
 }
 
 void fillItemSlots(ItemMember* item) {

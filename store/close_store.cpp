@@ -3,6 +3,7 @@
 #include "file/converters.h"
 #include "file/disk_space.h"
 #include "file/file_stamp.h"
+#include "file/header.h"
 #include "file/write_directory.h"
 #include "store/lock_guard.h"
 #include "store/purge.h"
@@ -10,18 +11,6 @@
 namespace hx {
 
 namespace {
-
-Header currentHeader(const Store* store) {
-  Header header = {};
-  ExtensionInstance* instance = store->extension;
-  header.encodingId = instance->encodingId;
-  if (Encoding* encoding = instance->encodingExtension) {
-    encoding->fillEncodingId(encoding, &header.encodingId, HX_ENCODING_ID_LENGTH, 0, 0);
-  }
-  header.pageSizeCode = pageSizeCodeOf(store->pageSize);
-  header.directoryOffset = store->directoryOffset;
-  return header;
-}
 
 void writeBack(Store* store) {
   if (store->directoryOffset == 0) store->directoryOffset = allocateDiskSpace(store, kEntrySize);

@@ -1,0 +1,70 @@
+#include "blob/open_blob.h"
+
+#include "file/converters.h"
+#include "file/header.h"
+#include "file/load_directory.h"
+#include "store/lock_guard.h"
+#include "store/memory.h"
+#include "store/purge.h"
+#include "store/slots.h"
+#include "store/status.h"
+
+namespace hx {
+
+namespace {
+
+void fillBlobStore(Store* store, ExtensionInstance* instance, const void* blob, uint64_t size) {
+  store->kind = kStoreKind;
+  store->flags = kMemoryBacked;
+  store->file = const_cast<void*>(blob);  // never written to
+  store->blobSize = size;
+  store->root = store;
+  store->extension = instance;
+  store->openCount = 1;
+  fillStoreSlots(store);
+}
+
+// The tree is still nobody else's, but the host makes converters for one thread at a time.
+Status readHeader(Store* store, const void* blob) {
+  Header header;
+  copyBytes(&header, blob, sizeof(header));
+  store->encodingId = header.encodingId;
+  if (!isForeign(store)) return takeHeader(store, header);
+  const LockGuard lock(store->extension->lock);
+  return lock.taken() ? takeHeader(store, header) : kNotLocked;
+}
+
+int32_t loadBlobStore(Store* store, const void* blob, Name name, uint32_t flags) {
+  ExtensionInstance* instance = store->extension;
+  int32_t status = readHeader(store, blob);
+  if (status != kOk || store->directoryOffset == 0) return status;
+  if (!copyName(instance->pool, asMember(store), name)) return kNoMemory;
+  loadDirectoryFromMemory(store, &instance->stores, flags, &status);
+  return status;
+}
+
+}  // namespace
+
+extern "C" Store* hxcrateOpenStoreFromMemory(ExtensionInstance* instance, const void* blob,
+                                             uint64_t size, const char32_t* name, int32_t length,
+                                             uint32_t flags, int32_t* status) {
+  *status = kContradiction;
+  if ((flags & (kUpdate | kReplace | kExclusive)) != 0) return nullptr;
+  *status = kUnreadable;
+  if (blob == nullptr || size < sizeof(Header)) return nullptr;
+  auto* store = allocateRecord<Store>(instance->pool);
+  *status = kNoMemory;
+  if (store == nullptr) return nullptr;
+  fillBlobStore(store, instance, blob, size);
+  *status = loadBlobStore(store, blob, makeName(name, length), flags);
+  if (*status == kOk) return store;
+  dropStore(store);
+  return nullptr;
+}
+
+extern "C" void loadDirectoryFromMemory(Store* store, MemberTable* table, uint32_t /*flags*/,
+                                        int32_t* status) {
+  loadDirectory(store, table, status);
+}
+
+}  // namespace hx
