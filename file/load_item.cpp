@@ -27,7 +27,10 @@ bool isSound(const ItemMember* item, const DataChunk& chunk, int32_t index) {
   if (chunk.capacity == 0) return chunk.dataOffset == 0 && chunk.used == 0 && chunk.next == 0;
   if (chunk.capacity != pageSize || chunk.used < 0 || chunk.used > pageSize) return false;
   if (chunk.next != 0 && chunk.used != pageSize) return false;
-  return liesInside(item->parent, chunk.dataOffset, bytesToRead(chunk, index));
+  // A page may be rewritten whole in a tree that is open for update.
+  const bool isUpdated = item->parent->root->openCount < 0;
+  const int64_t extent = isUpdated ? chunk.capacity : bytesToRead(chunk, index);
+  return liesInside(item->parent, chunk.dataOffset, extent);
 }
 
 bool readPlace(const ItemMember* item, ChainPlace* place) {

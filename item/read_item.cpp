@@ -1,8 +1,8 @@
 #include "item/read_item.h"
 
 #include "file/load_item.h"
-#include "item/conversion.h"
 #include "item/page_list.h"
+#include "item/read_conversion.h"
 #include "store/bytes.h"
 #include "store/lock_guard.h"
 #include "store/status.h"

@@ -1,4 +1,4 @@
-#include "item/conversion.h"
+#include "item/read_conversion.h"
 
 #include "file/converters.h"
 #include "store/lock_guard.h"
