@@ -98,11 +98,14 @@ class NewItem {
   }
 
  private:
-  // Its bytes will be in the encoding of now, whatever the store held before.
+  // Its bytes will be in the encoding of now, whatever the store held before. Readers compare the
+  // identity without the lock, so it is left alone when it stays the same.
   static void stampEncoding(Store* store) {
-    if (Encoding* encoding = store->extension->encodingExtension) {
-      encoding->fillEncodingId(encoding, &store->encodingId, HX_ENCODING_ID_LENGTH, 0, 0);
-    }
+    Encoding* encoding = store->extension->encodingExtension;
+    if (encoding == nullptr) return;
+    EncodingId current = store->encodingId;
+    encoding->fillEncodingId(encoding, &current, HX_ENCODING_ID_LENGTH, 0, 0);
+    if (!equalBytes(&current, &store->encodingId, sizeof(current))) store->encodingId = current;
   }
 
   void complete(Store* store, ItemHandle* handle) {

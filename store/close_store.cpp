@@ -2,7 +2,6 @@
 
 #include "file/converters.h"
 #include "file/disk_space.h"
-#include "file/file_stamp.h"
 #include "file/header.h"
 #include "file/write_directory.h"
 #include "store/lock_guard.h"
@@ -19,7 +18,9 @@ void writeBack(Store* store) {
   writeDirectory(store, 0, 0);
   store->dirty &= ~1u;
   writeStored(store, 0, &header, kHeaderSize);
-  store->stamp = stampOf(openFile(store));
+  // What the file is meant to be now, not what it is: a write that failed shows at the next open.
+  copyBytes(store->stamp.header, &header, sizeof(header));
+  store->stamp.length = store->fileEnd;
 }
 
 void countOff(Store* store) {
