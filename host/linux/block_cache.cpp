@@ -1,0 +1,236 @@
+#include "host/linux/block_cache.h"
+
+#include <algorithm>
+#include <bit>
+#include <cstring>
+#include <new>
+
+namespace hxhost {
+namespace {
+
+constexpr int64_t kSmallestBlock = 64;
+constexpr int64_t kLargestBlock = 256 * 1024;
+constexpr int64_t kFewestFrames = 4;
+constexpr int64_t kMostFrames = 256;  // they are searched one by one
+
+// A system call costs about as much as copying 8 KiB, so a first read takes a little more than was
+// asked for. It serves a walk over the records of pages of 4 KiB, too.
+constexpr int64_t kFirstRead = 16 * 1024;
+
+// A stretch that is read on grows by this multiple of itself.
+constexpr int64_t kGrowth = 4;
+
+// Reading counts as going on when what it skips is at most this part of the stretch.
+constexpr int64_t kSkipPart = 4;
+
+// Frames begin on pages: copies between buffers and page cache are up to twice as fast then.
+constexpr size_t kAlignment = 4096;
+
+int64_t chooseBlockBytes(int64_t cacheBytes) {
+  const int64_t share = cacheBytes / kFewestFrames;
+  if (share <= kSmallestBlock) return kSmallestBlock;
+  return static_cast<int64_t>(
+      std::bit_floor(static_cast<uint64_t>(std::min(share, kLargestBlock))));
+}
+
+int64_t chooseFrameCount(int64_t cacheBytes, int64_t blockBytes) {
+  return std::clamp(cacheBytes / blockBytes, kFewestFrames, kMostFrames);
+}
+
+size_t toSize(int64_t count) {
+  return static_cast<size_t>(count);
+}
+
+}  // namespace
+
+BlockCache::BlockCache(DiskFile& disk, int64_t cacheBytes)
+    : disk_(disk),
+      size_(disk.length()),
+      blockBytes_(chooseBlockBytes(cacheBytes)),
+      frames_(toSize(chooseFrameCount(cacheBytes, blockBytes_))),
+      current_(frames_.data()) {
+  if (!giveBytes(*current_)) throw std::bad_alloc();
+}
+
+int64_t BlockCache::read(int64_t offset, void* out, int64_t count) noexcept {
+  count = std::min(count, size_ - offset);
+  int64_t done = 0;
+  while (done < count) {
+    const int64_t from = (offset + done) & (blockBytes_ - 1);
+    const int64_t to = from + std::min(count - done, blockBytes_ - from);
+    if (!readWithin(offset + done - from, from, to, static_cast<std::byte*>(out) + done)) break;
+    done += to - from;
+  }
+  return done;
+}
+
+bool BlockCache::write(int64_t offset, const void* bytes, int64_t count) noexcept {
+  int64_t done = 0;
+  while (done < count) {
+    const int64_t from = (offset + done) & (blockBytes_ - 1);
+    const int64_t to = from + std::min(count - done, blockBytes_ - from);
+    const auto* source = static_cast<const std::byte*>(bytes) + done;
+    if (!writeWithin(offset + done - from, from, to, source)) return false;
+    done += to - from;
+    size_ = std::max(size_, offset + done);
+  }
+  return true;
+}
+
+bool BlockCache::flush() noexcept {
+  return std::all_of(frames_.begin(), frames_.end(), [this](Frame& f) { return flushFrame(f); });
+}
+
+bool BlockCache::readWithin(int64_t base, int64_t from, int64_t to, std::byte* out) {
+  Frame* frame = current_;
+  if (frame->base != base || !frame->holds(from, to)) {
+    const bool isWholeOnDisk = to - from == blockBytes_ && disk_.length() - base >= blockBytes_;
+    if (isWholeOnDisk && find(base) == nullptr) {
+      return disk_.read(base, out, blockBytes_, blockBytes_) == blockBytes_;
+    }
+    frame = frameOf(base);
+    if (frame == nullptr || !load(*frame, from, to)) return false;
+  }
+  std::memcpy(out, frame->bytes.get() + from, toSize(to - from));
+  return true;
+}
+
+bool BlockCache::writeWithin(int64_t base, int64_t from, int64_t to, const std::byte* bytes) {
+  Frame* frame = current_;
+  if (frame->base != base || !frame->touches(from, to)) {
+    if (to - from == blockBytes_ && find(base) == nullptr) {
+      return disk_.write(base, bytes, blockBytes_);
+    }
+    frame = frameOf(base);
+    if (frame == nullptr || !approach(*frame, from, to)) return false;
+  }
+  std::byte* place = frame->bytes.get() + from;
+  if (frame->holds(from, to) && std::memcmp(place, bytes, toSize(to - from)) == 0) return true;
+  std::memcpy(place, bytes, toSize(to - from));
+  frame->markDirty(from, to);
+  return true;
+}
+
+void BlockCache::Frame::markDirty(int64_t from, int64_t to) {
+  begin = std::min(begin, from);
+  end = std::max(end, to);
+  dirtyBegin = isDirty() ? std::min(dirtyBegin, from) : from;
+  dirtyEnd = std::max(dirtyEnd, to);
+}
+
+// Brings [from, to) into the stretch, and what lies ahead of it when the file is read on.
+bool BlockCache::load(Frame& frame, int64_t from, int64_t to) {
+  if (frame.holds(from, to)) return true;
+  int64_t known = frame.end - frame.begin;
+  int64_t skipped = std::max(from - frame.end, frame.begin - from);
+  if (known == 0) {
+    frame.restartAt(0);
+    known = stretchBefore(frame);
+    skipped = from;
+  }
+  if (!frame.isDirty() && skipped > known / kSkipPart) {
+    frame.restartAt(from);
+    known = 0;
+  }
+  if (from < frame.begin && !extendDown(frame, from)) return false;
+  const int64_t ahead = std::max(kFirstRead, kGrowth * known);
+  return to <= frame.end || extendUp(frame, to, std::clamp(frame.end + ahead, to, blockBytes_));
+}
+
+// Makes the stretch touch [from, to), which is about to be written.
+bool BlockCache::approach(Frame& frame, int64_t from, int64_t to) {
+  if (frame.touches(from, to)) return true;
+  if (!frame.isDirty()) {
+    frame.restartAt(from);
+    return true;
+  }
+  return from > frame.end ? extendUp(frame, from, from) : extendDown(frame, to);
+}
+
+bool BlockCache::extendUp(Frame& frame, int64_t needed, int64_t wanted) {
+  const int64_t end = fetch(frame, frame.end, needed, wanted);
+  if (end < 0) return false;
+  frame.end = end;
+  return true;
+}
+
+bool BlockCache::extendDown(Frame& frame, int64_t from) {
+  if (fetch(frame, from, frame.begin, frame.begin) < 0) return false;
+  frame.begin = from;
+  return true;
+}
+
+// Fills the frame's bytes from `from` at least to `needed` and at most to `wanted`: from the disk,
+// and past its end with zeros. Where that ended, or -1.
+int64_t BlockCache::fetch(Frame& frame, int64_t from, int64_t needed, int64_t wanted) {
+  std::byte* const bytes = frame.bytes.get();
+  const int64_t offset = frame.base + from;
+  const int64_t onDisk = std::clamp<int64_t>(disk_.length() - offset, 0, wanted - from);
+  int64_t end = from;
+  if (onDisk > 0) {
+    const int64_t count = disk_.read(offset, bytes + from, onDisk, std::min(onDisk, needed - from));
+    if (count < 0) return -1;
+    end += count;
+  }
+  if (end >= needed) return end;
+  std::memset(bytes + end, 0, toSize(needed - end));
+  return needed;
+}
+
+// How long a stretch in memory ends where the frame's block begins.
+int64_t BlockCache::stretchBefore(const Frame& frame) {
+  const Frame* before = find(frame.base - blockBytes_);
+  return before != nullptr && before->end == blockBytes_ ? before->end - before->begin : 0;
+}
+
+bool BlockCache::flushFrame(Frame& frame) {
+  if (!frame.isDirty()) return true;
+  const std::byte* bytes = frame.bytes.get() + frame.dirtyBegin;
+  const int64_t count = frame.dirtyEnd - frame.dirtyBegin;
+  if (!disk_.write(frame.base + frame.dirtyBegin, bytes, count)) return false;
+  frame.dirtyBegin = frame.dirtyEnd = 0;
+  return true;
+}
+
+BlockCache::Frame* BlockCache::find(int64_t base) {
+  const auto found = std::find_if(frames_.begin(), frames_.end(),
+                                  [base](const Frame& frame) { return frame.base == base; });
+  return found == frames_.end() ? nullptr : &*found;
+}
+
+// The frame of that block, which becomes the current one; null when what it replaces can't be put
+// on disk.
+BlockCache::Frame* BlockCache::frameOf(int64_t base) {
+  if (current_->base == base) return current_;
+  Frame* frame = find(base);
+  if (frame == nullptr) {
+    frame = &vacantFrame();
+    if (!flushFrame(*frame)) return nullptr;
+    frame->base = base;
+    frame->restartAt(0);
+  }
+  frame->lastUse = ++clock_;
+  current_ = frame;
+  return frame;
+}
+
+// A frame that has not been used yet, or the one whose last use is the longest ago.
+BlockCache::Frame& BlockCache::vacantFrame() {
+  Frame* oldest = nullptr;
+  for (Frame& frame : frames_) {
+    if (frame.bytes == nullptr) {
+      if (giveBytes(frame)) return frame;
+    } else if (oldest == nullptr || frame.lastUse < oldest->lastUse) {
+      oldest = &frame;
+    }
+  }
+  return *oldest;
+}
+
+bool BlockCache::giveBytes(Frame& frame) {
+  const size_t bytes = std::max(toSize(blockBytes_), kAlignment);
+  frame.bytes.reset(static_cast<std::byte*>(std::aligned_alloc(kAlignment, bytes)));
+  return frame.bytes != nullptr;
+}
+
+}  // namespace hxhost

@@ -1,0 +1,99 @@
+#include "host/linux/file_ops.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+namespace hxhost {
+namespace {
+
+template <typename Call>
+auto repeatInterrupted(Call call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR)
+    result = call();
+  return result < 0 ? -errno : result;
+}
+
+int accessFlags(OpenMode mode) {
+  switch (mode) {
+    case OpenMode::kRead:
+      return O_RDONLY | O_NOFOLLOW;
+    case OpenMode::kUpdate:
+      return O_RDWR | O_NOFOLLOW;
+    case OpenMode::kCreateNew:
+      return O_RDWR | O_CREAT | O_EXCL;
+    case OpenMode::kCreate:
+      return O_RDWR | O_CREAT;
+  }
+  return O_RDONLY;
+}
+
+FileInfo toFileInfo(const struct stat& status) {
+  return {S_ISREG(status.st_mode), S_ISDIR(status.st_mode), status.st_size, status.st_dev,
+          status.st_ino};
+}
+
+class SystemFileOps : public FileOps {
+ public:
+  int open(const std::string& path, OpenMode mode) override {
+    const int flags = accessFlags(mode) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
+    return repeatInterrupted([&] { return ::open(path.c_str(), flags, 0666); });
+  }
+
+  int close(int file) override {
+    // Linux has let go of the descriptor even when a signal came in between.
+    return ::close(file) == 0 || errno == EINTR ? 0 : -errno;
+  }
+
+  int64_t readAt(int file, void* out, size_t count, int64_t offset) override {
+    return repeatInterrupted([&]() -> int64_t { return ::pread(file, out, count, offset); });
+  }
+
+  int64_t writeAt(int file, const void* bytes, size_t count, int64_t offset) override {
+    return repeatInterrupted([&]() -> int64_t { return ::pwrite(file, bytes, count, offset); });
+  }
+
+  int inspect(int file, FileInfo& info) override {
+    struct stat status {};
+    if (::fstat(file, &status) != 0) return -errno;
+    info = toFileInfo(status);
+    return 0;
+  }
+
+  int inspectPath(const std::string& path, FileInfo& info) override {
+    struct stat status {};
+    if (::lstat(path.c_str(), &status) != 0) return -errno;
+    info = toFileInfo(status);
+    return 0;
+  }
+
+  int truncate(int file, int64_t size) override {
+    return repeatInterrupted([&] { return ::ftruncate(file, size); });
+  }
+
+  int sync(int file) override {
+    return repeatInterrupted([&] { return ::fdatasync(file); });
+  }
+
+  int remove(const std::string& path) override { return ::unlink(path.c_str()) == 0 ? 0 : -errno; }
+
+  int resolve(const std::string& path, std::string& resolved) override {
+    const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr),
+                                                           &std::free);
+    if (real == nullptr) return -errno;
+    resolved = real.get();
+    return 0;
+  }
+};
+
+}  // namespace
+
+std::shared_ptr<FileOps> makeSystemFileOps() {
+  return std::make_shared<SystemFileOps>();
+}
+
+}  // namespace hxhost

@@ -1,0 +1,58 @@
+// The seam between the files of this host and the system: all that `hxfio` ever does to a disk goes
+// through these operations, so that a simulated disk can be put beneath it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace hxhost {
+
+enum class OpenMode {
+  kRead,       // an existing file, for reading; the last component is no link
+  kUpdate,     // an existing file, for reading and writing; the last component is no link
+  kCreateNew,  // a file that did not exist, for reading and writing
+  kCreate      // for reading and writing; created when absent, links are followed
+};
+
+struct FileInfo {
+  bool isRegular;
+  bool isDirectory;
+  int64_t size;  // bytes
+  uint64_t device;
+  uint64_t inode;
+};
+
+// Every operation returns -errno when it fails. They may be called by several threads at once and
+// never throw but for std::bad_alloc where a std::string is made. Paths are UTF-8.
+class FileOps {
+ public:
+  virtual ~FileOps() = default;
+
+  // A descriptor, 0 or more. Never waits for a FIFO's other end nor takes a terminal.
+  virtual int open(const std::string& path, OpenMode mode) = 0;
+
+  // Releases the descriptor, also when it fails.
+  virtual int close(int file) = 0;
+
+  // Bytes transferred, which may be fewer than asked for; 0 from readAt at the end of the file
+  // only.
+  virtual int64_t readAt(int file, void* out, size_t count, int64_t offset) = 0;
+  virtual int64_t writeAt(int file, const void* bytes, size_t count, int64_t offset) = 0;
+
+  // 0 when done.
+  virtual int inspect(int file, FileInfo& info) = 0;
+  virtual int inspectPath(const std::string& path, FileInfo& info) = 0;  // of a link itself
+  virtual int truncate(int file, int64_t size) = 0;
+  virtual int sync(int file) = 0;
+  virtual int remove(const std::string& path) = 0;
+
+  // 0 and the absolute path without links of what is there.
+  virtual int resolve(const std::string& path, std::string& resolved) = 0;
+};
+
+// The system's files. Calls that a signal interrupts are made again.
+std::shared_ptr<FileOps> makeSystemFileOps();
+
+}  // namespace hxhost

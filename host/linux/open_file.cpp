@@ -1,0 +1,93 @@
+#include "host/linux/open_file.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <utility>
+
+namespace hxhost {
+namespace {
+
+constexpr int32_t kDone = 0;
+constexpr int32_t kFailed = 1;
+constexpr int64_t kLastPosition = std::numeric_limits<int64_t>::max();
+
+OpenFile* toOpenFile(hx::FileHandle* handle) {
+  return static_cast<OpenFile*>(handle);
+}
+
+void closeSlot(hx::FileHandle* handle) noexcept {
+  delete toOpenFile(handle);
+}
+
+int32_t readSlot(hx::FileHandle* handle, hx::ReadRequest* request, int64_t* count, int64_t, int64_t,
+                 int64_t) noexcept {
+  if (request == nullptr || count == nullptr) return kFailed;
+  return toOpenFile(handle)->readOn(*request, *count);
+}
+
+int32_t writeSlot(hx::FileHandle* handle, const void* source, int64_t count, int64_t, int64_t,
+                  int64_t) noexcept {
+  return toOpenFile(handle)->writeOn(source, count);
+}
+
+int32_t seekSlot(hx::FileHandle* handle, int64_t* position, int32_t whence, int64_t) noexcept {
+  return position == nullptr ? kFailed : toOpenFile(handle)->moveTo(*position, whence);
+}
+
+}  // namespace
+
+OpenFile::OpenFile(std::shared_ptr<FileOps> ops, RegularFile file, FailureLog& failures,
+                   std::u32string_view fullPath, int64_t cacheBytes)
+    : hx::FileHandle{},
+      disk_(std::move(ops), std::move(file), failures),
+      cache_(disk_, cacheBytes) {
+  head = {{'f', 'i', 'l', 'e'}, {}, nullptr, nullptr, nullptr, nullptr};
+  close = closeSlot;
+  read = readSlot;
+  write = writeSlot;
+  seek = seekSlot;
+  std::copy(fullPath.begin(), fullPath.end(), path);
+  pathLength = static_cast<int32_t>(fullPath.size());
+}
+
+OpenFile::~OpenFile() {
+  cache_.flush();
+}
+
+int32_t OpenFile::readOn(hx::ReadRequest& request, int64_t& count) noexcept {
+  if (request.destination == nullptr || request.count <= 0) return kFailed;
+  if (position_ >= cache_.size() || disk_.hasLostWrite()) return kFailed;
+  const int64_t delivered = cache_.read(position_, request.destination, request.count);
+  if (delivered == 0) return kFailed;
+  position_ += delivered;
+  count = delivered;
+  return kDone;
+}
+
+int32_t OpenFile::writeOn(const void* source, int64_t count) noexcept {
+  if (count == 0) return kDone;
+  if (source == nullptr || count < 0) return kFailed;
+  if (!disk_.isWritable() || count > kLastPosition - position_) {
+    disk_.noteFailure(disk_.isWritable() ? EFBIG : EBADF, "write", position_);
+    return kFailed;
+  }
+  if (disk_.hasLostWrite()) return kFailed;
+  if (!cache_.write(position_, source, count)) {
+    disk_.stopWriting();  // also when the bytes were lost for want of their neighbours on disk
+    return kFailed;
+  }
+  position_ += count;
+  return kDone;
+}
+
+int32_t OpenFile::moveTo(int64_t& position, int32_t whence) noexcept {
+  if (whence != hx::HX_SEEK_START && whence != hx::HX_SEEK_END) return kFailed;
+  const int64_t origin = whence == hx::HX_SEEK_END ? cache_.size() : 0;
+  if (position > kLastPosition - origin || position < -origin) return kFailed;
+  position_ = origin + position;
+  position = position_;
+  return kDone;
+}
+
+}  // namespace hxhost

@@ -1,0 +1,37 @@
+// The file handle of host/file_io.h: a position in a cached file.
+#pragma once
+
+#include <memory>
+#include <string_view>
+
+#include "host/file_io.h"
+#include "host/linux/block_cache.h"
+#include "host/linux/disk_file.h"
+
+namespace hxhost {
+
+// Reads and writes are refused, with a nonzero result and nothing changed, for a negative count, a
+// null buffer and an end past the largest position; seeks for a target that is negative or too
+// large and for an unknown origin. A write that is refused because the file is open for reading
+// only or can't grow so far is a failure to be told. Once bytes were lost, all reads and writes
+// fail: what the file would look like is not known any more.
+class OpenFile : public hx::FileHandle {
+ public:
+  // `fullPath` has at most HX_PATH_CAPACITY characters. Throws std::bad_alloc.
+  OpenFile(std::shared_ptr<FileOps> ops, RegularFile file, FailureLog& failures,
+           std::u32string_view fullPath, int64_t cacheBytes);
+
+  // Puts everything on disk as far as it can be and closes the file.
+  ~OpenFile();
+
+  int32_t readOn(hx::ReadRequest& request, int64_t& count) noexcept;
+  int32_t writeOn(const void* source, int64_t count) noexcept;
+  int32_t moveTo(int64_t& position, int32_t whence) noexcept;
+
+ private:
+  DiskFile disk_;
+  BlockCache cache_;
+  int64_t position_ = 0;
+};
+
+}  // namespace hxhost
