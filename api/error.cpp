@@ -1,0 +1,143 @@
+#include "hxcrate/error.hpp"
+
+#include <optional>
+#include <utility>
+
+#include "host/file_io.h"
+
+namespace hxcrate {
+
+namespace {
+
+struct Meaning {
+  int code;
+  const char* sentence;
+  std::errc condition;  // no errc: the code stands for itself
+};
+
+constexpr std::errc kNoCondition{};
+
+constexpr Meaning kMeanings[] = {
+    {-1, "not found", std::errc::no_such_file_or_directory},
+    {-2, "exists already", std::errc::file_exists},
+    {-3, "out of memory", std::errc::not_enough_memory},
+    {-4, "the lock was not taken", std::errc::resource_unavailable_try_again},
+    {-5, "items live only inside a store", std::errc::invalid_argument},
+    {-6, "end of the item", kNoCondition},
+    {-7, "the item is in use", std::errc::device_or_resource_busy},
+    {-8, "the store's file does not open", std::errc::io_error},
+    {-9, "written in another encoding, it can only be read", std::errc::not_supported},
+    {-10, "the store is in use", std::errc::device_or_resource_busy},
+    {-11, "can't be written to", std::errc::operation_not_permitted},
+    {-12, "a name is too long", std::errc::filename_too_long},
+    {-13, "the store's data are damaged", kNoCondition},
+    {-14, "the page size is fixed already", std::errc::invalid_argument},
+    {1, "the name can't be kept", std::errc::invalid_argument},
+    {2, "the store is open for reading only", std::errc::operation_not_permitted},
+    {3, "an item ends at 2147483647 bytes", std::errc::file_too_large},
+    {4, "the module can't be loaded", kNoCondition},
+    {5, "the file service failed", std::errc::io_error},
+    {6, "too short to be a store, and not empty", kNoCondition},
+    {7, "a page has at least one byte", std::errc::invalid_argument},
+    {8, "closed already", std::errc::bad_file_descriptor},
+    {9, "members of the store are still open", std::errc::device_or_resource_busy},
+    {hx::HX_REMOVE_NO_PERMISSION, "no permission to remove the store's file",
+     std::errc::permission_denied},
+    {hx::HX_REMOVE_IN_USE, "the store's file is in use", std::errc::device_or_resource_busy},
+    {hx::HX_REMOVE_NOT_REGULAR, "not a regular file", std::errc::invalid_argument},
+    {hx::HX_REMOVE_IO_ERROR, "the store's file can't be removed", std::errc::io_error},
+};
+
+const Meaning* findMeaning(int code) {
+  for (const Meaning& meaning : kMeanings) {
+    if (meaning.code == code) return &meaning;
+  }
+  return nullptr;
+}
+
+class Category final : public std::error_category {
+ public:
+  const char* name() const noexcept override { return "hxcrate"; }
+
+  std::string message(int code) const override {
+    const Meaning* meaning = findMeaning(code);
+    return meaning != nullptr ? meaning->sentence : "unknown status " + std::to_string(code);
+  }
+
+  std::error_condition default_error_condition(int code) const noexcept override {
+    const Meaning* meaning = findMeaning(code);
+    if (meaning == nullptr || meaning->condition == kNoCondition) return {code, *this};
+    return std::make_error_condition(meaning->condition);
+  }
+};
+
+std::string describe(const FileFailure& failure) {
+  std::string text = failure.operation;
+  if (failure.offset >= 0) text += " at byte " + std::to_string(failure.offset);
+  return text + ": " + failure.reason.message();
+}
+
+}  // namespace
+
+const std::error_category& category() noexcept {
+  static const Category instance;
+  return instance;
+}
+
+std::error_code make_error_code(Errc code) noexcept {
+  return {static_cast<int>(code), category()};
+}
+
+struct Error::Details {
+  std::string store;
+  std::string member;
+  std::string reason;
+  std::optional<FileFailure> failure;
+  std::string what;
+
+  Details(Errc code, std::string storePath, std::string memberPath, std::string_view detail,
+          std::optional<FileFailure> fileFailure)
+      : store(std::move(storePath)),
+        member(std::move(memberPath)),
+        reason(make_error_code(code).message()),
+        failure(std::move(fileFailure)) {
+    if (!detail.empty()) reason.append(" (").append(detail).append(")");
+    for (const std::string& part : {store, member}) {
+      if (!part.empty()) what += part + ": ";
+    }
+    what += reason;
+  }
+};
+
+Error::Error(Errc code, std::shared_ptr<const Details> details)
+    : std::system_error(make_error_code(code)), details_(std::move(details)) {}
+
+Error::Error(Errc code, std::string store, std::string member, std::string_view detail)
+    : Error(code, std::make_shared<const Details>(code, std::move(store), std::move(member), detail,
+                                                  std::nullopt)) {}
+
+Error::Error(Errc code, std::string store, std::string member, const FileFailure& failure)
+    : Error(code, std::make_shared<const Details>(code, std::move(store), std::move(member),
+                                                  describe(failure), failure)) {}
+
+const char* Error::what() const noexcept {
+  return details_->what.c_str();
+}
+
+const std::string& Error::store() const noexcept {
+  return details_->store;
+}
+
+const std::string& Error::member() const noexcept {
+  return details_->member;
+}
+
+const std::string& Error::reason() const noexcept {
+  return details_->reason;
+}
+
+const FileFailure* Error::fileFailure() const noexcept {
+  return details_->failure ? &*details_->failure : nullptr;
+}
+
+}  // namespace hxcrate

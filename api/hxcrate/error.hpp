@@ -1,0 +1,78 @@
+// What can go wrong, as exceptions that carry a std::error_code and a sentence for people.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace hxcrate {
+
+// Negative codes come from the item store itself, positive ones from this API.
+enum class Errc : std::int32_t {
+  notFound = -1,
+  exists = -2,
+  noMemory = -3,
+  notLocked = -4,
+  noStore = -5,
+  endOfItem = -6,
+  itemInUse = -7,
+  fileNotOpen = -8,
+  otherEncoding = -9,
+  storeInUse = -10,
+  contradiction = -11,
+  nameTooLong = -12,
+  damaged = -13,
+  pageSizeFixed = -14,
+
+  badName = 1,      // a member name or a path that can't be kept as it is
+  readOnly = 2,     // writing through a store that is open for reading
+  itemFull = 3,     // an item ends at 2,147,483,647 bytes
+  noModule = 4,     // libhxcrate.so is missing or not what it should be
+  fileFailed = 5,   // the file service failed; Error::fileFailure() says where
+  notAStore = 6,    // a file too short to be a store, and not empty
+  badPageSize = 7,  // below 1
+  closed = 8,       // the object was closed or moved from
+  membersOpen = 9,  // a store closes after what was opened in it
+};
+
+// The category of Errc. Its conditions compare equal to the std::errc of the same meaning where
+// there is one (notFound to no_such_file_or_directory, and so on).
+const std::error_category& category() noexcept;
+std::error_code make_error_code(Errc code) noexcept;
+
+// One operation on a file that the system refused.
+struct FileFailure {
+  std::string operation;   // "open", "write", ...
+  std::string path;        // of the file
+  std::int64_t offset;     // where in the file; -1 when the operation has no place
+  std::error_code reason;  // the system's
+};
+
+// Every failure of this API but running out of memory in the library itself (std::bad_alloc).
+// what() is one line, "STORE: MEMBER: reason (detail)", with the parts that there are.
+class Error : public std::system_error {
+ public:
+  Error(Errc code, std::string store, std::string member, std::string_view detail = {});
+  Error(Errc code, std::string store, std::string member, const FileFailure& failure);
+
+  const char* what() const noexcept override;
+  Errc errc() const noexcept { return static_cast<Errc>(code().value()); }
+  const std::string& store() const noexcept;   // the store file's path as it was given
+  const std::string& member() const noexcept;  // path inside the store; empty: the store itself
+  // what() without the store and the member.
+  const std::string& reason() const noexcept;
+  // Set when the file service failed. Null otherwise; valid as long as the error.
+  const FileFailure* fileFailure() const noexcept;
+
+ private:
+  struct Details;
+  Error(Errc code, std::shared_ptr<const Details> details);
+  std::shared_ptr<const Details> details_;  // shared: copying an exception must not throw
+};
+
+}  // namespace hxcrate
+
+template <>
+struct std::is_error_code_enum<hxcrate::Errc> : std::true_type {};

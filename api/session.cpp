@@ -1,0 +1,170 @@
+#include "hxcrate/session.hpp"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <filesystem>
+#include <utility>
+
+#include "engine.h"
+#include "host/linux/path_codec.h"
+#include "member_path.h"
+#include "store/status.h"
+#include "tree.h"
+
+namespace hxcrate {
+
+namespace {
+
+std::error_code lastSystemError() {
+  return {errno, std::system_category()};
+}
+
+// One call of Session::open, with the engine's opening mutex held.
+class FileOpener {
+ public:
+  FileOpener(Engine& engine, const std::string& path, const OpenOptions& options)
+      : engine_(engine), path_(path), wide_(decodeFilePath(path)), options_(options) {}
+
+  hx::Store* open(Mode mode) {
+    switch (mode) {
+      case Mode::read:
+        return openExisting(hx::kRead);
+      case Mode::update:
+        return openExisting(hx::kUpdate);
+      case Mode::openOrCreate:
+        return openOrCreate();
+      case Mode::create:
+        return create();
+      case Mode::replace:
+        return require(hx::kUpdate | hx::kCreate | hx::kReplace);
+    }
+    throw Error(Errc::contradiction, path_, "");
+  }
+
+ private:
+  // Null with the status in status_.
+  hx::Store* attempt(std::uint32_t flags) {
+    hx::ExtensionInstance* module = engine_.module();
+    return module->openStore(module, nullptr, wide_.data(), length(), flags, &status_);
+  }
+
+  hx::Store* require(std::uint32_t flags) {
+    hx::Store* store = attempt(flags);
+    if (store == nullptr) fail();
+    if ((flags & hx::kCreate) != 0) fixPageSize(store);
+    return store;
+  }
+
+  // An update open of an absent file would leave an empty one behind, so it is asked for first.
+  hx::Store* openExisting(std::uint32_t flags) {
+    if (!fileSize()) throw Error(Errc::notFound, path_, "");
+    return require(flags);
+  }
+
+  // A file too short for a store may be anybody's: only an empty one is taken over.
+  hx::Store* openOrCreate() {
+    if (fileSize()) {
+      if (hx::Store* store = attempt(hx::kUpdate)) return store;
+      const std::optional<std::int64_t> size = fileSize();
+      if (status_ != hx::kNotFound || size.value_or(0) != 0) fail();
+    }
+    return require(hx::kUpdate | hx::kCreate);
+  }
+
+  // The module takes a file that is too short for a store as none. So the file is made here, where
+  // a file of any kind is an obstacle.
+  hx::Store* create() {
+    const int file = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+    if (file < 0) {
+      if (errno == EEXIST) throw Error(Errc::exists, path_, "");
+      throw Error(Errc::fileNotOpen, path_, "",
+                  FileFailure{"create", path_, -1, lastSystemError()});
+    }
+    ::close(file);
+    try {
+      return createInEmptyFile();
+    } catch (...) {
+      ::unlink(path_.c_str());
+      throw;
+    }
+  }
+
+  // "Exists" is here what the module remembers of a file that somebody removed meanwhile.
+  hx::Store* createInEmptyFile() {
+    hx::Store* store = attempt(hx::kUpdate | hx::kCreate | hx::kExclusive);
+    if (store == nullptr && status_ != hx::kExists) fail();
+    if (store == nullptr) return require(hx::kUpdate | hx::kCreate | hx::kReplace);
+    fixPageSize(store);
+    return store;
+  }
+
+  // Nobody else can have opened anything in the store yet. One that exists keeps its page size.
+  void fixPageSize(hx::Store* store) const {
+    if (options_.pageSize != 0) store->setPageSize(store, options_.pageSize);
+  }
+
+  std::optional<std::int64_t> fileSize() const {
+    struct stat status;
+    if (::stat(path_.c_str(), &status) == 0) return status.st_size;
+    if (errno == ENOENT) return std::nullopt;
+    throw Error(Errc::fileNotOpen, path_, "", FileFailure{"stat", path_, -1, lastSystemError()});
+  }
+
+  [[noreturn]] void fail() {
+    Errc code = static_cast<Errc>(status_);
+    std::optional<FileFailure> failure = takeFailure();
+    if (code == Errc::notFound) code = failure ? Errc::fileNotOpen : Errc::notAStore;
+    if (!failure) throw Error(code, path_, "");
+    if (failure->reason == std::errc::no_such_file_or_directory) {
+      throw Error(Errc::notFound, path_, "");
+    }
+    throw Error(code, path_, "", *failure);
+  }
+
+  // Of the open, or of the reading that the open did.
+  std::optional<FileFailure> takeFailure() {
+    const std::string asked = hxhost::describePath(wide_.data(), length());
+    if (std::optional<FileFailure> failure = engine_.takeOpenFailure(asked)) return failure;
+    std::error_code ignored;
+    return engine_.takeTransferFailure(std::filesystem::weakly_canonical(asked, ignored).string());
+  }
+
+  std::int32_t length() const { return static_cast<std::int32_t>(wide_.size()); }
+
+  Engine& engine_;
+  const std::string& path_;
+  std::u32string wide_;
+  OpenOptions options_;
+  std::int32_t status_ = 0;
+};
+
+}  // namespace
+
+Session::Session(SessionOptions options) : engine_(std::make_shared<Engine>(std::move(options))) {}
+
+Store Session::open(const std::string& path, Mode mode, OpenOptions options) {
+  if (options.pageSize < 0) throw Error(Errc::badPageSize, path, "");
+  std::shared_ptr<Tree> tree;
+  {
+    const std::lock_guard guard(engine_->openingMutex());
+    hx::Store* root = FileOpener(*engine_, path, options).open(mode);
+    tree = std::make_shared<Tree>(engine_, root, path, mode != Mode::read);
+  }
+  Store store(tree, tree->root(), "");
+  const std::error_code damage = store.damage();
+  if (damage && !options.acceptDamaged) tree->fail(damage.value(), "");
+  return store;
+}
+
+MemoryUse Session::memoryUse() const {
+  return engine_->memoryUse();
+}
+
+std::string_view version() noexcept {
+  return HX_VERSION;
+}
+
+}  // namespace hxcrate

@@ -1,0 +1,47 @@
+// The opening of a store file, which everything opened through it shares.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "engine.h"
+#include "store/records.h"
+
+namespace hxcrate {
+
+// One opening of a store file, shared by everything that was opened through it. The last to go
+// closes the file.
+class Tree {
+ public:
+  // Takes over the opening of `root`.
+  Tree(std::shared_ptr<Engine> engine, hx::Store* root, std::string path, bool writable);
+  ~Tree();
+  Tree(const Tree&) = delete;
+  Tree& operator=(const Tree&) = delete;
+
+  Engine& engine() const { return *engine_; }
+  hx::ExtensionInstance* module() const { return engine_->module(); }
+  hx::Store* root() const { return root_; }
+  const std::string& path() const { return path_; }  // as given
+  bool writable() const { return writable_; }
+
+  // The failure that the file service met at this file since it was last asked, if any.
+  std::optional<FileFailure> takeFailure();
+
+  // An error of this file: `status` as the module gave it, and the system's reason if there is one.
+  [[noreturn]] void fail(std::int32_t status, const std::string& member);
+
+  // Throws fileFailed when not everything reached the file; it is closed all the same.
+  void close();
+
+ private:
+  std::shared_ptr<Engine> engine_;
+  hx::Store* root_;  // null when closed
+  std::string path_;
+  std::string filePath_;  // as the file service names it
+  bool writable_;
+};
+
+}  // namespace hxcrate

@@ -1,0 +1,35 @@
+# Compiler and linker flags as interface targets.
+#   hx_warnings    every warning, as an error
+#   hx_freestanding  what the module is compiled with
+#   hx_hardened    what the programs that live in user space are compiled with
+
+add_library(hx_warnings INTERFACE)
+target_compile_options(hx_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wshadow -Werror
+  -ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
+
+if(HX_SANITIZE)
+  add_compile_options(-fsanitize=${HX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${HX_SANITIZE})
+endif()
+
+# The module's flags stand on their own: a distribution's hardening defaults would import symbols.
+add_library(hx_freestanding INTERFACE)
+target_compile_options(hx_freestanding INTERFACE
+  -ffreestanding -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-stack-protector
+  -fno-asynchronous-unwind-tables -fvisibility=hidden -U_FORTIFY_SOURCE)
+target_link_options(hx_freestanding INTERFACE
+  -Wl,-Bsymbolic-functions -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+if(NOT HX_SANITIZE)
+  # A sanitizer's runtime needs the libraries; there the module is linked like any other.
+  target_link_options(hx_freestanding INTERFACE -nostdlib)
+endif()
+
+add_library(hx_hardened INTERFACE)
+target_link_options(hx_hardened INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack
+                                          -Wl,--no-undefined-version)
+if(NOT HX_SANITIZE)
+  target_compile_options(hx_hardened INTERFACE -fstack-protector-strong
+                         $<$<CONFIG:Release>:-D_FORTIFY_SOURCE=2>)
+  target_link_options(hx_hardened INTERFACE -Wl,--no-undefined)
+endif()

@@ -1,0 +1,127 @@
+#include "directory.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+
+#include "report.h"
+
+namespace tool {
+
+namespace {
+
+constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+
+struct DirectoryCloser {
+  void operator()(DIR* directory) const { ::closedir(directory); }
+};
+
+}  // namespace
+
+Descriptor::~Descriptor() {
+  close();
+}
+
+bool Descriptor::close() {
+  return !isOpen() || ::close(std::exchange(number_, -1)) == 0;
+}
+
+ssize_t readSome(const Descriptor& file, std::span<std::byte> buffer) {
+  while (true) {
+    const ssize_t count = ::read(file.number(), buffer.data(), buffer.size());
+    if (count >= 0 || errno != EINTR) return count;
+  }
+}
+
+bool writeAll(const Descriptor& file, std::span<const std::byte> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = ::write(file.number(), bytes.data(), bytes.size());
+    if (count < 0 && errno != EINTR) return false;
+    if (count > 0) bytes = bytes.subspan(static_cast<std::size_t>(count));
+  }
+  return true;
+}
+
+std::optional<struct stat> inspect(const Descriptor& directory, const std::string& name) {
+  struct stat status {};
+  if (::fstatat(directory.number(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return {};
+  return status;
+}
+
+bool isSameFile(const struct stat& a, const struct stat& b) {
+  return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
+bool moveFile(const Descriptor& fromDirectory, const std::string& from,
+              const Descriptor& toDirectory, const std::string& to, bool replace) {
+  const unsigned flags = replace ? 0 : RENAME_NOREPLACE;
+  if (::renameat2(fromDirectory.number(), from.c_str(), toDirectory.number(), to.c_str(), flags) ==
+      0) {
+    return true;
+  }
+  if (replace || errno != EINVAL) return false;
+  // Some file systems know no such renaming; a second name never replaces anything either.
+  return ::linkat(fromDirectory.number(), from.c_str(), toDirectory.number(), to.c_str(), 0) == 0 &&
+         ::unlinkat(fromDirectory.number(), from.c_str(), 0) == 0;
+}
+
+DirectoryCursor::DirectoryCursor(const std::string& path)
+    : current_(::open(path.c_str(), kOpenDirectory)), path_(path) {
+  if (!current_.isOpen()) throw systemFailure(path, "open directory");
+  while (path_.size() > 1 && path_.back() == '/')
+    path_.pop_back();
+}
+
+bool DirectoryCursor::enter(const std::string& name) {
+  struct stat left {};
+  if (::fstat(current_.number(), &left) != 0) return false;
+  Descriptor next(::openat(current_.number(), name.c_str(), kOpenDirectory | O_NOFOLLOW));
+  if (!next.isOpen()) return false;
+  steps_.push_back({left, path_.size()});
+  current_ = std::move(next);
+  path_ += "/" + name;
+  return true;
+}
+
+void DirectoryCursor::leave() {
+  Descriptor above(::openat(current_.number(), "..", kOpenDirectory));
+  struct stat status {};
+  if (!above.isOpen() || ::fstat(above.number(), &status) != 0) {
+    throw systemFailure(path_, "return to the directory above");
+  }
+  if (!isSameFile(status, steps_.back().left)) {
+    throw Failure(ExitCode::inputOutput, path_, "", "the directory was moved meanwhile");
+  }
+  current_ = std::move(above);
+  path_.resize(steps_.back().pathLength);
+  steps_.pop_back();
+}
+
+std::optional<std::vector<std::string>> DirectoryCursor::listNames() const {
+  // A description of its own: the reading position is shared by duplicates.
+  const int own = ::openat(current_.number(), ".", kOpenDirectory);
+  if (own < 0) return std::nullopt;
+  const std::unique_ptr<DIR, DirectoryCloser> directory(::fdopendir(own));
+  if (!directory) {
+    ::close(own);
+    return std::nullopt;
+  }
+  std::vector<std::string> names;
+  errno = 0;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads this one
+  while (const dirent* entry = ::readdir(directory.get())) {
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+    errno = 0;
+  }
+  if (errno != 0) return std::nullopt;
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+}  // namespace tool

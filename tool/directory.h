@@ -1,0 +1,83 @@
+// Directories and files by descriptor, so that no link and no renaming leads astray.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstddef>
+#include <optional>
+#include <span>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tool {
+
+// Owns a file descriptor.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int number) : number_(number) {}
+  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  Descriptor& operator=(Descriptor&& other) noexcept {
+    std::swap(number_, other.number_);
+    return *this;
+  }
+  ~Descriptor();
+
+  bool isOpen() const { return number_ >= 0; }
+  int number() const { return number_; }
+  // False, with errno set, when the system kept a write's failure until now.
+  bool close();
+
+ private:
+  int number_ = -1;
+};
+
+// Bytes read, 0 at the end only; negative with errno set.
+ssize_t readSome(const Descriptor& file, std::span<std::byte> buffer);
+// False with errno set.
+bool writeAll(const Descriptor& file, std::span<const std::byte> bytes);
+
+// The status of an entry itself, of no link's target. Null with errno set.
+std::optional<struct stat> inspect(const Descriptor& directory, const std::string& name);
+bool isSameFile(const struct stat& a, const struct stat& b);
+
+// Gives `from` the name `to`, both in open directories. An existing `to` is replaced or else
+// refused with EEXIST, in one step. False with errno set.
+bool moveFile(const Descriptor& fromDirectory, const std::string& from,
+              const Descriptor& toDirectory, const std::string& to, bool replace);
+
+// A place in a tree of directories, entered and left one component at a time. Links are never
+// followed, and one descriptor is open whatever the depth: the way up is "..", which has to be the
+// directory that was left.
+class DirectoryCursor {
+ public:
+  // At the directory `path`, which may be reached through links. Throws Failure.
+  explicit DirectoryCursor(const std::string& path);
+
+  const Descriptor& descriptor() const { return current_; }
+  // Where an entry of the current directory lies, for messages.
+  std::string pathTo(const std::string& name) const { return path_ + "/" + name; }
+  const std::string& path() const { return path_; }
+
+  // False with errno set, and nothing changed, when that is no directory or can't be opened.
+  bool enter(const std::string& name);
+  // Throws Failure when the directory was moved meanwhile.
+  void leave();
+
+  // The names in the current directory but "." and "..", sorted by their bytes. Null with errno
+  // set.
+  std::optional<std::vector<std::string>> listNames() const;
+
+ private:
+  struct Step {
+    struct stat left;        // the directory that was left for this one
+    std::size_t pathLength;  // of its path
+  };
+
+  Descriptor current_;
+  std::string path_;
+  std::vector<Step> steps_;
+};
+
+}  // namespace tool

@@ -1,0 +1,43 @@
+#include "output.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "report.h"
+
+namespace tool {
+
+namespace {
+
+constexpr std::size_t kBufferSize = 65536;
+
+}  // namespace
+
+Output::Output() : isTerminal_(::isatty(STDOUT_FILENO) == 1) {}
+
+void Output::write(std::span<const std::byte> bytes) {
+  if (buffer_.size() + bytes.size() > kBufferSize) finish();
+  if (bytes.size() > kBufferSize) return send(bytes);
+  buffer_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+}
+
+void Output::writeName(std::string_view name) {
+  isTerminal_ ? write(escape(name)) : write(name);
+}
+
+void Output::finish() {
+  send(std::as_bytes(std::span(buffer_)));
+  buffer_.clear();
+}
+
+void Output::send(std::span<const std::byte> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t sent = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0) throw systemFailure("standard output", "write");
+    bytes = bytes.subspan(static_cast<std::size_t>(sent));
+  }
+}
+
+}  // namespace tool

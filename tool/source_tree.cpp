@@ -1,0 +1,115 @@
+#include "source_tree.h"
+
+#include <utility>
+
+#include "directory.h"
+#include "report.h"
+
+namespace tool {
+
+namespace {
+
+constexpr std::size_t kLongestName = 64;
+
+const char* describeKind(mode_t mode) {
+  if (S_ISLNK(mode)) return "skipped: a symbolic link";
+  if (S_ISFIFO(mode)) return "skipped: a FIFO";
+  if (S_ISSOCK(mode)) return "skipped: a socket";
+  return "skipped: a device";
+}
+
+class TreeScanner {
+ public:
+  TreeScanner(const std::string& directory, const std::optional<struct stat>& except)
+      : cursor_(directory), except_(except) {}
+
+  std::vector<SourceStep> scan() {
+    levels_.push_back({list(), 0});
+    while (!levels_.empty()) {
+      Level& level = levels_.back();
+      if (level.next < level.names.size()) {
+        take(std::move(level.names[level.next++]));
+      } else {
+        leave();
+      }
+    }
+    if (refusals_ > 0) {
+      throw Failure(ExitCode::inputOutput, cursor_.path(), "",
+                    std::to_string(refusals_) + " entries can't be kept, nothing was packed");
+    }
+    return std::move(steps_);
+  }
+
+ private:
+  struct Level {
+    std::vector<std::string> names;
+    std::size_t next;
+  };
+
+  void refuse(const std::string& path, std::string_view reason) {
+    ++refusals_;
+    complain(path, "", reason);
+  }
+
+  std::vector<std::string> list() {
+    auto names = cursor_.listNames();
+    if (!names) refuse(cursor_.path(), systemReason());
+    return names ? *std::move(names) : std::vector<std::string>();
+  }
+
+  void take(std::string name) {
+    const std::string path = cursor_.pathTo(name);
+    const std::optional<struct stat> status = inspect(cursor_.descriptor(), name);
+    if (!status) return refuse(path, systemReason());
+    if (except_ && isSameFile(*status, *except_)) return complain(path, "", "skipped: the store");
+    const bool isDirectory = S_ISDIR(status->st_mode);
+    if (!isDirectory && !S_ISREG(status->st_mode)) {
+      return complain(path, "", describeKind(status->st_mode));
+    }
+    if (name.size() > kLongestName) {
+      const std::string size = std::to_string(name.size());
+      refuse(path, "a name of " + size + " bytes, at most 64 fit");
+    }
+    if (isDirectory) {
+      enter(std::move(name));
+    } else {
+      takeFile(std::move(name), *status);
+    }
+  }
+
+  void takeFile(std::string name, const struct stat& status) {
+    if (status.st_size > hxcrate::kItemCapacity) {
+      const std::string size = std::to_string(status.st_size);
+      refuse(cursor_.pathTo(name), size + " bytes, at most 2147483647 fit");
+    }
+    steps_.push_back({SourceStep::Kind::file, std::move(name), status});
+  }
+
+  void enter(std::string name) {
+    if (!cursor_.enter(name)) return refuse(cursor_.pathTo(name), systemReason());
+    steps_.push_back({SourceStep::Kind::enterDirectory, std::move(name)});
+    levels_.push_back({list(), 0});
+  }
+
+  void leave() {
+    levels_.pop_back();
+    if (levels_.empty()) return;
+    steps_.push_back({SourceStep::Kind::leaveDirectory, ""});
+    cursor_.leave();
+  }
+
+  DirectoryCursor cursor_;
+  const std::optional<struct stat>& except_;
+  std::vector<Level> levels_;
+  std::vector<SourceStep> steps_;
+  std::size_t refusals_ = 0;
+};
+
+}  // namespace
+
+std::vector<SourceStep> scanTree(const std::string& directory,
+                                 const std::optional<struct stat>& except) {
+  return TreeScanner(directory, except).scan();
+}
+
+}  // namespace tool
