@@ -22,7 +22,7 @@ bool takeStoredName(Pool* pool, Member* member, const Entry& entry) {
 // Names a member by its ENTRY and enters it into its store's table.
 Status registerMember(Store* store, Member* member, const Entry& entry) {
   if (!takeStoredName(store->extension->pool, member, entry)) return kNoMemory;
-  insertMember(store->members, member);
+  insertMember(membersOf(store), member);
   return kOk;
 }
 
@@ -97,7 +97,7 @@ int32_t loadMembers(Store* top) {
 
 }  // namespace
 
-extern "C" void loadDirectory(Store* store, MemberTable* table, int32_t* status) {
+extern "C" void loadDirectory(Store* store, MemberTable* /*table*/, int32_t* status) {
   store->kind = kStoreKind;
   if (store->parent != nullptr) {
     Entry entry;
@@ -107,7 +107,7 @@ extern "C" void loadDirectory(Store* store, MemberTable* table, int32_t* status)
     if (!takeStoredName(store->extension->pool, asMember(store), entry)) return;
   }
   // The top of a blob's tree is reached by its opener alone.
-  if ((store->flags & kMemoryBacked) == 0) insertMember(*table, asMember(store));
+  if ((store->flags & kMemoryBacked) == 0) insertMember(containerOf(store), asMember(store));
   *status = loadMembers(store);
 }
 

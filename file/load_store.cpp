@@ -36,7 +36,7 @@ void enterTopStore(Store* store, int32_t* status) {
   ExtensionInstance* instance = store->extension;
   if (store->directoryOffset != 0) return loadDirectory(store, &instance->stores, status);
   store->dirty = 1;
-  insertMember(instance->stores, asMember(store));
+  insertMember(storesOf(instance), asMember(store));
 }
 
 }  // namespace

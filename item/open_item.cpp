@@ -142,7 +142,7 @@ Status createItem(Store* store, Name name, ItemHandle** handle) {
   if (store->root->pageSize < 1) return kNoMemory;
   *handle = NewItem(store->extension->pool).make(store, name);
   if (*handle == nullptr) return kNoMemory;
-  insertMember(store->members, asMember((*handle)->item));
+  insertMember(membersOf(store), asMember((*handle)->item));
   return kOk;
 }
 
@@ -152,7 +152,7 @@ Status openInStore(ExtensionInstance* instance, Store* store, Name name, uint32_
   if (!lock.taken()) return kNotLocked;
   if (store == nullptr) return kNoStore;
   fixPageSize(store);
-  Member* found = findMember(store->members, name);
+  Member* found = findMember(membersOf(store), name);
   if (found == nullptr && !has(flags, kUpdate | kCreate)) return kNotFound;
   const Status status =
       found != nullptr ? openExisting(found, flags, handle) : createItem(store, name, handle);

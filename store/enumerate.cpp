@@ -8,16 +8,16 @@ namespace hx {
 
 namespace {
 
-Member* memberAfter(const MemberTable& table, Name name) {
-  if (name.length == 0) return firstMember(table);
-  const Member* found = findMember(table, name);
-  if (found != nullptr && found->next != nullptr) return found->next;
-  return firstMember(table, bucketOf(name) + 1);
+Member* memberAfter(const Container& members, Name name) {
+  if (name.length == 0) return firstMember(members.table);
+  Member* found = findMember(members, name);
+  if (found != nullptr) return nextMember(members.table, found);
+  return firstMember(members.table, bucketOf(name) + 1);
 }
 
-bool canBeCursor(const MemberTable& table, const Member* member) {
+bool canBeCursor(const Container& members, const Member* member) {
   const Name name = nameOf(member);
-  return name.length > 0 && findMember(table, name) == member;
+  return name.length > 0 && findMember(members, name) == member;
 }
 
 }  // namespace
@@ -26,10 +26,10 @@ extern "C" int32_t hxcrateGetNextMember(Store* store, const char32_t* name, int3
                                         char32_t* nameOut, int32_t* lengthOut, int32_t* kindOut) {
   const LockGuard lock(store->extension->lock);
   if (!lock.taken()) return kNotLocked;
-  const Member* next = memberAfter(store->members, makeName(name, length));
-  while (next != nullptr && !canBeCursor(store->members, next)) {
-    next = nextMember(store->members, next);
-  }
+  const Container members = membersOf(store);
+  Member* next = memberAfter(members, makeName(name, length));
+  while (next != nullptr && !canBeCursor(members, next))
+    next = nextMember(members.table, next);
   if (next == nullptr) return kNotFound;
   copyBytes(nameOut, next->name, byteCount(nameOf(next)));
   *lengthOut = next->nameLength;

@@ -1,5 +1,5 @@
-// The table of members that every container has: 63 chains by the hash of the name.
-// Callers hold the instance's lock.
+// The table of members that every container has: 63 chains by the hash of the name, and an index
+// beside them once it is large. Callers hold the instance's lock.
 #pragma once
 
 #include "store/export.h"
@@ -16,18 +16,35 @@ HX_EXPORT Member* lookup(const MemberTable* table, int32_t bucket, const char32_
 
 }  // extern "C"
 
-Member* findMember(const MemberTable& table, Name name);
+// A table with its index, wherever they lie.
+struct Container {
+  MemberTable& table;
+  MemberIndex& index;
+  Pool* pool;
+};
 
-// Puts a member, whose name is set, at the head of its bucket.
-void insertMember(MemberTable& table, Member* member);
+Container membersOf(Store* store);
+Container storesOf(ExtensionInstance* instance);
+
+// What a store is, or is to be, a member of.
+Container containerOf(Store* store);
+
+// The newest member of that name, or null.
+Member* findMember(const Container& container, Name name);
+
+// Puts a member, whose name and kind are set, at the head of its bucket.
+void insertMember(const Container& container, Member* member);
 
 // Unlinks this very record; nothing happens when it is not in the table.
-void removeMember(MemberTable& table, const Member* member);
+void removeMember(const Container& container, Member* member);
 
 // The head of the first bucket from `bucket` on that has one, or null.
 Member* firstMember(const MemberTable& table, int32_t bucket = 0);
 
 // The member after a listed one: bucket 0 to 62, each from its head.
-Member* nextMember(const MemberTable& table, const Member* member);
+Member* nextMember(const MemberTable& table, Member* member);
+
+// Goes back to the chains alone and frees the index's memory.
+void releaseIndex(const Container& container);
 
 }  // namespace hx

@@ -39,7 +39,7 @@ class StoreOpener {
   }
 
   Store* openNested() {
-    Member* found = findMember(parent_->members, name_);
+    Member* found = findMember(membersOf(parent_), name_);
     if (found == nullptr) return wantsToCreate() ? createNested() : fail(kNotFound);
     if (wants(kExclusive)) return fail(kExists);
     if (found->kind != kStoreKind) return fail(wantsToCreate() ? kExists : kNotFound);
@@ -50,7 +50,7 @@ class StoreOpener {
   Store* createNested() { return isInBlob(parent_) ? fail(kContradiction) : createRecord(nullptr); }
 
   Store* openTopLevel() {
-    Member* found = findMember(instance_->stores, name_);
+    Member* found = findMember(storesOf(instance_), name_);
     if (found == nullptr) return openUncached();
     Store* store = asStore(found);
     if (wants(kExclusive)) return fail(kExists);
@@ -207,7 +207,7 @@ class StoreOpener {
     store->encodingId = instance_->encodingId;
     store->fileEnd = kHeaderSize;
     fillStoreSlots(store);
-    insertMember(parent_ != nullptr ? parent_->members : instance_->stores, asMember(store));
+    insertMember(containerOf(store), asMember(store));
     return store;
   }
 

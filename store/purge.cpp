@@ -22,15 +22,14 @@ void freeItem(Pool* pool, ItemMember* item) {
 
 Member* takeFirstMember(Store* store) {
   Member* member = firstMember(store->members);
-  if (member != nullptr) removeMember(store->members, member);
+  if (member != nullptr) removeMember(membersOf(store), member);
   return member;
 }
 
 // A store opened from a blob is in no table.
 void leaveTable(Store* store) {
   if ((store->flags & kMemoryBacked) != 0) return;
-  MemberTable& table = store->parent != nullptr ? store->parent->members : store->extension->stores;
-  removeMember(table, asMember(store));
+  removeMember(containerOf(store), asMember(store));
 }
 
 }  // namespace
@@ -49,6 +48,7 @@ extern "C" void freeMemory(Store* top) {
   Pool* pool = top->extension->pool;
   Store* store = top;
   for (;;) {
+    releaseIndex(membersOf(store));
     Member* member = takeFirstMember(store);
     if (member == nullptr && store == top) return;
     if (member == nullptr) {

@@ -44,6 +44,21 @@ struct MemberTable {
   Member* buckets[kBucketCount];
 };
 
+// Finds the members of a large table by their whole hash: lists of the same order as the chains,
+// newest first, but short ones. The chains stay what they are; without memory for the lists they
+// serve alone.
+struct MemberIndex {
+  Member** lists;        // null while the table is small; as many as `mask` + 1
+  uint32_t mask;         // the low bits of a hash that choose its list
+  uint32_t memberCount;  // in the table, also while there are no lists
+};
+
+// A member's place in its table's index.
+struct IndexLink {
+  Member* next;   // in the same list
+  uint32_t hash;  // of the name, from when the member was entered into its table
+};
+
 struct ExtensionInstance {
   char eyeCatcher[4];  // "nevo"; never read
   uint8_t reserved4[20];
@@ -66,6 +81,8 @@ struct ExtensionInstance {
   Store* (*openStoreFromMemory)(ExtensionInstance* instance, const void* blob, uint64_t size,
                                 const char32_t* name, int32_t length, uint32_t flags,
                                 int32_t* status);
+
+  MemberIndex storeIndex;  // the module's own; of `stores`
 };
 
 // Bits of the `flags` of a Store and of an ItemMember.
@@ -115,6 +132,10 @@ struct Store {
   void* (*createBlobFromStore)(Store* store, uint64_t* size, Pool* pool);
   uint64_t blobSize;  // bytes, of a store opened from a blob
 
+  // The module's own.
+  IndexLink indexLink;      // in the index of the table that this store is in
+  MemberIndex memberIndex;  // of `members`
+
   // The module's own, all of the top-level store.
   int32_t loadStatus;   // why the directory was read only in part; kOk when whole
   int32_t openHandles;  // item handles open in the tree; while there are any it is not purged
@@ -143,7 +164,8 @@ struct ItemMember {
   uint32_t (*read)(ItemHandle* handle, void* buffer, int32_t length, void* conversionArgument,
                    int32_t* status);
   int32_t (*close)(ItemHandle* handle);
-  uint32_t flags;  // RecordFlag
+  uint32_t flags;       // RecordFlag
+  IndexLink indexLink;  // the module's own: in the index of its store's table
 };
 
 // One opening of an item; used by one thread at a time.
@@ -256,7 +278,7 @@ static_assert(offsetof(Store, setPageSize) == 680);
 static_assert(offsetof(Store, pageSize) == 688);
 static_assert(offsetof(Store, createBlobFromStore) == 696);
 static_assert(offsetof(Store, blobSize) == 704);
-static_assert(offsetof(Store, loadStatus) == 712);
+static_assert(offsetof(Store, indexLink) == 712);
 static_assert(offsetof(ItemMember, name) == 0);
 static_assert(offsetof(ItemMember, next) == 8);
 static_assert(offsetof(ItemMember, nameLength) == 16);
