@@ -13,6 +13,11 @@ if(HX_SANITIZE)
   add_link_options(-fsanitize=${HX_SANITIZE})
 endif()
 
+if(HX_BUILD_FUZZ)
+  # Everything reports which of its branches ran; the fuzz target alone is linked with the fuzzer.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # The module's flags stand on their own: a distribution's hardening defaults would import symbols.
 add_library(hx_freestanding INTERFACE)
 target_compile_options(hx_freestanding INTERFACE

@@ -1,0 +1,422 @@
+#include "tests/fake_host.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <thread>
+#include <unordered_map>
+
+namespace hx::fake {
+
+namespace {
+
+thread_local int locksHeld = 0;
+
+// An object that is counted while it lives; `Self` is the type that `destroy` deletes.
+template <typename Base, typename Self>
+struct Counted : Base {
+  Counted(FakeHost* owner, const char* name) : Base{}, host(owner), destroyed(name) {
+    ++host->alive;
+    this->head.destroy = [](void* object) -> int32_t {
+      auto* self = static_cast<Self*>(object);
+      self->host->note(self->destroyed);
+      delete self;
+      return 0;
+    };
+  }
+  ~Counted() { --host->alive; }
+
+  FakeHost* host;
+  const char* destroyed;
+};
+
+struct FakePool : Counted<Pool, FakePool> {
+  explicit FakePool(FakeHost* owner) : Counted(owner, "destroy pool") {
+    allocate = [](Pool* pool, uint64_t size, uint32_t flags) {
+      EXPECT_EQ(flags, HX_ALLOCATE_ZEROED);
+      return static_cast<FakePool*>(pool)->give(size);
+    };
+    Pool::free = [](Pool* pool, void* block) { static_cast<FakePool*>(pool)->takeBack(block); };
+  }
+  ~FakePool() {
+    for (const auto& [block, size] : blocks)
+      std::free(block);
+  }
+
+  void* give(uint64_t size) {
+    if (host->takeFault(kAllocateFault)) return nullptr;
+    void* block = std::calloc(1, size);
+    const std::lock_guard lock(mutex);
+    blocks[block] = size;
+    return block;
+  }
+
+  void takeBack(void* block) {
+    const std::lock_guard lock(mutex);
+    if (blocks.erase(block) == 1) return std::free(block);
+    ADD_FAILURE() << "not a block of this pool, or freed before";
+  }
+
+  std::mutex mutex;
+  std::unordered_map<void*, uint64_t> blocks;
+};
+
+struct FakeLock : Counted<Lock, FakeLock> {
+  explicit FakeLock(FakeHost* made) : Counted(made, "destroy lock") {
+    acquire = [](Lock* lock, int64_t one, int64_t alsoOne) {
+      EXPECT_TRUE(one == 1 && alsoOne == 1);
+      return static_cast<FakeLock*>(lock)->take();
+    };
+    release = [](Lock* lock) { return static_cast<FakeLock*>(lock)->letGo(); };
+  }
+  ~FakeLock() { EXPECT_EQ(owner.load(), std::thread::id()) << "destroyed while it is held"; }
+
+  int32_t take() {
+    if (host->takeFault(kAcquireFault)) return 5;
+    if (owner == std::this_thread::get_id()) {
+      ADD_FAILURE() << "the lock is taken twice on one path";
+      return 5;
+    }
+    mutex.lock();
+    owner = std::this_thread::get_id();
+    ++locksHeld;
+    return 0;
+  }
+
+  int32_t letGo() {
+    EXPECT_EQ(owner.load(), std::this_thread::get_id()) << "released by somebody else";
+    owner = std::thread::id();
+    --locksHeld;
+    mutex.unlock();
+    return 0;
+  }
+
+  std::mutex mutex;
+  std::atomic<std::thread::id> owner;
+};
+
+// Item bytes are stored as 16-bit numbers of the storing machine; a reader gets their low bytes.
+struct FakeConverter : Counted<Converter, FakeConverter> {
+  FakeConverter(FakeHost* owner, bool fromBig, bool toBig)
+      : Counted(owner, "release converter"), swaps(fromBig != toBig), low(fromBig ? 1 : 0) {
+    ++host->liveConverters;
+    convertRecord = [](Converter* converter, const void* map, const void* record, int64_t length,
+                       void* out, int64_t outSize) -> int32_t {
+      EXPECT_LE(length, outSize);
+      std::memcpy(out, record, static_cast<size_t>(length));
+      static_cast<FakeConverter*>(converter)->turn(static_cast<const RecordMapEntry*>(map),
+                                                   static_cast<uint8_t*>(out), length);
+      return 0;
+    };
+    convert = [](Converter* converter, void*, const void* stored, int64_t storedLength,
+                 void* buffer, int64_t bufferLength, const void**, uint32_t* count) -> int32_t {
+      auto* fake = static_cast<FakeConverter*>(converter);
+      if (fake->host->takeFault(kConvertFault)) return 7;
+      EXPECT_LE(storedLength / 2, bufferLength);
+      for (*count = 0; *count < storedLength / 2; ++*count)
+        static_cast<uint8_t*>(buffer)[*count] =
+            static_cast<const uint8_t*>(stored)[2 * *count + fake->low];
+      return 0;
+    };
+    measure = [](Converter* converter, void*, const void*, int64_t length) -> uint32_t {
+      const bool fails = static_cast<FakeConverter*>(converter)->host->takeFault(kMeasureFault);
+      return fails ? 0 : static_cast<uint32_t>(2 * length);
+    };
+    Converter::release = [](Converter* converter) {
+      delete static_cast<FakeConverter*>(converter);
+    };
+  }
+  ~FakeConverter() { --host->liveConverters; }
+
+  void turn(const RecordMapEntry* entry, uint8_t* field, int64_t length) const {
+    const uint8_t* end = field + length;
+    for (; entry->type != HX_FIELD_END; ++entry) {
+      const int width = entry->type == HX_FIELD_INT64 ? 8 : entry->type == HX_FIELD_INT32 ? 4 : 1;
+      for (int i = 0; i < entry->repeat; ++i, field += width) {
+        if (swaps) std::reverse(field, field + width);
+      }
+    }
+    EXPECT_EQ(field, end) << "a map that does not cover its record";
+  }
+
+  bool swaps;
+  uint32_t low;
+};
+
+// 0 little-endian, 1 big-endian, -1 unknown.
+int endianOf(const void* id) {
+  for (const bool bigEndian : {false, true}) {
+    uint8_t known[HX_ENCODING_ID_LENGTH];
+    fillIdentity(known, bigEndian);
+    if (std::memcmp(known, id, sizeof(known)) == 0) return bigEndian ? 1 : 0;
+  }
+  return -1;
+}
+
+struct FakeEncoding : Counted<Encoding, FakeEncoding> {
+  explicit FakeEncoding(FakeHost* owner) : Counted(owner, "destroy hxmok") {
+    makeConverter = [](Encoding* encoding, int64_t, const void* from,
+                       const void* to) -> Converter* {
+      auto* made = static_cast<FakeEncoding*>(encoding)->host;
+      EXPECT_GT(locksHeld, 0) << "a converter is made without the lock";
+      made->note("make converter");
+      if (made->takeFault(kMakeConverterFault) || endianOf(from) < 0 || endianOf(to) < 0)
+        return nullptr;
+      return new FakeConverter(made, endianOf(from) == 1, endianOf(to) == 1);
+    };
+    fillEncodingId = [](Encoding* encoding, void* buffer, int64_t length, int64_t, int64_t) {
+      EXPECT_EQ(length, HX_ENCODING_ID_LENGTH);
+      fillIdentity(buffer, static_cast<FakeEncoding*>(encoding)->host->isBigEndian);
+      return 0;
+    };
+  }
+};
+
+Path pathOf(const char32_t* path, int64_t length) {
+  return length == 0 ? Path() : Path(path, static_cast<size_t>(length));
+}
+
+FileHandle* openChecked(FileIo* io, const char32_t* path, int64_t length,
+                        const OpenParameters* parameters, int64_t, int64_t, const char* method,
+                        void*, int64_t);
+
+struct FakeFileIo : Counted<FileIo, FakeFileIo> {
+  explicit FakeFileIo(FakeHost* owner) : Counted(owner, "destroy hxfio") {
+    open = openChecked;
+    FileIo::remove = [](FileIo* io, const char32_t* path, int64_t length, int64_t, int64_t) {
+      return static_cast<FakeFileIo*>(io)->host->removeFile(pathOf(path, length));
+    };
+  }
+};
+
+}  // namespace
+
+struct FakeFile : FileHandle {
+  FakeFile(FakeHost* owner, const Path& named, std::shared_ptr<Bytes> content, bool forUpdate)
+      : FileHandle{}, host(owner), name(named), bytes(std::move(content)), canWrite(forUpdate) {
+    close = [](FileHandle* handle) { static_cast<FakeFile*>(handle)->closeOnce(); };
+    FileHandle::read = [](FileHandle* handle, ReadRequest* request, int64_t* count, int64_t,
+                          int64_t, int64_t) -> int32_t {
+      EXPECT_EQ(count, &request->count);
+      return static_cast<FakeFile*>(handle)->deliver(request) ? 0 : 9;
+    };
+    write = [](FileHandle* handle, const void* source, int64_t count, int64_t, int64_t,
+               int64_t) -> int32_t {
+      return static_cast<FakeFile*>(handle)->take(source, static_cast<size_t>(count)) ? 0 : 9;
+    };
+    seek = [](FileHandle* handle, int64_t* to, int32_t whence, int64_t) -> int32_t {
+      auto* file = static_cast<FakeFile*>(handle);
+      if (file->fails(kSeekFault)) return 9;
+      if (whence == HX_SEEK_END) *to += static_cast<int64_t>(file->bytes->size());
+      EXPECT_GE(*to, 0);
+      file->position = static_cast<size_t>(*to);
+      return 0;
+    };
+    const Path full = U"/full/" + named;
+    full.copy(path, HX_PATH_CAPACITY);
+    pathLength = static_cast<int32_t>(full.size());
+  }
+
+  // What every operation begins with.
+  bool fails(FaultKind kind) {
+    EXPECT_FALSE(closed) << "a file is used after its close";
+    EXPECT_GT(locksHeld, 0) << "a file is used without the lock";
+    const bool now = host->takeFault(kind);
+    failed = failed || now;
+    return now;
+  }
+
+  bool deliver(ReadRequest* request) {
+    host->note("read", static_cast<int64_t>(position), request->count);
+    if (fails(kReadFault) || position >= bytes->size() || request->count <= 0) return false;
+    const auto left = static_cast<int64_t>(bytes->size() - position);
+    request->count = std::min({request->count, left, host->longestRead});
+    const auto count = static_cast<size_t>(request->count);
+    std::memcpy(request->destination, bytes->data() + position, count);
+    position += count;
+    return true;
+  }
+
+  bool take(const void* source, size_t count) {
+    EXPECT_TRUE(canWrite) << "a file that is open for reading is written";
+    host->note("write", static_cast<int64_t>(position), static_cast<int64_t>(count));
+    EXPECT_LT(position, size_t{1} << 30) << "written far outside";
+    if (fails(kWriteFault) || position >= size_t{1} << 30) return false;
+    bytes->resize(std::max(bytes->size(), position + count));
+    std::memcpy(bytes->data() + position, source, count);
+    position += count;
+    return true;
+  }
+
+  void closeOnce() {
+    fails(kCloseFault);
+    host->note("close");
+    closed = true;
+    if (canWrite) host->settle(this);
+  }
+
+  FakeHost* host;
+  Path name;
+  std::shared_ptr<Bytes> bytes;
+  std::unique_ptr<Bytes> before;  // null: there was no file
+  size_t position = 0;
+  bool canWrite;
+  bool failed = false;
+  bool closed = false;
+};
+
+namespace {
+
+FileHandle* openChecked(FileIo* io, const char32_t* path, int64_t length,
+                        const OpenParameters* parameters, int64_t, int64_t, const char* method,
+                        void*, int64_t) {
+  OpenParameters wanted = {};
+  wanted.accessMode = parameters->accessMode;
+  wanted.fixed40 = 1024;
+  wanted.fixed48 = wanted.fixed200 = 1;
+  EXPECT_EQ(std::memcmp(&wanted, parameters, sizeof(wanted)), 0);
+  EXPECT_STREQ(method, "hxfio");
+  EXPECT_GT(locksHeld, 0) << "a file is opened without the lock";
+  return static_cast<FakeFileIo*>(io)->host->openFile(pathOf(path, length), wanted.accessMode);
+}
+
+template <typename Made>
+Made* makeService(HostHandle* handle, const char* what, bool isKnown = true) {
+  auto* host = static_cast<FakeHost*>(handle);
+  host->note(what);
+  return host->takeFault(kServiceFault) || !isKnown ? nullptr : new Made(host);
+}
+
+void expectArguments(const void* parameters, const std::string& name, const std::string& wanted) {
+  EXPECT_EQ(std::memcmp(parameters, Bytes(24).data(), 24), 0);
+  EXPECT_EQ(name, wanted);
+}
+
+}  // namespace
+
+FakeHost::FakeHost() : HostHandle{} {
+  createLock = [](HostHandle* host, const void* parameters, int64_t, const char* name) -> Lock* {
+    expectArguments(parameters, name, "HXCRATE");
+    return makeService<FakeLock>(host, "create lock");
+  };
+  createPool = [](HostHandle* host, const void* parameters, int64_t, const char* name) -> Pool* {
+    expectArguments(parameters, name, "Pool");
+    return makeService<FakePool>(host, "create pool");
+  };
+  loadExtension = [](HostHandle* host, const char32_t* name, int64_t length, int64_t) -> void* {
+    if (pathOf(name, length) == U"hxfio") return makeService<FakeFileIo>(host, "load hxfio");
+    EXPECT_EQ(pathOf(name, length), U"hxmok");
+    const bool isKnown = static_cast<FakeHost*>(host)->knowsEncodings;
+    return makeService<FakeEncoding>(host, "load hxmok", isKnown);
+  };
+}
+
+FakeHost::~FakeHost() {
+  EXPECT_EQ(alive, 0) << "pools, locks, extensions or converters are left";
+  for (const auto& handle : handles_) {
+    EXPECT_TRUE(handle->closed) << "a file is left open";
+  }
+}
+
+void FakeHost::fail(uint32_t kinds, int nth, bool forEver) {
+  faultKinds_ = kinds;
+  callsToFault_ = nth;
+  forEver_ = forEver;
+  fired_ = 0;
+}
+
+bool FakeHost::takeFault(FaultKind kind) {
+  // Relaxed, so that asking orders no threads: that would hide the module's races.
+  if ((faultKinds_.load(std::memory_order_relaxed) & kind) == 0) return false;
+  const std::lock_guard lock(mutex_);
+  if (paused_) return false;
+  --callsToFault_;
+  const bool fires = forEver_ ? callsToFault_ <= 0 : callsToFault_ == 0;
+  fired_ += fires ? 1 : 0;
+  return fires;
+}
+
+void FakeHost::note(const char* what, int64_t offset, int64_t length) {
+  const std::lock_guard lock(mutex_);
+  events.push_back({what, offset, length});
+}
+
+Bytes& FakeHost::file(const Path& path) {
+  std::shared_ptr<Bytes>& bytes = files_[path];
+  if (bytes == nullptr) bytes = std::make_shared<Bytes>();
+  return *bytes;
+}
+
+Disk FakeHost::disk() const {
+  Disk all;
+  for (const auto& [path, bytes] : files_)
+    all[path] = *bytes;
+  return all;
+}
+
+void FakeHost::setDisk(const Disk& disk) {
+  for (const auto& [path, bytes] : disk)
+    file(path) = bytes;
+}
+
+int64_t FakeHost::blocksIn(const Pool* pool) {
+  return static_cast<int64_t>(static_cast<const FakePool*>(pool)->blocks.size());
+}
+
+std::string FakeHost::log(const std::string& only) const {
+  std::string all;
+  for (const auto& [what, offset, length] : events) {
+    if (what.find(only) != 0) continue;
+    all += (all.empty() ? "" : ", ") + what;
+    if (offset != 0 || length != 0) all += " " + std::to_string(offset);
+    if (length != 0) all += "+" + std::to_string(length);
+  }
+  return all;
+}
+
+int64_t FakeHost::count(const std::string& what, int64_t length) const {
+  return std::count_if(events.begin(), events.end(), [&](const Event& event) {
+    return what == event.what && (length < 0 || length == event.length);
+  });
+}
+
+FakeFile* FakeHost::openFile(const Path& path, int32_t accessMode) {
+  note("open", accessMode);
+  const bool canWrite = accessMode == HX_ACCESS_UPDATE;
+  const bool exists = hasFile(path);
+  if (takeFault(kOpenFault) || path.empty() || (!exists && !canWrite)) return nullptr;
+  file(path);
+  auto* handle = new FakeFile(this, path, files_[path], canWrite);
+  handles_.emplace_back(handle);
+  if (canWrite && exists) handle->before = std::make_unique<Bytes>(*handle->bytes);
+  return handle;
+}
+
+int32_t FakeHost::removeFile(const Path& path) {
+  note("remove");
+  if (removeResult != 0) return removeResult;
+  if (takeFault(kRemoveFault)) return HX_REMOVE_IO_ERROR;
+  return files_.erase(path) == 1 ? 0 : -1;
+}
+
+// Ends an update: all of it stays, or nothing.
+void FakeHost::settle(FakeFile* handle) {
+  undone.erase(handle->name);
+  if (!handle->failed) return;
+  undone.insert(handle->name);
+  if (handle->before != nullptr) {
+    *handle->bytes = *handle->before;
+  } else if (hasFile(handle->name) && files_[handle->name] == handle->bytes) {
+    files_.erase(handle->name);
+  }
+}
+
+// Byte by byte, so that the thread checker sees it.
+void fillIdentity(void* id, bool bigEndian) {
+  const std::string identity = bigEndian ? "fake/big" : "fake/little";
+  for (size_t i = 0; i < HX_ENCODING_ID_LENGTH; ++i)
+    static_cast<char*>(id)[i] = i < identity.size() ? identity[i] : '\0';
+}
+
+}  // namespace hx::fake

@@ -1,0 +1,105 @@
+// The host that all tests of the module run on, behind host/*.h. It keeps files in memory, counts
+// what it hands out, fails on demand, and complains (as a test failure) about every use of it that
+// the interfaces forbid: a block freed twice, a lock taken twice, a file used after its close or
+// without the lock.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "host/encoding.h"
+#include "host/file_io.h"
+#include "host/kernel.h"
+
+namespace hx::fake {
+
+using Bytes = std::vector<uint8_t>;
+using Path = std::u32string;
+using Disk = std::map<Path, Bytes>;
+
+// What can fail; kinds combine.
+enum FaultKind : uint32_t {
+  kNoFault = 0,
+  kAllocateFault = 1,
+  kAcquireFault = 2,
+  kOpenFault = 4,
+  kReadFault = 8,
+  kWriteFault = 16,
+  kSeekFault = 32,
+  kRemoveFault = 64,
+  kFileFault = kOpenFault | kReadFault | kWriteFault | kSeekFault | kRemoveFault,
+  kMakeConverterFault = 128,
+  kMeasureFault = 256,
+  kConvertFault = 512,
+  kServiceFault = 1024,  // pools, locks and extensions
+  kCloseFault = 2048,    // an update that can not be made durable
+};
+
+// One call as the host saw it. `offset` is a file position, or the access mode of an open.
+struct Event {
+  std::string what;
+  int64_t offset;
+  int64_t length;
+};
+
+struct FakeFile;
+
+class FakeHost : public HostHandle {
+ public:
+  FakeHost();
+  ~FakeHost();  // complains about whatever is still alive
+
+  // The nth call of these kinds from now on fails, and with `forEver` all after it.
+  void fail(uint32_t kinds, int nth, bool forEver = false);
+  void stopFailing() { fail(kNoFault, 0); }
+  void pauseFailing(bool pauses) { paused_ = pauses; }
+  bool hasFired() const { return fired_ > 0; }
+
+  bool hasFile(const Path& path) const { return files_.count(path) != 0; }
+  Bytes& file(const Path& path);  // made when absent
+  Disk disk() const;
+  void setDisk(const Disk& disk);
+  std::set<Path> undone;  // whose last update failed somewhere and was taken back by its close
+
+  static int64_t blocksIn(const Pool* pool);
+  Pool* makePool() { return createPool(this, Bytes(24).data(), 0, "Pool"); }
+
+  std::vector<Event> events;  // services, files and converters in the order of their calls
+  std::string log(const std::string& only = "") const;
+  int64_t count(const std::string& what, int64_t length = -1) const;
+
+  int64_t longestRead = INT64_MAX;  // a read delivers at most this many bytes
+  int32_t removeResult = 0;         // nonzero: what `remove` answers, leaving the file alone
+  bool isBigEndian = false;         // the identity that the host gives
+  bool knowsEncodings = true;       // whether there is an hxmok
+  int liveConverters = 0;
+
+  // For the slots.
+  bool takeFault(FaultKind kind);
+  void note(const char* what, int64_t offset = 0, int64_t length = 0);
+  FakeFile* openFile(const Path& path, int32_t accessMode);
+  int32_t removeFile(const Path& path);
+  void settle(FakeFile* file);
+  std::atomic<int> alive{0};
+
+ private:
+  std::mutex mutex_;
+  std::atomic<uint32_t> faultKinds_{0};
+  int callsToFault_ = 0;
+  bool forEver_ = false;
+  bool paused_ = false;
+  int fired_ = 0;
+  std::map<Path, std::shared_ptr<Bytes>> files_;
+  std::vector<std::unique_ptr<FakeFile>> handles_;  // closed ones too, to catch a late use
+};
+
+// The identities of the two machines.
+void fillIdentity(void* id, bool bigEndian);
+
+}  // namespace hx::fake

@@ -1,0 +1,14 @@
+// Opens any bytes as a file and as a blob. Built with libFuzzer by `./dev fuzz`.
+#include <gtest/gtest.h>
+
+#include "tests/image_agreement.h"
+
+extern "C" int LLVMFuzzerInitialize(int* /*count*/, char*** /*arguments*/) {
+  GTEST_FLAG_SET(throw_on_failure, true);  // nobody catches it, so the fuzzer keeps the input
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  hx::fake::expectAgreement({data, size});
+  return 0;
+}
