@@ -22,11 +22,11 @@ enum {
   HX_PATH_CAPACITY = 1024,  // characters
 
   // The four results of `remove` that stop a store from being replaced and become the status of
-  // that open. Every other result lets it go on.
-  HX_REMOVE_NO_PERMISSION = -2134906877,
-  HX_REMOVE_IN_USE = -2134906873,
-  HX_REMOVE_NOT_REGULAR = -2134906871,
-  HX_REMOVE_IO_ERROR = -2134906851
+  // that open. Every other result lets it go on: there is no such file, nor can there be.
+  HX_REMOVE_NO_PERMISSION = -2134906877,  // the file may not be written, or not be removed
+  HX_REMOVE_IN_USE = -2134906873,         // somebody has the file open, this extension included
+  HX_REMOVE_NOT_REGULAR = -2134906871,    // a directory, a device, a FIFO
+  HX_REMOVE_IO_ERROR = -2134906851        // anything else; the file may be gone, but not for sure
 };
 
 // How a file is to be opened. Zero but for the fields named here.
@@ -59,7 +59,8 @@ struct FileIo {
   FileHandle* (*open)(FileIo* io, const char32_t* path, int64_t length,
                       const OpenParameters* parameters, int64_t zero, int64_t alsoZero,
                       const char* method, void* outputWord, int64_t zeroToo);
-  // Deletes the file; 0, one of the HX_REMOVE_ codes, or anything else.
+  // Deletes the file, and what an interrupted update left beside it; 0, one of the HX_REMOVE_ codes,
+  // or anything else.
   int32_t (*remove)(FileIo* io, const char32_t* path, int64_t length, int64_t zero,
                     int64_t alsoZero);
 };

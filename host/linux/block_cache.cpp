@@ -78,6 +78,7 @@ bool BlockCache::write(int64_t offset, const void* bytes, int64_t count) noexcep
 }
 
 bool BlockCache::flush() noexcept {
+  announceDirty();
   return std::all_of(frames_.begin(), frames_.end(), [this](Frame& f) { return flushFrame(f); });
 }
 
@@ -183,6 +184,22 @@ int64_t BlockCache::stretchBefore(const Frame& frame) {
   return before != nullptr && before->end == blockBytes_ ? before->end - before->begin : 0;
 }
 
+// What is dirty now will be written one frame at a time, so the disk file may prepare for all of it
+// at once.
+void BlockCache::announceDirty() {
+  for (const Frame& frame : frames_) {
+    if (!frame.isDirty()) continue;
+    disk_.announce(frame.base + frame.dirtyBegin, frame.bytes.get() + frame.dirtyBegin,
+                   frame.dirtyEnd - frame.dirtyBegin);
+  }
+}
+
+bool BlockCache::makeRoom(Frame& frame) {
+  const int64_t count = frame.dirtyEnd - frame.dirtyBegin;
+  if (disk_.needsAnnouncement(frame.base + frame.dirtyBegin, count)) announceDirty();
+  return flushFrame(frame);
+}
+
 bool BlockCache::flushFrame(Frame& frame) {
   if (!frame.isDirty()) return true;
   const std::byte* bytes = frame.bytes.get() + frame.dirtyBegin;
@@ -205,7 +222,7 @@ BlockCache::Frame* BlockCache::frameOf(int64_t base) {
   Frame* frame = find(base);
   if (frame == nullptr) {
     frame = &vacantFrame();
-    if (!flushFrame(*frame)) return nullptr;
+    if (!makeRoom(*frame)) return nullptr;
     frame->base = base;
     frame->restartAt(0);
   }

@@ -71,6 +71,8 @@ class BlockCache {
   bool extendDown(Frame& frame, int64_t from);
   int64_t fetch(Frame& frame, int64_t from, int64_t needed, int64_t wanted);
   int64_t stretchBefore(const Frame& frame);
+  void announceDirty();
+  bool makeRoom(Frame& frame);
   bool flushFrame(Frame& frame);
 
   Frame* find(int64_t base);

@@ -1,75 +1,141 @@
 #include "host/linux/disk_file.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstddef>
+#include <array>
+#include <cstring>
+#include <string_view>
 #include <utility>
 
+#include "host/linux/journal_format.h"
+#include "host/linux/transfer.h"
+
 namespace hxhost {
-namespace {
 
-// What a transfer that may take several operations came to.
-struct Transfer {
-  int64_t count = 0;
-  int error = 0;
-};
-
-// Repeats `operation`(bytes done, bytes left) until all are transferred, none are, or it fails.
-template <typename Operation>
-Transfer transferAll(int64_t count, Operation operation) {
-  Transfer transfer;
-  while (transfer.count < count) {
-    const int64_t result = operation(transfer.count, static_cast<size_t>(count - transfer.count));
-    if (result < 0) transfer.error = static_cast<int>(-result);
-    if (result <= 0) break;
-    transfer.count += result;
-  }
-  return transfer;
-}
-
-}  // namespace
-
-DiskFile::DiskFile(std::shared_ptr<FileOps> ops, RegularFile file, FailureLog& failures)
-    : ops_(std::move(ops)), file_(std::move(file)), failures_(failures) {}
+DiskFile::DiskFile(LockedFiles& files, FileLease lease, FailureLog& failures)
+    : ops_(files.ops()),
+      lease_(std::move(lease)),
+      path_(lease_.file().path),
+      durability_(files.durability()),
+      failures_(failures),
+      journal_(ops_, lease_.file(), durability_),
+      formerLength_(lease_.file().info.size),
+      length_(formerLength_) {}
 
 DiskFile::~DiskFile() {
-  if (const int error = removeIfLeftEmpty(*ops_, file_); error != 0) {
-    noteFailure(error, "remove", -1);
-  }
-  if (const int error = file_.descriptor.close(); error != 0) noteFailure(error, "close", -1);
+  if (lease_.isUpdate()) endUpdate();
+  if (const int error = lease_.release(); error != 0) noteFailure(error, "close", -1);
 }
 
 int64_t DiskFile::read(int64_t offset, void* out, int64_t wanted, int64_t needed) noexcept {
-  const int number = file_.descriptor.number();
-  const auto readOn = [&](int64_t done, size_t left) {
-    return ops_->readAt(number, static_cast<std::byte*>(out) + done, left, offset + done);
-  };
-  Transfer transfer = transferAll(wanted, readOn);
+  const int number = lease_.file().descriptor.number();
+  Transfer transfer = readAll(ops_, number, out, wanted, offset);
   // What lies ahead may be unreadable although nobody has asked for it yet.
-  if (transfer.count < needed && needed < wanted) transfer = transferAll(needed, readOn);
+  if (transfer.count < needed && needed < wanted) {
+    transfer = readAll(ops_, number, out, needed, offset);
+  }
   if (transfer.count >= needed) return transfer.count;
-  // Without an error the file has become shorter beneath the open handle.
-  noteFailure(transfer.error != 0 ? transfer.error : EIO, "read", offset + transfer.count);
+  noteFailure(transfer.reason(), "read", offset + transfer.count);
   return -1;
 }
 
+void DiskFile::announce(int64_t offset, const void* bytes, int64_t count) noexcept {
+  forEachChange(offset, static_cast<const std::byte*>(bytes), count,
+                [&](int64_t from, const std::byte*, int64_t length) { record(from, length); });
+}
+
 bool DiskFile::write(int64_t offset, const void* bytes, int64_t count) noexcept {
-  if (hasLostWrite_) return false;
-  const int number = file_.descriptor.number();
-  const Transfer transfer = transferAll(count, [&](int64_t done, size_t left) {
-    return ops_->writeAt(number, static_cast<const std::byte*>(bytes) + done, left, offset + done);
-  });
-  file_.size = std::max(file_.size, offset + transfer.count);
-  if (transfer.count == count) return true;
+  announce(offset, bytes, count);
+  forEachChange(offset, static_cast<const std::byte*>(bytes), count,
+                [&](int64_t from, const std::byte* changed, int64_t length) {
+                  writeOn(from, changed, length);
+                });
+  return !hasLostWrite_;
+}
+
+// Calls `use`(offset, bytes, count) for the stretches in which the file is about to change. Whoever
+// writes a record and then the link in it has dirtied a block that ends as it was: neither it nor
+// its journal record is worth writing. What lay behind the file's end at first is not compared.
+template <typename Use>
+void DiskFile::forEachChange(int64_t offset, const std::byte* bytes, int64_t count,
+                             Use use) noexcept {
+  const int64_t compared = std::clamp<int64_t>(formerLength_ - offset, 0, count);
+  int64_t changed = 0;
+  if (hasLostWrite_) return;
+  for (int64_t done = 0, step = 0; done < compared; done += step) {
+    step = std::min(kJournalBlockBytes - (offset + done) % kJournalBlockBytes, compared - done);
+    if (!isOnDisk(offset + done, bytes + done, step)) continue;
+    if (changed < done) use(offset + changed, bytes + changed, done - changed);
+    changed = done + step;
+  }
+  if (changed < count) use(offset + changed, bytes + changed, count - changed);
+}
+
+// False also when that can't be read: the journal will complain of it.
+bool DiskFile::isOnDisk(int64_t offset, const std::byte* bytes, int64_t count) noexcept {
+  std::array<std::byte, kJournalBlockBytes> block;
+  const int number = lease_.file().descriptor.number();
+  const Transfer transfer = readAll(ops_, number, block.data(), count, offset);
+  return transfer.count == count &&
+         std::memcmp(block.data(), bytes, static_cast<size_t>(count)) == 0;
+}
+
+void DiskFile::record(int64_t offset, int64_t count) noexcept {
+  if (hasLostWrite_) return;
+  const int error = journal_.record(offset, count);
+  if (error == 0) return;
   stopWriting();
-  noteFailure(transfer.error != 0 ? transfer.error : EIO, "write", offset + transfer.count);
-  return false;
+  noteFailure(error, "write", offset);
+}
+
+void DiskFile::writeOn(int64_t offset, const std::byte* bytes, int64_t count) noexcept {
+  if (hasLostWrite_) return;
+  Transfer transfer;
+  transfer.error = journal_.putOnDisk();
+  if (transfer.error == 0) {
+    transfer = writeAll(ops_, lease_.file().descriptor.number(), bytes, count, offset);
+  }
+  length_ = std::max(length_, offset + transfer.count);
+  if (transfer.count == count) return;
+  stopWriting();
+  noteFailure(transfer.reason(), "write", offset + transfer.count);
 }
 
 void DiskFile::noteFailure(int error, const char* operation, int64_t offset) noexcept {
-  if (hasFailed_) return;
-  hasFailed_ = true;
-  failures_.record(error, operation, offset, file_.path);
+  const bool isRead = std::string_view(operation) == "read";
+  if (isRead ? hasFailedRead_ : loss_.has_value()) return;
+  const FailureTicket ticket = failures_.record({error, operation, offset}, path());
+  hasFailedRead_ |= isRead;
+  if (!isRead) loss_ = ticket;
+}
+
+void DiskFile::endUpdate() noexcept {
+  if (!hasLostWrite_ && commit()) return;
+  const bool wasRolledBack = rollBack();
+  if (loss_) failures_.conclude(*loss_, path(), wasRolledBack);
+}
+
+// False when the file has to be rolled back. When only the journal's removal may not be on disk,
+// the update has happened, and a power cut may undo it: that is told, and nothing can be done.
+bool DiskFile::commit() noexcept {
+  if (!journal_.exists()) return false;
+  if (durability_ == Durability::full) {
+    const int result = ops_.sync(lease_.file().descriptor.number());
+    if (result < 0) noteFailure(-result, "sync", -1);
+    if (result < 0) return false;
+  }
+  if (const int error = journal_.remove(); error != 0) {
+    noteFailure(error, "commit", -1);
+    return !journal_.isThere();
+  }
+  if (const int error = journal_.syncName(); error != 0) noteFailure(error, "commit", -1);
+  return true;
+}
+
+bool DiskFile::rollBack() noexcept {
+  int error = journal_.rollBack(lease_.file());
+  if (error == 0) error = removeIfLeftEmpty(ops_, lease_.file());
+  if (error != 0) failures_.record({error, "roll back", -1}, path());
+  return error == 0;
 }
 
 }  // namespace hxhost

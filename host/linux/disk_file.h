@@ -1,50 +1,79 @@
-// An open file on disk below a handle's cache: transfers whole stretches and remembers that one
-// failed. Every byte of the file that changes passes through `write`.
+// An open file on disk below a handle's cache: transfers whole stretches, remembers that one
+// failed, and makes all that an update writes one transaction. Every byte of the file that changes
+// passes through `write`.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <string>
 
 #include "host/linux/failure_log.h"
-#include "host/linux/regular_file.h"
+#include "host/linux/journal.h"
+#include "host/linux/locked_files.h"
 
 namespace hxhost {
 
 // One thread at a time calls it.
 class DiskFile {
  public:
-  DiskFile(std::shared_ptr<FileOps> ops, RegularFile file, FailureLog& failures);
+  DiskFile(LockedFiles& files, FileLease lease, FailureLog& failures);
 
-  // Closes the file. One that was created by its open and is still empty is removed.
+  // Completes the update: what was written is on disk and stays, or, when something of it was lost
+  // or can't be put on disk, the file is what it was before. A file that the update created and
+  // that is empty is removed. Then closes the file.
   ~DiskFile();
 
-  const std::string& path() const { return file_.path; }
-  bool isWritable() const { return file_.isWritable; }
+  const std::string& path() const { return path_; }
+  bool isWritable() const { return lease_.isUpdate(); }
 
   // Bytes that lie on disk: the file's size when it was opened, and what was written since.
-  int64_t length() const { return file_.size; }
+  int64_t length() const { return length_; }
 
   // Reads `wanted` bytes within `length()`, or at least the first `needed` of them when the rest
   // can't be had. The number read, or -1 after noting the failure.
   int64_t read(int64_t offset, void* out, int64_t wanted, int64_t needed) noexcept;
 
-  // Writes all bytes, or notes the failure and stops writing.
+  // Whether a write there would have to put something into the journal first, and wait for it.
+  bool needsAnnouncement(int64_t offset, int64_t count) const {
+    return journal_.lacksRecords(offset, count);
+  }
+
+  // Tells of a write that is to come: those that are announced together wait for the journal once.
+  void announce(int64_t offset, const void* bytes, int64_t count) noexcept;
+
+  // Writes all bytes, but for blocks that hold them already, or notes the failure and stops
+  // writing.
   bool write(int64_t offset, const void* bytes, int64_t count) noexcept;
 
   // From now on nothing is written any more: bytes were lost, and what follows would build on them.
   void stopWriting() { hasLostWrite_ = true; }
   bool hasLostWrite() const { return hasLostWrite_; }
 
-  // Keeps a failure for the host, unless the file has had one before.
+  // Keeps a failure for the host: the first "read", and the first of all others.
   void noteFailure(int error, const char* operation, int64_t offset) noexcept;
 
  private:
-  std::shared_ptr<FileOps> ops_;
-  RegularFile file_;
+  template <typename Use>
+  void forEachChange(int64_t offset, const std::byte* bytes, int64_t count, Use use) noexcept;
+  bool isOnDisk(int64_t offset, const std::byte* bytes, int64_t count) noexcept;
+  void record(int64_t offset, int64_t count) noexcept;
+  void writeOn(int64_t offset, const std::byte* bytes, int64_t count) noexcept;
+  void endUpdate() noexcept;
+  bool commit() noexcept;
+  bool rollBack() noexcept;
+
+  FileOps& ops_;
+  FileLease lease_;
+  const std::string path_;  // outlives the lease
+  Durability durability_;
   FailureLog& failures_;
-  bool hasFailed_ = false;
+  Journal journal_;
+  const int64_t formerLength_;
+  int64_t length_;
+  bool hasFailedRead_ = false;
   bool hasLostWrite_ = false;
+  std::optional<FailureTicket> loss_;  // of the first failure that is no read's
 };
 
 }  // namespace hxhost

@@ -1,23 +1,60 @@
 #include "host/linux/failure_log.h"
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
 namespace hxhost {
+namespace {
 
-void FailureLog::record(int error, const char* operation, int64_t offset,
-                        std::string_view path) noexcept {
+constexpr size_t kMostKept = 64;
+
+}  // namespace
+
+FailureTicket FailureLog::record(FailureTicket failure, std::string_view path) noexcept try {
   const std::lock_guard guard(mutex_);
-  last_ = FileFailure{error, operation, offset, {}};  // the names of operations need no memory
-  try {
-    last_->path = path;
-  } catch (const std::bad_alloc&) {
+  failure.number = ++count_;
+  // The names of operations are short enough to need no memory.
+  entries_.push_back(
+      {failure.number, {failure.error, failure.operation, failure.offset, {}, false}});
+  if (entries_.size() > kMostKept) entries_.pop_front();
+  entries_.back().failure.path = path;
+  return failure;
+} catch (const std::bad_alloc&) {
+  return failure;
+}
+
+void FailureLog::conclude(const FailureTicket& ticket, std::string_view path,
+                          bool rolledBack) noexcept {
+  const auto isMeant = [&](const Entry& entry) { return entry.number == ticket.number; };
+  uint64_t number = ticket.number;
+  std::unique_lock guard(mutex_);
+  if (std::none_of(entries_.begin(), entries_.end(), isMeant)) {
+    guard.unlock();
+    number = record(ticket, path).number;
+    guard.lock();
+  }
+  for (Entry& entry : entries_) {
+    if (entry.number == number) entry.failure.rolledBack = rolledBack;
   }
 }
 
 std::optional<FileFailure> FailureLog::take() {
   const std::lock_guard guard(mutex_);
-  return std::exchange(last_, std::nullopt);
+  return take(entries_.begin());
+}
+
+std::optional<FileFailure> FailureLog::take(std::string_view path) {
+  const std::lock_guard guard(mutex_);
+  return take(std::find_if(entries_.begin(), entries_.end(),
+                           [&](const Entry& entry) { return entry.failure.path == path; }));
+}
+
+std::optional<FileFailure> FailureLog::take(std::list<Entry>::iterator entry) {
+  if (entry == entries_.end()) return std::nullopt;
+  std::optional<FileFailure> taken(std::move(entry->failure));
+  entries_.erase(entry);
+  return taken;
 }
 
 }  // namespace hxhost

@@ -25,11 +25,21 @@ int accessFlags(OpenMode mode) {
     case OpenMode::kUpdate:
       return O_RDWR | O_NOFOLLOW;
     case OpenMode::kCreateNew:
+    case OpenMode::kCreatePrivate:
       return O_RDWR | O_CREAT | O_EXCL;
     case OpenMode::kCreate:
       return O_RDWR | O_CREAT;
   }
   return O_RDONLY;
+}
+
+mode_t permissionsOf(OpenMode mode) {
+  return mode == OpenMode::kCreatePrivate ? 0600 : 0666;
+}
+
+short lockType(LockKind kind) {
+  if (kind == LockKind::kNone) return F_UNLCK;
+  return kind == LockKind::kShared ? F_RDLCK : F_WRLCK;
 }
 
 FileInfo toFileInfo(const struct stat& status) {
@@ -41,7 +51,7 @@ class SystemFileOps : public FileOps {
  public:
   int open(const std::string& path, OpenMode mode) override {
     const int flags = accessFlags(mode) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-    return repeatInterrupted([&] { return ::open(path.c_str(), flags, 0666); });
+    return repeatInterrupted([&] { return ::open(path.c_str(), flags, permissionsOf(mode)); });
   }
 
   int close(int file) override {
@@ -77,6 +87,33 @@ class SystemFileOps : public FileOps {
 
   int sync(int file) override {
     return repeatInterrupted([&] { return ::fdatasync(file); });
+  }
+
+  int lock(int file, LockKind kind) override {
+    struct flock range {};
+    range.l_type = lockType(kind);
+    range.l_whence = SEEK_SET;  // from the start, and with length 0 to whatever the end will be
+    const int result = repeatInterrupted([&] { return ::fcntl(file, F_OFD_SETLK, &range); });
+    return result == -EACCES ? -EAGAIN : result;
+  }
+
+  int copyAccess(int from, int to) override {
+    struct stat status {};
+    if (::fstat(from, &status) != 0) return -errno;
+    mode_t permissions = status.st_mode & 0666;
+    const bool hasGroup = ::fchown(to, status.st_uid, status.st_gid) == 0 ||
+                          ::fchown(to, static_cast<uid_t>(-1), status.st_gid) == 0;
+    if (!hasGroup) permissions &= ~mode_t{0060};  // it would let in another group
+    return ::fchmod(to, permissions) == 0 ? 0 : -errno;
+  }
+
+  int syncDirectory(const std::string& path) override {
+    const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+    const int directory = repeatInterrupted([&] { return ::open(path.c_str(), flags); });
+    if (directory < 0) return directory;
+    const int result = repeatInterrupted([&] { return ::fsync(directory); });
+    ::close(directory);
+    return result;
   }
 
   int remove(const std::string& path) override { return ::unlink(path.c_str()) == 0 ? 0 : -errno; }

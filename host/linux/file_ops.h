@@ -10,10 +10,17 @@
 namespace hxhost {
 
 enum class OpenMode {
-  kRead,       // an existing file, for reading; the last component is no link
-  kUpdate,     // an existing file, for reading and writing; the last component is no link
-  kCreateNew,  // a file that did not exist, for reading and writing
-  kCreate      // for reading and writing; created when absent, links are followed
+  kRead,           // an existing file, for reading; the last component is no link
+  kUpdate,         // an existing file, for reading and writing; the last component is no link
+  kCreateNew,      // a file that did not exist, for reading and writing
+  kCreatePrivate,  // the same, and nobody but its owner may open it
+  kCreate          // for reading and writing; created when absent, links are followed
+};
+
+enum class LockKind {
+  kNone,
+  kShared,    // together with other shared locks
+  kExclusive  // together with none; needs a file opened for writing
 };
 
 struct FileInfo {
@@ -45,8 +52,19 @@ class FileOps {
   virtual int inspect(int file, FileInfo& info) = 0;
   virtual int inspectPath(const std::string& path, FileInfo& info) = 0;  // of a link itself
   virtual int truncate(int file, int64_t size) = 0;
-  virtual int sync(int file) = 0;
+  virtual int sync(int file) = 0;  // the file's bytes and its length, not its name
   virtual int remove(const std::string& path) = 0;
+
+  // The lock on the whole file that this opening of it has from now on: it excludes other openings,
+  // in this process and elsewhere. -EAGAIN when one of theirs is in the way; what this opening had
+  // stays then. From one kind to another there is no moment without a lock.
+  virtual int lock(int file, LockKind kind) = 0;
+
+  // Lets those open the file `to` who may open `from`, and nobody else; as far as the caller may.
+  virtual int copyAccess(int from, int to) = 0;
+
+  // Puts on disk what was created and removed in a directory.
+  virtual int syncDirectory(const std::string& path) = 0;
 
   // 0 and the absolute path without links of what is there.
   virtual int resolve(const std::string& path, std::string& resolved) = 0;

@@ -5,9 +5,9 @@
 #include <string>
 #include <utility>
 
+#include "host/linux/locked_files.h"
 #include "host/linux/open_file.h"
 #include "host/linux/path_codec.h"
-#include "host/linux/regular_file.h"
 
 namespace hxhost {
 namespace {
@@ -16,10 +16,14 @@ constexpr int32_t kRemoved = 0;
 constexpr int32_t kNothingThere = 1;  // nor can there be, when the path is none
 
 struct FileService : hx::FileIo {
-  FileService(const FileServiceOptions& serviceOptions, FailureLog& failureLog)
-      : hx::FileIo{}, options(serviceOptions), failures(failureLog) {}
+  FileService(const HostOptions& options, FailureLog& failureLog)
+      : hx::FileIo{},
+        files(std::make_shared<LockedFiles>(options.fileOps, options.durability, options.lockWait)),
+        cacheBytesPerFile(options.cacheBytesPerFile),
+        failures(failureLog) {}
 
-  FileServiceOptions options;
+  const std::shared_ptr<LockedFiles> files;
+  const int64_t cacheBytesPerFile;
   FailureLog& failures;
 };
 
@@ -34,37 +38,36 @@ int encodePathOrFail(const char32_t* path, int64_t length, std::string& encoded)
   return 0;
 }
 
-int openHandle(FileService& service, const std::string& path, bool writable,
-               hx::FileHandle*& handle) {
-  FileOps& ops = *service.options.ops;
-  RegularFile file;
-  if (const int error = openRegularFile(ops, path, writable, file); error != 0) return error;
-  const auto fullPath = decodePath(file.path);
+FileOutcome openHandle(FileService& service, const std::string& path, bool forUpdate,
+                       hx::FileHandle*& handle) {
+  FileLease lease;
+  const FileOutcome outcome = service.files->open(path, forUpdate, lease);
+  if (outcome.error != 0) return outcome;
+  const auto fullPath = decodePath(lease.file().path);
   if (!fullPath || fullPath->size() > hx::HX_PATH_CAPACITY) {
-    removeIfLeftEmpty(ops, file);
-    return fullPath ? ENAMETOOLONG : EILSEQ;
+    if (forUpdate) removeIfLeftEmpty(service.files->ops(), lease.file());
+    return {fullPath ? ENAMETOOLONG : EILSEQ};
   }
-  handle = new OpenFile(service.options.ops, std::move(file), service.failures, *fullPath,
-                        service.options.cacheBytesPerFile);
-  return 0;
+  handle = new OpenFile(*service.files, std::move(lease), service.failures, *fullPath,
+                        service.cacheBytesPerFile);
+  return {};
 }
 
-// 0 or an errno.
-int tryOpen(FileService& service, const char32_t* path, int64_t length,
-            const hx::OpenParameters* parameters, hx::FileHandle*& handle) noexcept try {
+FileOutcome tryOpen(FileService& service, const char32_t* path, int64_t length,
+                    const hx::OpenParameters* parameters, hx::FileHandle*& handle) noexcept try {
   std::string encoded;
-  if (const int error = encodePathOrFail(path, length, encoded); error != 0) return error;
+  if (const int error = encodePathOrFail(path, length, encoded); error != 0) return {error};
   const int32_t mode = parameters != nullptr ? parameters->accessMode : 0;
-  if (mode != hx::HX_ACCESS_READ && mode != hx::HX_ACCESS_UPDATE) return EINVAL;
+  if (mode != hx::HX_ACCESS_READ && mode != hx::HX_ACCESS_UPDATE) return {EINVAL};
   return openHandle(service, encoded, mode == hx::HX_ACCESS_UPDATE, handle);
 } catch (const std::bad_alloc&) {
-  return ENOMEM;
+  return {ENOMEM};
 }
 
 int tryRemove(FileService& service, const char32_t* path, int64_t length) noexcept try {
   std::string encoded;
   if (const int error = encodePathOrFail(path, length, encoded); error != 0) return error;
-  return removeRegularFile(*service.options.ops, encoded);
+  return service.files->remove(encoded);
 } catch (const std::bad_alloc&) {
   return ENOMEM;
 }
@@ -76,7 +79,7 @@ void logFailure(FileService& service, int error, const char* operation, const ch
     described = describePath(path, length);
   } catch (const std::bad_alloc&) {
   }
-  service.failures.record(error, operation, -1, described);
+  service.failures.record({error, operation, -1}, described);
 }
 
 int32_t removalResult(int error) {
@@ -108,8 +111,8 @@ hx::FileHandle* openSlot(hx::FileIo* io, const char32_t* path, int64_t length,
                          int64_t) noexcept {
   FileService& service = toFileService(io);
   hx::FileHandle* handle = nullptr;
-  const int error = tryOpen(service, path, length, parameters, handle);
-  if (error != 0) logFailure(service, error, "open", path, length);
+  const FileOutcome outcome = tryOpen(service, path, length, parameters, handle);
+  if (outcome.error != 0) logFailure(service, outcome.error, outcome.operation, path, length);
   return handle;
 }
 
@@ -128,13 +131,14 @@ int32_t destroySlot(void* object) noexcept {
 
 }  // namespace
 
-hx::FileIo* makeFileService(const FileServiceOptions& options, FailureLog& failures) noexcept {
-  auto* service = new (std::nothrow) FileService(options, failures);
-  if (service == nullptr) return nullptr;
+hx::FileIo* makeFileService(const HostOptions& options, FailureLog& failures) noexcept try {
+  auto* service = new FileService(options, failures);
   service->head = {{'f', 'i', 'o', '1'}, {}, nullptr, nullptr, nullptr, destroySlot};
   service->open = openSlot;
   service->remove = removeSlot;
   return service;
+} catch (const std::bad_alloc&) {
+  return nullptr;
 }
 
 }  // namespace hxhost

@@ -3,24 +3,18 @@
 // A file opened for update that is absent is created, and removed again when it is closed with
 // nothing in it. The handle's path is absolute and free of links; a file whose path can't be given
 // so (longer than 1024 characters, or no UTF-8) does not open. A link is followed by `open` and by
-// `remove`: a store is deleted where its data are, and the link stays.
+// `remove`: a store is deleted where its data are, and the link stays. What else is opened and who
+// is kept out is told in locked_files.h, what an update leaves behind in disk_file.h.
 #pragma once
-
-#include <memory>
 
 #include "host/file_io.h"
 #include "host/linux/failure_log.h"
-#include "host/linux/file_ops.h"
+#include "host/linux/linux_host.h"
 
 namespace hxhost {
 
-struct FileServiceOptions {
-  std::shared_ptr<FileOps> ops;
-  int64_t cacheBytesPerFile;
-};
-
 // Released by its `destroy` slot, which does not close the files that it opened; null without
-// memory. `failures` outlives it and its files.
-hx::FileIo* makeFileService(const FileServiceOptions& options, FailureLog& failures) noexcept;
+// memory. Of `options`, `fileOps` is set. `failures` outlives it and its files.
+hx::FileIo* makeFileService(const HostOptions& options, FailureLog& failures) noexcept;
 
 }  // namespace hxhost

@@ -16,7 +16,7 @@ struct HostServices : hx::HostHandle {
 
   PoolMeter meter;
   FailureLog failures;
-  FileServiceOptions fileOptions;
+  HostOptions fileOptions;
 };
 
 namespace {
@@ -41,9 +41,8 @@ void* loadExtensionSlot(hx::HostHandle* host, const char32_t* name, int64_t leng
 
 }  // namespace
 
-HostServices::HostServices(const HostOptions& options)
-    : hx::HostHandle{}, fileOptions{options.fileOps, options.cacheBytesPerFile} {
-  if (fileOptions.ops == nullptr) fileOptions.ops = makeSystemFileOps();
+HostServices::HostServices(const HostOptions& options) : hx::HostHandle{}, fileOptions(options) {
+  if (fileOptions.fileOps == nullptr) fileOptions.fileOps = makeSystemFileOps();
   head = {{'h', 'o', 's', 't'}, {}, nullptr, nullptr, nullptr, nullptr};
   createLock = createLockSlot;
   createPool = createPoolSlot;
@@ -65,6 +64,10 @@ PoolUse LinuxHost::poolUse() const {
 
 std::optional<FileFailure> LinuxHost::takeFileFailure() {
   return services_->failures.take();
+}
+
+std::optional<FileFailure> LinuxHost::takeFileFailure(std::string_view path) {
+  return services_->failures.take(path);
 }
 
 }  // namespace hxhost

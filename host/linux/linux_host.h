@@ -2,10 +2,12 @@
 // (encodings), behind the function slots of host/kernel.h.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "host/kernel.h"
 
@@ -16,10 +18,23 @@ struct HostServices;
 
 // A file operation that failed.
 struct FileFailure {
-  int error;              // errno
-  std::string operation;  // "open", "read", "write", "close" or "remove"
-  int64_t offset;         // of the first byte that could not be transferred; -1 where none is meant
-  std::string path;       // UTF-8: as given for "open" and "remove", else resolved
+  int error;  // errno; EBUSY when somebody else has the file open, ESTALE when another file's
+              // journal lies beside it
+  // "open" and "remove"; "read" and "write"; of an update's end "sync" (its bytes), "commit" (its
+  // journal's removal) and "close"; "roll back" (to what a file was before an update)
+  std::string operation;
+  int64_t offset;    // of the first byte that could not be transferred; -1 where none is meant
+  std::string path;  // UTF-8: as given for "open" and "remove", else resolved
+  // The update that failed has left the file as it was. When false, of an update that is closed,
+  // the file may be the new one ("commit" and "close"), or will be made what it was by whoever
+  // opens it next.
+  bool rolledBack = false;
+};
+
+// What an update is safe against.
+enum class Durability {
+  full,  // the death of the process, and of the machine
+  none   // of the process alone: nothing waits for the disk
 };
 
 // Memory of all pools of a host. Bytes are those asked for, without the allocator's own.
@@ -35,6 +50,9 @@ struct HostOptions {
   int64_t cacheBytesPerFile = 2 * 1024 * 1024;
   // What the files are made of; null for the system's. Shared with every file of the host.
   std::shared_ptr<FileOps> fileOps;
+  Durability durability = Durability::full;
+  // How long an open and a removal wait for a file that somebody else has open.
+  std::chrono::milliseconds lockWait{0};
 };
 
 // Two hosts share nothing. A host outlives every instance and every object made from it. All
@@ -51,10 +69,13 @@ class LinuxHost {
 
   PoolUse poolUse() const;
 
-  // The failure recorded last, which is forgotten: an open or a removal that failed, or the first
-  // failure of an open file. Only what the disk or the system refused counts, and writes that were
-  // lost; an absent file counts for an open, not for a removal.
+  // The oldest failure, or the oldest of that path, which is forgotten: an open or a removal that
+  // failed, and of an open file the first read that failed and the first of everything else. 64 are
+  // kept, and the oldest goes first. Only what the disk or the system refused counts, and writes
+  // that were lost; an absent file counts for an open, not for a removal. A lost write is told
+  // again at the end of its update, since it takes the whole update with it.
   std::optional<FileFailure> takeFileFailure();
+  std::optional<FileFailure> takeFileFailure(std::string_view path);
 
  private:
   std::unique_ptr<HostServices> services_;

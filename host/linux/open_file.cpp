@@ -37,11 +37,9 @@ int32_t seekSlot(hx::FileHandle* handle, int64_t* position, int32_t whence, int6
 
 }  // namespace
 
-OpenFile::OpenFile(std::shared_ptr<FileOps> ops, RegularFile file, FailureLog& failures,
+OpenFile::OpenFile(LockedFiles& files, FileLease lease, FailureLog& failures,
                    std::u32string_view fullPath, int64_t cacheBytes)
-    : hx::FileHandle{},
-      disk_(std::move(ops), std::move(file), failures),
-      cache_(disk_, cacheBytes) {
+    : hx::FileHandle{}, disk_(files, std::move(lease), failures), cache_(disk_, cacheBytes) {
   head = {{'f', 'i', 'l', 'e'}, {}, nullptr, nullptr, nullptr, nullptr};
   close = closeSlot;
   read = readSlot;
@@ -52,7 +50,7 @@ OpenFile::OpenFile(std::shared_ptr<FileOps> ops, RegularFile file, FailureLog& f
 }
 
 OpenFile::~OpenFile() {
-  cache_.flush();
+  if (!cache_.flush()) disk_.stopWriting();
 }
 
 int32_t OpenFile::readOn(hx::ReadRequest& request, int64_t& count) noexcept {
@@ -70,6 +68,7 @@ int32_t OpenFile::writeOn(const void* source, int64_t count) noexcept {
   if (source == nullptr || count < 0) return kFailed;
   if (!disk_.isWritable() || count > kLastPosition - position_) {
     disk_.noteFailure(disk_.isWritable() ? EFBIG : EBADF, "write", position_);
+    if (disk_.isWritable()) disk_.stopWriting();
     return kFailed;
   }
   if (disk_.hasLostWrite()) return kFailed;

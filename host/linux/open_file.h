@@ -1,7 +1,6 @@
 // The file handle of host/file_io.h: a position in a cached file.
 #pragma once
 
-#include <memory>
 #include <string_view>
 
 #include "host/file_io.h"
@@ -18,10 +17,10 @@ namespace hxhost {
 class OpenFile : public hx::FileHandle {
  public:
   // `fullPath` has at most HX_PATH_CAPACITY characters. Throws std::bad_alloc.
-  OpenFile(std::shared_ptr<FileOps> ops, RegularFile file, FailureLog& failures,
-           std::u32string_view fullPath, int64_t cacheBytes);
+  OpenFile(LockedFiles& files, FileLease lease, FailureLog& failures, std::u32string_view fullPath,
+           int64_t cacheBytes);
 
-  // Puts everything on disk as far as it can be and closes the file.
+  // Completes an update, all of it or nothing, and closes the file.
   ~OpenFile();
 
   int32_t readOn(hx::ReadRequest& request, int64_t& count) noexcept;

@@ -1,5 +1,6 @@
 #include "host/linux/regular_file.h"
 
+#include <algorithm>
 #include <cerrno>
 
 namespace hxhost {
@@ -22,19 +23,11 @@ int refusalOf(const FileInfo& info) {
   return info.isDirectory ? EISDIR : ENOTSUP;
 }
 
-// Where the file that `path` leads to is; an errno when it is absent or not regular. Looking before
-// opening matters: the mere opening of a device or a FIFO has effects.
-int locateRegularFile(FileOps& ops, const std::string& path, std::string& resolved) {
-  if (const int result = ops.resolve(path, resolved); result < 0) return -result;
-  FileInfo info{};
-  if (const int result = ops.inspectPath(resolved, info); result < 0) return -result;
-  return refusalOf(info);
-}
-
 int openAt(FileOps& ops, const std::string& path, OpenMode mode, RegularFile& file) {
   const int number = ops.open(path, mode);
   if (number < 0) return -number;
   file.descriptor = Descriptor(ops, number);
+  file.isWritable = mode != OpenMode::kRead;
   return 0;
 }
 
@@ -52,51 +45,58 @@ int createFile(FileOps& ops, const std::string& path, RegularFile& file) {
   return 0;
 }
 
-int openLocated(FileOps& ops, const std::string& path, bool writable, RegularFile& file) {
-  const int error = locateRegularFile(ops, path, file.path);
-  if (error == ENOENT && writable) return createFile(ops, path, file);
-  if (error != 0) return error;
-  return openAt(ops, file.path, writable ? OpenMode::kUpdate : OpenMode::kRead, file);
+bool isRefusalToWrite(int error) {
+  return error == EACCES || error == EPERM || error == EROFS || error == ETXTBSY;
 }
 
-int examineOpened(FileOps& ops, RegularFile& file) {
-  FileInfo info{};
-  if (const int result = ops.inspect(file.descriptor.number(), info); result < 0) return -result;
-  file.size = info.size;
-  return refusalOf(info);
+// Looking before opening matters: the mere opening of a device or a FIFO has effects.
+int openLocated(FileOps& ops, const std::string& path, Purpose purpose, RegularFile& file) {
+  int error = locateRegularFile(ops, path, file.path, file.info);
+  if (error == ENOENT && purpose == Purpose::kUpdate) return createFile(ops, path, file);
+  if (error != 0) return error;
+  error = openAt(ops, file.path, OpenMode::kUpdate, file);
+  if (purpose != Purpose::kRead || !isRefusalToWrite(error)) return error;
+  return openAt(ops, file.path, OpenMode::kRead, file);
 }
 
 }  // namespace
 
-int openRegularFile(FileOps& ops, const std::string& path, bool writable, RegularFile& file) {
-  file = {};
-  file.isWritable = writable;
-  int error = openLocated(ops, path, writable, file);
-  if (error == 0) error = examineOpened(ops, file);
-  if (error != 0 && file.descriptor.isOpen()) {
-    removeIfLeftEmpty(ops, file);
-    file.descriptor.close();
+int locateRegularFile(FileOps& ops, const std::string& path, std::string& resolved,
+                      FileInfo& info) {
+  if (const int result = ops.resolve(path, resolved); result < 0) return -result;
+  if (const int result = ops.inspectPath(resolved, info); result < 0) return -result;
+  return refusalOf(info);
+}
+
+int openRegularFile(FileOps& ops, const std::string& path, Purpose purpose, RegularFile& file) {
+  if (const int error = openLocated(ops, path, purpose, file); error != 0) return error;
+  const int result = ops.inspect(file.descriptor.number(), file.info);
+  return result < 0 ? -result : refusalOf(file.info);
+}
+
+int inspectAgain(FileOps& ops, RegularFile& file) {
+  if (const int result = ops.inspect(file.descriptor.number(), file.info); result < 0) {
+    return -result;
   }
-  return error;
-}
-
-int removeRegularFile(FileOps& ops, const std::string& path) {
-  std::string resolved;
-  if (const int error = locateRegularFile(ops, path, resolved); error != 0) return error;
-  return -ops.remove(resolved);
-}
-
-int removeIfLeftEmpty(FileOps& ops, const RegularFile& file) {
-  if (!file.wasCreated) return 0;
-  FileInfo opened{};
-  if (const int result = ops.inspect(file.descriptor.number(), opened); result < 0) return -result;
-  if (opened.size != 0) return 0;
   FileInfo there{};
-  const int result = ops.inspectPath(file.path, there);
-  if (result == -ENOENT) return 0;
-  if (result < 0) return -result;
-  if (there.device != opened.device || there.inode != opened.inode) return 0;
+  if (const int result = ops.inspectPath(file.path, there); result < 0) return -result;
+  return isSameFile(there, file.info) ? 0 : ENOENT;
+}
+
+bool isSameFile(const FileInfo& a, const FileInfo& b) {
+  return a.device == b.device && a.inode == b.inode;
+}
+
+int removeIfLeftEmpty(FileOps& ops, RegularFile& file) {
+  if (!file.wasCreated) return 0;
+  const int error = inspectAgain(ops, file);
+  if (error == ENOENT) return 0;
+  if (error != 0 || file.info.size != 0) return error;
   return -ops.remove(file.path);
+}
+
+std::string directoryOf(const std::string& path) {
+  return path.substr(0, std::max<size_t>(path.rfind('/'), 1));
 }
 
 }  // namespace hxhost

@@ -1,5 +1,5 @@
-// Opening and removing regular files, and nothing else, by path. Links are followed, so a store is
-// opened, replaced and deleted where its data are, and the link to it stays.
+// Regular files, and nothing else, by path. Links are followed, so a store is opened, replaced and
+// deleted where its data are, and the link to it stays.
 #pragma once
 
 #include <cstdint>
@@ -33,22 +33,35 @@ class Descriptor {
 // A regular file that was opened.
 struct RegularFile {
   Descriptor descriptor;
-  bool isWritable = false;
+  bool isWritable = false;  // the descriptor
   bool wasCreated = false;  // by this open; unknown, and false, for a file created through a link
   std::string path;         // absolute, without links
-  int64_t size = 0;         // bytes
+  FileInfo info{};          // as it was when last inspected
 };
 
-// 0 and the file, or an errno: EISDIR for a directory, ENOTSUP for anything else that is no regular
-// file, ENOENT for an absent one that is not to be written. Nothing but a regular file is opened,
-// and a file that was created is removed again when the open fails. May throw std::bad_alloc.
-int openRegularFile(FileOps& ops, const std::string& path, bool writable, RegularFile& file);
+// Where the file that `path` leads to is, and what it is. An errno: EISDIR for a directory, ENOTSUP
+// for anything else that is no regular file. May throw std::bad_alloc.
+int locateRegularFile(FileOps& ops, const std::string& path, std::string& resolved, FileInfo& info);
 
-// 0 when removed, else an errno as above. May throw std::bad_alloc.
-int removeRegularFile(FileOps& ops, const std::string& path);
+// What a file is opened for. For an update an absent file is created. For reading it is opened for
+// writing too where the caller may, so that its lock can become an exclusive one.
+enum class Purpose { kRead, kUpdate, kRemove };
 
-// Removes a file that this open created, when it is still empty and still there. 0 also when there
-// was nothing to remove, else an errno. The file is still open.
-int removeIfLeftEmpty(FileOps& ops, const RegularFile& file);
+// 0 and the file, or an errno as above; ENOENT for an absent file that is not to be created. On
+// failure `file` tells whether one was created. May throw std::bad_alloc.
+int openRegularFile(FileOps& ops, const std::string& path, Purpose purpose, RegularFile& file);
+
+// Inspects the open file anew, and whether it is still the one that its path names: 0, ENOENT when
+// it is not, or another errno.
+int inspectAgain(FileOps& ops, RegularFile& file);
+
+bool isSameFile(const FileInfo& a, const FileInfo& b);
+
+// Removes a file that its open created, when it is still empty and still there; it must be locked
+// exclusively, or somebody's first write could go with it. 0 also when there was nothing to remove.
+int removeIfLeftEmpty(FileOps& ops, RegularFile& file);
+
+// The directory of an absolute path.
+std::string directoryOf(const std::string& path);
 
 }  // namespace hxhost

@@ -1,0 +1,200 @@
+#include "host/linux/locked_files.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <thread>
+#include <utility>
+
+#include "host/linux/journal_format.h"
+#include "host/linux/rollback.h"
+
+namespace hxhost {
+namespace {
+
+// The file was replaced, removed or left unfinished while it was being opened.
+constexpr int kTryAgain = -1;
+
+// Whoever replaces files faster than this is not waited for.
+constexpr int kMostAttempts = 100;
+
+constexpr std::chrono::milliseconds kPause{2};
+
+// What was opened and locked may no longer be what the path leads to.
+int checkStillThere(FileOps& ops, RegularFile& file) {
+  const int error = inspectAgain(ops, file);
+  return error == ENOENT ? kTryAgain : error;
+}
+
+template <typename Attempt>
+FileOutcome repeatReplaced(Attempt attempt) {
+  for (int left = kMostAttempts; left > 0; --left) {
+    const FileOutcome outcome = attempt();
+    if (outcome.error != kTryAgain) return outcome;
+  }
+  return {EBUSY};
+}
+
+bool mustRollBack(FileOps& ops, const RegularFile& file) {
+  JournalState state{};
+  return examineJournal(ops, file, state) == 0 && state == JournalState::kHot;
+}
+
+}  // namespace
+
+FileLease& FileLease::operator=(FileLease&& other) noexcept {
+  std::swap(files_, other.files_);
+  std::swap(locked_, other.locked_);
+  std::swap(isUpdate_, other.isUpdate_);
+  return *this;
+}
+
+int FileLease::release() noexcept {
+  if (locked_ == nullptr) return 0;
+  const auto files = std::move(files_);
+  return files->release(*std::exchange(locked_, nullptr), isUpdate_);
+}
+
+FileOutcome LockedFiles::open(const std::string& path, bool forUpdate, FileLease& lease) {
+  const std::lock_guard guard(mutex_);
+  return repeatReplaced([&] { return tryOpen(path, forUpdate, lease); });
+}
+
+FileOutcome LockedFiles::tryOpen(const std::string& path, bool forUpdate, FileLease& lease) {
+  std::string resolved;
+  FileInfo info{};
+  const int error = locateRegularFile(*ops_, path, resolved, info);
+  if (error != 0 && !(error == ENOENT && forUpdate)) return {error};
+  if (LockedFile* known = error == 0 ? find(info) : nullptr) {
+    const FileOutcome outcome = join(*known, path, forUpdate);
+    if (outcome.error == 0) lease = enter(*known, forUpdate);
+    return outcome;
+  }
+  auto locked = std::make_unique<LockedFile>();
+  locked->askedPath = path;
+  files_.reserve(files_.size() + 1);
+  const FileOutcome outcome = openNew(path, forUpdate, locked->file);
+  if (outcome.error != 0) return outcome;
+  files_.push_back(std::move(locked));
+  lease = enter(*files_.back(), forUpdate);
+  return outcome;
+}
+
+FileLease LockedFiles::enter(LockedFile& locked, bool isUpdate) {
+  ++locked.users;
+  locked.hasUpdater |= isUpdate;
+  return {shared_from_this(), locked, isUpdate};
+}
+
+FileOutcome LockedFiles::join(LockedFile& known, const std::string& path, bool forUpdate) {
+  if (known.hasUpdater) return {EBUSY};
+  if (!forUpdate) {
+    if (known.askedPath != path) known.askedPath.clear();
+    return {};
+  }
+  if (known.askedPath != path) return {EBUSY};
+  if (!known.file.isWritable) return {EACCES};
+  const FileOutcome outcome = lockAndRecover(known.file);
+  if (outcome.error != 0) acquire(known.file, LockKind::kShared);
+  return outcome;
+}
+
+FileOutcome LockedFiles::openNew(const std::string& path, bool forUpdate, RegularFile& file) {
+  const int error =
+      openRegularFile(*ops_, path, forUpdate ? Purpose::kUpdate : Purpose::kRead, file);
+  FileOutcome outcome{error};
+  if (error == 0) outcome = forUpdate ? lockAndRecover(file) : lockForReading(file);
+  if (outcome.error != 0 && outcome.error != kTryAgain) dropCreated(file);
+  return outcome;
+}
+
+// Whether there is something to roll back is known only under the lock. But readers that find it
+// out there would stand in each other's way to the exclusive lock, so they look before, too.
+FileOutcome LockedFiles::lockForReading(RegularFile& file) {
+  if (file.isWritable && mustRollBack(*ops_, file)) {
+    const FileOutcome outcome = lockAndRecover(file);
+    return outcome.error != 0 ? outcome : FileOutcome{acquire(file, LockKind::kShared)};
+  }
+  int error = acquire(file, LockKind::kShared);
+  if (error == 0) error = checkStillThere(*ops_, file);
+  if (error != 0) return {error};
+  JournalState state{};
+  error = examineJournal(*ops_, file, state);
+  if (error == 0 && state == JournalState::kHot) error = file.isWritable ? kTryAgain : EACCES;
+  return {error, "roll back"};
+}
+
+FileOutcome LockedFiles::lockAndRecover(RegularFile& file) {
+  int error = acquire(file, LockKind::kExclusive);
+  if (error == 0) error = checkStillThere(*ops_, file);
+  if (error != 0) return {error};
+  error = recoverFile(*ops_, file, durability_);
+  if (error == 0) error = checkStillThere(*ops_, file);
+  return {error, "roll back"};
+}
+
+// One that another opening has locked meanwhile is theirs.
+void LockedFiles::dropCreated(RegularFile& file) {
+  if (!file.wasCreated || !file.descriptor.isOpen()) return;
+  if (ops_->lock(file.descriptor.number(), LockKind::kExclusive) == 0) {
+    removeIfLeftEmpty(*ops_, file);
+  }
+}
+
+int LockedFiles::acquire(const RegularFile& file, LockKind kind) {
+  const auto deadline = std::chrono::steady_clock::now() + wait_;
+  for (;;) {
+    const int result = ops_->lock(file.descriptor.number(), kind);
+    if (result != -EAGAIN) return -result;
+    if (std::chrono::steady_clock::now() >= deadline) return EBUSY;
+    std::this_thread::sleep_for(kPause);
+  }
+}
+
+int LockedFiles::remove(const std::string& path) {
+  const std::lock_guard guard(mutex_);
+  return repeatReplaced([&] { return FileOutcome{tryRemove(path)}; }).error;
+}
+
+int LockedFiles::tryRemove(const std::string& path) {
+  RegularFile file;
+  int error = locateRegularFile(*ops_, path, file.path, file.info);
+  if (error != 0) return error;
+  if (find(file.info) != nullptr) return EBUSY;
+  error = openRegularFile(*ops_, path, Purpose::kRemove, file);
+  if (error == 0) error = acquire(file, LockKind::kExclusive);
+  if (error == 0) error = checkStillThere(*ops_, file);
+  return error != 0 ? error : removeLocked(file);
+}
+
+// The file goes first, on disk too: without its journal, half an update would pass for a store. And
+// whoever creates the next file there must not find the old one again after a power cut, beside a
+// journal that tells of the new one.
+int LockedFiles::removeLocked(const RegularFile& file) {
+  if (const int result = ops_->remove(file.path); result < 0) return -result;
+  if (durability_ == Durability::full) {
+    const int result = ops_->syncDirectory(directoryOf(file.path));
+    if (result < 0) return -result;
+  }
+  const int result = ops_->remove(journalPathOf(file.path));
+  return result == -ENOENT || result == -ENAMETOOLONG ? 0 : -result;
+}
+
+int LockedFiles::release(LockedFile& locked, bool wasUpdate) noexcept {
+  const std::lock_guard guard(mutex_);
+  if (wasUpdate) locked.hasUpdater = false;
+  if (--locked.users > 0) {
+    return wasUpdate ? -ops_->lock(locked.file.descriptor.number(), LockKind::kShared) : 0;
+  }
+  const int error = locked.file.descriptor.close();
+  std::erase_if(files_, [&](const auto& file) { return file.get() == &locked; });
+  return error;
+}
+
+LockedFile* LockedFiles::find(const FileInfo& info) {
+  const auto found = std::find_if(files_.begin(), files_.end(), [&](const auto& locked) {
+    return isSameFile(locked->file.info, info);
+  });
+  return found == files_.end() ? nullptr : found->get();
+}
+
+}  // namespace hxhost

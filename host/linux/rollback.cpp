@@ -1,0 +1,127 @@
+#include "host/linux/rollback.h"
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+
+#include "host/linux/journal_format.h"
+#include "host/linux/transfer.h"
+
+namespace hxhost {
+namespace {
+
+// 0 also when there is none: then nothing is open.
+int openJournal(FileOps& ops, const std::string& path, Descriptor& journal) {
+  FileInfo info{};
+  const int looked = ops.inspectPath(path, info);
+  if (looked == -ENOENT || looked == -ENAMETOOLONG) return 0;
+  if (looked < 0) return -looked;
+  if (!info.isRegular) return ENOTSUP;
+  const int number = ops.open(path, OpenMode::kRead);
+  if (number == -ENOENT) return 0;
+  if (number < 0) return -number;
+  journal = Descriptor(ops, number);
+  const int result = ops.inspect(number, info);
+  if (result < 0) return -result;
+  return info.isRegular ? 0 : ENOTSUP;
+}
+
+// A header that is not there whole is all zeros.
+int readHeader(FileOps& ops, int journal, JournalHeader& header) {
+  const Transfer transfer = readAll(ops, journal, &header, kJournalHeaderBytes, 0);
+  if (transfer.error != 0) return transfer.error;
+  if (transfer.count < kJournalHeaderBytes || !isWhole(header)) header = {};
+  return 0;
+}
+
+// An empty file can't be the rest of one that was longer, since updates never shorten a file: it
+// was made anew. One that the update created may well be empty still.
+int judge(const JournalHeader& header, const RegularFile& file, JournalState& state) {
+  state = JournalState::kSpent;
+  if (!isWhole(header)) return 0;
+  const bool isOfThisFile = header.inode == file.info.inode;
+  const bool wasCreated = (header.flags & kFileCreated) != 0;
+  if (file.info.size == 0 && !(isOfThisFile && wasCreated)) return 0;
+  if (header.version != kJournalVersion) return ENOTSUP;
+  if (!isOfThisFile || file.info.size < header.fileLength) return ESTALE;
+  state = JournalState::kHot;
+  return 0;
+}
+
+int examineOpened(FileOps& ops, const Descriptor& journal, const RegularFile& file,
+                  JournalState& state) {
+  state = JournalState::kNone;
+  if (!journal.isOpen()) return 0;
+  JournalHeader header{};
+  const int error = readHeader(ops, journal.number(), header);
+  return error != 0 ? error : judge(header, file, state);
+}
+
+// Puts the blocks back, up to the first record that is not whole.
+int restoreBlocks(FileOps& ops, int journal, const JournalHeader& header, int file) {
+  std::array<std::byte, kJournalBlockBytes> block;
+  for (int64_t position = kJournalHeaderBytes;;) {
+    JournalRecord record{};
+    Transfer transfer = readAll(ops, journal, &record, sizeof(record), position);
+    if (transfer.error != 0) return transfer.error;
+    if (!isSound(record, header)) return 0;  // the end, too: then it is zero, or short of itself
+    position += transfer.count;
+    transfer = readAll(ops, journal, block.data(), record.length, position);
+    if (transfer.error != 0) return transfer.error;
+    if (transfer.count < record.length) return 0;
+    if (record.checksum != checksumOf(record, block.data(), header.salt)) return 0;
+    position += record.length;
+    transfer = writeAll(ops, file, block.data(), record.length, record.offset);
+    if (transfer.count < record.length) return transfer.reason();
+  }
+}
+
+// A created file is emptied first: its name may outlive a power cut that its journal's does not,
+// and an empty file is no store.
+int restoreLength(FileOps& ops, const JournalHeader& header, RegularFile& file,
+                  Durability durability) {
+  const int number = file.descriptor.number();
+  if (const int result = ops.inspect(number, file.info); result < 0) return -result;
+  if (file.info.size > header.fileLength) {
+    if (const int result = ops.truncate(number, header.fileLength); result < 0) return -result;
+  }
+  if (durability == Durability::full) {
+    if (const int result = ops.sync(number); result < 0) return -result;
+  }
+  if ((header.flags & kFileCreated) == 0) return 0;
+  const int error = inspectAgain(ops, file);
+  if (error != 0) return error == ENOENT ? 0 : error;
+  return -ops.remove(file.path);
+}
+
+}  // namespace
+
+int examineJournal(FileOps& ops, const RegularFile& file, JournalState& state) {
+  Descriptor journal;
+  const int error = openJournal(ops, journalPathOf(file.path), journal);
+  return error != 0 ? error : examineOpened(ops, journal, file, state);
+}
+
+int recoverFile(FileOps& ops, RegularFile& file, Durability durability) {
+  const std::string path = journalPathOf(file.path);
+  Descriptor journal;
+  JournalState state{};
+  int error = openJournal(ops, path, journal);
+  if (error == 0) error = examineOpened(ops, journal, file, state);
+  if (error != 0 || state == JournalState::kNone) return error;
+  if (state == JournalState::kHot) {
+    error = applyJournal(ops, journal.number(), file, durability);
+    if (error != 0) return error;
+  }
+  return -ops.remove(path);
+}
+
+int applyJournal(FileOps& ops, int journal, RegularFile& file, Durability durability) noexcept {
+  JournalHeader header{};
+  if (const int error = readHeader(ops, journal, header); error != 0) return error;
+  if (!isWhole(header)) return EIO;
+  const int error = restoreBlocks(ops, journal, header, file.descriptor.number());
+  return error != 0 ? error : restoreLength(ops, header, file, durability);
+}
+
+}  // namespace hxhost

@@ -1,0 +1,46 @@
+// The real module on the real host, over any disk: what crash tests do to a store, and what they
+// find in one.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "host/linux/linux_host.h"
+#include "module/entry.h"
+#include "store/status.h"
+
+namespace hxtest {
+
+class CrashSession {
+ public:
+  explicit CrashSession(const hxhost::HostOptions& options);
+  ~CrashSession();
+  CrashSession(const CrashSession&) = delete;
+  CrashSession& operator=(const CrashSession&) = delete;
+
+  // Null with the reason in `status`.
+  hx::Store* open(std::u32string_view path, uint32_t flags);
+  void close(hx::Store* store) { store->closeStore(store); }
+
+  // Appends to an item of the store, or of nested stores ("a/b"), which are created as needed.
+  void append(hx::Store* store, std::string_view path, const std::string& bytes);
+
+  // Everything in the tree, names and bytes, whatever the order of the members; a member that can't
+  // be read whole is an "!".
+  std::string describe(hx::Store* store);
+
+  // Opens, describes and closes the store. "absent" when there is none, "status n" when it does not
+  // open.
+  std::string look(std::u32string_view path, uint32_t flags = hx::kRead);
+
+  hxhost::LinuxHost host;
+  hx::ExtensionInstance* module = nullptr;
+  int32_t status = 0;
+
+ private:
+  std::string nestedIn(hx::Store* store, std::u32string_view name);
+  std::string bytesIn(hx::Store* store, std::u32string_view name);
+};
+
+}  // namespace hxtest

@@ -1,0 +1,255 @@
+#include "tests/crash_states.h"
+
+#include <algorithm>
+#include <cstring>
+#include <set>
+
+#include "host/linux/journal_format.h"
+
+namespace hxtest {
+namespace {
+
+std::string bytesFor(size_t count, char first) {
+  std::string bytes(count, first);
+  for (size_t i = 0; i < count; ++i)
+    bytes[i] = static_cast<char>(first + static_cast<char>(i * 7 / 5 % 23));
+  return bytes;
+}
+
+// 512 bytes a page, and items enough for a file of several blocks of the journal.
+void create(CrashSession& session, hx::Store* store) {
+  store->setPageSize(store, 512);
+  session.append(store, "first", bytesFor(100, 'a'));
+  session.append(store, "empty", "");
+  session.append(store, "nested/inner", bytesFor(600, 'A'));
+}
+
+void fill(CrashSession& session, hx::Store* store) {
+  session.append(store, "large", bytesFor(9000, '!'));
+  session.append(store, "last", bytesFor(300, 'k'));
+}
+
+void appendToItems(CrashSession& session, hx::Store* store) {
+  session.append(store, "first", bytesFor(700, 'b'));
+  session.append(store, "last", bytesFor(50, 'm'));
+}
+
+void addAndNest(CrashSession& session, hx::Store* store) {
+  session.append(store, "added", bytesFor(30, '0'));
+  session.append(store, "nested/deeper/innermost", bytesFor(520, 'C'));
+}
+
+// Files are not modified beyond what the disk lets through: `disk` outlives every host over it.
+std::shared_ptr<hxhost::FileOps> borrow(SimulatedDisk& disk) {
+  return {&disk, [](hxhost::FileOps*) {}};
+}
+
+// The rules of order, looked at before each operation of one update.
+class OrderRules {
+ public:
+  OrderRules(const SimulatedDisk& disk, const DiskImage& before) : disk_(disk) {
+    const auto found = before.files.find(kCrashFile);
+    if (found != before.files.end()) before_ = found->second.bytes;
+  }
+
+  // Empty, or the rule that would be broken.
+  std::string check(DiskOperation operation, const std::string& path, int64_t offset,
+                    int64_t count) const {
+    if (operation == DiskOperation::kUnlink && path == kCrashJournal) {
+      const bool hasPending = disk_.hasPending(disk_.live().files.at(kCrashFile).inode);
+      return hasPending ? "the journal goes before the data are on disk" : "";
+    }
+    if (operation != DiskOperation::kWrite || path != kCrashFile) return "";
+    return checkWrite(offset, offset + count);
+  }
+
+ private:
+  std::string checkWrite(int64_t from, int64_t to) const {
+    const DiskImage synced = disk_.synced();
+    const auto journal = synced.files.find(kCrashJournal);
+    if (journal == synced.files.end()) return "the file changes before the journal has a name";
+    const std::set<int64_t> recorded = recordedBlocks(journal->second.bytes);
+    if (recorded.count(-1) == 0) return "the file changes before the journal's header is on disk";
+    constexpr int64_t kBlock = hxhost::kJournalBlockBytes;
+    for (int64_t at = from / kBlock * kBlock; at < std::min(to, std::ssize(before_));
+         at += kBlock) {
+      if (recorded.count(at) == 0) return "a block changes before its record is on disk";
+    }
+    return "";
+  }
+
+  // Where the blocks lie that the journal has as they were, and -1 for its header.
+  std::set<int64_t> recordedBlocks(const DiskBytes& journal) const {
+    std::set<int64_t> blocks;
+    hxhost::JournalHeader header{};
+    if (journal.size() < sizeof(header)) return blocks;
+    std::memcpy(&header, journal.data(), sizeof(header));
+    if (!hxhost::isWhole(header) || header.fileLength != std::ssize(before_)) return blocks;
+    blocks.insert(-1);
+    hxhost::JournalRecord record{};
+    for (size_t at = sizeof(header); at + sizeof(record) <= journal.size();) {
+      std::memcpy(&record, journal.data() + at, sizeof(record));
+      at += sizeof(record);
+      const auto length = static_cast<size_t>(record.length);
+      if (!hxhost::isSound(record, header) || at + length > journal.size()) break;
+      if (std::memcmp(journal.data() + at, before_.data() + record.offset, length) == 0) {
+        blocks.insert(record.offset);
+      }
+      at += length;
+    }
+    return blocks;
+  }
+
+  const SimulatedDisk& disk_;
+  DiskBytes before_;
+};
+
+class CrashExplorer {
+ public:
+  CrashExplorer(const CrashScenario& scenario, const CrashSettings& settings)
+      : scenario_(scenario), settings_(settings), random_(settings.seed) {}
+
+  CrashReport explore() {
+    for (size_t step = scenario_.firstCut; step < scenario_.steps.size(); ++step) {
+      exploreStep(diskBefore(scenario_, step), diskBefore(scenario_, step + 1), step);
+    }
+    return report_;
+  }
+
+ private:
+  void exploreStep(const DiskImage& before, const DiskImage& after, size_t step) {
+    const std::set<std::string> either = {lookAt(before), lookAt(after)};
+    SimulatedDisk disk(before);
+    const OrderRules rules(disk, before);
+    disk.watch = [&](DiskOperation operation, const std::string& path, int64_t offset,
+                     int64_t count) {
+      const std::string broken = rules.check(operation, path, offset, count);
+      if (!broken.empty()) fail(broken);
+      if (operation != DiskOperation::kRead && operation != DiskOperation::kOther) {
+        cutPower(disk, either, true);
+      }
+    };
+    hxhost::HostOptions options = hostOver(disk, settings_.cacheBytes);
+    options.durability = settings_.durability;
+    CrashSession session(options);
+    if (!runCrashStep(session, scenario_.steps[step])) fail("the store did not open");
+    disk.watch = nullptr;
+    cutPower(disk, {lookAt(after)}, true);
+  }
+
+  void cutPower(const SimulatedDisk& disk, const std::set<std::string>& allowed, bool isFirst) {
+    ++report_.cuts;
+    const size_t count = disk.pending().size();
+    std::vector<Fate> fates(count, Fate::kKept);
+    const int exhaustive = isFirst ? settings_.exhaustive : settings_.exhaustive / 3;
+    if (std::ssize(fates) > exhaustive) return sample(disk, fates, allowed, isFirst);
+    for (uint32_t kept = 0; kept < 1u << count; ++kept) {
+      for (const Fate lost : {Fate::kDropped, Fate::kTorn}) {
+        for (size_t i = 0; i < count; ++i)
+          fates[i] = (kept >> i & 1) != 0 ? Fate::kKept : lost;
+        examine(disk.afterPowerCut(fates, random_), allowed, isFirst);
+      }
+    }
+  }
+
+  void sample(const SimulatedDisk& disk, std::vector<Fate>& fates,
+              const std::set<std::string>& allowed, bool isFirst) {
+    examine(disk.afterPowerCut(fates, random_), allowed, isFirst);
+    for (int i = 0; i < (isFirst ? settings_.samples : settings_.samples / 4 + 1); ++i) {
+      const uint32_t odds = random_() % 8 + 1;
+      for (Fate& fate : fates)
+        fate = random_() % 9 < odds ? Fate::kKept
+               : random_() % 2 == 0 ? Fate::kDropped
+                                    : Fate::kTorn;
+      examine(disk.afterPowerCut(fates, random_), allowed, isFirst);
+    }
+  }
+
+  void examine(const DiskImage& image, const std::set<std::string>& allowed, bool isFirst) {
+    ++report_.states;
+    report_.rollbackStates += !isFirst;
+    SimulatedDisk disk(image);
+    const bool isCutAgain = isFirst && image.files.count(kCrashJournal) != 0 &&
+                            ++journals_ % static_cast<uint64_t>(settings_.rollbackEvery) == 0;
+    if (isCutAgain) {
+      disk.watch = [&](DiskOperation operation, const std::string&, int64_t, int64_t) {
+        if (operation == DiskOperation::kRead || operation == DiskOperation::kOther) return;
+        cutPower(disk, allowed, false);
+      };
+    }
+    const std::string found = lookAt(disk, report_.states % 8 == 0 ? hx::kUpdate : hx::kRead);
+    if (allowed.count(found) == 0) fail("found " + found.substr(0, 200));
+    if (isCutAgain) cutPower(disk, allowed, false);
+  }
+
+  void fail(const std::string& what) {
+    if (report_.failures++ != 0) return;
+    report_.firstFailure = std::string(scenario_.name) + ", seed " +
+                           std::to_string(settings_.seed) + ", cut " +
+                           std::to_string(report_.cuts) + ": " + what;
+  }
+
+  const CrashScenario& scenario_;
+  const CrashSettings settings_;
+  std::mt19937 random_;
+  uint64_t journals_ = 0;
+  CrashReport report_;
+};
+
+}  // namespace
+
+const std::vector<CrashScenario>& crashScenarios() {
+  static const std::vector<CrashScenario> kScenarios = {
+      {"create", {create}, 0},
+      {"append", {create, fill, appendToItems}, 2},
+      {"add and nest", {create, fill, addAndNest}, 2},
+      {"update twice", {create, fill, addAndNest, appendToItems}, 2}};
+  return kScenarios;
+}
+
+void CrashReport::add(const CrashReport& other) {
+  states += other.states;
+  rollbackStates += other.rollbackStates;
+  cuts += other.cuts;
+  failures += other.failures;
+  if (firstFailure.empty()) firstFailure = other.firstFailure;
+}
+
+CrashReport exploreCrashes(const CrashScenario& scenario, const CrashSettings& settings) {
+  return CrashExplorer(scenario, settings).explore();
+}
+
+DiskImage diskBefore(const CrashScenario& scenario, size_t step) {
+  SimulatedDisk disk;
+  for (size_t i = 0; i < step; ++i) {
+    CrashSession session(hostOver(disk));
+    runCrashStep(session, scenario.steps[i]);
+  }
+  return disk.live();
+}
+
+bool runCrashStep(CrashSession& session, CrashStep step) {
+  hx::Store* store = session.open(kCrashStore, hx::kUpdate | hx::kCreate);
+  if (store == nullptr) return false;
+  step(session, store);
+  session.close(store);
+  return true;
+}
+
+hxhost::HostOptions hostOver(SimulatedDisk& disk, int64_t cacheBytes) {
+  hxhost::HostOptions options;
+  options.cacheBytesPerFile = cacheBytes;
+  options.fileOps = borrow(disk);
+  return options;
+}
+
+std::string lookAt(SimulatedDisk& disk, uint32_t flags) {
+  return CrashSession(hostOver(disk)).look(kCrashStore, flags);
+}
+
+std::string lookAt(const DiskImage& image) {
+  SimulatedDisk disk(image);
+  return lookAt(disk);
+}
+
+}  // namespace hxtest
