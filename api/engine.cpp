@@ -1,8 +1,9 @@
 #include "engine.h"
 
-#include <algorithm>
+#include <filesystem>
 #include <utility>
 
+#include "host/linux/path_codec.h"
 #include "module_library.h"
 
 namespace hxcrate {
@@ -11,16 +12,34 @@ namespace {
 
 FileFailure translate(hxhost::FileFailure failure) {
   return {std::move(failure.operation), std::move(failure.path), failure.offset,
-          std::error_code(failure.error, std::system_category())};
+          std::error_code(failure.error, std::system_category()), failure.rolledBack};
+}
+
+hxhost::HostOptions hostOptionsOf(const SessionOptions& options) {
+  hxhost::HostOptions hostOptions;
+  hostOptions.lockWait = options.lockWait;
+  hostOptions.durability =
+      options.durability == Durability::full ? hxhost::Durability::full : hxhost::Durability::none;
+  return hostOptions;
 }
 
 }  // namespace
 
 Engine::Engine(SessionOptions options)
-    : options_(std::move(options)), module_(makeModuleInstance(host_.handle())) {}
+    : options_(std::move(options)),
+      host_(hostOptionsOf(options_)),
+      module_(makeModuleInstance(host_.handle())) {}
 
 Engine::~Engine() {
   module_->destroy(module_);
+}
+
+std::shared_ptr<hx::Pool> Engine::makePool(std::shared_ptr<Engine> self) {
+  constexpr std::uint8_t kNoParameters[24] = {};
+  hx::HostHandle* host = self->host();
+  hx::Pool* pool = host->createPool(host, kNoParameters, 0, "Blob");
+  if (pool == nullptr) throw std::bad_alloc();
+  return {pool, [self = std::move(self)](hx::Pool* unused) { unused->head.destroy(unused); }};
 }
 
 MemoryUse Engine::memoryUse() const {
@@ -28,30 +47,32 @@ MemoryUse Engine::memoryUse() const {
   return {use.bytes, use.blocks, use.peakBytes};
 }
 
-std::optional<FileFailure> Engine::takeOpenFailure(const std::string& path) {
-  return takeFailure(path, true);
-}
-
-std::optional<FileFailure> Engine::takeTransferFailure(const std::string& path) {
-  return takeFailure(path, false);
-}
-
-// A failure without a path (there was no memory for it) is told to whoever asks first.
-std::optional<FileFailure> Engine::takeFailure(const std::string& path, bool ofOpening) {
-  const std::lock_guard guard(failuresMutex_);
-  while (std::optional<hxhost::FileFailure> failure = host_.takeFileFailure()) {
-    failures_.push_back(translate(*std::move(failure)));
+std::optional<FileFailure> Engine::takeFailure(const std::string& path) {
+  std::optional<FileFailure> worst;
+  // One without a path, which there was no memory for, is told to whoever asks first.
+  for (const std::string& known : {path, std::string()}) {
+    while (std::optional<hxhost::FileFailure> next = host_.takeFileFailure(known)) {
+      if (!worst || worst->operation == "read") worst = translate(*std::move(next));
+    }
   }
-  const auto isWanted = [&](const FileFailure& failure) {
-    const bool isOfOpening = failure.operation == "open" || failure.operation == "remove";
-    return isOfOpening == ofOpening && (failure.path.empty() || failure.path == path);
-  };
-  const auto found = std::find_if(failures_.begin(), failures_.end(), isWanted);
-  if (found == failures_.end()) return std::nullopt;
-  FileFailure first = std::move(*found);
-  failures_.erase(found);
-  std::erase_if(failures_, isWanted);
-  return first;
+  return worst;
+}
+
+// Of the open, or of the reading that the open did.
+void Engine::failOpening(const std::string& path, const std::u32string& wide, Errc code) {
+  const std::string asked = hxhost::describePath(wide.data(), static_cast<int64_t>(wide.size()));
+  std::optional<FileFailure> failure = takeFailure(asked);
+  if (!failure) {
+    std::error_code ignored;
+    failure = takeFailure(std::filesystem::weakly_canonical(asked, ignored).string());
+  }
+  if (code == Errc::notFound) code = failure ? Errc::fileNotOpen : Errc::notAStore;
+  if (!failure) throw Error(code, path, "");
+  if (failure->reason == std::errc::no_such_file_or_directory) {
+    throw Error(Errc::notFound, path, "");
+  }
+  if (failure->reason == std::errc::device_or_resource_busy) code = Errc::storeInUse;
+  throw Error(code, path, "", *failure);
 }
 
 void Engine::reportUnreported(const Error& error) noexcept {

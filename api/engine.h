@@ -1,11 +1,11 @@
 // What stands behind a session: the host and the module's instance.
 #pragma once
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include "host/linux/linux_host.h"
 #include "hxcrate/error.hpp"
@@ -25,30 +25,37 @@ class Engine {
   Engine& operator=(const Engine&) = delete;
 
   hx::ExtensionInstance* module() const { return module_; }
+  hx::HostHandle* host() { return host_.handle(); }
   MemoryUse memoryUse() const;
+
+  // A pool of its own, which holds the engine `self` that it came from. Throws std::bad_alloc.
+  static std::shared_ptr<hx::Pool> makePool(std::shared_ptr<Engine> self);
 
   // Held around the open and the close of a store file, so that what the file service reports
   // afterwards belongs to that call.
   std::mutex& openingMutex() { return openingMutex_; }
 
-  // The first failure to open or remove the file that was asked for as `path`, or to read or write
-  // the one that lies at `path`; all of them are forgotten. Those of other files are kept for
-  // whoever has them open.
-  std::optional<FileFailure> takeOpenFailure(const std::string& path);
-  std::optional<FileFailure> takeTransferFailure(const std::string& path);
+  // A failure of the file that the file service knows by this path, as it was asked for in an open
+  // or a removal and resolved in all else: what an update was lost by, if there is that, else the
+  // oldest. All of them are forgotten; the loss of an update is told anew at its end.
+  std::optional<FileFailure> takeFailure(const std::string& path);
+
+  // Throws why the file service did not open the file `wide`, which was asked for as `path`: `code`
+  // unless there is no such file.
+  [[noreturn]] void failOpening(const std::string& path, const std::u32string& wide, Errc code);
+
+  // A number that no other store in memory has.
+  unsigned numberStoreInMemory() { return storesInMemory_++; }
 
   // For destructors: the session's hook, if there is one.
   void reportUnreported(const Error& error) noexcept;
 
  private:
-  std::optional<FileFailure> takeFailure(const std::string& path, bool ofOpening);
-
   SessionOptions options_;
   hxhost::LinuxHost host_;
   hx::ExtensionInstance* module_;
+  std::atomic<unsigned> storesInMemory_{0};
   std::mutex openingMutex_;
-  std::mutex failuresMutex_;
-  std::vector<FileFailure> failures_;  // taken from the host, not yet asked for; the oldest first
 };
 
 }  // namespace hxcrate

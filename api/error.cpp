@@ -1,5 +1,6 @@
 #include "hxcrate/error.hpp"
 
+#include <cerrno>
 #include <optional>
 #include <utility>
 
@@ -37,10 +38,12 @@ constexpr Meaning kMeanings[] = {
     {3, "an item ends at 2147483647 bytes", std::errc::file_too_large},
     {4, "the module can't be loaded", kNoCondition},
     {5, "the file service failed", std::errc::io_error},
-    {6, "too short to be a store, and not empty", kNoCondition},
+    {6, "too short to be a store", kNoCondition},
     {7, "a page has at least one byte", std::errc::invalid_argument},
     {8, "closed already", std::errc::bad_file_descriptor},
     {9, "members of the store are still open", std::errc::device_or_resource_busy},
+    {10, "only a whole store that was created in memory becomes a blob",
+     std::errc::invalid_argument},
     {hx::HX_REMOVE_NO_PERMISSION, "no permission to remove the store's file",
      std::errc::permission_denied},
     {hx::HX_REMOVE_IN_USE, "the store's file is in use", std::errc::device_or_resource_busy},
@@ -74,7 +77,10 @@ class Category final : public std::error_category {
 std::string describe(const FileFailure& failure) {
   std::string text = failure.operation;
   if (failure.offset >= 0) text += " at byte " + std::to_string(failure.offset);
-  return text + ": " + failure.reason.message();
+  const bool isJournal = failure.reason == std::errc(ESTALE);
+  text += ": " + (isJournal ? "the journal beside it is another file's" : failure.reason.message());
+  if (failure.rolledBack) text += "; the store is as it was";
+  return text;
 }
 
 }  // namespace

@@ -5,11 +5,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <filesystem>
 #include <utility>
 
 #include "engine.h"
-#include "host/linux/path_codec.h"
+#include "mapped_file.h"
 #include "member_path.h"
 #include "store/status.h"
 #include "tree.h"
@@ -113,24 +112,7 @@ class FileOpener {
     throw Error(Errc::fileNotOpen, path_, "", FileFailure{"stat", path_, -1, lastSystemError()});
   }
 
-  [[noreturn]] void fail() {
-    Errc code = static_cast<Errc>(status_);
-    std::optional<FileFailure> failure = takeFailure();
-    if (code == Errc::notFound) code = failure ? Errc::fileNotOpen : Errc::notAStore;
-    if (!failure) throw Error(code, path_, "");
-    if (failure->reason == std::errc::no_such_file_or_directory) {
-      throw Error(Errc::notFound, path_, "");
-    }
-    throw Error(code, path_, "", *failure);
-  }
-
-  // Of the open, or of the reading that the open did.
-  std::optional<FileFailure> takeFailure() {
-    const std::string asked = hxhost::describePath(wide_.data(), length());
-    if (std::optional<FileFailure> failure = engine_.takeOpenFailure(asked)) return failure;
-    std::error_code ignored;
-    return engine_.takeTransferFailure(std::filesystem::weakly_canonical(asked, ignored).string());
-  }
+  [[noreturn]] void fail() { engine_.failOpening(path_, wide_, static_cast<Errc>(status_)); }
 
   std::int32_t length() const { return static_cast<std::int32_t>(wide_.size()); }
 
@@ -140,6 +122,22 @@ class FileOpener {
   OpenOptions options_;
   std::int32_t status_ = 0;
 };
+
+constexpr std::size_t kShortestStore = 40;  // a header
+
+// The store over `bytes`, which `owner` keeps where they are; null: the caller does.
+std::shared_ptr<Tree> openBytes(std::shared_ptr<Engine> engine, std::span<const std::byte> bytes,
+                                const std::string& name, std::shared_ptr<const void> owner) {
+  if (bytes.size() < kShortestStore) throw Error(Errc::notAStore, name, "");
+  const std::u32string wide = widenName(name);
+  std::int32_t status = hx::kOk;
+  hx::ExtensionInstance* module = engine->module();
+  hx::Store* root =
+      module->openStoreFromMemory(module, bytes.data(), bytes.size(), wide.data(),
+                                  static_cast<std::int32_t>(wide.size()), hx::kRead, &status);
+  if (root == nullptr) throw Error(static_cast<Errc>(status), name, "");
+  return std::make_shared<Tree>(std::move(engine), root, name, false, std::move(owner));
+}
 
 }  // namespace
 
@@ -157,6 +155,38 @@ Store Session::open(const std::string& path, Mode mode, OpenOptions options) {
   const std::error_code damage = store.damage();
   if (damage && !options.acceptDamaged) tree->fail(damage.value(), "");
   return store;
+}
+
+// The module keeps all of the name, blobs what follows its last separator. The number tells stores
+// in memory apart, however they are called, and from files, whose paths begin with a separator.
+Store Session::createInMemory(const std::string& name, std::int32_t pageSize) {
+  if (pageSize < 0) throw Error(Errc::badPageSize, name, "");
+  const std::u32string wide =
+      widenName(std::to_string(engine_->numberStoreInMemory()) + "/" + name);
+  std::int32_t status = hx::kOk;
+  hx::ExtensionInstance* module = engine_->module();
+  hx::Store* root =
+      module->openStore(module, nullptr, wide.data(), static_cast<std::int32_t>(wide.size()),
+                        hx::kUpdate | hx::kCreate | hx::kExclusive | hx::kNoFile, &status);
+  if (root == nullptr) throw Error(static_cast<Errc>(status), name, "");
+  if (pageSize != 0) root->setPageSize(root, pageSize);
+  const auto tree = std::make_shared<Tree>(engine_, root, name, true);
+  return {tree, root, ""};
+}
+
+Store Session::openBlob(std::span<const std::byte> bytes, const std::string& name) {
+  const std::shared_ptr<Tree> tree = openBytes(engine_, bytes, name, nullptr);
+  return {tree, tree->root(), ""};
+}
+
+Store Session::openMapped(const std::string& path) {
+  std::shared_ptr<const MappedFile> file;
+  {
+    const std::lock_guard guard(engine_->openingMutex());
+    file = std::make_shared<const MappedFile>(engine_, path);
+  }
+  const std::shared_ptr<Tree> tree = openBytes(engine_, file->bytes(), path, file);
+  return {tree, tree->root(), ""};
 }
 
 MemoryUse Session::memoryUse() const {

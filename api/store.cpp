@@ -196,6 +196,16 @@ MemberRange Store::members() const {
   return {tree_, store(), place_};
 }
 
+Blob Store::makeBlob() {
+  hx::Store* source = store();
+  if (!hx::isRoot(source) || !tree_->isInMemory()) throw Error(Errc::noBlob, path(), place_);
+  std::shared_ptr<hx::Pool> pool = Engine::makePool(tree_->sharedEngine());
+  std::uint64_t size = 0;
+  const void* start = source->createBlobFromStore(source, &size, pool.get());
+  if (start == nullptr) tree_->fail(hx::kNoMemory, place_);
+  return {std::move(pool), {static_cast<const std::byte*>(start), size}};
+}
+
 const std::string& Store::path() const {
   store();
   return tree_->path();

@@ -9,6 +9,7 @@ namespace hxcrate {
 namespace {
 
 std::string resolvePath(hx::Store* root) {
+  if (hx::openFile(root) == nullptr) return "";
   char32_t path[hx::HX_PATH_CAPACITY];
   int32_t length = hx::HX_PATH_CAPACITY;
   root->path(root, path, &length);
@@ -17,8 +18,10 @@ std::string resolvePath(hx::Store* root) {
 
 }  // namespace
 
-Tree::Tree(std::shared_ptr<Engine> engine, hx::Store* root, std::string path, bool writable)
+Tree::Tree(std::shared_ptr<Engine> engine, hx::Store* root, std::string path, bool writable,
+           std::shared_ptr<const void> bytes)
     : engine_(std::move(engine)),
+      bytes_(std::move(bytes)),
       root_(root),
       path_(std::move(path)),
       filePath_(resolvePath(root)),
@@ -35,7 +38,8 @@ Tree::~Tree() {
 }
 
 std::optional<FileFailure> Tree::takeFailure() {
-  return engine_->takeTransferFailure(filePath_);
+  if (filePath_.empty()) return std::nullopt;
+  return engine_->takeFailure(filePath_);
 }
 
 void Tree::fail(std::int32_t status, const std::string& member) {
@@ -49,8 +53,10 @@ void Tree::fail(std::int32_t status, const std::string& member) {
 void Tree::close() {
   if (root_ == nullptr) return;
   const std::lock_guard guard(engine_->openingMutex());
+  // The module would keep a closed store in memory for a later open, which nobody can ask for.
+  const bool isDropped = isInMemory();
   hx::Store* root = std::exchange(root_, nullptr);
-  root->closeStore(root);
+  isDropped ? root->closeAndDeleteStore(root) : root->closeStore(root);
   if (std::optional<FileFailure> failure = takeFailure()) {
     throw Error(Errc::fileFailed, path_, "", *failure);
   }

@@ -1,4 +1,4 @@
-// The opening of a store file, which everything opened through it shares.
+// The opening of a store, which everything opened through it shares.
 #pragma once
 
 #include <cstdint>
@@ -11,21 +11,24 @@
 
 namespace hxcrate {
 
-// One opening of a store file, shared by everything that was opened through it. The last to go
-// closes the file.
+// One opening of a store file, a store in memory or a blob, shared by everything that was opened
+// through it. The last to go closes it.
 class Tree {
  public:
-  // Takes over the opening of `root`.
-  Tree(std::shared_ptr<Engine> engine, hx::Store* root, std::string path, bool writable);
+  // Takes over the opening of `root`, and a share in the `bytes` that it was opened from.
+  Tree(std::shared_ptr<Engine> engine, hx::Store* root, std::string path, bool writable,
+       std::shared_ptr<const void> bytes = nullptr);
   ~Tree();
   Tree(const Tree&) = delete;
   Tree& operator=(const Tree&) = delete;
 
   Engine& engine() const { return *engine_; }
+  const std::shared_ptr<Engine>& sharedEngine() const { return engine_; }
   hx::ExtensionInstance* module() const { return engine_->module(); }
   hx::Store* root() const { return root_; }
   const std::string& path() const { return path_; }  // as given
   bool writable() const { return writable_; }
+  bool isInMemory() const { return (root_->flags & hx::kNoFileStore) != 0; }
 
   // The failure that the file service met at this file since it was last asked, if any.
   std::optional<FileFailure> takeFailure();
@@ -38,9 +41,10 @@ class Tree {
 
  private:
   std::shared_ptr<Engine> engine_;
+  std::shared_ptr<const void> bytes_;
   hx::Store* root_;  // null when closed
   std::string path_;
-  std::string filePath_;  // as the file service names it
+  std::string filePath_;  // as the file service names it; empty without a file
   bool writable_;
 };
 

@@ -1,41 +1,29 @@
-// How fast items go in and out, beside the plain file that the same bytes would be. Every round
-// measures both, one right after the other, so that the ratio is of one moment; what is reported
-// is the median round.
+// How fast items go in and out, beside the plain file that the same bytes would be.
 
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <chrono>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <hxcrate/crate.hpp>
-#include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "bench/race.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
+using bench::makeBytes;
+using bench::race;
+using bench::require;
+
 constexpr std::size_t kItemSize = std::size_t{256} << 20;
 constexpr std::size_t kCallSize = 64 << 10;
 constexpr int kSmallItems = 10000;
 constexpr std::size_t kSmallSize = 100;
-constexpr int kRounds = 7;
-
-std::vector<std::byte> makeBytes(std::size_t length) {
-  std::vector<std::byte> bytes(length);
-  unsigned state = 1;
-  for (std::byte& byte : bytes) {
-    state = state * 1664525u + 1013904223u;
-    byte = static_cast<std::byte>(state >> 24);
-  }
-  return bytes;
-}
 
 // Under the directory that HX_BENCH_DIR names, or the system's for temporary files.
 class Directory {
@@ -59,22 +47,6 @@ class Directory {
  private:
   fs::path path_;
 };
-
-double secondsOf(const std::function<void()>& work) {
-  const auto began = std::chrono::steady_clock::now();
-  work();
-  return std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
-}
-
-double medianOf(std::vector<double> values) {
-  const auto middle = values.begin() + static_cast<std::ptrdiff_t>(values.size() / 2);
-  std::nth_element(values.begin(), middle, values.end());
-  return *middle;
-}
-
-void require(bool condition, const char* what) {
-  if (!condition) throw std::runtime_error(what);
-}
 
 void writePlain(const std::string& path, const std::vector<std::byte>& bytes) {
   const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
@@ -117,42 +89,15 @@ void readItem(const std::string& path, std::vector<std::byte>& buffer) {
   require(done == kItemSize, "the item is shorter than it was written");
 }
 
-// Measures both in turns; the order changes from round to round. `prepare` runs unmeasured before
-// each.
-void compare(benchmark::State& state, const std::function<void()>& prepare,
-             const std::function<void()>& plain, const std::function<void()>& store) {
-  std::vector<double> ratios;
-  std::vector<double> rates;
-  bool plainFirst = true;
-  for (auto _ : state) {
-    const auto measure = [&](bool ofPlain) {
-      prepare();
-      return secondsOf(ofPlain ? plain : store);
-    };
-    const double first = measure(plainFirst);
-    const double second = measure(!plainFirst);
-    const double plainSeconds = plainFirst ? first : second;
-    const double storeSeconds = plainFirst ? second : first;
-    plainFirst = !plainFirst;
-    state.SetIterationTime(storeSeconds);
-    ratios.push_back(storeSeconds / plainSeconds);
-    rates.push_back(static_cast<double>(kItemSize) / storeSeconds / 1e6);
-  }
-  state.counters["MB/s"] = medianOf(rates);
-  state.counters["times_plain"] = medianOf(ratios);
-}
-
 void writeLargeItem(benchmark::State& state) {
   const Directory directory;
   const std::vector<std::byte> bytes = makeBytes(kCallSize);
-  compare(
-      state,
-      [&] {
-        fs::remove(directory.file("plain"));
-        fs::remove(directory.file("x.st"));
-      },
-      [&] { writePlain(directory.file("plain"), bytes); },
-      [&] { writeItem(directory.file("x.st"), bytes); });
+  const auto removeBoth = [&] {
+    fs::remove(directory.file("plain"));
+    fs::remove(directory.file("x.st"));
+  };
+  race(state, kItemSize, removeBoth, [&] { writeItem(directory.file("x.st"), bytes); },
+       {{"plain", [&] { writePlain(directory.file("plain"), bytes); }}});
 }
 
 void readLargeItem(benchmark::State& state) {
@@ -160,9 +105,9 @@ void readLargeItem(benchmark::State& state) {
   std::vector<std::byte> bytes = makeBytes(kCallSize);
   writePlain(directory.file("plain"), bytes);
   writeItem(directory.file("x.st"), bytes);
-  compare(
-      state, [] {}, [&] { readPlain(directory.file("plain"), bytes); },
-      [&] { readItem(directory.file("x.st"), bytes); });
+  race(
+      state, kItemSize, [] {}, [&] { readItem(directory.file("x.st"), bytes); },
+      {{"plain", [&] { readPlain(directory.file("plain"), bytes); }}});
 }
 
 void createSmallItems(const std::string& path) {
@@ -239,8 +184,14 @@ void holdPages(benchmark::State& state) {
   state.counters["peak_reading_bytes"] = static_cast<double>(reading.peakBytes);
 }
 
-BENCHMARK(writeLargeItem)->UseManualTime()->Iterations(kRounds)->Unit(benchmark::kMillisecond);
-BENCHMARK(readLargeItem)->UseManualTime()->Iterations(kRounds)->Unit(benchmark::kMillisecond);
+BENCHMARK(writeLargeItem)
+    ->UseManualTime()
+    ->Iterations(bench::kRounds)
+    ->Unit(benchmark::kMillisecond);
+BENCHMARK(readLargeItem)
+    ->UseManualTime()
+    ->Iterations(bench::kRounds)
+    ->Unit(benchmark::kMillisecond);
 BENCHMARK(createManyItems)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(enumerateManyItems)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(readManyItems)->Unit(benchmark::kMillisecond)->UseRealTime();

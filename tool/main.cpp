@@ -82,6 +82,9 @@ class CommandLine {
     words->add_option("STORE", pack_.store, "the store file to make")->required();
     words->add_option("DIR", pack_.directory, "the directory to pack")->required();
     words->add_flag("--replace", pack_.replace, "replace an existing STORE, once all is packed");
+    words->add_flag("--in-memory", pack_.inMemory, "build it in memory and write it in one piece");
+    words->add_option("--page-size", pack_.pageSize, "bytes of a page, 4096 unless given")
+        ->check(CLI::Range(1, 2147483647));
   }
 
   void addUnpack() {

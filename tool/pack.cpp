@@ -36,8 +36,9 @@ bool isUnchanged(const struct stat& before, const struct stat& now) {
 // directory of its own beside its place. Whatever is left of it goes with this object.
 class Workshop {
  public:
-  explicit Workshop(const fs::path& target)
-      : target_(target), directory_(target.parent_path() / ".hxcrate-XXXXXX") {
+  // `shown` is what the target is called in messages.
+  Workshop(const fs::path& target, const std::string& shown)
+      : target_(target), shown_(shown), directory_(target.parent_path() / ".hxcrate-XXXXXX") {
     if (::mkdtemp(directory_.data()) == nullptr) {
       throw systemFailure(target_.parent_path(), "create a directory");
     }
@@ -51,22 +52,29 @@ class Workshop {
 
   std::string storePath() const { return fs::path(directory_) / target_.filename(); }
 
+  void write(std::span<const std::byte> store) const {
+    const Descriptor file(
+        ::open(storePath().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+    if (!file.isOpen() || !writeAll(file, store)) throw systemFailure(shown_, "write");
+  }
+
   // The bytes first, then the name: a power cut finds the old file or the whole new one. What is
   // replaced passes its permissions on. False when something else has the name meanwhile.
   bool deliver(const std::optional<struct stat>& existing) const {
     const Descriptor file(::open(storePath().c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file.isOpen() || ::fsync(file.number()) != 0) throw systemFailure(target_, "sync");
+    if (!file.isOpen() || ::fsync(file.number()) != 0) throw systemFailure(shown_, "sync");
     if (existing && ::fchmod(file.number(), existing->st_mode & 07777) != 0) {
-      throw systemFailure(target_, "set permissions");
+      throw systemFailure(shown_, "set permissions");
     }
     const Descriptor here(AT_FDCWD);
     if (moveFile(here, storePath(), here, target_, existing.has_value())) return true;
     if (errno == EEXIST) return false;
-    throw systemFailure(target_, "rename");
+    throw systemFailure(shown_, "rename");
   }
 
  private:
   fs::path target_;
+  std::string shown_;
   std::string directory_;
 };
 
@@ -165,16 +173,33 @@ Target locateTarget(const PackOptions& options) {
   return {std::move(path), status};
 }
 
+void packIntoFile(const PackOptions& options, const std::string& path,
+                  const std::vector<SourceStep>& steps) {
+  hxcrate::Session session({.durability = hxcrate::Durability::none});  // delivering waits for it
+  hxcrate::Store store = session.open(path, hxcrate::Mode::create, {.pageSize = options.pageSize});
+  Packer(options.directory, store).pack(steps);
+  store.close();
+}
+
+hxcrate::Blob packIntoBlob(const PackOptions& options, const std::string& name,
+                           const std::vector<SourceStep>& steps) {
+  hxcrate::Session session;
+  hxcrate::Store store = session.createInMemory(name, options.pageSize);
+  Packer(options.directory, store).pack(steps);
+  return store.makeBlob();
+}
+
 }  // namespace
 
 void pack(const PackOptions& options) try {
   const Target target = locateTarget(options);
   const std::vector<SourceStep> steps = scanTree(options.directory, target.existing);
-  const Workshop workshop(target.path);
-  hxcrate::Session session;
-  hxcrate::Store store = session.open(workshop.storePath(), hxcrate::Mode::create);
-  Packer(options.directory, store).pack(steps);
-  store.close();
+  const Workshop workshop(target.path, options.store);
+  if (options.inMemory) {
+    workshop.write(packIntoBlob(options, target.path.filename(), steps).bytes());
+  } else {
+    packIntoFile(options, workshop.storePath(), steps);
+  }
   if (!workshop.deliver(target.existing)) refuseTarget(options, "exists already");
 } catch (const hxcrate::Error& error) {
   // It names the store where it was made.

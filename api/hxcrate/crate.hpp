@@ -1,6 +1,7 @@
 // The item store for C++ programs: one include. Start at Session::open.
 #pragma once
 
+#include "hxcrate/blob.hpp"
 #include "hxcrate/error.hpp"
 #include "hxcrate/item.hpp"
 #include "hxcrate/session.hpp"

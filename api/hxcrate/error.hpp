@@ -31,10 +31,11 @@ enum class Errc : std::int32_t {
   itemFull = 3,     // an item ends at 2,147,483,647 bytes
   noModule = 4,     // libhxcrate.so is missing or not what it should be
   fileFailed = 5,   // the file service failed; Error::fileFailure() says where
-  notAStore = 6,    // a file too short to be a store, and not empty
+  notAStore = 6,    // fewer bytes than any store has
   badPageSize = 7,  // below 1
   closed = 8,       // the object was closed or moved from
   membersOpen = 9,  // a store closes after what was opened in it
+  noBlob = 10,      // a blob is made of a whole store that was created in memory
 };
 
 // The category of Errc. Its conditions compare equal to the std::errc of the same meaning where
@@ -48,6 +49,8 @@ struct FileFailure {
   std::string path;        // of the file
   std::int64_t offset;     // where in the file; -1 when the operation has no place
   std::error_code reason;  // the system's
+  // All of an update was undone because of it: the store file is as it was before.
+  bool rolledBack = false;
 };
 
 // Every failure of this API but running out of memory in the library itself (std::bad_alloc).

@@ -1,9 +1,12 @@
 // A session: one instance of the item store together with the host that serves it.
 #pragma once
 
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -14,10 +17,20 @@ namespace hxcrate {
 
 class Engine;
 
+// What the update of a store file is safe against. Whatever fails, the next open finds the store as
+// it was before the update or as it was after.
+enum class Durability {
+  full,  // the death of the process and of the machine; a close waits for the disk
+  none,  // the death of the process alone
+};
+
 struct SessionOptions {
+  Durability durability = Durability::full;
+  // How long opening waits for a file that somebody else has open.
+  std::chrono::milliseconds lockWait{0};
   // Told of what a destructor could not throw. May be called by any thread that drops the last
   // opening of a store; what it throws is dropped.
-  std::function<void(const Error&)> onUnreportedError;
+  std::function<void(const Error&)> onUnreportedError = {};
 };
 
 enum class Mode {
@@ -33,7 +46,7 @@ struct OpenOptions {
   bool acceptDamaged = false;  // open for reading what is left of a damaged directory
 };
 
-// What the module holds of the host's memory.
+// What the module and the blobs that it made hold of the host's memory.
 struct MemoryUse {
   std::uint64_t bytes;
   std::uint64_t blocks;
@@ -49,6 +62,24 @@ class Session {
 
   // The store file `path` (UTF-8).
   Store open(const std::string& path, Mode mode = Mode::read, OpenOptions options = {});
+
+  // A new store that lives in memory, for writing and for Store::makeBlob; it is gone when it is
+  // closed. What follows the last "/", ":" or "\" of `name`, at most 64 bytes, goes into its
+  // blobs, as that of a file's path into the file; names need not be unique. A `pageSize` of 0 is
+  // 4096 bytes.
+  Store createInMemory(const std::string& name, std::int32_t pageSize = 0);
+
+  // The store that `bytes` are, a blob's or a store file's, for reading; `name` is for errors. No
+  // page is copied: the bytes stay the caller's, who keeps them where and as they are until the
+  // store and all that was opened in it is closed. Throws damaged when not all of the directory can
+  // be read, notAStore when there are fewer than 40 bytes.
+  Store openBlob(std::span<const std::byte> bytes, const std::string& name);
+
+  // The same for the regular file `path`, which stays mapped as long as the store or anything that
+  // was opened in it. It is locked against updates as by any reader. Should somebody cut it shorter
+  // regardless of that, the next read behind its end kills the program (SIGBUS): use `open` where
+  // that can happen.
+  Store openMapped(const std::string& path);
 
   MemoryUse memoryUse() const;
 

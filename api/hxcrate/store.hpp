@@ -8,6 +8,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "hxcrate/blob.hpp"
 #include "hxcrate/item.hpp"
 
 namespace hx {
@@ -64,9 +65,10 @@ class MemberRange {
 // Whether a path's missing stores are made on the way.
 enum class Parents { mustExist, create };
 
-// An open store: a store file as a whole, or a store nested in one. Paths name members by their
-// components with "/" between them; each component is 1 to 64 bytes. Movable; what was moved from
-// is closed. Several threads may use one Store, but for its close and its moves.
+// An open store: a store file, a store in memory or a blob as a whole, or a store nested in one.
+// Paths name members by their components with "/" between them; each component is 1 to 64 bytes.
+// Movable; what was moved from is closed. Several threads may use one Store, but for its close, its
+// moves and makeBlob.
 class Store {
  public:
   Store(std::shared_ptr<Tree> tree, hx::Store* store, std::string place);
@@ -87,7 +89,12 @@ class Store {
 
   MemberRange members() const;
 
-  const std::string& path() const;                              // of the file, as given
+  // All of a store that was created in memory, as one buffer. The store stays as it is and may grow
+  // further; it may have members open, but no other thread uses it meanwhile. Throws noBlob for any
+  // other store, and noMemory.
+  Blob makeBlob();
+
+  const std::string& path() const;  // of the file, as given; the name of a store without one
   const std::string& place() const noexcept { return place_; }  // inside it; empty: all of it
   std::int32_t pageSize() const;                                // of the file, bytes
   bool isWritable() const;

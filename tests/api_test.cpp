@@ -1,0 +1,478 @@
+// The C++ API over the real host and the real module.
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <csignal>
+#include <functional>
+#include <hxcrate/crate.hpp>
+#include <map>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "tests/temporary_directory.h"
+
+namespace hxcrate {
+
+namespace {
+
+using hxtest::makeBytes;
+using hxtest::readFile;
+using hxtest::TemporaryDirectory;
+using hxtest::writeFile;
+
+std::span<const std::byte> asBytes(const std::string& text) {
+  return std::as_bytes(std::span(text));
+}
+
+std::string asText(const std::vector<std::byte>& bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+std::optional<Error> thrownBy(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const Error& error) {
+    return error;
+  }
+  return std::nullopt;
+}
+
+// No error when nothing was thrown.
+std::error_code errorOf(const std::function<void()>& call) {
+  const std::optional<Error> error = thrownBy(call);
+  return error ? error->code() : std::error_code();
+}
+
+class ApiTest : public testing::Test {
+ protected:
+  static void append(Store& store, const std::string& path, const std::string& bytes) {
+    Writer writer = store.append(path, Parents::create);
+    const std::int64_t before = writer.position();
+    writer.write(bytes);
+    EXPECT_EQ(writer.position(), before + static_cast<std::int64_t>(bytes.size()));
+    writer.close();
+  }
+
+  // Reads in pieces that fit no page.
+  static std::string get(const Store& store, const std::string& path) {
+    Reader reader = store.read(path);
+    std::string text;
+    std::vector<std::byte> piece(3333);
+    while (const std::size_t count = reader.read(piece)) {
+      text += asText(piece).substr(0, count);
+      EXPECT_EQ(reader.position(), static_cast<std::int64_t>(text.size()));
+    }
+    EXPECT_EQ(reader.size(), reader.position());
+    EXPECT_EQ(asText(store.read(path).readAll()), text);
+    return text;
+  }
+
+  static std::map<std::string, MemberKind> membersOf(const Store& store) {
+    std::map<std::string, MemberKind> members;
+    for (const Member& member : store.members()) {
+      EXPECT_TRUE(members.emplace(member.name, member.kind).second) << member.name;
+    }
+    return members;
+  }
+
+  Store makeStore(const std::string& path, std::int32_t pageSize = 0) {
+    return session_.open(path, Mode::create, {.pageSize = pageSize});
+  }
+
+  void makeStoreOf(const std::map<std::string, std::string>& items, const std::string& path = {}) {
+    Store store = makeStore(path.empty() ? path_ : path);
+    for (const auto& [name, bytes] : items)
+      append(store, name, bytes);
+    store.close();
+  }
+
+  TemporaryDirectory directory_;
+  std::string path_ = directory_ / "x.st";
+  Session session_;
+};
+
+// Written in two sessions, and as a blob while it grows; read as a file, as a mapped file, and as a
+// blob, in memory and from disk.
+TEST_F(ApiTest, KeepsItemsOfEveryLengthInPagesOfEverySize) {
+  for (const std::int32_t pageSize : {1, 7, 4096, 65536}) {
+    const std::string path = directory_ / std::to_string(pageSize);
+    const auto page = static_cast<std::size_t>(pageSize);
+    std::map<std::string, std::string> items;
+    for (const std::size_t length : {std::size_t{0}, page - 1, page, page + 1, 5 * page + 2})
+      items["a/b/" + std::to_string(length)] = makeBytes(length);
+    Store memory = session_.createInMemory("x.st", pageSize);
+    makeStore(path, pageSize).close();
+    std::vector<Blob> blobs;
+    for (const bool isFirstHalf : {true, false}) {
+      Session session;
+      Store file = session.open(path, Mode::update);
+      for (const auto& [name, bytes] : items) {
+        const std::size_t half = bytes.size() / 2;
+        const std::string part = isFirstHalf ? bytes.substr(0, half) : bytes.substr(half);
+        append(file, name, part);
+        append(memory, name, part);
+      }
+      blobs.push_back(memory.makeBlob());
+      file.close();
+    }
+    EXPECT_EQ(errorOf([&] { memory.openStore("a").makeBlob(); }), Errc::noBlob);
+    const std::string blobPath = path + ".blob";
+    writeFile(blobPath, asText({blobs[1].bytes().begin(), blobs[1].bytes().end()}));
+    Session another;
+    const Store opened[] = {another.open(path), another.openMapped(path), another.open(blobPath),
+                            another.openMapped(blobPath),
+                            another.openBlob(blobs[1].bytes(), "x.st")};
+    for (const Store& store : opened) {
+      EXPECT_EQ(store.pageSize(), pageSize);
+      for (const auto& [name, bytes] : items)
+        EXPECT_EQ(get(store, name), bytes) << name;
+    }
+    const Store earlier = another.openBlob(blobs[0].bytes(), "x.st");
+    for (const auto& [name, bytes] : items)
+      EXPECT_EQ(get(earlier, name), bytes.substr(0, bytes.size() / 2));
+  }
+}
+
+TEST_F(ApiTest, ABlobNeedsNeitherItsStoreNorItsSession) {
+  auto session = std::make_unique<Session>();
+  const std::uint64_t before = session->memoryUse().blocks;
+  Store store = session->createInMemory("x.st");
+  Store namesake = session->createInMemory("x.st");
+  append(store, "a", "a");
+  Blob blob = store.makeBlob();
+  EXPECT_TRUE(membersOf(namesake).empty());
+  store.close();
+  namesake.close();
+  EXPECT_EQ(session->memoryUse().blocks, before + 1);
+  session.reset();
+  const Blob taken = std::move(blob);
+  EXPECT_TRUE(blob.bytes().empty());  // NOLINT(bugprone-use-after-move)
+  EXPECT_EQ(get(session_.openBlob(taken.bytes(), "x.st"), "a"), "a");
+}
+
+TEST_F(ApiTest, KeepsNamesByteForByteAndRefusesWhatWouldBeCut) {
+  const std::string longest(64, 'n');
+  const std::string bytes = "\x01\x7f\x80\xff\xc3\xa4";
+  Store store = makeStore(path_);
+  for (const std::string& name : {longest, bytes, std::string("..")}) {
+    append(store, name + "/" + name, name);
+  }
+  const std::string nul("n\0n", 3);
+  for (const std::string& name : {std::string(), std::string(65, 'n'), nul, std::string("/a"),
+                                  std::string("a/"), "a//" + longest, "a/" + nul + "/b"}) {
+    EXPECT_EQ(errorOf([&] { store.create(name, Parents::create); }), Errc::badName) << name;
+    EXPECT_EQ(errorOf([&] { store.createStore(name, Parents::create); }), Errc::badName) << name;
+    EXPECT_EQ(errorOf([&] { store.read(name); }), Errc::badName) << name;
+  }
+  for (const std::string& file : {directory_ / "\xff", directory_ / nul, std::string()}) {
+    EXPECT_EQ(errorOf([&] { makeStore(file); }), Errc::badName) << file;
+  }
+  store.close();
+
+  const Store reopened = session_.open(path_);
+  const std::map<std::string, MemberKind> expected = {
+      {longest, MemberKind::store}, {bytes, MemberKind::store}, {"..", MemberKind::store}};
+  EXPECT_EQ(membersOf(reopened), expected);
+  for (const auto& [name, kind] : expected) {
+    const std::map<std::string, MemberKind> inner = {{name, MemberKind::item}};
+    EXPECT_EQ(membersOf(reopened.openStore(name)), inner);
+    EXPECT_EQ(get(reopened, name + "/" + name), name);
+  }
+}
+
+// What each mode makes of each file; where it fails the file must be as it was.
+TEST_F(ApiTest, OpensAsTheModeSaysAndLeavesWhatItRefuses) {
+  makeStoreOf({{"a", "a"}});
+  const std::optional<std::string> files[] = {std::nullopt, "", "a short text", readFile(path_)};
+  const std::error_code fine;
+  struct Case {
+    Mode mode;
+    std::array<std::error_code, 4> expected;
+  };
+  const Case cases[] = {{Mode::read, {Errc::notFound, Errc::notAStore, Errc::notAStore, fine}},
+                        {Mode::update, {Errc::notFound, Errc::notAStore, Errc::notAStore, fine}},
+                        {Mode::openOrCreate, {fine, fine, Errc::notAStore, fine}},
+                        {Mode::create, {fine, Errc::exists, Errc::exists, Errc::exists}},
+                        {Mode::replace, {fine, fine, fine, fine}}};
+  for (const Case& test : cases) {
+    for (std::size_t i = 0; i < 4; ++i) {
+      SCOPED_TRACE(testing::Message()
+                   << static_cast<int>(test.mode) << files[i].value_or("absent"));
+      std::filesystem::remove(path_);
+      if (files[i]) writeFile(path_, *files[i]);
+      Session session;
+      EXPECT_EQ(errorOf([&] {
+                  Store store = session.open(path_, test.mode);
+                  EXPECT_EQ(membersOf(store).size(),
+                            i == 3 && test.mode != Mode::replace ? 1u : 0u);
+                  store.close();
+                }),
+                test.expected[i]);
+      if (test.mode == Mode::read) {
+        EXPECT_EQ(errorOf([&] { session.openMapped(path_); }), test.expected[i]);
+      }
+      if (!test.expected[i]) {
+        EXPECT_FALSE(errorOf([&] { session.open(path_); }));
+      } else {
+        EXPECT_EQ(std::filesystem::exists(path_), files[i].has_value());
+        EXPECT_EQ(readFile(path_), files[i].value_or(""));
+      }
+    }
+  }
+}
+
+// The path is kept when the working directory changes, what the file held is not when it is
+// removed.
+TEST_F(ApiTest, FindsAFileWhereItWasAndMakesItAnewWhenItIsGone) {
+  const std::filesystem::path before = std::filesystem::current_path();
+  std::filesystem::current_path(directory_.path());
+  makeStoreOf({{"a", "here"}}, "x.st");
+  std::filesystem::current_path(before);
+  EXPECT_EQ(errorOf([&] { session_.open("x.st"); }), Errc::notFound);
+  EXPECT_EQ(get(session_.open(path_), "a"), "here");
+  std::filesystem::remove(path_);
+  EXPECT_TRUE(membersOf(makeStore(path_)).empty());
+}
+
+TEST_F(ApiTest, RefusesWhatContradictsWhatIsThere) {
+  Store store = makeStore(path_);
+  append(store, "item", "1");
+  store.createStore("store").close();
+  Writer writer = store.append("item");
+  EXPECT_EQ(errorOf([&] { store.read("item"); }), Errc::itemInUse);
+  EXPECT_EQ(errorOf([&] { store.append("item"); }), Errc::itemInUse);
+  writer.close();
+  EXPECT_EQ(errorOf([&] { store.create("item"); }), Errc::exists);
+  EXPECT_EQ(errorOf([&] { store.createStore("store"); }), Errc::exists);
+  EXPECT_EQ(errorOf([&] { store.openOrCreateStore("item"); }), Errc::exists);
+  EXPECT_EQ(errorOf([&] { store.append("store"); }), Errc::exists);
+  EXPECT_EQ(errorOf([&] { store.openStore("item"); }), std::errc::no_such_file_or_directory);
+  EXPECT_EQ(errorOf([&] { store.read("store"); }), Errc::notFound);
+  EXPECT_EQ(errorOf([&] { store.create("none/item"); }), Errc::notFound);
+  EXPECT_EQ(errorOf([&] { session_.open(path_, Mode::replace); }), Errc::storeInUse);
+  EXPECT_EQ(errorOf([&] { session_.open(path_, Mode::update, {.pageSize = -1}); }),
+            Errc::badPageSize);
+  EXPECT_EQ(get(store, "item"), "1");
+}
+
+TEST_F(ApiTest, WritesNothingThroughAStoreThatIsOpenForReading) {
+  makeStoreOf({{"a", "a"}});
+  const std::string before = readFile(path_);
+  std::string bytes = before;
+  Store readers[] = {session_.open(path_), session_.openMapped(path_),
+                     session_.openBlob(asBytes(bytes), "x")};
+  for (Store& store : readers) {
+    EXPECT_EQ(errorOf([&] { store.create("b"); }), Errc::readOnly);
+    EXPECT_EQ(errorOf([&] { store.append("a"); }), Errc::readOnly);
+    EXPECT_EQ(errorOf([&] { store.createStore("b"); }), Errc::readOnly);
+    EXPECT_EQ(errorOf([&] { store.openOrCreateStore("b"); }), Errc::readOnly);
+    EXPECT_EQ(errorOf([&] { store.makeBlob(); }), Errc::noBlob);
+    EXPECT_EQ(get(store, "a"), "a");
+    store.close();
+  }
+  EXPECT_EQ(readFile(path_), before);
+  EXPECT_EQ(bytes, before);
+}
+
+TEST_F(ApiTest, KeepsOthersOutOfAFileThatIsUpdatedOrMapped) {
+  Store store = makeStore(path_);
+  Session other;
+  EXPECT_EQ(errorOf([&] { other.open(path_); }), Errc::storeInUse);
+  EXPECT_EQ(errorOf([&] { session_.openMapped(path_); }), Errc::storeInUse);
+  std::thread closing([&] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    store.close();
+  });
+  Session patient({.durability = Durability::none, .lockWait = std::chrono::seconds(20)});
+  EXPECT_FALSE(errorOf([&] { patient.open(path_); }));
+  closing.join();
+  const Store mapped = session_.openMapped(path_);
+  EXPECT_EQ(errorOf([&] { session_.open(path_, Mode::update); }), Errc::storeInUse);
+  EXPECT_FALSE(errorOf([&] { session_.open(path_); }));
+}
+
+TEST_F(ApiTest, KeepsTheFileOpenOrMappedForWhatWasOpenedInIt) {
+  const std::string bytes = makeBytes(1000000);
+  makeStoreOf({{"s/a", bytes}});
+  const auto isMapped = [&] {
+    return readFile("/proc/self/maps").find(path_) != std::string::npos;
+  };
+  for (const bool mapped : {false, true}) {
+    auto session = std::make_unique<Session>();
+    const std::uint64_t before = session->memoryUse().bytes;
+    auto store =
+        std::make_unique<Store>(mapped ? session->openMapped(path_) : session->open(path_));
+    Reader reader = store->read("s/a");
+    EXPECT_EQ(asText(reader.readAll()), bytes);
+    EXPECT_LT(session->memoryUse().peakBytes, before + (mapped ? 3000 : 3000 + 2 * 4096));
+    EXPECT_EQ(errorOf([&] { store->close(); }), Errc::membersOpen);
+    reader = store->read("s/a");
+    store.reset();
+    session.reset();
+    EXPECT_EQ(isMapped(), mapped);
+    Reader taken = std::move(reader);
+    EXPECT_EQ(errorOf([&] { reader.size(); }), Errc::closed);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(asText(taken.readAll()), bytes);
+    taken.close();
+    EXPECT_FALSE(isMapped());
+  }
+}
+
+TEST_F(ApiTest, RefusesToTakeAnItemPastItsCapacity) {
+  constexpr std::size_t kTooLong = 2147483647;
+  void* room =
+      ::mmap(nullptr, kTooLong, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  ASSERT_NE(room, MAP_FAILED);
+  Store store = makeStore(path_);
+  Writer writer = store.create("a");
+  writer.write(asBytes("x"));
+  EXPECT_EQ(errorOf([&] {
+              writer.write({static_cast<const std::byte*>(room), kTooLong});
+            }),
+            Errc::itemFull);
+  EXPECT_EQ(writer.size(), 1);
+  ::munmap(room, kTooLong);
+}
+
+// Lets no file grow past a length, as a full disk would.
+class FileSizeLimit {
+ public:
+  explicit FileSizeLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    rlimit limit = before_;
+    limit.rlim_cur = bytes;
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~FileSizeLimit() {
+    ::setrlimit(RLIMIT_FSIZE, &before_);
+    std::signal(SIGXFSZ, handler_);
+  }
+  FileSizeLimit(const FileSizeLimit&) = delete;
+  FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+ private:
+  rlimit before_{};
+  void (*handler_)(int);
+};
+
+TEST_F(ApiTest, ThrowsFromCloseWhatTheDiskDidNotTake) {
+  const std::string other = directory_ / "other.st";
+  makeStoreOf({{"a", "a"}}, other);
+  makeStoreOf({{"old", "old"}});
+  const std::string before = readFile(path_);
+  Store store = session_.open(path_, Mode::update);
+  {
+    const FileSizeLimit limit(100000);
+    append(store, "a", makeBytes(5000000));
+    // The failure is this file's, whatever happens to others meanwhile.
+    EXPECT_EQ(errorOf([&] { session_.open(directory_.path().string()); }), Errc::fileNotOpen);
+    EXPECT_FALSE(errorOf([&] { session_.open(other).close(); }));
+    const std::optional<Error> error = thrownBy([&] { store.close(); });
+    ASSERT_TRUE(error && error->fileFailure() != nullptr) << "closed as if all were well";
+    EXPECT_EQ(error->errc(), Errc::fileFailed);
+    EXPECT_EQ(error->store(), path_);
+    EXPECT_EQ(error->fileFailure()->operation, "write");
+    EXPECT_EQ(error->fileFailure()->reason, std::errc::file_too_large);
+    EXPECT_LE(error->fileFailure()->offset, 100000);
+    EXPECT_TRUE(error->reason().ends_with("; the store is as it was)")) << error->reason();
+  }
+  EXPECT_FALSE(store.isOpen());
+  EXPECT_EQ(readFile(path_), before);
+  EXPECT_EQ(membersOf(session_.open(path_)).size(), 1u);
+}
+
+TEST_F(ApiTest, TellsTheSessionWhatADestructorCanNotThrow) {
+  std::vector<std::string> told;
+  Session session({.onUnreportedError = [&](const Error& error) { told.push_back(error.what()); }});
+  {
+    const FileSizeLimit limit(100000);
+    Store store = session.open(path_, Mode::create);
+    append(store, "a", makeBytes(5000000));
+  }
+  ASSERT_EQ(told.size(), 1u);
+  EXPECT_TRUE(told[0].starts_with(path_ + ": the file service failed (write at byte ")) << told[0];
+}
+
+TEST_F(ApiTest, SaysWhereAndWhy) {
+  makeStoreOf({{"s/a", "a"}});
+  Store store = session_.open(path_, Mode::update);
+  const std::string folder = directory_.path();
+  const std::pair<std::function<void()>, std::string> cases[] = {
+      {[&] { store.read("s/b"); }, path_ + ": s/b: not found"},
+      {[&] { store.openStore("s").create("a"); }, path_ + ": s/a: exists already"},
+      {[&] { store.create("s//a"); },
+       path_ + ": s//a: the name can't be kept (a component is empty)"},
+      {[&] { session_.open(folder); },
+       folder + ": the store's file does not open (open: Is a directory)"}};
+  for (const auto& [call, message] : cases)
+    EXPECT_EQ(thrownBy(call).value().what(), message);
+}
+
+TEST_F(ApiTest, OpensWhatIsLeftOfADamagedDirectoryOnlyWhenAskedTo) {
+  Store store = makeStore(path_);
+  for (int i = 0; i < 20; ++i)
+    append(store, std::to_string(i), "x");
+  store.close();
+  std::filesystem::resize_file(path_, std::filesystem::file_size(path_) - 5 * 96 - 40);
+  const std::string file = readFile(path_);
+  EXPECT_EQ(errorOf([&] { session_.openMapped(path_); }), Errc::damaged);
+  EXPECT_EQ(errorOf([&] { session_.openBlob(asBytes(file), "x"); }), Errc::damaged);
+  EXPECT_EQ(errorOf([&] { session_.openBlob(asBytes(file).first(39), "x"); }), Errc::notAStore);
+  Session session;
+  EXPECT_EQ(errorOf([&] { session.open(path_); }), Errc::damaged);
+  EXPECT_EQ(errorOf([&] { session.open(path_, Mode::update); }), Errc::damaged);
+  const Store rest = session.open(path_, Mode::read, {.acceptDamaged = true});
+  EXPECT_EQ(rest.damage(), Errc::damaged);
+  const auto members = membersOf(rest);
+  EXPECT_TRUE(members.size() >= 10 && members.size() < 20) << members.size();
+  for (const auto& [name, kind] : members)
+    EXPECT_EQ(get(rest, name), "x");
+}
+
+TEST_F(ApiTest, ReportsADamagedItemAfterTheBytesBeforeIt) {
+  Store store = makeStore(path_);
+  const std::string bytes = makeBytes(3 * 4096);
+  append(store, "a", bytes);
+  store.close();
+  // The second page's record lies behind the first page's bytes: a capacity that is no page size.
+  std::string file = readFile(path_);
+  const std::size_t record = file.find(bytes.substr(0, 4096)) + 4096;
+  file[record + 8] = 1;
+  writeFile(path_, file);
+  Session session;
+  const Store damaged = session.open(path_);
+  EXPECT_EQ(errorOf([&] { damaged.read("a").readAll(); }), Errc::damaged);
+}
+
+TEST_F(ApiTest, ServesSeveralThreads) {
+  Store store = makeStore(path_);
+  append(store, "shared", makeBytes(50000));
+  std::vector<std::thread> threads;
+  for (unsigned number = 0; number < 4; ++number) {
+    threads.emplace_back([&, number] {
+      const std::string own = std::to_string(number);
+      Store nested = store.createStore(own);
+      for (unsigned i = 0; i < 30; ++i) {
+        append(nested, std::to_string(i), makeBytes(500 * i, i));
+        EXPECT_EQ(get(store, own + "/" + std::to_string(i)), makeBytes(500 * i, i));
+        EXPECT_EQ(get(store, "shared"), makeBytes(50000));
+        EXPECT_EQ(membersOf(nested).size(), i + 1);
+        const Session another;
+        EXPECT_FALSE(session_.open(path_).isWritable());
+      }
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  store.close();
+  EXPECT_EQ(membersOf(session_.open(path_)).size(), 5u);
+}
+
+}  // namespace
+
+}  // namespace hxcrate
