@@ -59,8 +59,8 @@ struct FileIo {
   FileHandle* (*open)(FileIo* io, const char32_t* path, int64_t length,
                       const OpenParameters* parameters, int64_t zero, int64_t alsoZero,
                       const char* method, void* outputWord, int64_t zeroToo);
-  // Deletes the file, and what an interrupted update left beside it; 0, one of the HX_REMOVE_ codes,
-  // or anything else.
+  // Deletes the file, and what an interrupted update left beside it; 0, one of the HX_REMOVE_
+  // codes, or anything else.
   int32_t (*remove)(FileIo* io, const char32_t* path, int64_t length, int64_t zero,
                     int64_t alsoZero);
 };

@@ -34,6 +34,8 @@ int64_t DiskFile::read(int64_t offset, void* out, int64_t wanted, int64_t needed
     transfer = readAll(ops_, number, out, needed, offset);
   }
   if (transfer.count >= needed) return transfer.count;
+  // Whoever updates by what it reads leaves out what it could not read.
+  if (isWritable()) stopWriting();
   noteFailure(transfer.reason(), "read", offset + transfer.count);
   return -1;
 }
@@ -101,7 +103,7 @@ void DiskFile::writeOn(int64_t offset, const std::byte* bytes, int64_t count) no
 }
 
 void DiskFile::noteFailure(int error, const char* operation, int64_t offset) noexcept {
-  const bool isRead = std::string_view(operation) == "read";
+  const bool isRead = std::string_view(operation) == "read" && !isWritable();
   if (isRead ? hasFailedRead_ : loss_.has_value()) return;
   const FailureTicket ticket = failures_.record({error, operation, offset}, path());
   hasFailedRead_ |= isRead;

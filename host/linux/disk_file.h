@@ -31,7 +31,8 @@ class DiskFile {
   int64_t length() const { return length_; }
 
   // Reads `wanted` bytes within `length()`, or at least the first `needed` of them when the rest
-  // can't be had. The number read, or -1 after noting the failure.
+  // can't be had. The number read, or -1 after noting the failure, which an update does not
+  // survive.
   int64_t read(int64_t offset, void* out, int64_t wanted, int64_t needed) noexcept;
 
   // Whether a write there would have to put something into the journal first, and wait for it.
@@ -50,7 +51,8 @@ class DiskFile {
   void stopWriting() { hasLostWrite_ = true; }
   bool hasLostWrite() const { return hasLostWrite_; }
 
-  // Keeps a failure for the host: the first "read", and the first of all others.
+  // Keeps a failure for the host: the first "read", and the first of all others; of an update the
+  // first of all, which takes the update with it.
   void noteFailure(int error, const char* operation, int64_t offset) noexcept;
 
  private:
@@ -73,7 +75,7 @@ class DiskFile {
   int64_t length_;
   bool hasFailedRead_ = false;
   bool hasLostWrite_ = false;
-  std::optional<FailureTicket> loss_;  // of the first failure that is no read's
+  std::optional<FailureTicket> loss_;  // of the first failure that is no reader's
 };
 
 }  // namespace hxhost
