@@ -48,12 +48,16 @@ class Directory {
   fs::path path_;
 };
 
-void writePlain(const std::string& path, const std::vector<std::byte>& bytes) {
+using hxcrate::Durability;
+
+void writePlain(const std::string& path, const std::vector<std::byte>& bytes,
+                Durability durability = Durability::none) {
   const int file = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
   require(file >= 0, "open for writing");
   for (std::size_t done = 0; done < kItemSize; done += kCallSize) {
     require(::write(file, bytes.data(), kCallSize) == static_cast<ssize_t>(kCallSize), "write");
   }
+  require(durability == Durability::none || ::fsync(file) == 0, "sync");
   require(::close(file) == 0, "close");
 }
 
@@ -69,8 +73,15 @@ void readPlain(const std::string& path, std::vector<std::byte>& buffer) {
   ::close(file);
 }
 
-void writeItem(const std::string& path, const std::vector<std::byte>& bytes) {
-  hxcrate::Session session;
+hxcrate::Session openSession(Durability durability) {
+  hxcrate::SessionOptions options;
+  options.durability = durability;
+  return hxcrate::Session(options);
+}
+
+void writeItem(const std::string& path, const std::vector<std::byte>& bytes,
+               Durability durability = Durability::none) {
+  hxcrate::Session session = openSession(durability);
   hxcrate::Store store = session.open(path, hxcrate::Mode::replace);
   hxcrate::Writer writer = store.create("item");
   for (std::size_t done = 0; done < kItemSize; done += kCallSize)
@@ -96,8 +107,10 @@ void writeLargeItem(benchmark::State& state) {
     fs::remove(directory.file("plain"));
     fs::remove(directory.file("x.st"));
   };
-  race(state, kItemSize, removeBoth, [&] { writeItem(directory.file("x.st"), bytes); },
-       {{"plain", [&] { writePlain(directory.file("plain"), bytes); }}});
+  // With a wait for the disk on both sides, or on neither.
+  const Durability durability = state.range(0) != 0 ? Durability::full : Durability::none;
+  race(state, kItemSize, removeBoth, [&] { writeItem(directory.file("x.st"), bytes, durability); },
+       {{"plain", [&] { writePlain(directory.file("plain"), bytes, durability); }}});
 }
 
 void readLargeItem(benchmark::State& state) {
@@ -110,9 +123,9 @@ void readLargeItem(benchmark::State& state) {
       {{"plain", [&] { readPlain(directory.file("plain"), bytes); }}});
 }
 
-void createSmallItems(const std::string& path) {
+void createSmallItems(const std::string& path, Durability durability = Durability::none) {
   const std::vector<std::byte> bytes = makeBytes(kSmallSize);
-  hxcrate::Session session;
+  hxcrate::Session session = openSession(durability);
   hxcrate::Store store = session.open(path, hxcrate::Mode::replace);
   for (int i = 0; i < kSmallItems; ++i)
     store.create(std::to_string(i)).write(bytes);
@@ -126,7 +139,8 @@ void countItems(benchmark::State& state) {
 void createManyItems(benchmark::State& state) {
   const Directory directory;
   for (auto _ : state)
-    createSmallItems(directory.file("x.st"));
+    createSmallItems(directory.file("x.st"),
+                     state.range(0) != 0 ? Durability::full : Durability::none);
   countItems(state);
 }
 
@@ -185,6 +199,8 @@ void holdPages(benchmark::State& state) {
 }
 
 BENCHMARK(writeLargeItem)
+    ->ArgName("synced")
+    ->DenseRange(0, 1)
     ->UseManualTime()
     ->Iterations(bench::kRounds)
     ->Unit(benchmark::kMillisecond);
@@ -192,7 +208,11 @@ BENCHMARK(readLargeItem)
     ->UseManualTime()
     ->Iterations(bench::kRounds)
     ->Unit(benchmark::kMillisecond);
-BENCHMARK(createManyItems)->Unit(benchmark::kMillisecond)->UseRealTime();
+BENCHMARK(createManyItems)
+    ->ArgName("synced")
+    ->DenseRange(0, 1)
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
 BENCHMARK(enumerateManyItems)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(readManyItems)->Unit(benchmark::kMillisecond)->UseRealTime();
 BENCHMARK(holdPages)->Arg(1 << 20)->Arg(256 << 20)->Iterations(1)->Unit(benchmark::kMillisecond);
