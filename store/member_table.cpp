@@ -41,7 +41,7 @@ void pushToList(const MemberIndex& index, Member* member) {
 // Makes an index of `listCount` lists from the chains. When the pool refuses it, what there was
 // goes on serving.
 void buildIndex(const Container& container, uint32_t listCount) {
-  const uint64_t size = uint64_t{listCount} * sizeof(Member*);
+  const uint64_t size = uint64_t{listCount} * sizeof(void*);
   auto** lists = static_cast<Member**>(allocateBlock(container.pool, size));
   if (lists == nullptr) return;
   MemberIndex& index = container.index;
