@@ -1,7 +1,6 @@
-// The host that all tests of the module run on, behind host/*.h. It keeps files in memory, counts
-// what it hands out, fails on demand, and complains (as a test failure) about every use of it that
-// the interfaces forbid: a block freed twice, a lock taken twice, a file used after its close or
-// without the lock.
+// The host that all tests of the module run on. It keeps files in memory, fails on demand, and
+// complains (as a test failure) about forbidden uses: a block freed twice or left, a lock taken
+// twice, a file used after its close or without the lock.
 #pragma once
 
 #include <atomic>
@@ -58,7 +57,6 @@ class FakeHost : public HostHandle {
   // The nth call of these kinds from now on fails, and with `forEver` all after it.
   void fail(uint32_t kinds, int nth, bool forEver = false);
   void stopFailing() { fail(kNoFault, 0); }
-  void pauseFailing(bool pauses) { paused_ = pauses; }
   bool hasFired() const { return fired_ > 0; }
 
   bool hasFile(const Path& path) const { return files_.count(path) != 0; }
@@ -71,12 +69,11 @@ class FakeHost : public HostHandle {
   Pool* makePool() { return createPool(this, Bytes(24).data(), 0, "Pool"); }
 
   std::vector<Event> events;  // services, files and converters in the order of their calls
-  std::string log(const std::string& only = "") const;
+  std::string log() const;
   int64_t count(const std::string& what, int64_t length = -1) const;
 
   int64_t longestRead = INT64_MAX;  // a read delivers at most this many bytes
   int32_t removeResult = 0;         // nonzero: what `remove` answers, leaving the file alone
-  bool isBigEndian = false;         // the identity that the host gives
   bool knowsEncodings = true;       // whether there is an hxmok
   int liveConverters = 0;
 
@@ -93,7 +90,6 @@ class FakeHost : public HostHandle {
   std::atomic<uint32_t> faultKinds_{0};
   int callsToFault_ = 0;
   bool forEver_ = false;
-  bool paused_ = false;
   int fired_ = 0;
   std::map<Path, std::shared_ptr<Bytes>> files_;
   std::vector<std::unique_ptr<FakeFile>> handles_;  // closed ones too, to catch a late use

@@ -25,9 +25,8 @@ using Contents = std::map<Path, std::string>;
 // `size` bytes that differ from page to page.
 std::string pattern(int64_t size);
 
-// Compares the records of a tree in memory with each other and with the handles that are open in
-// it; every broken invariant is a test failure.
-void checkStore(const Store* root, const std::vector<ItemHandle*>& handles);
+// The members of a table in the order of their chains.
+std::vector<Member*> chained(const MemberTable& table);
 
 class World {
  public:

@@ -18,7 +18,7 @@ struct StoredRecord {
   char kind;  // 'h'eader, 's'tore's or 'i'tem's entry, 'c'hunk
   int64_t offset;
   int64_t parent;
-  int64_t previous;  // for an item
+  int64_t previous;  // for a nested store the nested store before it
 };
 
 template <typename Record>
@@ -52,8 +52,7 @@ std::vector<StoredRecord> recordsOf(const Bytes& image);
 std::string nameAt(const Bytes& image, int64_t entryOffset);
 // Where the ENTRY of a name stands in a sound image.
 int64_t entryOffset(const Bytes& image, const std::string& name);
-// Complains about every rule of the format that a native image breaks: back links, page chains, and
-// places that overlap or leave the image.
+// Complains about back links, page chains and places of a native image that break the format.
 void checkImage(const Bytes& image);
 // Every field of every record of an image, set to every value that could lead astray.
 void forEachDamage(const Bytes& image, const std::function<void(const Bytes&)>& use);

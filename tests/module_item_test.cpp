@@ -12,11 +12,6 @@ constexpr int32_t kPage = 4096;
 
 class ItemTest : public ModuleTest {
  protected:
-  Store* make(std::u32string_view path, int32_t pageSize, uint32_t flags = kMake) {
-    Store* store = open(path, flags);
-    hxcrateSetPageSize(store, pageSize);
-    return store;
-  }
   // A closed and reopened store with an item `a`.
   Store* makeReadable(const std::string& bytes) {
     put(open(U"x.st", kMake), U"a", bytes);
@@ -82,13 +77,10 @@ TEST(Items, SizesAroundPageBoundaries) {
 
 TEST_F(ItemTest, AWriterStreamsButAMemoryStoreKeepsEveryPage) {
   ItemHandle* writer = openItem(open(U"x.st", kMake), U"a", kMake);
-  EXPECT_EQ(write(writer, ""), 0);
-  EXPECT_EQ(writer->page->flags & kPageDirty, uint32_t{kPageDirty});
-  for (int page = 1; page <= 5; ++page) {
-    host.events.clear();
+  for (int page = 1; page <= 3; ++page) {
     write(writer, pattern(kPage));
     EXPECT_TRUE(pagesInMemory(writer) == 1 && writer->page->index == page);
-    EXPECT_EQ(host.count("write", kPage), 1) << "the full page is in the file at once";
+    EXPECT_EQ(host.count("write", kPage), page) << "the full page is in the file at once";
   }
   writer = openItem(open(U"m", kMake | kNoFile), U"a", kMake);
   write(writer, pattern(3 * kPage));
@@ -96,50 +88,7 @@ TEST_F(ItemTest, AWriterStreamsButAMemoryStoreKeepsEveryPage) {
     EXPECT_EQ(page->useCount, page == writer->page ? 1 : 0);
   close(writer);
   ItemHandle* reader = openItem(cached(U"m"), U"a", kRead);
-  EXPECT_EQ(read(reader, 3 * kPage), pattern(3 * kPage));
-  EXPECT_EQ(pagesInMemory(reader), 4);
-}
-
-TEST_F(ItemTest, EndsOfReads) {
-  struct Case {
-    int32_t length;
-    size_t count;
-    int32_t status;
-  };
-  ItemHandle* reader = openItem(makeReadable("0123456789"), U"a", kRead);
-  for (const Case& c : {Case{0, 0, kOk},
-                        {-1, 0, kOk},
-                        {4, 4, kOk},
-                        {6, 6, kOk},
-                        {0, 0, kOk},
-                        {1, 0, kEndOfItem},
-                        {100, 0, kEndOfItem}}) {
-    EXPECT_EQ(read(reader, c.length).size(), c.count);
-    EXPECT_EQ(status, c.status) << c.length;
-  }
-  reader = openItem(cached(U"x.st"), U"a", kRead);
-  EXPECT_TRUE(read(reader, 100) == "0123456789" && status == kEndOfItem);
-}
-
-TEST_F(ItemTest, AReadThatEndsAtAPageEndStandsOnTheNextPage) {
-  ItemHandle* reader = openItem(makeReadable(pattern(3 * kPage)), U"a", kRead);
-  read(reader, kPage);
-  EXPECT_TRUE(reader->page->index == 1 && reader->position == kPage && pagesInMemory(reader) == 1);
-  EXPECT_EQ(read(reader, 2 * kPage), pattern(3 * kPage).substr(kPage));
-  EXPECT_TRUE(status == kOk && reader->page->index == 2) << "at the item's end it stays";
-}
-
-TEST_F(ItemTest, ReadersThatGoTogetherReadEachPageOnce) {
-  Store* store = makeReadable(pattern(3 * kPage - 1));
-  ItemHandle* readers[] = {openItem(store, U"a", kRead), openItem(store, U"a", kRead)};
-  for (size_t page = 0; page < 3; ++page) {
-    for (ItemHandle* reader : readers) {
-      EXPECT_EQ(read(reader, kPage).size(), size_t{kPage} - (page == 2));
-      EXPECT_LE(pagesInMemory(reader), 2);
-    }
-  }
-  EXPECT_EQ(host.count("read", kPage), 3);
-  EXPECT_EQ(pagesInMemory(readers[0]), 1) << "both have left the others";
+  EXPECT_TRUE(read(reader, 3 * kPage) == pattern(3 * kPage) && pagesInMemory(reader) == 4);
 }
 
 TEST_F(ItemTest, ReadersAtDifferentSpeeds) {
@@ -167,28 +116,17 @@ TEST_F(ItemTest, ReadersAtDifferentSpeeds) {
 }
 
 TEST_F(ItemTest, ReadersOrOneWriter) {
-  struct Case {
-    uint32_t held, wanted;
-    int32_t status;
-  };
   Store* store = open(U"x.st", kMake);
   put(store, U"a", pattern(9000));
-  for (const Case& c : {Case{kUpdate, kRead, kItemInUse},
-                        {kUpdate, kUpdate, kItemInUse},
-                        {kRead, kUpdate, kItemInUse},
-                        {kRead, kMake, kItemInUse},
-                        {kRead, kRead, kOk},
-                        {0, kUpdate, kOk},
-                        {0, kRead, kOk},
-                        {kUpdate, 0, kOk},
-                        {kRead, 0, kOk}}) {
-    ItemHandle* held = openItem(store, U"a", c.held);
-    close(openItem(store, U"a", c.wanted));
-    EXPECT_EQ(status, c.status) << c.held << " " << c.wanted;
-    close(held);
+  for (const uint32_t held : {uint32_t{0}, uint32_t{kRead}, uint32_t{kUpdate}}) {
+    for (const uint32_t wanted : {uint32_t{0}, uint32_t{kRead}, uint32_t{kUpdate}, kMake}) {
+      const bool agree = held == 0 || wanted == 0 || (held == kRead && wanted == kRead);
+      ItemHandle* first = openItem(store, U"a", held);
+      close(openItem(store, U"a", wanted));
+      EXPECT_EQ(status, agree ? kOk : kItemInUse) << held << " " << wanted;
+      close(first);
+    }
   }
-  openItem(store, U"new", kMake);
-  EXPECT_TRUE(openItem(store, U"new", kRead) == nullptr && status == kItemInUse) << "its creator";
 }
 
 TEST_F(ItemTest, OnlyTheWriterWritesAndAHandleForNeitherDoesNothing) {
@@ -198,10 +136,9 @@ TEST_F(ItemTest, OnlyTheWriterWritesAndAHandleForNeitherDoesNothing) {
   ItemHandle* reader = openItem(cached(U"x.st"), U"a", kRead);
   for (ItemHandle* handle : {neither, reader})
     EXPECT_TRUE(write(handle, "more") == 0 && status == kNoMemory);
-  EXPECT_EQ(reader->page->flags & kPageDirty, 0u);
   close(neither);
-  EXPECT_EQ(reader->item->openCount, 1);
-  EXPECT_EQ(read(reader, 9000), pattern(9000));
+  EXPECT_TRUE(read(reader, 9000) == pattern(9000) && status == kOk);
+  EXPECT_TRUE(read(reader, 1).empty() && status == kEndOfItem);
 }
 
 // A page that is full when lock or memory fails keeps its bytes, whoever goes on.
@@ -228,25 +165,8 @@ TEST(Items, AFullPageWithoutASuccessorKeepsItsBytes) {
   }
 }
 
-TEST_F(ItemTest, AFullLastPageInAFileIsReadAndAppendedTo) {
-  ItemHandle* writer = openItem(make(U"x.st", 16), U"a", kMake);
-  host.fail(kAllocateFault, 1);
-  EXPECT_EQ(write(writer, pattern(16)), 16);
-  closeAll();
-  const auto chunk = recordAt<DataChunk>(host.file(U"x.st"), 40);
-  EXPECT_TRUE(chunk.used == 16 && chunk.next == 0);
-  EXPECT_EQ(reloaded(U"x.st").at(U"a"), pattern(16));
-  World other(host.disk());
-  for (World* w : {static_cast<World*>(this), &other}) {
-    EXPECT_EQ(w->put(w->open(U"x.st", kUpdate), U"a", "tail"), 4);
-    w->closeAll();
-    checkImage(w->host.file(U"x.st"));
-    EXPECT_EQ(w->reloaded(U"x.st").at(U"a"), pattern(16) + "tail");
-  }
-}
-
 TEST_F(ItemTest, AnItemEndsAtItsLimit) {
-  ItemHandle* writer = openItem(make(U"m", kPage, kMake | kNoFile), U"a", kMake);
+  ItemHandle* writer = openItem(open(U"m", kMake | kNoFile), U"a", kMake);
   // As if it had been written that far.
   writer->item->size = writer->position = INT32_MAX - 5;
   writer->page->index = writer->position / kPage;
