@@ -10,7 +10,7 @@ namespace hxtest {
 
 struct KillReport {
   uint64_t kills = 0;
-  uint64_t updates = 0;     // completed by the processes
+  int64_t updates = 0;      // completed by the processes
   uint64_t rolledBack = 0;  // kills that left a journal behind
   uint64_t failures = 0;
   std::string firstFailure;

@@ -1,6 +1,7 @@
 #include "tests/crash_session.h"
 
 #include <algorithm>
+#include <numeric>
 #include <set>
 
 namespace hxtest {
@@ -10,24 +11,20 @@ CrashSession::CrashSession(const hxhost::HostOptions& options) : host(options) {
   module = hx::hxcrate();
 }
 
-CrashSession::~CrashSession() {
-  module->destroy(module);
-}
-
-hx::Store* CrashSession::open(std::u32string_view path, uint32_t flags) {
-  return module->openStore(module, nullptr, path.data(), static_cast<int32_t>(path.size()), flags,
+hx::Store* CrashSession::open(std::u32string_view path, uint32_t flags, hx::Store* parent) {
+  return module->openStore(module, parent, path.data(), static_cast<int32_t>(path.size()), flags,
                            &status);
 }
 
 void CrashSession::append(hx::Store* store, std::string_view path, const std::string& bytes) {
   constexpr uint32_t kFlags = hx::kUpdate | hx::kCreate;
   const std::u32string name(path.begin(), std::find(path.begin(), path.end(), '/'));
-  const auto length = static_cast<int32_t>(name.size());
   if (name.size() < path.size()) {
-    hx::Store* nested = module->openStore(module, store, name.data(), length, kFlags, &status);
+    hx::Store* nested = open(name, kFlags, store);
     append(nested, path.substr(name.size() + 1), bytes);
     return close(nested);
   }
+  const auto length = static_cast<int32_t>(name.size());
   hx::ItemHandle* item = module->openItem(module, store, name.data(), length, kFlags, &status);
   if (item == nullptr) return;
   item->item->write(item, bytes.data(), static_cast<int32_t>(bytes.size()), &status);
@@ -44,22 +41,10 @@ std::string CrashSession::describe(hx::Store* store) {
                               &kind) == 0) {
     last.assign(name, static_cast<size_t>(length));
     const std::string narrow(last.begin(), last.end());
-    members.insert(narrow +
-                   (kind == hx::kStoreKind ? nestedIn(store, last) : bytesIn(store, last)));
+    members.insert(kind == hx::kStoreKind ? narrow + "{" + look(last, hx::kRead, store) + "}"
+                                          : narrow + bytesIn(store, last));
   }
-  std::string text;
-  for (const std::string& member : members)
-    text += member;
-  return text;
-}
-
-std::string CrashSession::nestedIn(hx::Store* store, std::u32string_view name) {
-  hx::Store* nested = module->openStore(module, store, name.data(),
-                                        static_cast<int32_t>(name.size()), hx::kRead, &status);
-  if (nested == nullptr) return "!";
-  const std::string text = "{" + describe(nested) + "}";
-  close(nested);
-  return text;
+  return std::accumulate(members.begin(), members.end(), std::string());
 }
 
 std::string CrashSession::bytesIn(hx::Store* store, std::u32string_view name) {
@@ -73,13 +58,11 @@ std::string CrashSession::bytesIn(hx::Store* store, std::u32string_view name) {
   return got == bytes.size() ? "=" + bytes + ";" : "!";
 }
 
-std::string CrashSession::look(std::u32string_view path, uint32_t flags) {
-  hx::Store* store = open(path, flags);
-  if (store == nullptr) {
-    return status == hx::kNotFound ? "absent" : "status " + std::to_string(status);
-  }
+std::string CrashSession::look(std::u32string_view path, uint32_t flags, hx::Store* parent) {
+  hx::Store* store = open(path, flags, parent);
+  if (store == nullptr && status == hx::kNotFound) return "absent";
   const std::string text = status == 0 ? describe(store) : "status " + std::to_string(status);
-  close(store);
+  if (store != nullptr) close(store);
   return text;
 }
 

@@ -1,10 +1,9 @@
-// The real module on the real host, over any disk: what crash tests do to a store, and what they
-// find in one.
+// The real module on the real host, over any disk: what tests do to a store, and what they find in
+// one.
 #pragma once
 
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "host/linux/linux_host.h"
 #include "module/entry.h"
@@ -15,12 +14,12 @@ namespace hxtest {
 class CrashSession {
  public:
   explicit CrashSession(const hxhost::HostOptions& options);
-  ~CrashSession();
+  ~CrashSession() { module->destroy(module); }
   CrashSession(const CrashSession&) = delete;
   CrashSession& operator=(const CrashSession&) = delete;
 
-  // Null with the reason in `status`.
-  hx::Store* open(std::u32string_view path, uint32_t flags);
+  // A store file, or a store in `parent`. Null with the reason in `status`.
+  hx::Store* open(std::u32string_view path, uint32_t flags, hx::Store* parent = nullptr);
   void close(hx::Store* store) { store->closeStore(store); }
 
   // Appends to an item of the store, or of nested stores ("a/b"), which are created as needed.
@@ -32,14 +31,14 @@ class CrashSession {
 
   // Opens, describes and closes the store. "absent" when there is none, "status n" when it does not
   // open.
-  std::string look(std::u32string_view path, uint32_t flags = hx::kRead);
+  std::string look(std::u32string_view path, uint32_t flags = hx::kRead,
+                   hx::Store* parent = nullptr);
 
   hxhost::LinuxHost host;
   hx::ExtensionInstance* module = nullptr;
   int32_t status = 0;
 
  private:
-  std::string nestedIn(hx::Store* store, std::u32string_view name);
   std::string bytesIn(hx::Store* store, std::u32string_view name);
 };
 

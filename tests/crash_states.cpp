@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <random>
 #include <set>
 
 #include "host/linux/journal_format.h"
@@ -39,70 +40,44 @@ void addAndNest(CrashSession& session, hx::Store* store) {
   session.append(store, "nested/deeper/innermost", bytesFor(520, 'C'));
 }
 
-// Files are not modified beyond what the disk lets through: `disk` outlives every host over it.
-std::shared_ptr<hxhost::FileOps> borrow(SimulatedDisk& disk) {
-  return {&disk, [](hxhost::FileOps*) {}};
+// Where the blocks lie that the journal has as they were, and -1 for its header.
+std::set<int64_t> recordedBlocks(const DiskBytes& journal, const DiskBytes& before) {
+  std::set<int64_t> blocks;
+  hxhost::JournalHeader header{};
+  if (journal.size() < sizeof(header)) return blocks;
+  std::memcpy(&header, journal.data(), sizeof(header));
+  if (!hxhost::isWhole(header) || header.fileLength != std::ssize(before)) return blocks;
+  blocks.insert(-1);
+  hxhost::JournalRecord record{};
+  for (size_t at = sizeof(header); at + sizeof(record) <= journal.size();) {
+    std::memcpy(&record, journal.data() + at, sizeof(record));
+    at += sizeof(record);
+    const auto length = static_cast<size_t>(record.length);
+    if (!hxhost::isSound(record, header) || at + length > journal.size()) break;
+    const bool isAsBefore =
+        std::memcmp(journal.data() + at, before.data() + record.offset, length) == 0;
+    if (isAsBefore) blocks.insert(record.offset);
+    at += length;
+  }
+  return blocks;
 }
 
-// The rules of order, looked at before each operation of one update.
-class OrderRules {
- public:
-  OrderRules(const SimulatedDisk& disk, const DiskImage& before) : disk_(disk) {
-    const auto found = before.files.find(kCrashFile);
-    if (found != before.files.end()) before_ = found->second.bytes;
+// The rule of order that the step of an update would break; empty when it breaks none.
+std::string brokenRule(const SimulatedDisk& disk, const DiskBytes& before, const DiskStep& step) {
+  if (step.operation == DiskOperation::kUnlink && step.path == kCrashJournal) {
+    const bool isOnDisk = disk.synced().at(kCrashFile) == disk.live().at(kCrashFile);
+    return isOnDisk ? "" : "the journal goes before the data are on disk";
   }
-
-  // Empty, or the rule that would be broken.
-  std::string check(DiskOperation operation, const std::string& path, int64_t offset,
-                    int64_t count) const {
-    if (operation == DiskOperation::kUnlink && path == kCrashJournal) {
-      const bool hasPending = disk_.hasPending(disk_.live().files.at(kCrashFile).inode);
-      return hasPending ? "the journal goes before the data are on disk" : "";
-    }
-    if (operation != DiskOperation::kWrite || path != kCrashFile) return "";
-    return checkWrite(offset, offset + count);
+  if (step.operation != DiskOperation::kWrite || step.path != kCrashFile) return "";
+  const std::set<int64_t> recorded = recordedBlocks(disk.synced().at(kCrashJournal), before);
+  if (recorded.count(-1) == 0) return "the file changes before the journal's header is on disk";
+  constexpr int64_t kBlock = hxhost::kJournalBlockBytes;
+  const int64_t end = std::min(step.offset + step.count, std::ssize(before));
+  for (int64_t at = step.offset / kBlock * kBlock; at < end; at += kBlock) {
+    if (recorded.count(at) == 0) return "a block changes before its record is on disk";
   }
-
- private:
-  std::string checkWrite(int64_t from, int64_t to) const {
-    const DiskImage synced = disk_.synced();
-    const auto journal = synced.files.find(kCrashJournal);
-    if (journal == synced.files.end()) return "the file changes before the journal has a name";
-    const std::set<int64_t> recorded = recordedBlocks(journal->second.bytes);
-    if (recorded.count(-1) == 0) return "the file changes before the journal's header is on disk";
-    constexpr int64_t kBlock = hxhost::kJournalBlockBytes;
-    for (int64_t at = from / kBlock * kBlock; at < std::min(to, std::ssize(before_));
-         at += kBlock) {
-      if (recorded.count(at) == 0) return "a block changes before its record is on disk";
-    }
-    return "";
-  }
-
-  // Where the blocks lie that the journal has as they were, and -1 for its header.
-  std::set<int64_t> recordedBlocks(const DiskBytes& journal) const {
-    std::set<int64_t> blocks;
-    hxhost::JournalHeader header{};
-    if (journal.size() < sizeof(header)) return blocks;
-    std::memcpy(&header, journal.data(), sizeof(header));
-    if (!hxhost::isWhole(header) || header.fileLength != std::ssize(before_)) return blocks;
-    blocks.insert(-1);
-    hxhost::JournalRecord record{};
-    for (size_t at = sizeof(header); at + sizeof(record) <= journal.size();) {
-      std::memcpy(&record, journal.data() + at, sizeof(record));
-      at += sizeof(record);
-      const auto length = static_cast<size_t>(record.length);
-      if (!hxhost::isSound(record, header) || at + length > journal.size()) break;
-      if (std::memcmp(journal.data() + at, before_.data() + record.offset, length) == 0) {
-        blocks.insert(record.offset);
-      }
-      at += length;
-    }
-    return blocks;
-  }
-
-  const SimulatedDisk& disk_;
-  DiskBytes before_;
-};
+  return "";
+}
 
 class CrashExplorer {
  public:
@@ -111,28 +86,25 @@ class CrashExplorer {
 
   CrashReport explore() {
     for (size_t step = scenario_.firstCut; step < scenario_.steps.size(); ++step) {
-      exploreStep(diskBefore(scenario_, step), diskBefore(scenario_, step + 1), step);
+      exploreStep(diskBefore(scenario_, step), diskBefore(scenario_, step + 1),
+                  scenario_.steps[step]);
     }
     return report_;
   }
 
  private:
-  void exploreStep(const DiskImage& before, const DiskImage& after, size_t step) {
+  void exploreStep(const DiskImage& before, const DiskImage& after, CrashStep update) {
     const std::set<std::string> either = {lookAt(before), lookAt(after)};
     SimulatedDisk disk(before);
-    const OrderRules rules(disk, before);
-    disk.watch = [&](DiskOperation operation, const std::string& path, int64_t offset,
-                     int64_t count) {
-      const std::string broken = rules.check(operation, path, offset, count);
+    disk.watch = [&](const DiskStep& step) {
+      const std::string broken = brokenRule(disk, before.at(kCrashFile), step);
       if (!broken.empty()) fail(broken);
-      if (operation != DiskOperation::kRead && operation != DiskOperation::kOther) {
-        cutPower(disk, either, true);
-      }
+      if (step.changesDisk()) cutPower(disk, either, true);
     };
     hxhost::HostOptions options = hostOver(disk, settings_.cacheBytes);
     options.durability = settings_.durability;
     CrashSession session(options);
-    if (!runCrashStep(session, scenario_.steps[step])) fail("the store did not open");
+    if (!runCrashStep(session, update)) fail("the store did not open");
     disk.watch = nullptr;
     cutPower(disk, {lookAt(after)}, true);
   }
@@ -169,12 +141,11 @@ class CrashExplorer {
     ++report_.states;
     report_.rollbackStates += !isFirst;
     SimulatedDisk disk(image);
-    const bool isCutAgain = isFirst && image.files.count(kCrashJournal) != 0 &&
+    const bool isCutAgain = isFirst && image.has(kCrashJournal) &&
                             ++journals_ % static_cast<uint64_t>(settings_.rollbackEvery) == 0;
     if (isCutAgain) {
-      disk.watch = [&](DiskOperation operation, const std::string&, int64_t, int64_t) {
-        if (operation == DiskOperation::kRead || operation == DiskOperation::kOther) return;
-        cutPower(disk, allowed, false);
+      disk.watch = [&](const DiskStep& step) {
+        if (step.changesDisk()) cutPower(disk, allowed, false);
       };
     }
     const std::string found = lookAt(disk, report_.states % 8 == 0 ? hx::kUpdate : hx::kRead);
@@ -239,7 +210,7 @@ bool runCrashStep(CrashSession& session, CrashStep step) {
 hxhost::HostOptions hostOver(SimulatedDisk& disk, int64_t cacheBytes) {
   hxhost::HostOptions options;
   options.cacheBytesPerFile = cacheBytes;
-  options.fileOps = borrow(disk);
+  options.fileOps = {&disk, [](hxhost::FileOps*) {}};
   return options;
 }
 

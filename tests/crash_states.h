@@ -53,7 +53,7 @@ DiskImage diskBefore(const CrashScenario& scenario, size_t step);
 // Runs one step on a disk: opens, updates and closes. False when the store did not open.
 bool runCrashStep(CrashSession& session, CrashStep step);
 
-// A host over that disk.
+// A host over that disk, which outlives it.
 hxhost::HostOptions hostOver(SimulatedDisk& disk, int64_t cacheBytes = 65536);
 
 // What the module finds on that disk; the opening may change it.

@@ -1,7 +1,6 @@
 #include "tests/simulated_disk.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstring>
 
 namespace hxtest {
@@ -10,117 +9,100 @@ using hxhost::FileInfo;
 using hxhost::LockKind;
 using hxhost::OpenMode;
 
-SimulatedDisk::SimulatedDisk(const DiskImage& image) {
-  for (const auto& [path, file] : image.files) {
-    names_[path] = file.inode;
-    inodes_[file.inode] = file.bytes;
-    lastInode_ = std::max(lastInode_, file.inode);
-  }
-  syncedNames_ = names_;
-  syncedInodes_ = inodes_;
-}
+namespace {
 
-bool SimulatedDisk::hasPending(uint64_t inode) const {
-  return std::any_of(pending_.begin(), pending_.end(), [&](const DiskChange& change) {
-    return change.inode == inode && change.path.empty();
-  });
-}
+constexpr int64_t kSector = 512;
 
-DiskImage SimulatedDisk::imageOf(const Names& names, const Inodes& inodes) {
-  DiskImage image;
-  for (const auto& [path, inode] : names)
-    image.files[path] = {inode, inodes.at(inode)};
-  return image;
-}
-
-DiskImage SimulatedDisk::live() const {
-  return imageOf(names_, inodes_);
-}
-
-DiskImage SimulatedDisk::synced() const {
-  return imageOf(syncedNames_, syncedInodes_);
-}
-
-DiskImage SimulatedDisk::afterPowerCut(const std::vector<Fate>& fates, std::mt19937& random) const {
-  Names names = syncedNames_;
-  Inodes inodes = syncedInodes_;
-  for (size_t i = 0; i < pending_.size(); ++i) {
-    if (fates[i] == Fate::kDropped) continue;
-    apply(pending_[i], names, inodes, fates[i] == Fate::kTorn ? &random : nullptr);
-  }
-  return imageOf(names, inodes);
-}
-
-void SimulatedDisk::apply(const DiskChange& change, Names& names, Inodes& inodes,
-                          std::mt19937* tearing) {
-  DiskBytes& bytes = inodes[change.inode];
-  if (change.kind == ChangeKind::kCreate) names[change.path] = change.inode;
-  if (change.kind == ChangeKind::kUnlink) names.erase(change.path);
+// Writes are whole, or torn where `tearing` chooses.
+void apply(const DiskChange& change, DiskImage& image, std::mt19937* tearing) {
+  DiskBytes& bytes = image.inodes[change.inode];
+  if (change.kind == ChangeKind::kCreate) image.names[change.path] = change.inode;
+  if (change.kind == ChangeKind::kUnlink) image.names.erase(change.path);
   if (change.kind == ChangeKind::kTruncate) bytes.resize(static_cast<size_t>(change.offset));
   if (change.kind != ChangeKind::kWrite) return;
   const int64_t end = change.offset + std::ssize(change.bytes);
   bytes.resize(static_cast<size_t>(std::max(std::ssize(bytes), end)));
-  for (int64_t from = change.offset; from < end;) {
-    const int64_t to = std::min(end, (from / kSector + 1) * kSector);
-    if (tearing == nullptr || (*tearing)() % 2 == 0) {
-      std::copy(change.bytes.begin() + (from - change.offset),
-                change.bytes.begin() + (to - change.offset), bytes.begin() + from);
-    }
-    from = to;
+  for (int64_t from = change.offset, to = 0; from < end; from = to) {
+    to = std::min(end, (from / kSector + 1) * kSector);
+    if (tearing != nullptr && (*tearing)() % 2 != 0) continue;
+    std::copy(change.bytes.begin() + (from - change.offset),
+              change.bytes.begin() + (to - change.offset), bytes.begin() + from);
   }
 }
 
-bool SimulatedDisk::begin(DiskOperation operation, const std::string& path, int64_t offset,
-                          int64_t count) {
+}  // namespace
+
+DiskImage SimulatedDisk::afterPowerCut(const std::vector<Fate>& fates, std::mt19937& random) const {
+  DiskImage image = synced_;
+  for (size_t i = 0; i < pending_.size(); ++i) {
+    if (fates[i] == Fate::kDropped) continue;
+    apply(pending_[i], image, fates[i] == Fate::kTorn ? &random : nullptr);
+  }
+  return image;
+}
+
+bool SimulatedDisk::begin(const DiskStep& step) {
   const bool fails = failAt == 0 || (failAt < 0 && hasFired && failsEverAfter);
   if (failAt >= 0) --failAt;
   hasFired |= fails;
-  if (!fails && watch) watch(operation, path, offset, count);
+  if (!fails && watch) watch(step);
   return !fails;
 }
 
 std::string SimulatedDisk::pathOf(uint64_t inode) const {
-  for (const auto& [path, named] : names_) {
-    if (named == inode) return path;
-  }
-  return "";
+  const auto found = std::find_if(live_.names.begin(), live_.names.end(),
+                                  [&](const auto& name) { return name.second == inode; });
+  return found == live_.names.end() ? "" : found->first;
+}
+
+int64_t SimulatedDisk::transferred(size_t count) const {
+  return static_cast<int64_t>(fallsShort ? (count + 1) / 2 : count);
+}
+
+// How long that file can be.
+int64_t SimulatedDisk::room(uint64_t inode) const {
+  int64_t room = capacity;
+  for (const auto& [path, other] : live_.names)
+    room -= other == inode ? 0 : std::ssize(live_.inodes.at(other));
+  return std::max(room, std::ssize(live_.inodes.at(inode)));
 }
 
 void SimulatedDisk::change(DiskChange change) {
-  apply(change, names_, inodes_, nullptr);
+  apply(change, live_, nullptr);
   pending_.push_back(std::move(change));
 }
 
-template <typename Condition>
-void SimulatedDisk::settle(Condition isMeant) {
+void SimulatedDisk::settle(const std::function<bool(const DiskChange&)>& isMeant) {
   for (const DiskChange& change : pending_) {
-    if (isMeant(change)) apply(change, syncedNames_, syncedInodes_, nullptr);
+    if (isMeant(change)) apply(change, synced_, nullptr);
   }
   std::erase_if(pending_, isMeant);
 }
 
 int SimulatedDisk::open(const std::string& path, OpenMode mode) {
-  if (!begin(DiskOperation::kOpen, path)) return -failure;
+  if (!begin({DiskOperation::kChange, path})) return -failure;
   if (isReadOnly && mode != OpenMode::kRead) return -EACCES;
-  const auto found = names_.find(path);
   const bool isNew = mode == OpenMode::kCreateNew || mode == OpenMode::kCreatePrivate;
-  if (found != names_.end() && isNew) return -EEXIST;
-  if (found == names_.end() && !isNew && mode != OpenMode::kCreate) return -ENOENT;
-  if (found == names_.end()) change({ChangeKind::kCreate, ++lastInode_, path, 0, {}});
-  openings_[++lastOpening_] = {names_[path]};
+  if (live_.has(path) && isNew) return -EEXIST;
+  if (!live_.has(path)) {
+    if (!isNew && mode != OpenMode::kCreate) return -ENOENT;
+    const uint64_t last = live_.inodes.empty() ? 0 : live_.inodes.rbegin()->first;
+    change({ChangeKind::kCreate, last + 1, path, 0, {}});
+  }
+  openings_[++lastOpening_] = {live_.names[path]};
   return lastOpening_;
 }
 
 int SimulatedDisk::close(int file) {
-  const bool works = begin(DiskOperation::kOther, "");
   openings_.erase(file);
-  return works ? 0 : -failure;
+  return begin({DiskOperation::kLook, ""}) ? 0 : -failure;
 }
 
 int64_t SimulatedDisk::readAt(int file, void* out, size_t count, int64_t offset) {
-  const DiskBytes& bytes = inodes_[openings_.at(file).inode];
-  if (!begin(DiskOperation::kRead, pathOf(openings_.at(file).inode))) return -failure;
-  const int64_t wanted = static_cast<int64_t>(fallsShort ? (count + 1) / 2 : count);
+  const uint64_t inode = openings_.at(file).inode;
+  const DiskBytes& bytes = live_.inodes[inode];
+  const int64_t wanted = transferred(count);
+  if (!begin({DiskOperation::kRead, pathOf(inode), offset, wanted})) return -failure;
   const int64_t got = std::clamp<int64_t>(std::ssize(bytes) - offset, 0, wanted);
   if (got > 0) std::memcpy(out, bytes.data() + offset, static_cast<size_t>(got));
   return got;
@@ -128,14 +110,9 @@ int64_t SimulatedDisk::readAt(int file, void* out, size_t count, int64_t offset)
 
 int64_t SimulatedDisk::writeAt(int file, const void* bytes, size_t count, int64_t offset) {
   const uint64_t inode = openings_.at(file).inode;
-  int64_t wanted = static_cast<int64_t>(fallsShort ? (count + 1) / 2 : count);
-  if (!begin(DiskOperation::kWrite, pathOf(inode), offset, wanted)) return -failure;
-  int64_t used = offset - std::ssize(inodes_[inode]);
-  for (const auto& [path, named] : names_)
-    used += std::ssize(inodes_[named]);
-  if (offset + wanted > std::ssize(inodes_[inode])) {
-    wanted = std::min(wanted, std::max(capacity - used, std::ssize(inodes_[inode]) - offset));
-  }
+  int64_t wanted = transferred(count);
+  if (!begin({DiskOperation::kWrite, pathOf(inode), offset, wanted})) return -failure;
+  wanted = std::min(wanted, room(inode) - offset);
   if (wanted <= 0) return -ENOSPC;
   const auto* from = static_cast<const uint8_t*>(bytes);
   change({ChangeKind::kWrite, inode, "", offset, DiskBytes(from, from + wanted)});
@@ -143,68 +120,66 @@ int64_t SimulatedDisk::writeAt(int file, const void* bytes, size_t count, int64_
 }
 
 int SimulatedDisk::inspect(int file, FileInfo& info) {
-  if (!begin(DiskOperation::kOther, "")) return -failure;
+  if (!begin({DiskOperation::kLook, ""})) return -failure;
   const uint64_t inode = openings_.at(file).inode;
-  info = {true, false, std::ssize(inodes_[inode]), 1, inode};
+  info = {!hasBecomeDevice, false, std::ssize(live_.inodes[inode]), 1, inode};
   return 0;
 }
 
 int SimulatedDisk::inspectPath(const std::string& path, FileInfo& info) {
-  if (!begin(DiskOperation::kOther, path)) return -failure;
-  const auto found = names_.find(path);
-  if (found == names_.end()) return -ENOENT;
-  info = {true, false, std::ssize(inodes_[found->second]), 1, found->second};
+  if (!begin({DiskOperation::kLook, path})) return -failure;
+  if (!live_.has(path)) return -ENOENT;
+  info = {true, false, std::ssize(live_.at(path)), 1, live_.names.at(path)};
   return 0;
 }
 
 int SimulatedDisk::truncate(int file, int64_t size) {
   const uint64_t inode = openings_.at(file).inode;
-  if (!begin(DiskOperation::kTruncate, pathOf(inode), size)) return -failure;
+  if (!begin({DiskOperation::kChange, pathOf(inode)})) return -failure;
   change({ChangeKind::kTruncate, inode, "", size, {}});
   return 0;
 }
 
 int SimulatedDisk::sync(int file) {
   const uint64_t inode = openings_.at(file).inode;
-  if (!begin(DiskOperation::kSync, pathOf(inode))) return -failure;
+  if (!begin({DiskOperation::kSync, pathOf(inode)})) return -failure;
   settle([&](const DiskChange& change) { return change.inode == inode && change.path.empty(); });
   return 0;
 }
 
 int SimulatedDisk::lock(int file, LockKind kind) {
-  if (!begin(DiskOperation::kOther, "")) return -failure;
+  if (!begin({DiskOperation::kLook, ""})) return -failure;
   Opening& own = openings_.at(file);
   for (const auto& [number, other] : openings_) {
     if (number == file || other.inode != own.inode || other.lock == LockKind::kNone) continue;
-    if (kind == LockKind::kExclusive) return -EAGAIN;
-    if (kind == LockKind::kShared && other.lock == LockKind::kExclusive) return -EAGAIN;
+    const bool sharesIt = kind == LockKind::kShared && other.lock == LockKind::kShared;
+    if (kind != LockKind::kNone && !sharesIt) return -EAGAIN;
   }
   own.lock = kind;
   return 0;
 }
 
 int SimulatedDisk::copyAccess(int, int) {
-  return begin(DiskOperation::kOther, "") ? 0 : -failure;
+  return begin({DiskOperation::kLook, ""}) ? 0 : -failure;
 }
 
 int SimulatedDisk::syncDirectory(const std::string& path) {
-  if (!begin(DiskOperation::kSyncDirectory, path)) return -failure;
+  if (!begin({DiskOperation::kSyncDirectory, path})) return -failure;
   settle([](const DiskChange& change) { return !change.path.empty(); });
   return 0;
 }
 
 int SimulatedDisk::remove(const std::string& path) {
-  if (!begin(DiskOperation::kUnlink, path)) return -failure;
-  const auto found = names_.find(path);
-  if (found == names_.end()) return -ENOENT;
-  change({ChangeKind::kUnlink, found->second, path, 0, {}});
+  if (!begin({DiskOperation::kUnlink, path})) return -failure;
+  if (!live_.has(path)) return -ENOENT;
+  change({ChangeKind::kUnlink, live_.names.at(path), path, 0, {}});
   return 0;
 }
 
 int SimulatedDisk::resolve(const std::string& path, std::string& resolved) {
-  if (!begin(DiskOperation::kOther, path)) return -failure;
+  if (!begin({DiskOperation::kLook, path})) return -failure;
   resolved = path;
-  return names_.count(path) != 0 ? 0 : -ENOENT;
+  return live_.has(path) ? 0 : -ENOENT;
 }
 
 }  // namespace hxtest

@@ -1,10 +1,9 @@
-// A disk in memory that knows what a power cut would leave of it.
+// A disk in memory that knows what a power cut would leave of it, and that fails on demand.
 #pragma once
 
-#include <cstdint>
+#include <cerrno>
 #include <functional>
 #include <map>
-#include <memory>
 #include <random>
 #include <string>
 #include <vector>
@@ -17,11 +16,14 @@ using DiskBytes = std::vector<uint8_t>;
 
 // What is on a disk when nothing is under way. All files lie in one directory, "/".
 struct DiskImage {
-  struct File {
-    uint64_t inode;
-    DiskBytes bytes;
-  };
-  std::map<std::string, File> files;
+  std::map<std::string, uint64_t> names;
+  std::map<uint64_t, DiskBytes> inodes;
+
+  bool has(const std::string& path) const { return names.count(path) != 0; }
+  // Empty when there is none.
+  DiskBytes at(const std::string& path) const {
+    return has(path) ? inodes.at(names.at(path)) : DiskBytes();
+  }
 };
 
 enum class ChangeKind { kWrite, kTruncate, kCreate, kUnlink };
@@ -38,24 +40,24 @@ struct DiskChange {
 // What becomes of a change in a power cut: a torn write keeps some of its sectors, and its length.
 enum class Fate { kKept, kDropped, kTorn };
 
-enum class DiskOperation {
-  kOpen,
-  kRead,
-  kWrite,
-  kTruncate,
-  kSync,
-  kUnlink,
-  kSyncDirectory,
-  kOther
+// kLook leaves the disk as it is, kChange is what has no name of its own here.
+enum class DiskOperation { kLook, kRead, kWrite, kChange, kUnlink, kSync, kSyncDirectory };
+
+struct DiskStep {
+  DiskOperation operation;
+  std::string path;    // empty for a file that has no name any more
+  int64_t offset = 0;  // of a read and a write, as `count`
+  int64_t count = 0;
+
+  bool changesDisk() const { return operation > DiskOperation::kRead; }
+  bool isSync() const { return operation >= DiskOperation::kSync; }
 };
 
 // Only a file's sync puts its bytes and its length on disk, only the directory's sync puts names
 // there. One thread at a time.
 class SimulatedDisk : public hxhost::FileOps {
  public:
-  static constexpr int64_t kSector = 512;
-
-  explicit SimulatedDisk(const DiskImage& image = {});
+  explicit SimulatedDisk(const DiskImage& image = {}) : live_(image), synced_(image) {}
 
   // Faults. The operation `failAt` from now on fails, and all later ones if `failsEverAfter`.
   int64_t failAt = -1;
@@ -64,16 +66,15 @@ class SimulatedDisk : public hxhost::FileOps {
   bool hasFired = false;
   bool isReadOnly = false;              // opens for writing fail with EACCES
   bool fallsShort = false;              // transfers deliver at most half of what was asked for
+  bool hasBecomeDevice = false;         // what is opened is not what was there a moment ago
   int64_t capacity = int64_t{1} << 60;  // bytes of all files; beyond it ENOSPC
 
-  // Called before each operation that gets through to the disk. `path` is empty for a file that has
-  // no name any more; `offset` and `count` are those of a write.
-  std::function<void(DiskOperation, const std::string& path, int64_t offset, int64_t count)> watch;
+  // Called before each operation that gets through to the disk.
+  std::function<void(const DiskStep&)> watch;
 
   const std::vector<DiskChange>& pending() const { return pending_; }
-  bool hasPending(uint64_t inode) const;
-  DiskImage live() const;
-  DiskImage synced() const;
+  const DiskImage& live() const { return live_; }
+  const DiskImage& synced() const { return synced_; }
   // Fates by the index of the pending change; `random` chooses the sectors of the torn ones.
   DiskImage afterPowerCut(const std::vector<Fate>& fates, std::mt19937& random) const;
 
@@ -92,29 +93,22 @@ class SimulatedDisk : public hxhost::FileOps {
   int resolve(const std::string& path, std::string& resolved) override;
 
  private:
-  using Names = std::map<std::string, uint64_t>;
-  using Inodes = std::map<uint64_t, DiskBytes>;
   struct Opening {
     uint64_t inode;
     hxhost::LockKind lock = hxhost::LockKind::kNone;
   };
 
-  static DiskImage imageOf(const Names& names, const Inodes& inodes);
-  static void apply(const DiskChange& change, Names& names, Inodes& inodes, std::mt19937* tearing);
-
-  bool begin(DiskOperation operation, const std::string& path, int64_t offset = 0,
-             int64_t count = 0);
+  bool begin(const DiskStep& step);
   std::string pathOf(uint64_t inode) const;
+  int64_t transferred(size_t count) const;
+  int64_t room(uint64_t inode) const;
   void change(DiskChange change);
-  template <typename Condition>
-  void settle(Condition isMeant);
+  void settle(const std::function<bool(const DiskChange&)>& isMeant);
 
-  Names names_, syncedNames_;
-  Inodes inodes_, syncedInodes_;
+  DiskImage live_, synced_;
   std::vector<DiskChange> pending_;
   std::map<int, Opening> openings_;
   int lastOpening_ = 2;
-  uint64_t lastInode_ = 0;
 };
 
 }  // namespace hxtest

@@ -40,7 +40,7 @@ int print(const char* what, uint64_t count, uint64_t failures, const std::string
 // crash [states] [kills]
 int main(int count, char** arguments) {
   const uint64_t wanted = count > 1 ? std::strtoull(arguments[1], nullptr, 10) : 1'000'000;
-  const int kills = count > 2 ? std::atoi(arguments[2]) : 200;
+  const int kills = count > 2 ? static_cast<int>(std::strtol(arguments[2], nullptr, 10)) : 200;
   auto began = Clock::now();
   CrashReport report;
   for (unsigned round = 1; report.states < wanted; ++round)
@@ -55,7 +55,7 @@ int main(int count, char** arguments) {
     result |= print(durability == hxhost::Durability::full ? "processes killed, durability full"
                                                            : "processes killed, durability none",
                     killed.kills, killed.failures, killed.firstFailure, secondsSince(began));
-    std::printf("updates that they completed: %" PRIu64 ", left to be rolled back: %" PRIu64 "\n",
+    std::printf("updates that they completed: %" PRId64 ", left to be rolled back: %" PRIu64 "\n",
                 killed.updates, killed.rolledBack);
   }
   return result;
