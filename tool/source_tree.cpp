@@ -35,7 +35,8 @@ class TreeScanner {
     }
     if (refusals_ > 0) {
       throw Failure(ExitCode::inputOutput, cursor_.path(), "",
-                    std::to_string(refusals_) + " entries can't be kept, nothing was packed");
+                    std::to_string(refusals_) + (refusals_ == 1 ? " entry" : " entries") +
+                        " can't be kept, nothing was packed");
     }
     return std::move(steps_);
   }
