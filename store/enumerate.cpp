@@ -15,9 +15,8 @@ Member* memberAfter(const Container& members, Name name) {
   return firstMember(members.table, bucketOf(name) + 1);
 }
 
-bool canBeCursor(const Container& members, const Member* member) {
-  const Name name = nameOf(member);
-  return name.length > 0 && findMember(members, name) == member;
+bool canBeCursor(const Container& members, Member* member) {
+  return member->nameLength > 0 && isNewestOfItsName(members, member);
 }
 
 }  // namespace

@@ -1,75 +1,13 @@
 #include "store/member_table.h"
 
-#include "store/memory.h"
+#include "store/member_index.h"
 
 namespace hx {
 
 namespace {
 
-// Chains of a few members are as fast as an index. At 63 chains this is four or five in each.
-constexpr uint32_t kIndexedFrom = 256;
-
-IndexLink& linkOf(Member* member) {
-  return member->kind == kStoreKind ? asStore(member)->indexLink : asItem(member)->indexLink;
-}
-
 int32_t bucketOf(uint32_t hash) {
   return static_cast<int32_t>(hash % static_cast<uint32_t>(kBucketCount));
-}
-
-bool isPowerOfTwo(uint32_t number) {
-  return (number & (number - 1)) == 0;
-}
-
-void reverseList(Member** list) {
-  Member* reversed = nullptr;
-  while (*list != nullptr) {
-    Member* member = *list;
-    *list = linkOf(member).next;
-    linkOf(member).next = reversed;
-    reversed = member;
-  }
-  *list = reversed;
-}
-
-void pushToList(const MemberIndex& index, Member* member) {
-  Member** list = &index.lists[linkOf(member).hash & index.mask];
-  linkOf(member).next = *list;
-  *list = member;
-}
-
-// Makes an index of `listCount` lists from the chains. When the pool refuses it, what there was
-// goes on serving.
-void buildIndex(const Container& container, uint32_t listCount) {
-  const uint64_t size = uint64_t{listCount} * sizeof(void*);
-  auto** lists = static_cast<Member**>(allocateBlock(container.pool, size));
-  if (lists == nullptr) return;
-  MemberIndex& index = container.index;
-  freeBlock(container.pool, index.lists);
-  index.lists = lists;
-  index.mask = listCount - 1;
-  for (Member* member : container.table.buckets) {
-    for (; member != nullptr; member = member->next)
-      pushToList(index, member);
-  }
-  // Members of one name lie in one chain, newest first; that is how a list must have them, too.
-  for (uint32_t i = 0; i < listCount; ++i)
-    reverseList(&lists[i]);
-}
-
-void removeFromList(const MemberIndex& index, Member* member) {
-  Member** link = &index.lists[linkOf(member).hash & index.mask];
-  while (*link != member)
-    link = &linkOf(*link).next;
-  *link = linkOf(member).next;
-}
-
-Member* findInIndex(const MemberIndex& index, uint32_t hash, Name name) {
-  Member* member = index.lists[hash & index.mask];
-  while (member != nullptr && (linkOf(member).hash != hash || !equalNames(nameOf(member), name))) {
-    member = linkOf(member).next;
-  }
-  return member;
 }
 
 }  // namespace
@@ -97,23 +35,18 @@ Container containerOf(Store* store) {
 
 Member* findMember(const Container& container, Name name) {
   const uint32_t hash = hashName(name);
-  if (container.index.lists != nullptr) return findInIndex(container.index, hash, name);
+  if (container.index.slots != nullptr) return findInIndex(container.index, hash, name);
   return lookup(&container.table, bucketOf(hash), name.characters, name.length);
 }
 
 void insertMember(const Container& container, Member* member) {
-  MemberIndex& index = container.index;
   const uint32_t hash = hashName(nameOf(member));
-  linkOf(member).hash = hash;
+  hashOf(member) = hash;
   Member*& head = container.table.buckets[bucketOf(hash)];
   member->next = head;
   head = member;
-  ++index.memberCount;
-  if (index.lists != nullptr) pushToList(index, member);
-  // A pool that refused is asked again when the table has doubled.
-  if (index.memberCount >= kIndexedFrom && isPowerOfTwo(index.memberCount)) {
-    buildIndex(container, 2 * index.memberCount);
-  }
+  ++container.index.memberCount;
+  addToIndex(container.index, container.table, container.pool, member);
 }
 
 void removeMember(const Container& container, Member* member) {
@@ -123,7 +56,7 @@ void removeMember(const Container& container, Member* member) {
   if (*link == nullptr) return;
   *link = member->next;
   --container.index.memberCount;
-  if (container.index.lists != nullptr) removeFromList(container.index, member);
+  removeFromIndex(container.index, member);
 }
 
 Member* firstMember(const MemberTable& table, int32_t bucket) {
@@ -135,12 +68,16 @@ Member* firstMember(const MemberTable& table, int32_t bucket) {
 
 Member* nextMember(const MemberTable& table, Member* member) {
   if (member->next != nullptr) return member->next;
-  return firstMember(table, bucketOf(linkOf(member).hash) + 1);
+  return firstMember(table, bucketOf(hashOf(member)) + 1);
+}
+
+bool isNewestOfItsName(const Container& container, Member* member) {
+  if (container.index.slots == nullptr) return findMember(container, nameOf(member)) == member;
+  return findInIndex(container.index, hashOf(member), nameOf(member)) == member;
 }
 
 void releaseIndex(const Container& container) {
-  freeBlock(container.pool, container.index.lists);
-  container.index.lists = nullptr;
+  freeIndex(container.index, container.pool);
 }
 
 }  // namespace hx

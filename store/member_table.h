@@ -32,6 +32,9 @@ Container containerOf(Store* store);
 // The newest member of that name, or null.
 Member* findMember(const Container& container, Name name);
 
+// Whether a listed member is what a search for its name finds.
+bool isNewestOfItsName(const Container& container, Member* member);
+
 // Puts a member, whose name and kind are set, at the head of its bucket.
 void insertMember(const Container& container, Member* member);
 

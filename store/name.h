@@ -30,7 +30,8 @@ inline uint64_t byteCount(Name name) {
 }
 
 inline bool equalNames(Name a, Name b) {
-  return a.length == b.length && equalBytes(a.characters, b.characters, byteCount(a));
+  if (a.length != b.length) return false;
+  return a.characters == b.characters || equalBytes(a.characters, b.characters, byteCount(a));
 }
 
 // The characters from `start` on.

@@ -44,19 +44,18 @@ struct MemberTable {
   Member* buckets[kBucketCount];
 };
 
-// Finds the members of a large table by their whole hash: lists of the same order as the chains,
-// newest first, but short ones. The chains stay what they are; without memory for the lists they
-// serve alone.
-struct MemberIndex {
-  Member** lists;        // null while the table is small; as many as `mask` + 1
-  uint32_t mask;         // the low bits of a hash that choose its list
-  uint32_t memberCount;  // in the table, also while there are no lists
+// One place of an index; empty: null.
+struct IndexSlot {
+  Member* member;
+  uint32_t hash;  // of the member's name
 };
 
-// A member's place in its table's index.
-struct IndexLink {
-  Member* next;   // in the same list
-  uint32_t hash;  // of the name, from when the member was entered into its table
+// Finds the members of a large table by their whole hash (member_index.h). The chains stay what
+// they are; without memory for the slots they serve alone.
+struct MemberIndex {
+  IndexSlot* slots;      // null while the table is small; `mask` + 1 of them, a power of two
+  uint32_t mask;         // the low bits that choose a slot
+  uint32_t memberCount;  // in the table, also while there are no slots
 };
 
 struct ExtensionInstance {
@@ -133,7 +132,7 @@ struct Store {
   uint64_t blobSize;  // bytes, of a store opened from a blob
 
   // The module's own.
-  IndexLink indexLink;      // in the index of the table that this store is in
+  uint32_t nameHash;        // from when the store was entered into a table
   MemberIndex memberIndex;  // of `members`
 
   // The module's own, all of the top-level store.
@@ -164,8 +163,8 @@ struct ItemMember {
   uint32_t (*read)(ItemHandle* handle, void* buffer, int32_t length, void* conversionArgument,
                    int32_t* status);
   int32_t (*close)(ItemHandle* handle);
-  uint32_t flags;       // RecordFlag
-  IndexLink indexLink;  // the module's own: in the index of its store's table
+  uint32_t flags;     // RecordFlag
+  uint32_t nameHash;  // the module's own: from when the item was entered into a table
 };
 
 // One opening of an item; used by one thread at a time.
@@ -278,7 +277,7 @@ static_assert(offsetof(Store, setPageSize) == 680);
 static_assert(offsetof(Store, pageSize) == 688);
 static_assert(offsetof(Store, createBlobFromStore) == 696);
 static_assert(offsetof(Store, blobSize) == 704);
-static_assert(offsetof(Store, indexLink) == 712);
+static_assert(offsetof(Store, nameHash) == 712);
 static_assert(offsetof(ItemMember, name) == 0);
 static_assert(offsetof(ItemMember, next) == 8);
 static_assert(offsetof(ItemMember, nameLength) == 16);

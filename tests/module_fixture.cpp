@@ -71,28 +71,25 @@ void checkItem(const ItemMember* item, const Handles& handles) {
   checkPages(item);
 }
 
-// The index, if there is one, has the members of the chains, those of each chain in its order.
+// The index, if there is one, has the members of the chains, those of one hash in their order.
 void checkIndex(const MemberTable& table, const MemberIndex& index) {
   const std::vector<Member*> members = chained(table);
   EXPECT_EQ(members.size(), index.memberCount);
-  if (index.lists == nullptr) return;
-  using Place = std::pair<uint32_t, int32_t>;  // list and chain
-  std::map<Place, std::vector<Member*>> wanted, listed;
-  for (Member* member : members) {
-    const Name name = nameOf(member);
-    wanted[{hashName(name) & index.mask, bucketOf(name)}].push_back(member);
-  }
-  for (uint32_t list = 0; list <= index.mask; ++list) {
-    for (Member* member = index.lists[list]; member != nullptr;) {
-      listed[{list, bucketOf(nameOf(member))}].push_back(member);
-      const bool isStore = member->kind == kStoreKind;
-      member = isStore ? asStore(member)->indexLink.next : asItem(member)->indexLink.next;
-    }
+  if (index.slots == nullptr) return;
+  std::map<uint32_t, std::vector<Member*>> wanted, listed;
+  for (Member* member : members)
+    wanted[hashName(nameOf(member))].push_back(member);
+  uint32_t start = 0;
+  while (index.slots[start].member != nullptr)
+    ++start;
+  for (uint32_t i = 1; i <= index.mask; ++i) {
+    const IndexSlot& slot = index.slots[(start + i) & index.mask];
+    if (slot.member != nullptr) listed[slot.hash].push_back(slot.member);
   }
   EXPECT_EQ(listed, wanted);
 }
 
-void checkMembers(const Store* store, const Handles& handles) {
+void checkMembers(Store* store, const Handles& handles) {
   checkIndex(store->members, store->memberIndex);
   for (Member* member : chained(store->members)) {
     if (member->kind == kItemKind) {
@@ -100,7 +97,7 @@ void checkMembers(const Store* store, const Handles& handles) {
       checkItem(asItem(member), handles);
       continue;
     }
-    const Store* nested = asStore(member);
+    Store* nested = asStore(member);
     EXPECT_TRUE(nested->kind == kStoreKind && nested->parent == store);
     EXPECT_TRUE(nested->root == store->root && nested->file == nullptr);
     EXPECT_TRUE(nested->openCount >= 0 && nested->openHandles == 0);
@@ -109,7 +106,7 @@ void checkMembers(const Store* store, const Handles& handles) {
 }
 
 // Compares the records of a tree with each other and with the handles that are open in it.
-void checkStore(const Store* root, const Handles& handles) {
+void checkStore(Store* root, const Handles& handles) {
   EXPECT_TRUE(isRoot(root) && root->kind == kStoreKind);
   EXPECT_TRUE(root->openCount <= 0 || root->file != nullptr);
   EXPECT_TRUE(root->openCount != 0 || openFile(root) == nullptr) << "closed, but not its file";
@@ -151,7 +148,7 @@ World::~World() {
   host.removeResult = 0;
   for (Member* member : chained(instance->stores))
     hxcrateCloseAndDeleteStore(asStore(member));
-  EXPECT_EQ(blocks(), instance->storeIndex.lists == nullptr ? 1 : 2) << "records are left";
+  EXPECT_EQ(blocks(), instance->storeIndex.slots == nullptr ? 1 : 2) << "records are left";
   EXPECT_EQ(host.liveConverters, 0);
   instance->destroy(instance);
 }
@@ -305,7 +302,7 @@ void World::check() {
   checkIndex(instance->stores, instance->storeIndex);
   for (Member* member : chained(instance->stores))
     checkStore(asStore(member), handles);
-  for (const Store* store : blobStores)
+  for (Store* store : blobStores)
     checkStore(store, handles);
 }
 

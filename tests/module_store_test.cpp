@@ -394,7 +394,7 @@ TEST_F(StoreTest, MembersOfALargeTable) {
   store = other.open(U"x.st", kRead);
   const std::string names = other.list(store);
   EXPECT_EQ(std::count(names.begin(), names.end(), ' '), 520 - 10);
-  EXPECT_TRUE(store->memberIndex.lists != nullptr && other.get(store, U"77") == "77");
+  EXPECT_TRUE(store->memberIndex.slots != nullptr && other.get(store, U"77") == "77");
 }
 
 TEST_F(StoreTest, StoresLeaveALargeTable) {
