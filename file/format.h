@@ -109,11 +109,10 @@ constexpr int32_t pageSizeFromCode(int64_t code) {
   return code < -INT64_C(0x7fffffff) ? 0 : static_cast<int32_t>(-code);
 }
 
-// The low 8 bits of at most 64 characters; the rest of the field is zero.
+// The low 8 bits of at most 64 characters, into a field that is all zero.
 inline void narrowName(Name name, uint8_t (&field)[kStoredNameLength]) {
-  for (int32_t i = 0; i < kStoredNameLength; ++i) {
-    field[i] = i < name.length ? static_cast<uint8_t>(name.characters[i]) : 0;
-  }
+  for (int32_t i = 0; i < name.length && i < kStoredNameLength; ++i)
+    field[i] = static_cast<uint8_t>(name.characters[i]);
 }
 
 inline int32_t storedNameLength(const uint8_t (&field)[kStoredNameLength]) {

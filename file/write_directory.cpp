@@ -13,7 +13,8 @@ uint64_t allocateUnsigned(Store* store, int32_t size) {
 }
 
 // Writes the directory along a walk over the tree. Only the member written last is remembered: on
-// the way back up that is the nested store just left, so a level needs no state of its own.
+// the way back up that is the nested store just left, so a level needs no state of its own. An
+// item's ENTRY is written when its `next` is known, so once.
 class TreeWriter {
  public:
   TreeWriter(Store* top, const Image& image) : cursor_(top), image_(image) {}
@@ -33,24 +34,18 @@ class TreeWriter {
  private:
   bool isRewritten(const Store* store) const { return image_.isBlob() || (store->dirty & 1) != 0; }
 
-  void writeEntry(int64_t offset, Name name, int64_t parentLink, int64_t previousLink,
-                  int64_t firstLink) {
-    Entry entry{parentLink, previousLink, 0, firstLink, {}};
-    narrowName(name, entry.name);
-    image_.write(offset, &entry, kEntrySize);
-  }
-
   void writeOwnEntry(Store* store, int64_t parentLink, int64_t previousLink) {
     if (!isRewritten(store)) return;
-    const Name name = parentLink == 0 ? lastComponent(nameOf(store)) : nameOf(store);
-    writeEntry(store->directoryOffset, name, parentLink, previousLink, 0);
+    Entry entry{parentLink, previousLink, 0, 0, {}};
+    narrowName(parentLink == 0 ? lastComponent(nameOf(store)) : nameOf(store), entry.name);
+    image_.write(store->directoryOffset, &entry, kEntrySize);
   }
 
   // Links a member behind the one before it and writes it.
   void writeMember() {
     Member* member = cursor_.member;
     placeMember(member, cursor_.store);
-    if (last_ != nullptr) image_.setLink(entryOffsetOf(last_), &Entry::next, linkTo(member));
+    linkLast(linkTo(member));
     if (member->kind == kStoreKind) {
       enterStore(asStore(member));
     } else {
@@ -61,8 +56,9 @@ class TreeWriter {
   void writeItemMember(ItemMember* item) {
     Member* member = asMember(item);
     const int64_t previous = last_ == nullptr ? 0 : entryOffsetOf(last_);
-    writeEntry(entryOffsetOf(member), nameOf(member), cursor_.store->directoryOffset, previous,
-               static_cast<int64_t>(item->firstChunkOffset));
+    const auto firstChunk = static_cast<int64_t>(item->firstChunkOffset);
+    pendingEntry_ = {cursor_.store->directoryOffset, previous, 0, firstChunk, {}};
+    narrowName(nameOf(member), pendingEntry_.name);
     writePages(item, image_);
     last_ = member;
     cursor_.advance();
@@ -82,12 +78,17 @@ class TreeWriter {
     cursor_.leave();
   }
 
+  void linkLast(int64_t next) {
+    if (last_ == nullptr) return;
+    if (last_->kind == kStoreKind) return image_.setLink(entryOffsetOf(last_), &Entry::next, next);
+    pendingEntry_.next = next;
+    image_.write(entryOffsetOf(last_), &pendingEntry_, kEntrySize);
+  }
+
   // Ends the chain of the store's members and links its head.
   void finishStore() {
     if (last_ == nullptr) return;
-    if (last_->kind == kStoreKind && !isRewritten(asStore(last_))) {
-      image_.setLink(entryOffsetOf(last_), &Entry::next, 0);
-    }
+    linkLast(0);
     Member* first = firstMember(cursor_.store->members);
     image_.setLink(cursor_.store->directoryOffset, &Entry::firstLink, linkTo(first));
   }
@@ -95,6 +96,7 @@ class TreeWriter {
   TreeCursor cursor_;
   Image image_;
   Member* last_ = nullptr;        // the member of the cursor's store written last
+  Entry pendingEntry_ = {};       // of `last_`, when that is an item: all but `next`
   int64_t lastNestedOffset_ = 0;  // the nested store of the cursor's store written last
 };
 

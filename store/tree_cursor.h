@@ -16,8 +16,16 @@ struct TreeCursor {
 
   bool isBehindAll() const { return member == nullptr && store == top; }
 
-  // To the next member of the same store.
-  void advance() { member = nextMember(store->members, member); }
+  // To the next member of the same store. Records lie in memory in the order in which they were
+  // made, the chains go against it: asking for the member after the next while the caller deals
+  // with the next takes XX % off the writing of a directory of 100,000 items.
+  void advance() {
+    member = nextMember(store->members, member);
+    if (member == nullptr) return;
+    __builtin_prefetch(member->next);
+    __builtin_prefetch(reinterpret_cast<const char*>(member->next) + 64);
+    __builtin_prefetch(reinterpret_cast<const char*>(member->next) + 128);
+  }
 
   // From a nested store to its first member.
   void enter() {

@@ -8,7 +8,8 @@
 namespace hxhost {
 namespace {
 
-constexpr int64_t kSmallestBlock = 64;
+constexpr int64_t kPieces = 64;
+constexpr int64_t kSmallestBlock = kPieces;
 constexpr int64_t kLargestBlock = 256 * 1024;
 constexpr int64_t kFewestFrames = 4;
 constexpr int64_t kMostFrames = 256;  // they are searched one by one
@@ -98,7 +99,7 @@ bool BlockCache::readWithin(int64_t base, int64_t from, int64_t to, std::byte* o
 
 bool BlockCache::writeWithin(int64_t base, int64_t from, int64_t to, const std::byte* bytes) {
   Frame* frame = current_;
-  if (frame->base != base || !frame->touches(from, to)) {
+  if (frame->base != base || !frame->holds(from, to)) {
     if (to - from == blockBytes_ && find(base) == nullptr) {
       return disk_.write(base, bytes, blockBytes_);
     }
@@ -108,22 +109,41 @@ bool BlockCache::writeWithin(int64_t base, int64_t from, int64_t to, const std::
   std::byte* place = frame->bytes.get() + from;
   if (frame->holds(from, to) && std::memcmp(place, bytes, toSize(to - from)) == 0) return true;
   std::memcpy(place, bytes, toSize(to - from));
-  frame->markDirty(from, to);
+  frame->begin = std::min(frame->begin, from);
+  frame->end = std::max(frame->end, to);
+  markDirty(*frame, from, to);
   return true;
 }
 
-void BlockCache::Frame::markDirty(int64_t from, int64_t to) {
-  begin = std::min(begin, from);
-  end = std::max(end, to);
-  dirtyBegin = isDirty() ? std::min(dirtyBegin, from) : from;
-  dirtyEnd = std::max(dirtyEnd, to);
+void BlockCache::markDirty(Frame& frame, int64_t from, int64_t to) const {
+  const int64_t pieceBytes = blockBytes_ / kPieces;
+  const int64_t first = from / pieceBytes;
+  const int64_t count = (to - 1) / pieceBytes + 1 - first;
+  frame.dirtyPieces |= ~uint64_t{0} >> (kPieces - count) << first;
+}
+
+// Calls `use`(offset in the file, bytes, count) for each run of dirty pieces, as far as the stretch
+// goes, until it returns false.
+template <typename Use>
+bool BlockCache::forEachDirtyRun(const Frame& frame, Use use) const {
+  const int64_t pieceBytes = blockBytes_ / kPieces;
+  uint64_t left = frame.dirtyPieces;
+  while (left != 0) {
+    const int first = std::countr_zero(left);
+    const int count = std::countr_one(left >> first);
+    const int64_t from = std::max(first * pieceBytes, frame.begin);
+    const int64_t to = std::min((first + count) * pieceBytes, frame.end);
+    if (!use(frame.base + from, frame.bytes.get() + from, to - from)) return false;
+    left &= first + count < kPieces ? ~uint64_t{0} << (first + count) : 0;
+  }
+  return true;
 }
 
 // Brings [from, to) into the stretch, and what lies ahead of it when the file is read on.
 bool BlockCache::load(Frame& frame, int64_t from, int64_t to) {
   if (frame.holds(from, to)) return true;
   int64_t known = frame.end - frame.begin;
-  int64_t skipped = std::max(from - frame.end, frame.begin - from);
+  int64_t skipped = std::max(from - frame.end, frame.begin - to);
   if (known == 0) {
     frame.restartAt(0);
     known = stretchBefore(frame);
@@ -133,19 +153,22 @@ bool BlockCache::load(Frame& frame, int64_t from, int64_t to) {
     frame.restartAt(from);
     known = 0;
   }
-  if (from < frame.begin && !extendDown(frame, from)) return false;
   const int64_t ahead = std::max(kFirstRead, kGrowth * known);
+  if (from < frame.begin && !extendDown(frame, from, std::min(from, frame.end - ahead)))
+    return false;
   return to <= frame.end || extendUp(frame, to, std::clamp(frame.end + ahead, to, blockBytes_));
 }
 
-// Makes the stretch touch [from, to), which is about to be written.
+// Makes the stretch touch [from, to), which is about to be written, and hold what the file had of
+// it before the update.
 bool BlockCache::approach(Frame& frame, int64_t from, int64_t to) {
+  if (frame.base + from < disk_.formerLength()) return load(frame, from, to);
   if (frame.touches(from, to)) return true;
   if (!frame.isDirty()) {
     frame.restartAt(from);
     return true;
   }
-  return from > frame.end ? extendUp(frame, from, from) : extendDown(frame, to);
+  return from > frame.end ? extendUp(frame, from, from) : extendDown(frame, to, to);
 }
 
 bool BlockCache::extendUp(Frame& frame, int64_t needed, int64_t wanted) {
@@ -155,9 +178,16 @@ bool BlockCache::extendUp(Frame& frame, int64_t needed, int64_t wanted) {
   return true;
 }
 
-bool BlockCache::extendDown(Frame& frame, int64_t from) {
-  if (fetch(frame, from, frame.begin, frame.begin) < 0) return false;
-  frame.begin = from;
+// At least from `needed` on, and from `wanted` on when the disk gives that, too.
+bool BlockCache::extendDown(Frame& frame, int64_t needed, int64_t wanted) {
+  const int64_t from = std::max<int64_t>(wanted, 0);
+  const int64_t count = frame.begin - from;
+  if (from < needed && disk_.tryRead(frame.base + from, frame.bytes.get() + from, count)) {
+    frame.begin = from;
+    return true;
+  }
+  if (fetch(frame, needed, frame.begin, frame.begin) < 0) return false;
+  frame.begin = needed;
   return true;
 }
 
@@ -184,29 +214,33 @@ int64_t BlockCache::stretchBefore(const Frame& frame) {
   return before != nullptr && before->end == blockBytes_ ? before->end - before->begin : 0;
 }
 
-// What is dirty now will be written one frame at a time, so the disk file may prepare for all of it
+// What is dirty now will be written one run at a time, so the disk file may prepare for all of it
 // at once.
 void BlockCache::announceDirty() {
   for (const Frame& frame : frames_) {
-    if (!frame.isDirty()) continue;
-    disk_.announce(frame.base + frame.dirtyBegin, frame.bytes.get() + frame.dirtyBegin,
-                   frame.dirtyEnd - frame.dirtyBegin);
+    forEachDirtyRun(frame, [this](int64_t offset, const std::byte*, int64_t count) {
+      disk_.announce(offset, count);
+      return true;
+    });
   }
 }
 
 bool BlockCache::makeRoom(Frame& frame) {
-  const int64_t count = frame.dirtyEnd - frame.dirtyBegin;
-  if (disk_.needsAnnouncement(frame.base + frame.dirtyBegin, count)) announceDirty();
+  const bool needsNone =
+      forEachDirtyRun(frame, [this](int64_t offset, const std::byte*, int64_t count) {
+        return !disk_.needsAnnouncement(offset, count);
+      });
+  if (!needsNone) announceDirty();
   return flushFrame(frame);
 }
 
 bool BlockCache::flushFrame(Frame& frame) {
-  if (!frame.isDirty()) return true;
-  const std::byte* bytes = frame.bytes.get() + frame.dirtyBegin;
-  const int64_t count = frame.dirtyEnd - frame.dirtyBegin;
-  if (!disk_.write(frame.base + frame.dirtyBegin, bytes, count)) return false;
-  frame.dirtyBegin = frame.dirtyEnd = 0;
-  return true;
+  const bool isWritten =
+      forEachDirtyRun(frame, [this](int64_t offset, const std::byte* bytes, int64_t count) {
+        return disk_.write(offset, bytes, count);
+      });
+  if (isWritten) frame.dirtyPieces = 0;
+  return isWritten;
 }
 
 BlockCache::Frame* BlockCache::find(int64_t base) {

@@ -1,15 +1,18 @@
 // The cache of one open file: reads and writes of any size become few and large transfers.
 //
 // The file is divided into blocks of equal size, of which some are in memory. Of its block a frame
-// holds one contiguous stretch, which starts small, grows as it is read on and may be dirty:
+// holds one contiguous stretch, which starts small and grows as it is read on, up or down. A block
+// has 64 pieces, each of which may be dirty:
 //
 //   1. The stretch holds the file's bytes as a reader is to see them.
-//   2. The dirty range lies within the stretch. A byte outside all dirty ranges is on disk, or lies
+//   2. A byte that lies outside the stretch, or in a piece that is not dirty, is on disk, or lies
 //      past the disk's length and is zero.
 //   3. No stretch reaches past size(), and size() is never below the disk's length.
 //
 // A stretch that has nothing dirty may be dropped at any time for one elsewhere in the block; a
-// dirty one is kept and the bytes between it and what is added to it are read in.
+// dirty one is kept and the bytes between it and what is added to it are read in. What the file had
+// before an update is read in before it is written to: bytes that are written as they were make
+// nothing dirty, so a directory that is written anew puts only its changes on disk.
 #pragma once
 
 #include <cstddef>
@@ -49,15 +52,13 @@ class BlockCache {
     int64_t base = kNoBlock;  // where the block begins in the file
     int64_t begin = 0;        // the stretch, counted from `base`
     int64_t end = 0;
-    int64_t dirtyBegin = 0;  // empty when nothing is dirty
-    int64_t dirtyEnd = 0;
+    uint64_t dirtyPieces = 0;  // a bit each, the block's first piece in the lowest
     uint64_t lastUse = 0;
     std::unique_ptr<std::byte, decltype(&std::free)> bytes{nullptr, &std::free};
 
-    bool isDirty() const { return dirtyBegin < dirtyEnd; }
+    bool isDirty() const { return dirtyPieces != 0; }
     bool holds(int64_t from, int64_t to) const { return begin <= from && to <= end; }
     bool touches(int64_t from, int64_t to) const { return from <= end && begin <= to; }
-    void markDirty(int64_t from, int64_t to);
     void restartAt(int64_t from) { begin = end = from; }
   };
 
@@ -68,9 +69,12 @@ class BlockCache {
   bool load(Frame& frame, int64_t from, int64_t to);
   bool approach(Frame& frame, int64_t from, int64_t to);
   bool extendUp(Frame& frame, int64_t needed, int64_t wanted);
-  bool extendDown(Frame& frame, int64_t from);
+  bool extendDown(Frame& frame, int64_t needed, int64_t wanted);
   int64_t fetch(Frame& frame, int64_t from, int64_t needed, int64_t wanted);
   int64_t stretchBefore(const Frame& frame);
+  void markDirty(Frame& frame, int64_t from, int64_t to) const;
+  template <typename Use>
+  bool forEachDirtyRun(const Frame& frame, Use use) const;
   void announceDirty();
   bool makeRoom(Frame& frame);
   bool flushFrame(Frame& frame);
@@ -82,7 +86,7 @@ class BlockCache {
 
   DiskFile& disk_;
   int64_t size_;
-  int64_t blockBytes_;  // a power of two
+  int64_t blockBytes_;  // a power of two, at least 64
   uint64_t clock_ = 0;
   std::vector<Frame> frames_;
   Frame* current_;  // the one used last

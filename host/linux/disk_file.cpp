@@ -1,12 +1,9 @@
 #include "host/linux/disk_file.h"
 
 #include <algorithm>
-#include <array>
-#include <cstring>
 #include <string_view>
 #include <utility>
 
-#include "host/linux/journal_format.h"
 #include "host/linux/transfer.h"
 
 namespace hxhost {
@@ -40,48 +37,12 @@ int64_t DiskFile::read(int64_t offset, void* out, int64_t wanted, int64_t needed
   return -1;
 }
 
-void DiskFile::announce(int64_t offset, const void* bytes, int64_t count) noexcept {
-  forEachChange(offset, static_cast<const std::byte*>(bytes), count,
-                [&](int64_t from, const std::byte*, int64_t length) { record(from, length); });
-}
-
-bool DiskFile::write(int64_t offset, const void* bytes, int64_t count) noexcept {
-  announce(offset, bytes, count);
-  forEachChange(offset, static_cast<const std::byte*>(bytes), count,
-                [&](int64_t from, const std::byte* changed, int64_t length) {
-                  writeOn(from, changed, length);
-                });
-  return !hasLostWrite_;
-}
-
-// Calls `use`(offset, bytes, count) for the stretches in which the file is about to change. Whoever
-// writes a record and then the link in it has dirtied a block that ends as it was: neither it nor
-// its journal record is worth writing. What lay behind the file's end at first is not compared.
-template <typename Use>
-void DiskFile::forEachChange(int64_t offset, const std::byte* bytes, int64_t count,
-                             Use use) noexcept {
-  const int64_t compared = std::clamp<int64_t>(formerLength_ - offset, 0, count);
-  int64_t changed = 0;
-  if (hasLostWrite_) return;
-  for (int64_t done = 0, step = 0; done < compared; done += step) {
-    step = std::min(kJournalBlockBytes - (offset + done) % kJournalBlockBytes, compared - done);
-    if (!isOnDisk(offset + done, bytes + done, step)) continue;
-    if (changed < done) use(offset + changed, bytes + changed, done - changed);
-    changed = done + step;
-  }
-  if (changed < count) use(offset + changed, bytes + changed, count - changed);
-}
-
-// False also when that can't be read: the journal will complain of it.
-bool DiskFile::isOnDisk(int64_t offset, const std::byte* bytes, int64_t count) noexcept {
-  std::array<std::byte, kJournalBlockBytes> block;
+bool DiskFile::tryRead(int64_t offset, void* out, int64_t count) noexcept {
   const int number = lease_.file().descriptor.number();
-  const Transfer transfer = readAll(ops_, number, block.data(), count, offset);
-  return transfer.count == count &&
-         std::memcmp(block.data(), bytes, static_cast<size_t>(count)) == 0;
+  return readAll(ops_, number, out, count, offset).count == count;
 }
 
-void DiskFile::record(int64_t offset, int64_t count) noexcept {
+void DiskFile::announce(int64_t offset, int64_t count) noexcept {
   if (hasLostWrite_) return;
   const int error = journal_.record(offset, count);
   if (error == 0) return;
@@ -89,17 +50,19 @@ void DiskFile::record(int64_t offset, int64_t count) noexcept {
   noteFailure(error, "write", offset);
 }
 
-void DiskFile::writeOn(int64_t offset, const std::byte* bytes, int64_t count) noexcept {
-  if (hasLostWrite_) return;
+bool DiskFile::write(int64_t offset, const void* bytes, int64_t count) noexcept {
+  announce(offset, count);
+  if (hasLostWrite_) return false;
   Transfer transfer;
   transfer.error = journal_.putOnDisk();
   if (transfer.error == 0) {
     transfer = writeAll(ops_, lease_.file().descriptor.number(), bytes, count, offset);
   }
   length_ = std::max(length_, offset + transfer.count);
-  if (transfer.count == count) return;
+  if (transfer.count == count) return true;
   stopWriting();
   noteFailure(transfer.reason(), "write", offset + transfer.count);
+  return false;
 }
 
 void DiskFile::noteFailure(int error, const char* operation, int64_t offset) noexcept {

@@ -30,10 +30,17 @@ class DiskFile {
   // Bytes that lie on disk: the file's size when it was opened, and what was written since.
   int64_t length() const { return length_; }
 
+  // What it was when it was opened: what lies behind is this update's own.
+  int64_t formerLength() const { return formerLength_; }
+
   // Reads `wanted` bytes within `length()`, or at least the first `needed` of them when the rest
   // can't be had. The number read, or -1 after noting the failure, which an update does not
   // survive.
   int64_t read(int64_t offset, void* out, int64_t wanted, int64_t needed) noexcept;
+
+  // The same for bytes that nobody has asked for: true when all of them could be had, and nothing
+  // is noted.
+  bool tryRead(int64_t offset, void* out, int64_t count) noexcept;
 
   // Whether a write there would have to put something into the journal first, and wait for it.
   bool needsAnnouncement(int64_t offset, int64_t count) const {
@@ -41,10 +48,9 @@ class DiskFile {
   }
 
   // Tells of a write that is to come: those that are announced together wait for the journal once.
-  void announce(int64_t offset, const void* bytes, int64_t count) noexcept;
+  void announce(int64_t offset, int64_t count) noexcept;
 
-  // Writes all bytes, but for blocks that hold them already, or notes the failure and stops
-  // writing.
+  // Writes all bytes, or notes the failure and stops writing.
   bool write(int64_t offset, const void* bytes, int64_t count) noexcept;
 
   // From now on nothing is written any more: bytes were lost, and what follows would build on them.
@@ -56,11 +62,6 @@ class DiskFile {
   void noteFailure(int error, const char* operation, int64_t offset) noexcept;
 
  private:
-  template <typename Use>
-  void forEachChange(int64_t offset, const std::byte* bytes, int64_t count, Use use) noexcept;
-  bool isOnDisk(int64_t offset, const std::byte* bytes, int64_t count) noexcept;
-  void record(int64_t offset, int64_t count) noexcept;
-  void writeOn(int64_t offset, const std::byte* bytes, int64_t count) noexcept;
   void endUpdate() noexcept;
   bool commit() noexcept;
   bool rollBack() noexcept;
