@@ -9,9 +9,8 @@ namespace {
 // Chains of a few members are as fast as an index. At 63 chains this is four or five in each.
 constexpr uint32_t kIndexedFrom = 256;
 
-bool isPowerOfTwo(uint32_t number) {
-  return (number & (number - 1)) == 0;
-}
+// An index costs as much as searching some chains. Whoever opens a store for one item needs none.
+constexpr uint32_t kChainSearches = 4;
 
 // Spreads the hashes, which are alike for names that differ in their last character only.
 uint32_t homeOf(const MemberIndex& index, uint32_t hash) {
@@ -63,19 +62,20 @@ void addSlots(const MemberIndex& index, const MemberIndex& former) {
 }
 
 // False, with everything as it was, when the pool refuses or the number has overflown to 0.
-bool resize(MemberIndex& index, const MemberTable& table, Pool* pool, uint32_t slotCount) {
+bool giveSlots(MemberIndex& index, Pool* pool, uint32_t slotCount) {
   if (slotCount == 0) return false;
   auto* slots = static_cast<IndexSlot*>(allocateBlock(pool, slotCount * sizeof(IndexSlot)));
   if (slots == nullptr) return false;
-  const MemberIndex former = index;
   index.slots = slots;
   index.mask = slotCount - 1;
-  if (former.slots == nullptr) {
-    addChains(index, table);
-  } else {
-    addSlots(index, former);
-    freeBlock(pool, former.slots);
-  }
+  return true;
+}
+
+bool enlarge(MemberIndex& index, Pool* pool) {
+  const MemberIndex former = index;
+  if (!giveSlots(index, pool, 2 * (former.mask + 1))) return false;
+  addSlots(index, former);
+  freeBlock(pool, former.slots);
   return true;
 }
 
@@ -98,6 +98,16 @@ uint32_t& hashOf(Member* member) {
   return member->kind == kStoreKind ? asStore(member)->nameHash : asItem(member)->nameHash;
 }
 
+void prepareIndex(MemberIndex& index, const MemberTable& table, Pool* pool) {
+  if (index.slots != nullptr || index.memberCount < kIndexedFrom) return;
+  if (++index.chainSearches < kChainSearches) return;
+  index.chainSearches = 0;
+  uint32_t slotCount = 2 * kIndexedFrom;
+  while (slotCount != 0 && slotCount / 2 < index.memberCount)
+    slotCount *= 2;
+  if (giveSlots(index, pool, slotCount)) addChains(index, table);
+}
+
 Member* findInIndex(const MemberIndex& index, uint32_t hash, Name name) {
   uint32_t slot = homeOf(index, hash);
   for (; index.slots[slot].member != nullptr; slot = slotBehind(index, slot)) {
@@ -107,19 +117,12 @@ Member* findInIndex(const MemberIndex& index, uint32_t hash, Name name) {
   return nullptr;
 }
 
-void addToIndex(MemberIndex& index, const MemberTable& table, Pool* pool, Member* member) {
-  const uint32_t count = index.memberCount;
-  if (index.slots == nullptr) {
-    // A pool that refused is asked again when the table has doubled.
-    if (count >= kIndexedFrom && isPowerOfTwo(count)) resize(index, table, pool, 2 * count);
-    return;
-  }
+void addToIndex(MemberIndex& index, Pool* pool, Member* member) {
+  if (index.slots == nullptr) return;
   addBefore(index, {member, hashOf(member)});
   // Up to three quarters full a probe is a few slots long.
-  if (count <= index.mask - index.mask / 4) return;
-  if (!resize(index, table, pool, 2 * (index.mask + 1)) && count == index.mask) {
-    freeIndex(index, pool);
-  }
+  if (index.memberCount <= index.mask - index.mask / 4) return;
+  if (!enlarge(index, pool) && index.memberCount == index.mask) freeIndex(index, pool);
 }
 
 void removeFromIndex(MemberIndex& index, Member* member) {

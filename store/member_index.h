@@ -13,13 +13,17 @@
 
 namespace hx {
 
+// Before a search: makes the index when the table is large and is being searched. Loading a
+// directory searches nothing. When the pool refuses the memory the chains serve alone.
+void prepareIndex(MemberIndex& index, const MemberTable& table, Pool* pool);
+
 // The newest member of that name, or null. The index exists.
 Member* findInIndex(const MemberIndex& index, uint32_t hash, Name name);
 
 // Takes note of a member that was put at the head of its chain and is counted in `memberCount`.
-// Makes the index when the table has become large, and makes it larger. When the pool refuses the
-// memory for it, what there was goes on serving, and in the end the chains alone.
-void addToIndex(MemberIndex& index, const MemberTable& table, Pool* pool, Member* member);
+// When the pool refuses to make the index larger it goes on serving while it can, and is freed
+// then.
+void addToIndex(MemberIndex& index, Pool* pool, Member* member);
 
 // Forgets a listed member.
 void removeFromIndex(MemberIndex& index, Member* member);

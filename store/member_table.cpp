@@ -35,6 +35,7 @@ Container containerOf(Store* store) {
 
 Member* findMember(const Container& container, Name name) {
   const uint32_t hash = hashName(name);
+  prepareIndex(container.index, container.table, container.pool);
   if (container.index.slots != nullptr) return findInIndex(container.index, hash, name);
   return lookup(&container.table, bucketOf(hash), name.characters, name.length);
 }
@@ -46,7 +47,7 @@ void insertMember(const Container& container, Member* member) {
   member->next = head;
   head = member;
   ++container.index.memberCount;
-  addToIndex(container.index, container.table, container.pool, member);
+  addToIndex(container.index, container.pool, member);
 }
 
 void removeMember(const Container& container, Member* member) {
