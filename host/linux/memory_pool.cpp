@@ -1,5 +1,6 @@
 #include "host/linux/memory_pool.h"
 
+#include <algorithm>
 #include <array>
 #include <bit>
 #include <cstddef>
@@ -12,27 +13,26 @@
 namespace hxhost {
 
 void PoolMeter::add(uint64_t bytes) noexcept {
-  constexpr auto relaxed = std::memory_order_relaxed;
-  const uint64_t now = bytes_.fetch_add(bytes, relaxed) + bytes;
-  blocks_.fetch_add(1, relaxed);
-  uint64_t peak = peakBytes_.load(relaxed);
-  while (now > peak && !peakBytes_.compare_exchange_weak(peak, now, relaxed)) {
-  }
+  use_.bytes += bytes;
+  ++use_.blocks;
+  use_.peakBytes = std::max(use_.peakBytes, use_.bytes);
 }
 
 void PoolMeter::subtract(uint64_t bytes, uint64_t blocks) noexcept {
-  bytes_.fetch_sub(bytes, std::memory_order_relaxed);
-  blocks_.fetch_sub(blocks, std::memory_order_relaxed);
+  use_.bytes -= bytes;
+  use_.blocks -= blocks;
 }
 
 PoolUse PoolMeter::use() const noexcept {
-  return {bytes_.load(), blocks_.load(), peakBytes_.load()};
+  const std::lock_guard guard(mutex_);
+  return use_;
 }
 
 namespace {
 
 constexpr uint64_t kAlignment = 16;
-constexpr uint64_t kChunkBytes = 1 << 20;
+constexpr uint64_t kFirstChunk = 1 << 16;
+constexpr uint64_t kLargestChunk = 1 << 20;
 constexpr uint64_t kLargestBlock = uint64_t{1} << 46;  // below it no sum of sizes overflows
 constexpr uint64_t kLargestCell = kUnderAddressSanitizer ? 0 : 1 << 18;
 
@@ -120,22 +120,29 @@ class MemoryPool : public hx::Pool {
   void* takeCell(uint64_t size, bool zeroed);
   void* takeRegion(uint64_t size);
   BlockHead* carveCell(unsigned sizeClass);
+  bool takeChunk(uint64_t stride);
+  void count(uint64_t size);
 
   PoolMeter& meter_;
-  std::mutex mutex_;  // guards everything below
+  std::mutex& mutex_;  // the meter's; guards everything below
   std::array<BlockHead*, kCellSizes> freeCells_{};
   RegionList regions_;
   std::byte* carveFrom_ = nullptr;  // the rest of the newest chunk, all zero
   uint64_t carveBytes_ = 0;
+  uint64_t nextChunk_ = kFirstChunk;
   uint64_t usedBytes_ = 0;
   uint64_t usedBlocks_ = 0;
 };
 
 void* MemoryPool::take(uint64_t size, bool zeroed) {
   if (size > kLargestBlock) return nullptr;
-  void* block = size > kLargestCell ? takeRegion(size) : takeCell(size, zeroed);
-  if (block != nullptr) meter_.add(size);
-  return block;
+  return size > kLargestCell ? takeRegion(size) : takeCell(size, zeroed);
+}
+
+void MemoryPool::count(uint64_t size) {
+  usedBytes_ += size;
+  ++usedBlocks_;
+  meter_.add(size);
 }
 
 void* MemoryPool::takeCell(uint64_t size, bool zeroed) {
@@ -149,8 +156,7 @@ void* MemoryPool::takeCell(uint64_t size, bool zeroed) {
     cell = carveCell(sizeClass);
     if (cell == nullptr) return nullptr;
   }
-  usedBytes_ += size;
-  ++usedBlocks_;
+  count(size);
   guard.unlock();
   cell->size = size;
   if (reused && zeroed) std::memset(cell + 1, 0, size);
@@ -159,38 +165,42 @@ void* MemoryPool::takeCell(uint64_t size, bool zeroed) {
 
 BlockHead* MemoryPool::carveCell(unsigned sizeClass) {
   const uint64_t stride = cellStride(sizeClass);
-  if (stride > carveBytes_) {
-    auto* chunk = static_cast<Region*>(takeSystemMemory(kChunkBytes));
-    if (chunk == nullptr) return nullptr;
-    chunk->bytes = kChunkBytes;
-    regions_.insert(chunk);
-    // The first head ends where the region's own does, so that the block behind it is aligned.
-    carveFrom_ = reinterpret_cast<std::byte*>(&chunk->head);
-    carveBytes_ = kChunkBytes - offsetof(Region, head);
-  }
+  if (stride > carveBytes_ && !takeChunk(stride)) return nullptr;
   auto* cell = new (carveFrom_) BlockHead;
   carveFrom_ += stride;
   carveBytes_ -= stride;
   return cell;
 }
 
+bool MemoryPool::takeChunk(uint64_t stride) {
+  const uint64_t bytes = stride + sizeof(Region) > nextChunk_ ? kLargestChunk : nextChunk_;
+  auto* chunk = static_cast<Region*>(takeSystemMemory(bytes, Touch::now));
+  if (chunk == nullptr) return false;
+  nextChunk_ = std::min(2 * bytes, kLargestChunk);
+  chunk->bytes = bytes;
+  regions_.insert(chunk);
+  // The first head ends where the region's own does, so that the block behind it is aligned.
+  carveFrom_ = reinterpret_cast<std::byte*>(&chunk->head);
+  carveBytes_ = bytes - offsetof(Region, head);
+  return true;
+}
+
 void* MemoryPool::takeRegion(uint64_t size) {
-  auto* region = static_cast<Region*>(takeSystemMemory(size + sizeof(Region)));
+  auto* region = static_cast<Region*>(takeSystemMemory(size + sizeof(Region), Touch::onUse));
   if (region == nullptr) return nullptr;
   region->bytes = size + sizeof(Region);
   region->head.size = size;
   const std::lock_guard guard(mutex_);
   regions_.insert(region);
-  usedBytes_ += size;
-  ++usedBlocks_;
+  count(size);
   return region + 1;
 }
 
 void MemoryPool::giveBack(void* block) {
   BlockHead* cell = headOf(block);
   const uint64_t size = cell->size;
-  meter_.subtract(size, 1);
   std::unique_lock guard(mutex_);
+  meter_.subtract(size, 1);
   usedBytes_ -= size;
   --usedBlocks_;
   if (size <= kLargestCell) {
@@ -222,13 +232,14 @@ int32_t destroySlot(void* object) noexcept {
   return 0;
 }
 
-MemoryPool::MemoryPool(PoolMeter& meter) : hx::Pool{}, meter_(meter) {
+MemoryPool::MemoryPool(PoolMeter& meter) : hx::Pool{}, meter_(meter), mutex_(meter.mutex()) {
   head = {{'p', 'o', 'o', 'l'}, {}, nullptr, nullptr, nullptr, destroySlot};
   allocate = allocateSlot;
   free = freeSlot;
 }
 
 MemoryPool::~MemoryPool() {
+  const std::lock_guard guard(mutex_);
   meter_.subtract(usedBytes_, usedBlocks_);
   regions_.giveBackAll();
 }

@@ -1,30 +1,34 @@
 // The memory pool of host/kernel.h.
 //
-// Small blocks are cells carved from chunks of 1 MiB. A size is rounded up to one of a fixed set of
-// cell sizes, and a freed cell waits in the list of its size; a cell costs 8 bytes beside its
-// block. Blocks above 256 KiB are mapped one by one and go back to the system when they are freed.
-// Under AddressSanitizer every block comes from `calloc`, so that each has its own surroundings
-// watched.
+// Small blocks are cells carved from chunks of 64 KiB, the first, to 1 MiB. A size is rounded up to
+// one of a fixed set of cell sizes, and a freed cell waits in the list of its size; a cell costs 8
+// bytes beside its block. Blocks above 256 KiB are mapped one by one and go back to the system when
+// they are freed. Under AddressSanitizer every block comes from `calloc`, so that each has its own
+// surroundings watched.
 #pragma once
 
-#include <atomic>
+#include <mutex>
 
 #include "host/kernel.h"
 #include "host/linux/linux_host.h"
 
 namespace hxhost {
 
-// Counts the blocks of several pools. Safe for several threads.
+// Counts the blocks of several pools, which share its mutex: a block is counted where its pool is
+// locked anyway.
 class PoolMeter {
  public:
-  void add(uint64_t bytes) noexcept;
-  void subtract(uint64_t bytes, uint64_t blocks) noexcept;
   PoolUse use() const noexcept;
 
+  std::mutex& mutex() const noexcept { return mutex_; }
+
+  // With the mutex held.
+  void add(uint64_t bytes) noexcept;
+  void subtract(uint64_t bytes, uint64_t blocks) noexcept;
+
  private:
-  std::atomic<uint64_t> bytes_{0};
-  std::atomic<uint64_t> blocks_{0};
-  std::atomic<uint64_t> peakBytes_{0};
+  mutable std::mutex mutex_;
+  PoolUse use_{};
 };
 
 // An empty pool that counts with `meter`, which outlives it; null without memory. Its `destroy`

@@ -6,9 +6,10 @@
 
 namespace hxhost {
 
-void* takeSystemMemory(size_t bytes) noexcept {
+void* takeSystemMemory(size_t bytes, Touch touch) noexcept {
   if (kUnderAddressSanitizer) return std::calloc(1, bytes);
-  void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  const int flags = MAP_PRIVATE | MAP_ANONYMOUS | (touch == Touch::now ? MAP_POPULATE : 0);
+  void* memory = mmap(nullptr, bytes, PROT_READ | PROT_WRITE, flags, -1, 0);
   return memory == MAP_FAILED ? nullptr : memory;
 }
 

@@ -13,8 +13,12 @@ inline constexpr bool kUnderAddressSanitizer = __has_feature(address_sanitizer);
 inline constexpr bool kUnderAddressSanitizer = false;
 #endif
 
-// `bytes` zero bytes aligned to 16, or null. Fresh pages are not touched.
-void* takeSystemMemory(size_t bytes) noexcept;
+// When the system finds pages for fresh memory: all at once, which costs less than half for each of
+// them, or each when it is first used.
+enum class Touch { now, onUse };
+
+// `bytes` zero bytes aligned to 16, or null.
+void* takeSystemMemory(size_t bytes, Touch touch) noexcept;
 
 // Gives back what takeSystemMemory gave, all of it.
 void giveBackSystemMemory(void* memory, size_t bytes) noexcept;
