@@ -24,16 +24,6 @@ constexpr int64_t kGrowth = 4;
 // Reading counts as going on when what it skips is at most this part of the stretch.
 constexpr int64_t kSkipPart = 4;
 
-// Frames begin on pages: copies between buffers and page cache are up to twice as fast then.
-constexpr size_t kAlignment = 4096;
-
-int64_t chooseBlockBytes(int64_t cacheBytes) {
-  const int64_t share = cacheBytes / kFewestFrames;
-  if (share <= kSmallestBlock) return kSmallestBlock;
-  return static_cast<int64_t>(
-      std::bit_floor(static_cast<uint64_t>(std::min(share, kLargestBlock))));
-}
-
 int64_t chooseFrameCount(int64_t cacheBytes, int64_t blockBytes) {
   return std::clamp(cacheBytes / blockBytes, kFewestFrames, kMostFrames);
 }
@@ -44,13 +34,22 @@ size_t toSize(int64_t count) {
 
 }  // namespace
 
-BlockCache::BlockCache(DiskFile& disk, int64_t cacheBytes)
+int64_t BlockCache::blockBytesFor(int64_t cacheBytes) {
+  const int64_t share = cacheBytes / kFewestFrames;
+  if (share <= kSmallestBlock) return kSmallestBlock;
+  return static_cast<int64_t>(
+      std::bit_floor(static_cast<uint64_t>(std::min(share, kLargestBlock))));
+}
+
+BlockCache::BlockCache(DiskFile& disk, BlockShelf& shelf, int64_t cacheBytes)
     : disk_(disk),
+      shelf_(shelf),
       size_(disk.length()),
-      blockBytes_(chooseBlockBytes(cacheBytes)),
+      blockBytes_(blockBytesFor(cacheBytes)),
       frames_(toSize(chooseFrameCount(cacheBytes, blockBytes_))),
       current_(frames_.data()) {
-  if (!giveBytes(*current_)) throw std::bad_alloc();
+  current_->bytes = shelf_.take();
+  if (current_->bytes == nullptr) throw std::bad_alloc();
 }
 
 int64_t BlockCache::read(int64_t offset, void* out, int64_t count) noexcept {
@@ -269,19 +268,12 @@ BlockCache::Frame* BlockCache::frameOf(int64_t base) {
 BlockCache::Frame& BlockCache::vacantFrame() {
   Frame* oldest = nullptr;
   for (Frame& frame : frames_) {
-    if (frame.bytes == nullptr) {
-      if (giveBytes(frame)) return frame;
-    } else if (oldest == nullptr || frame.lastUse < oldest->lastUse) {
-      oldest = &frame;
-    }
+    if (frame.bytes == nullptr) frame.bytes = shelf_.take();
+    if (frame.bytes == nullptr) continue;
+    if (frame.base == kNoBlock) return frame;
+    if (oldest == nullptr || frame.lastUse < oldest->lastUse) oldest = &frame;
   }
   return *oldest;
-}
-
-bool BlockCache::giveBytes(Frame& frame) {
-  const size_t bytes = std::max(toSize(blockBytes_), kAlignment);
-  frame.bytes.reset(static_cast<std::byte*>(std::aligned_alloc(kAlignment, bytes)));
-  return frame.bytes != nullptr;
 }
 
 }  // namespace hxhost

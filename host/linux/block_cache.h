@@ -17,10 +17,9 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
-#include <memory>
 #include <vector>
 
+#include "host/linux/block_shelf.h"
 #include "host/linux/disk_file.h"
 
 namespace hxhost {
@@ -30,8 +29,11 @@ namespace hxhost {
 class BlockCache {
  public:
   // At most `cacheBytes` are held, but never less than four blocks of 64 bytes nor more than 256 of
-  // 256 KiB. Throws std::bad_alloc when not even one block can be had.
-  BlockCache(DiskFile& disk, int64_t cacheBytes);
+  // 256 KiB. The shelf has blocks of blockBytesFor(cacheBytes) and outlives the cache. Throws
+  // std::bad_alloc when not even one block can be had.
+  BlockCache(DiskFile& disk, BlockShelf& shelf, int64_t cacheBytes);
+
+  static int64_t blockBytesFor(int64_t cacheBytes);
 
   // The file's length, bytes not yet on disk included.
   int64_t size() const { return size_; }
@@ -54,7 +56,7 @@ class BlockCache {
     int64_t end = 0;
     uint64_t dirtyPieces = 0;  // a bit each, the block's first piece in the lowest
     uint64_t lastUse = 0;
-    std::unique_ptr<std::byte, decltype(&std::free)> bytes{nullptr, &std::free};
+    Block bytes;  // null until the frame is used for the first time
 
     bool isDirty() const { return dirtyPieces != 0; }
     bool holds(int64_t from, int64_t to) const { return begin <= from && to <= end; }
@@ -82,9 +84,9 @@ class BlockCache {
   Frame* find(int64_t base);
   Frame* frameOf(int64_t base);
   Frame& vacantFrame();
-  bool giveBytes(Frame& frame);
 
   DiskFile& disk_;
+  BlockShelf& shelf_;
   int64_t size_;
   int64_t blockBytes_;  // a power of two, at least 64
   uint64_t clock_ = 0;

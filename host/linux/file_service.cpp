@@ -15,15 +15,21 @@ namespace {
 constexpr int32_t kRemoved = 0;
 constexpr int32_t kNothingThere = 1;  // nor can there be, when the path is none
 
+// Memory of caches that waits for the next file: what one file uses at most unless told otherwise.
+constexpr size_t kKeptBytes = 2 * 1024 * 1024;
+
 struct FileService : hx::FileIo {
   FileService(const HostOptions& options, FailureLog& failureLog)
       : hx::FileIo{},
         files(std::make_shared<LockedFiles>(options.fileOps, options.durability, options.lockWait)),
         cacheBytesPerFile(options.cacheBytesPerFile),
+        shelf(static_cast<size_t>(BlockCache::blockBytesFor(options.cacheBytesPerFile)),
+              kKeptBytes),
         failures(failureLog) {}
 
   const std::shared_ptr<LockedFiles> files;
   const int64_t cacheBytesPerFile;
+  BlockShelf shelf;
   FailureLog& failures;
 };
 
@@ -49,7 +55,7 @@ FileOutcome openHandle(FileService& service, const std::string& path, bool forUp
     return {fullPath ? ENAMETOOLONG : EILSEQ};
   }
   handle = new OpenFile(*service.files, std::move(lease), service.failures, *fullPath,
-                        service.cacheBytesPerFile);
+                        service.shelf, service.cacheBytesPerFile);
   return {};
 }
 

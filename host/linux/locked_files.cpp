@@ -60,16 +60,14 @@ FileOutcome LockedFiles::open(const std::string& path, bool forUpdate, FileLease
 }
 
 FileOutcome LockedFiles::tryOpen(const std::string& path, bool forUpdate, FileLease& lease) {
-  std::string resolved;
-  FileInfo info{};
-  const int error = locateRegularFile(*ops_, path, resolved, info);
+  auto locked = std::make_unique<LockedFile>();
+  const int error = locateRegularFile(*ops_, path, locked->file);
   if (error != 0 && !(error == ENOENT && forUpdate)) return {error};
-  if (LockedFile* known = error == 0 ? find(info) : nullptr) {
+  if (LockedFile* known = error == 0 ? find(locked->file.info) : nullptr) {
     const FileOutcome outcome = join(*known, path, forUpdate);
     if (outcome.error == 0) lease = enter(*known, forUpdate);
     return outcome;
   }
-  auto locked = std::make_unique<LockedFile>();
   locked->askedPath = path;
   files_.reserve(files_.size() + 1);
   const FileOutcome outcome = openNew(path, forUpdate, locked->file);
@@ -157,7 +155,7 @@ int LockedFiles::remove(const std::string& path) {
 
 int LockedFiles::tryRemove(const std::string& path) {
   RegularFile file;
-  int error = locateRegularFile(*ops_, path, file.path, file.info);
+  int error = locateRegularFile(*ops_, path, file);
   if (error != 0) return error;
   if (find(file.info) != nullptr) return EBUSY;
   error = openRegularFile(*ops_, path, Purpose::kRemove, file);

@@ -16,9 +16,10 @@ namespace hxhost {
 // fail: what the file would look like is not known any more.
 class OpenFile : public hx::FileHandle {
  public:
-  // `fullPath` has at most HX_PATH_CAPACITY characters. Throws std::bad_alloc.
+  // `fullPath` has at most HX_PATH_CAPACITY characters; see BlockCache for the shelf. Throws
+  // std::bad_alloc.
   OpenFile(LockedFiles& files, FileLease lease, FailureLog& failures, std::u32string_view fullPath,
-           int64_t cacheBytes);
+           BlockShelf& shelf, int64_t cacheBytes);
 
   // Completes an update, all of it or nothing, and closes the file.
   ~OpenFile();

@@ -49,27 +49,27 @@ bool isRefusalToWrite(int error) {
   return error == EACCES || error == EPERM || error == EROFS || error == ETXTBSY;
 }
 
-// Looking before opening matters: the mere opening of a device or a FIFO has effects.
-int openLocated(FileOps& ops, const std::string& path, Purpose purpose, RegularFile& file) {
-  int error = locateRegularFile(ops, path, file.path, file.info);
-  if (error == ENOENT && purpose == Purpose::kUpdate) return createFile(ops, path, file);
-  if (error != 0) return error;
-  error = openAt(ops, file.path, OpenMode::kUpdate, file);
+int openLocated(FileOps& ops, Purpose purpose, RegularFile& file) {
+  const int error = openAt(ops, file.path, OpenMode::kUpdate, file);
   if (purpose != Purpose::kRead || !isRefusalToWrite(error)) return error;
   return openAt(ops, file.path, OpenMode::kRead, file);
 }
 
 }  // namespace
 
-int locateRegularFile(FileOps& ops, const std::string& path, std::string& resolved,
-                      FileInfo& info) {
+int locateRegularFile(FileOps& ops, const std::string& path, RegularFile& file) {
+  std::string resolved;
   if (const int result = ops.resolve(path, resolved); result < 0) return -result;
-  if (const int result = ops.inspectPath(resolved, info); result < 0) return -result;
-  return refusalOf(info);
+  if (const int result = ops.inspectPath(resolved, file.info); result < 0) return -result;
+  if (const int error = refusalOf(file.info); error != 0) return error;
+  file.path = std::move(resolved);
+  return 0;
 }
 
 int openRegularFile(FileOps& ops, const std::string& path, Purpose purpose, RegularFile& file) {
-  if (const int error = openLocated(ops, path, purpose, file); error != 0) return error;
+  const bool isAbsent = file.path.empty();
+  const int error = isAbsent ? createFile(ops, path, file) : openLocated(ops, purpose, file);
+  if (error != 0) return error;
   const int result = ops.inspect(file.descriptor.number(), file.info);
   return result < 0 ? -result : refusalOf(file.info);
 }

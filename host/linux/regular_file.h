@@ -39,16 +39,18 @@ struct RegularFile {
   FileInfo info{};          // as it was when last inspected
 };
 
-// Where the file that `path` leads to is, and what it is. An errno: EISDIR for a directory, ENOTSUP
-// for anything else that is no regular file. May throw std::bad_alloc.
-int locateRegularFile(FileOps& ops, const std::string& path, std::string& resolved, FileInfo& info);
+// Where the file that `path` leads to is, and what it is: `file.path` and `file.info`; the path
+// stays empty where there is none. An errno: EISDIR for a directory, ENOTSUP for anything else that
+// is no regular file. Looking before opening matters: the mere opening of a device or a FIFO has
+// effects. May throw std::bad_alloc.
+int locateRegularFile(FileOps& ops, const std::string& path, RegularFile& file);
 
 // What a file is opened for. For an update an absent file is created. For reading it is opened for
 // writing too where the caller may, so that its lock can become an exclusive one.
 enum class Purpose { kRead, kUpdate, kRemove };
 
-// 0 and the file, or an errno as above; ENOENT for an absent file that is not to be created. On
-// failure `file` tells whether one was created. May throw std::bad_alloc.
+// 0 and the file that was located at `path`, or an errno as above. On failure `file` tells whether
+// one was created. May throw std::bad_alloc.
 int openRegularFile(FileOps& ops, const std::string& path, Purpose purpose, RegularFile& file);
 
 // Inspects the open file anew, and whether it is still the one that its path names: 0, ENOENT when
