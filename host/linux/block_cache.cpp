@@ -16,7 +16,7 @@ constexpr int64_t kMostFrames = 256;  // they are searched one by one
 
 // A system call costs about as much as copying 8 KiB, so a first read takes a little more than was
 // asked for. It serves a walk over the records of pages of 4 KiB, too.
-constexpr int64_t kFirstRead = 16 * 1024;
+constexpr int64_t kFirstRead = 4608;
 
 // A stretch that is read on grows by this multiple of itself.
 constexpr int64_t kGrowth = 4;
