@@ -39,6 +39,17 @@ bool readPlace(const ItemMember* item, ChainPlace* place) {
   return place->size <= INT32_MAX;
 }
 
+// Records mostly lie as far from each other as the last two did. Asking for one a few pages ahead
+// takes XX % off the opening and reading of 1,000 items of 64 KiB in a blob.
+void fetchAhead(const ItemMember* item, int64_t offset, int64_t next) {
+  constexpr uint64_t kPagesAhead = 4;
+  const uint8_t* blob = openBlob(item->parent);
+  if (blob == nullptr) return;
+  const uint64_t distance = static_cast<uint64_t>(next) - static_cast<uint64_t>(offset);
+  const uint64_t ahead = static_cast<uint64_t>(next) + kPagesAhead * distance;
+  __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(blob) + ahead));
+}
+
 // Goes on to the chain's end. Every full page needs a record and a block of its own, so a chain
 // longer than the file has room for goes in circles.
 bool walkToEnd(const ItemMember* item, ChainPlace* place) {
@@ -46,6 +57,7 @@ bool walkToEnd(const ItemMember* item, ChainPlace* place) {
   const int64_t mostPages = storedLength(item->parent) / perPage;
   while (place->chunk.next != 0) {
     if (place->index >= mostPages) return false;
+    fetchAhead(item, place->offset, place->chunk.next);
     place->offset = place->chunk.next;
     ++place->index;
     if (!readPlace(item, place)) return false;
@@ -60,9 +72,9 @@ PageBuf* loadWantedPage(const ItemMember* item, bool wantsFirst, ChainPlace* pla
   if (!readPlace(item, place)) return nullptr;
   if (!wantsFirst) {
     if (!walkToEnd(item, place)) return nullptr;
-    return loadPage(item, place->chunk, place->offset, place->index, status);
+    return loadPage(item, place->chunk, place->offset, place->index, nullptr, status);
   }
-  PageBuf* page = loadPage(item, place->chunk, place->offset, 0, status);
+  PageBuf* page = loadPage(item, place->chunk, place->offset, 0, nullptr, status);
   if (page == nullptr || walkToEnd(item, place)) return page;
   freePage(item, page);
   *status = kUnreadable;
@@ -88,8 +100,10 @@ Status fillPage(const ItemMember* item, PageBuf* page) {
     page->buffer = const_cast<uint8_t*>(blob) + page->dataOffset;
     return kOk;
   }
-  const auto pageSize = static_cast<uint64_t>(item->parent->root->pageSize);
-  page->buffer = static_cast<uint8_t*>(allocateBlock(item->pool, pageSize));
+  if (page->buffer == nullptr) {
+    const auto pageSize = static_cast<uint64_t>(item->parent->root->pageSize);
+    page->buffer = static_cast<uint8_t*>(allocateBlock(item->pool, pageSize));
+  }
   if (page->buffer == nullptr) return kNoMemory;
   const DataChunk chunk{page->dataOffset, page->capacity, page->used, page->nextChunkOffset};
   const int64_t count = bytesToRead(chunk, page->index);
@@ -122,10 +136,13 @@ bool readChunk(const ItemMember* item, int64_t offset, int32_t index, DataChunk*
 }
 
 PageBuf* loadPage(const ItemMember* item, const DataChunk& chunk, int64_t offset, int32_t index,
-                  Status* status) {
+                  PageBuf* spare, Status* status) {
   *status = kNoMemory;
-  auto* page = allocateRecord<PageBuf>(item->pool);
+  PageBuf* page = spare != nullptr ? spare : allocateRecord<PageBuf>(item->pool);
   if (page == nullptr) return nullptr;
+  uint8_t* buffer = page->buffer;
+  *page = {};
+  page->buffer = buffer;
   page->dataOffset = chunk.dataOffset;
   page->capacity = chunk.capacity;
   page->used = chunk.used;
@@ -144,7 +161,7 @@ Status loadFirstPage(ItemMember* item) {
   DataChunk chunk = {};
   if (!readChunk(item, offset, 0, &chunk)) return kUnreadable;
   Status status = kOk;
-  PageBuf* page = loadPage(item, chunk, offset, 0, &status);
+  PageBuf* page = loadPage(item, chunk, offset, 0, nullptr, &status);
   if (page == nullptr) return status;
   page->next = item->firstPage;
   item->firstPage = page;

@@ -27,8 +27,10 @@ HX_EXPORT int32_t loadItemFromMemory(ItemMember* item, uint32_t flags);
 bool readChunk(const ItemMember* item, int64_t offset, int32_t index, DataChunk* chunk);
 
 // A page with the bytes that the record tells, in no list yet. Null with kNoMemory or kUnreadable.
+// `spare` is null or a page of the item that nobody uses any more and that becomes the new one, or
+// is freed on failure; not for page 0, which may be read short.
 PageBuf* loadPage(const ItemMember* item, const DataChunk& chunk, int64_t offset, int32_t index,
-                  Status* status);
+                  PageBuf* spare, Status* status);
 
 // Loads page 0 anew in front of the list of an item whose other pages are in memory.
 Status loadFirstPage(ItemMember* item);

@@ -15,17 +15,23 @@ bool isDirty(const PageBuf* page) {
   return (page->flags & kPageDirty) != 0;
 }
 
-}  // namespace
-
-extern "C" void decrementPageUseCount(ItemMember* item, PageBuf* page) {
+// The page, taken from the list, when nobody stands on it any more and it can be had again.
+PageBuf* leavePage(ItemMember* item, PageBuf* page) {
   if (page->useCount > 0) --page->useCount;
-  if (page->useCount > 0 || !hasStorage(item) || isDirty(page)) return;
+  if (page->useCount > 0 || !hasStorage(item) || isDirty(page)) return nullptr;
   PageBuf** link = &item->firstPage;
   while (*link != nullptr && *link != page)
     link = &(*link)->next;
-  if (*link == nullptr) return;
+  if (*link == nullptr) return nullptr;
   *link = page->next;
-  freePage(item, page);
+  return page;
+}
+
+}  // namespace
+
+extern "C" void decrementPageUseCount(ItemMember* item, PageBuf* page) {
+  PageBuf* left = leavePage(item, page);
+  if (left != nullptr) freePage(item, left);
 }
 
 void linkPageAfter(ItemMember* item, PageBuf* page, PageBuf* added) {
@@ -34,10 +40,11 @@ void linkPageAfter(ItemMember* item, PageBuf* page, PageBuf* added) {
   if (item->lastPage == page) item->lastPage = added;
 }
 
-void moveHandle(ItemHandle* handle, PageBuf* page) {
+PageBuf* moveHandle(ItemHandle* handle, PageBuf* page) {
   ++page->useCount;
-  decrementPageUseCount(handle->item, handle->page);
+  PageBuf* left = leavePage(handle->item, handle->page);
   handle->page = page;
+  return left;
 }
 
 void dropStoredPages(ItemMember* item) {

@@ -11,8 +11,32 @@ namespace hx {
 
 namespace {
 
+// A page that the handle has left, for the next one that it needs: a read of many pages takes and
+// clears memory once.
+class SparePage {
+ public:
+  explicit SparePage(const ItemMember* item) : item_(item) {}
+  ~SparePage() { keep(nullptr); }
+  SparePage(const SparePage&) = delete;
+  SparePage& operator=(const SparePage&) = delete;
+
+  PageBuf* take() {
+    PageBuf* page = page_;
+    page_ = nullptr;
+    return page;
+  }
+  void keep(PageBuf* page) {
+    if (page_ != nullptr) freePage(item_, page_);
+    page_ = page;
+  }
+
+ private:
+  const ItemMember* item_;
+  PageBuf* page_ = nullptr;
+};
+
 // The page after the handle's: shared when it is in memory, else loaded and put in the list.
-Status nextPage(const ItemHandle* handle, PageBuf** next) {
+Status nextPage(const ItemHandle* handle, SparePage& spare, PageBuf** next) {
   ItemMember* item = handle->item;
   PageBuf* page = handle->page;
   *next = page->next;
@@ -24,17 +48,17 @@ Status nextPage(const ItemHandle* handle, PageBuf** next) {
   if (!readChunk(item, page->nextChunkOffset, index, &chunk)) return kUnreadable;
   if (chunk.capacity == 0) return kEndOfItem;
   Status status = kOk;
-  *next = loadPage(item, chunk, page->nextChunkOffset, index, &status);
+  *next = loadPage(item, chunk, page->nextChunkOffset, index, spare.take(), &status);
   if (*next != nullptr) linkPageAfter(item, page, *next);
   return status;
 }
 
-Status moveOn(ItemHandle* handle) {
+Status moveOn(ItemHandle* handle, SparePage& spare) {
   const LockGuard lock(handle->item->extension->lock);
   if (!lock.taken()) return kNotLocked;
   PageBuf* next = nullptr;
-  const Status status = nextPage(handle, &next);
-  if (status == kOk) moveHandle(handle, next);
+  const Status status = nextPage(handle, spare, &next);
+  if (status == kOk) spare.keep(moveHandle(handle, next));
   return status;
 }
 
@@ -67,9 +91,10 @@ ReadResult readStoredBytes(ItemHandle* handle, uint8_t* to, int64_t wanted) {
   const int32_t pageSize = item->parent->root->pageSize;
   if (handle->position >= item->size) return {0, kEndOfItem};
   int64_t count = 0;
+  SparePage spare(item);
   for (;;) {
     if (!standsOnPosition(handle, pageSize)) {
-      const Status status = moveOn(handle);
+      const Status status = moveOn(handle, spare);
       if (status == kEndOfItem && count >= wanted) return {count, kOk};
       if (status != kOk) return {count, status};
     }

@@ -7,8 +7,10 @@
 
 namespace hx {
 
+// By memmove, though nothing overlaps: of memcpy the C library keeps an old version, which is what a
+// module that names no version is given, and which makes the reading of a blob take 1.4 times as long.
 inline void copyBytes(void* to, const void* from, uint64_t count) {
-  if (count != 0) __builtin_memcpy(to, from, count);
+  if (count != 0) __builtin_memmove(to, from, count);
 }
 
 inline bool equalBytes(const void* a, const void* b, uint64_t count) {

@@ -14,15 +14,12 @@ constexpr int64_t kLargestBlock = 256 * 1024;
 constexpr int64_t kFewestFrames = 4;
 constexpr int64_t kMostFrames = 256;  // they are searched one by one
 
-// A system call costs about as much as copying 8 KiB, so a first read takes a little more than was
-// asked for. It serves a walk over the records of pages of 4 KiB, too.
+// A first read takes a record and its page of 4 KiB: a system call costs about as much as copying
+// as many bytes.
 constexpr int64_t kFirstRead = 4608;
 
 // A stretch that is read on grows by this multiple of itself.
 constexpr int64_t kGrowth = 4;
-
-// Reading counts as going on when what it skips is at most this part of the stretch.
-constexpr int64_t kSkipPart = 4;
 
 int64_t chooseFrameCount(int64_t cacheBytes, int64_t blockBytes) {
   return std::clamp(cacheBytes / blockBytes, kFewestFrames, kMostFrames);
@@ -148,7 +145,8 @@ bool BlockCache::load(Frame& frame, int64_t from, int64_t to) {
     known = stretchBefore(frame);
     skipped = from;
   }
-  if (!frame.isDirty() && skipped > known / kSkipPart) {
+  // Reading goes on while it skips no more than is known, as a walk over the records of pages does.
+  if (!frame.isDirty() && skipped > known) {
     frame.restartAt(from);
     known = 0;
   }
