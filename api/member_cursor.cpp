@@ -10,16 +10,7 @@
 
 namespace hxcrate {
 
-namespace {
-
-std::u32string_view nameOf(const hx::Member* member) {
-  return {member->name, static_cast<std::size_t>(member->nameLength)};
-}
-
-}  // namespace
-
-MemberCursor::MemberCursor(std::shared_ptr<Tree> tree, hx::Store* store)
-    : tree_(std::move(tree)), store_(store) {
+MemberCursor::MemberCursor(std::shared_ptr<Tree> tree, hx::Store* store) : tree_(std::move(tree)) {
   hx::Lock* lock = store->extension->lock;
   if (lock->acquire(lock, 1, 1) != 0) tree_->fail(hx::kNotLocked, pathOf(*store));
   table_ = store->members;
@@ -31,9 +22,7 @@ bool MemberCursor::next(Member& member) {
     if (!fillChain()) return false;
   }
   const hx::Member* found = chain_[shown_++];
-  if (!narrowName(nameOf(found), member.name)) {
-    throw Error(Errc::damaged, tree_->path(), pathOf(*store_), "a name is not made of bytes");
-  }
+  narrowName(nameOf(*found), member.name);
   member.kind = found->kind == hx::kStoreKind ? MemberKind::store : MemberKind::item;
   return true;
 }
@@ -57,10 +46,10 @@ void MemberCursor::dropRepeated() {
   byHash_.assign(std::bit_ceil(2 * chain_.size()), nullptr);
   const std::size_t mask = byHash_.size() - 1;
   const auto isRepeated = [&](const hx::Member* member) {
-    const std::u32string_view name = nameOf(member);
+    const std::u32string_view name = nameOf(*member);
     std::size_t place = std::hash<std::u32string_view>()(name) & mask;
     for (; byHash_[place] != nullptr; place = (place + 1) & mask) {
-      if (nameOf(byHash_[place]) == name) return true;
+      if (nameOf(*byHash_[place]) == name) return true;
     }
     byHash_[place] = member;
     return false;

@@ -22,15 +22,14 @@ class MemberCursor {
   // Throws notLocked.
   MemberCursor(std::shared_ptr<Tree> tree, hx::Store* store);
 
-  // Fills in the next member; false at the end. Throws damaged when a name is none of ours.
+  // Fills in the next member; false at the end.
   bool next(Member& member);
 
  private:
   bool fillChain();
   void dropRepeated();
 
-  std::shared_ptr<Tree> tree_;
-  const hx::Store* store_;
+  std::shared_ptr<Tree> tree_;  // keeps the members where they are
   hx::MemberTable table_;
   std::int32_t bucket_ = 0;                // whose chain is next
   std::vector<const hx::Member*> chain_;   // what is shown of the one before

@@ -24,12 +24,6 @@ std::string findNameFault(std::string_view name) {
   return "a component has " + std::to_string(name.size()) + " bytes, at most 64 fit";
 }
 
-std::string bytesOf(const char32_t* name, std::int32_t length) {
-  std::string bytes;
-  narrowName({name, static_cast<std::size_t>(length)}, bytes);
-  return bytes;
-}
-
 std::string makeAbsolute(const std::string& path) {
   std::error_code failure;
   const std::filesystem::path absolute = std::filesystem::absolute(path, failure);
@@ -62,14 +56,10 @@ std::u32string widenName(std::string_view name) {
   return wide;
 }
 
-bool narrowName(std::u32string_view name, std::string& bytes) {
+void narrowName(std::u32string_view name, std::string& bytes) {
   bytes.resize(name.size());
-  char32_t seen = 0;
-  for (std::size_t i = 0; i < name.size(); ++i) {
+  for (std::size_t i = 0; i < name.size(); ++i)
     bytes[i] = static_cast<char>(name[i]);
-    seen |= name[i];
-  }
-  return seen <= 0xff;
 }
 
 std::string pathOf(const hx::Store& store) {
@@ -77,15 +67,18 @@ std::string pathOf(const hx::Store& store) {
   for (const hx::Store* inner = &store; inner->parent != nullptr; inner = inner->parent)
     chain.push_back(inner);
   std::string path;
+  std::string name;
   for (auto next = chain.rbegin(); next != chain.rend(); ++next) {
-    if (!path.empty()) path += '/';
-    path += bytesOf((*next)->name, (*next)->nameLength);
+    narrowName(nameOf(**next), name);
+    path.append(path.empty() ? "" : "/").append(name);
   }
   return path;
 }
 
 std::string pathOf(const hx::ItemMember& item) {
-  return join(pathOf(*item.parent), bytesOf(item.name, item.nameLength));
+  std::string name;
+  narrowName(nameOf(item), name);
+  return join(pathOf(*item.parent), name);
 }
 
 std::string join(const std::string& place, std::string_view path) {

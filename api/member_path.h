@@ -33,9 +33,15 @@ class WideName {
 // The same for a name of any length.
 std::u32string widenName(std::string_view name);
 
-// The bytes of a member name, into a string that keeps its memory. False when a character is none
-// of ours.
-bool narrowName(std::u32string_view name, std::string& bytes);
+// The name of a Store, an ItemMember or the Member that both begin as.
+template <typename Record>
+std::u32string_view nameOf(const Record& record) {
+  return {record.name, static_cast<std::size_t>(record.nameLength)};
+}
+
+// The bytes of a member name, into a string that keeps its memory. No name in an instance of ours
+// has a character above 255.
+void narrowName(std::u32string_view name, std::string& bytes);
 
 // The path inside its top-level store, from the records; empty for the top-level store itself.
 std::string pathOf(const hx::Store& store);

@@ -72,8 +72,8 @@ ItemOutputBuffer::ItemOutputBuffer(Writer writer)
 
 ItemOutputBuffer::~ItemOutputBuffer() {
   if (!writer_.isOpen()) return;
-  const Tree& tree = writer_.tree();
-  tree.engine().reportFailureOf(tree.path(), [this] { close(); });
+  const std::shared_ptr<Tree> tree = writer_.tree();  // close lets go of it
+  tree->engine().reportFailureOf(tree->path(), [this] { close(); });
 }
 
 void ItemInputBuffer::close() {

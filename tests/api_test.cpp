@@ -30,10 +30,8 @@ using hxtest::writeFile;
 
 // What must not compile.
 template <typename T>
-constexpr bool kIsHandle =
-    std::is_nothrow_move_constructible_v<T>&& std::is_nothrow_move_assignable_v<T>&&
-        std::is_nothrow_default_constructible_v<T> &&
-    !std::is_copy_constructible_v<T> && !std::is_copy_assignable_v<T>;
+concept Handle = std::movable<T> && std::is_nothrow_move_constructible_v<T> &&
+    std::is_nothrow_default_constructible_v<T> && !std::copyable<T>;
 template <typename T>
 concept Writable = requires(T item) {
   item.write("text");
@@ -47,36 +45,18 @@ concept GivesBytes = requires {
   std::declval<T>().bytes();
 };
 template <typename T>
-concept GivesPath = requires {
-  std::declval<T>().path();
-};
-template <typename T>
-concept GivesMember = requires {
-  *std::declval<T>();
-};
-template <typename T>
 concept OpensAsBlob = requires(Session session) {
   session.openBlob(std::declval<T>(), "x");
 };
-template <typename T>
-concept ReadsAsArray = requires(Reader reader) {
-  reader.readArray<T>();
-};
 
-static_assert(kIsHandle<Store> && kIsHandle<Reader> && kIsHandle<Writer> && kIsHandle<Blob>);
-static_assert(!std::is_copy_constructible_v<Session> && std::movable<ItemInputStream> &&
-              std::movable<ItemOutputStream>);
-static_assert(!std::is_constructible_v<OpenItem, Reader> && !std::is_assignable_v<Reader, Writer>);
+static_assert(Handle<Store> && Handle<Reader> && Handle<Writer> && Handle<Blob>);
+static_assert(!std::copyable<Session> && std::movable<ItemInputStream>);
+static_assert(!std::constructible_from<OpenItem, Reader> && !std::assignable_from<Reader&, Writer>);
 static_assert(Writable<Writer> && !Writable<Reader> && Creating<Store> && !Creating<const Store>);
 static_assert(GivesBytes<Blob&> && !GivesBytes<Blob>);
-static_assert(GivesPath<Store&> && !GivesPath<Store> && GivesPath<Reader>);
-static_assert(std::ranges::view<MemberRange> && std::ranges::input_range<MemberRange> &&
-              std::input_iterator<MemberRange::Iterator>);
-static_assert(GivesMember<MemberRange::Iterator&> && !GivesMember<MemberRange::Iterator>);
-static_assert(OpensAsBlob<std::vector<std::byte>&> && !OpensAsBlob<std::vector<std::byte>> &&
-              OpensAsBlob<std::span<std::byte>> && OpensAsBlob<Blob>);
-static_assert(ReadsAsArray<std::uint8_t> && ReadsAsArray<double> && !ReadsAsArray<bool> &&
-              !ReadsAsArray<long double> && !ReadsAsArray<Member>);
+static_assert(OpensAsBlob<std::vector<std::byte>&> && !OpensAsBlob<std::vector<std::byte>>);
+static_assert(std::ranges::view<MemberRange> && std::ranges::input_range<MemberRange>);
+static_assert(Element<std::uint8_t> && Element<double> && !Element<bool> && !Element<long double>);
 
 std::span<const std::byte> asBytes(const std::string& text) {
   return std::as_bytes(std::span(text));
@@ -379,36 +359,18 @@ TEST_F(ApiTest, KeepsTheFileOpenOrMappedForWhatWasOpenedInIt) {
 }
 
 TEST_F(ApiTest, ClosesWhatIsAssignedTo) {
-  Store store = makeStore(path_, 0);
+  Store store = makeStore(path_);
   Store nested = store.createStore("s");
-  Reader reader;
-  {
-    Writer writer = nested.create("a");
-    writer = nested.create("b");
-    EXPECT_EQ(writer.path(), "s/b");
-    reader = nested.read("a");
-  }
+  append(nested, "a", "a");
+  Writer writer = nested.create("b");
+  Reader reader = nested.read("a");
+  writer = nested.append("c");
+  EXPECT_EQ(writer.path(), "s/c");
   Reader other = nested.read("b");
   other = std::move(reader);
-  EXPECT_EQ(other.path(), "s/a");
+  EXPECT_EQ(get(nested, "a"), "a");
   EXPECT_FALSE(errorOf([&] { return nested.append("b"); }));
   EXPECT_EQ(errorOf([&] { return nested.append("a"); }), Errc::itemInUse);
-  other = Reader();
-  nested = Store();
-  store.close();
-}
-
-template <typename T>
-void expectArray(const Store& store, const std::vector<T>& values) {
-  EXPECT_EQ(store.read("a").readArray<T>(), values);
-  Reader reader = store.read("a");
-  EXPECT_EQ(reader.skip(sizeof(T)), sizeof(T));
-  std::vector<T> rest(values.size());
-  EXPECT_EQ(reader.readArray(std::span(rest).first(2)), 2u);
-  EXPECT_EQ(reader.readArray(std::span(rest).subspan(2)), values.size() - 3);
-  EXPECT_TRUE(std::equal(values.begin() + 1, values.end(), rest.begin()));
-  EXPECT_EQ(reader.readArray(std::span(rest)), 0u);
-  EXPECT_EQ(reader.skip(1), 0u);
 }
 
 // From a file of this machine, and from the same file of one with the other byte order.
@@ -417,17 +379,24 @@ void keepArray(Session& session, std::vector<T> values) {
   Store memory = session.createInMemory("x", 64);
   memory.create("a").write(std::as_bytes(std::span(values)));
   const Blob blob = memory.makeBlob();
-  expectArray(session.openBlob(blob, "x"), values);
+  EXPECT_EQ(session.openBlob(blob, "x").read("a").readArray<T>(), values);
   const auto* start = reinterpret_cast<const std::uint8_t*>(blob.bytes().data());
   hx::fake::Bytes turned = hx::fake::asBigEndian({start, start + blob.bytes().size()});
   hx::fake::putText(turned, 0, "hxmok1/be/utf-8" + std::string(9, '\0'));
-  const Store foreign = session.openBlob(std::as_bytes(std::span(turned)), "x");
   for (T& value : values) {
     auto* bytes = reinterpret_cast<std::byte*>(&value);
     std::reverse(bytes, bytes + sizeof(T));
   }
-  expectArray(foreign, values);
-  EXPECT_EQ(foreign.read("a").readText(), asText(memory.read("a").readAll()));
+  const Store foreign = session.openBlob(std::as_bytes(std::span(turned)), "x");
+  EXPECT_EQ(foreign.read("a").readArray<T>(), values);
+  EXPECT_EQ(asBytes(foreign.read("a").readText()).size(), values.size() * sizeof(T));
+  Reader reader = foreign.read("a");
+  EXPECT_EQ(reader.skip(sizeof(T)), sizeof(T));
+  std::vector<T> rest(values.size());
+  EXPECT_EQ(reader.readArray(std::span(rest).first(2)), 2u);
+  EXPECT_EQ(reader.readArray(std::span(rest).subspan(2)), values.size() - 3);
+  EXPECT_TRUE(std::equal(values.begin() + 1, values.end(), rest.begin()));
+  EXPECT_EQ(reader.skip(1), 0u);
 }
 
 TEST_F(ApiTest, ReadsNumbersOfEitherByteOrder) {
@@ -435,7 +404,6 @@ TEST_F(ApiTest, ReadsNumbersOfEitherByteOrder) {
   keepArray<std::int16_t>(session_, {1, -2, 0x1234, 4});
   keepArray<std::int32_t>(session_, std::vector<std::int32_t>(50000, 0x12345678));
   keepArray<std::int64_t>(session_, {1, -2, 0x123456789abcdef, 4});
-  keepArray<float>(session_, {1.5f, -2, 1e30f, 4});
   keepArray<double>(session_, std::vector<double>(100, 0.1));
 }
 
@@ -481,64 +449,32 @@ TEST_F(ApiTest, ServesAsStreamsOfTheStandardLibrary) {
   EXPECT_TRUE(in.get() == EOF && in.bad());
 }
 
-// A writer's own failure: the item is full after so many bytes.
-TEST_F(ApiTest, LosesNoFailureOfAStream) {
-  std::vector<std::error_code> told;
-  Session session({.onUnreportedError = [&](const Error& error) { told.push_back(error.code()); }});
-  constexpr std::size_t kTooLong = 2147483647;
-  void* room =
-      ::mmap(nullptr, kTooLong, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
-  ASSERT_NE(room, MAP_FAILED);
-  Store store = session.createInMemory("x");
-  for (const bool isClosed : {true, false}) {
-    ItemOutputStream out(store.append("a"));
-    out << "x" << std::flush;
-    EXPECT_TRUE(out.write(static_cast<const char*>(room), kTooLong).bad());
-    out.clear();
-    EXPECT_TRUE((out << "y").bad());
-    out.clear();
-    out.exceptions(std::ios_base::badbit);
-    EXPECT_EQ(errorOf([&] { out << "y"; }), Errc::itemFull);
-    if (isClosed) {
-      EXPECT_EQ(errorOf([&] { out.close(); }), Errc::itemFull);
-    }
-    EXPECT_TRUE(told.empty());
-  }
-  EXPECT_EQ(told, std::vector<std::error_code>{Errc::itemFull});
-  EXPECT_EQ(get(store, "a"), "xx");
-  ::munmap(room, kTooLong);
-}
-
 TEST_F(ApiTest, GivesErrorCodesInPlaceOfExceptions) {
   std::error_code error = Errc::damaged;
   Store store = session_.open(path_, Mode::create, error, {.pageSize = 64});
   EXPECT_TRUE(!error && store.pageSize() == 64);
   Writer writer = store.create("s/a", error, Parents::create);
   writer.write("text", error);
-  EXPECT_FALSE(error);
-  EXPECT_FALSE(store.read("s/a", error).isOpen());
-  EXPECT_EQ(error, Errc::itemInUse);
-  writer.close(error);
-  EXPECT_FALSE(error);
-  writer.write("more", error);
-  EXPECT_EQ(error, Errc::closed);
-  std::array<std::byte, 8> buffer;
-  EXPECT_EQ(store.append("s/a", error).size(), 4);
-  EXPECT_EQ(store.read("s/a", error).read(buffer, error), 4u);
-  EXPECT_FALSE(error);
   const auto expect = [&](const auto& opened, Errc code) {
     EXPECT_FALSE(opened.isOpen());
     EXPECT_EQ(error, code);
   };
+  expect(store.read("s/a", error), Errc::itemInUse);
+  writer.close(error);
+  EXPECT_FALSE(error);
+  writer.write("more", error);
+  expect(writer, Errc::closed);
+  std::array<std::byte, 8> buffer;
+  EXPECT_EQ(store.append("s/a", error).size(), 4);
+  EXPECT_EQ(store.read("s/a", error).read(buffer, error), 4u);
   expect(store.openStore("t", error), Errc::notFound);
   expect(store.createStore("s", error), Errc::exists);
   expect(store.openOrCreateStore("", error), Errc::badName);
   expect(session_.open(path_, Mode::create, error), Errc::exists);
   {
     const Store nested = store.openOrCreateStore("t/u", error, Parents::create);
-    EXPECT_TRUE(!error && nested.isOpen());
     store.close(error);
-    EXPECT_EQ(error, Errc::membersOpen);
+    EXPECT_TRUE(nested.isOpen() && error == Errc::membersOpen);
   }
   store.close(error);
   EXPECT_TRUE(!error && !store.isOpen());
@@ -578,19 +514,36 @@ TEST_F(ApiTest, ShowsEachNameOnce) {
   EXPECT_EQ(membersOf(store).size(), 2u);
 }
 
+// By itself and as a stream, which is the last to hold its store and its session.
 TEST_F(ApiTest, RefusesToTakeAnItemPastItsCapacity) {
   constexpr std::size_t kTooLong = 2147483647;
   void* room =
       ::mmap(nullptr, kTooLong, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   ASSERT_NE(room, MAP_FAILED);
-  Store store = makeStore(path_);
-  Writer writer = store.create("a");
-  writer.write(asBytes("x"));
-  EXPECT_EQ(errorOf([&] {
-              writer.write({static_cast<const std::byte*>(room), kTooLong});
-            }),
-            Errc::itemFull);
-  EXPECT_EQ(writer.size(), 1);
+  const std::string_view tooLong(static_cast<const char*>(room), kTooLong);
+  std::vector<std::error_code> told;
+  for (const bool isClosed : {true, false}) {
+    Session session(
+        {.onUnreportedError = [&](const Error& error) { told.push_back(error.code()); }});
+    Store store = session.createInMemory("x");
+    Writer writer = store.create("a");
+    writer.write("x");
+    EXPECT_EQ(errorOf([&] { writer.write(tooLong); }), Errc::itemFull);
+    EXPECT_EQ(writer.size(), 1);
+    ItemOutputStream out(std::move(writer));
+    EXPECT_TRUE((out << tooLong).bad());
+    out.clear();
+    out.exceptions(std::ios_base::badbit);
+    EXPECT_EQ(errorOf([&] { out << "y"; }), Errc::itemFull);
+    if (isClosed) {
+      EXPECT_EQ(errorOf([&] { out.close(); }), Errc::itemFull);
+      EXPECT_EQ(get(store, "a"), "x");
+    }
+    EXPECT_TRUE(told.empty());
+    store = Store();
+    session = Session();
+  }
+  EXPECT_EQ(told, std::vector<std::error_code>{Errc::itemFull});
   ::munmap(room, kTooLong);
 }
 

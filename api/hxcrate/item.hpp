@@ -62,7 +62,7 @@ class OpenItem {
   hx::ItemHandle* handle() const;  // throws closed
   [[noreturn]] void fail(std::int32_t status) const;
   [[noreturn]] void refuse(Errc code, std::string_view detail) const;
-  Tree& tree() const noexcept { return *tree_; }  // of an open item
+  const std::shared_ptr<Tree>& tree() const noexcept { return tree_; }  // of an open item
 
  private:
   std::shared_ptr<Tree> tree_;

@@ -91,7 +91,7 @@ class [[nodiscard]] Session {
   // store and all that was opened in it is closed. Throws damaged when not all of the directory can
   // be read, notAStore when there are fewer than 40 bytes.
   Store openBlob(std::span<const std::byte> bytes, const std::string& name);
-  // Keeps the blob's bytes itself.
+  // Shares the bytes with the blob, which may go.
   Store openBlob(const Blob& blob, const std::string& name);
   // Of a buffer that would be gone at once.
   template <typename Buffer>
