@@ -350,8 +350,7 @@ TEST_F(ApiTest, KeepsTheFileOpenOrMappedForWhatWasOpenedInIt) {
     session.reset();
     EXPECT_EQ(isMapped(), mapped);
     Reader taken = std::move(reader);
-    EXPECT_EQ(errorOf([&] { return reader.size(); }),
-              Errc::closed);  // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(errorOf([&] { reader.size(); }), Errc::closed);  // NOLINT(bugprone-use-after-move)
     EXPECT_EQ(asText(taken.readAll()), bytes);
     taken.close();
     EXPECT_FALSE(isMapped());
@@ -389,7 +388,7 @@ void keepArray(Session& session, std::vector<T> values) {
   }
   const Store foreign = session.openBlob(std::as_bytes(std::span(turned)), "x");
   EXPECT_EQ(foreign.read("a").readArray<T>(), values);
-  EXPECT_EQ(asBytes(foreign.read("a").readText()).size(), values.size() * sizeof(T));
+  EXPECT_EQ(foreign.read("a").readText(), memory.read("a").readText());
   Reader reader = foreign.read("a");
   EXPECT_EQ(reader.skip(sizeof(T)), sizeof(T));
   std::vector<T> rest(values.size());
@@ -432,10 +431,11 @@ TEST_F(ApiTest, ServesAsStreamsOfTheStandardLibrary) {
   out.close();
   EXPECT_EQ(get(store, "a"), "4711 " + bytes + "x");
 
-  ItemInputStream in(store.read("a"));
+  ItemInputStream begun(store.read("a"));
   int number = 0;
-  EXPECT_TRUE(in >> number && in.get() == ' ');
-  in = std::move(in);  // NOLINT(clang-diagnostic-self-move)
+  EXPECT_TRUE(begun >> number && begun.get() == ' ');
+  ItemInputStream in{Reader()};
+  in = std::move(begun);
   std::string text(60000, '\0');
   EXPECT_TRUE(in.read(text.data(), 60000) && number == 4711);
   EXPECT_EQ(text, bytes.substr(0, 60000));
@@ -496,22 +496,15 @@ TEST_F(ApiTest, TakesThePageSizeOfNewStoresFromTheSession) {
 TEST_F(ApiTest, ShowsEachNameOnce) {
   Store memory = session_.createInMemory("x", 64);
   for (const char* name : {"aa", "ab", "ac", "b", "c"})
-    append(memory, name, name);
+    append(memory, name, "");
   const Blob blob = memory.makeBlob();
   std::string bytes = asText({blob.bytes().begin(), blob.bytes().end()});
-  for (const auto& [name, replacement] :
-       {std::pair("ab", "aa"), std::pair("ac", "aa"), std::pair("c", "")}) {
-    bytes.replace(bytes.find(name + std::string(62, '\0')), 2, replacement + std::string(2, '\0'),
-                  0, 2);
-  }
-  const Store store = session_.openBlob(asBytes(bytes), "x");
-  std::string names;
-  for (const Member& member : store.members() | std::views::filter([](const Member& each) {
-                                return each.kind == MemberKind::item;
-                              }))
-    names += member.name + ' ';
-  EXPECT_EQ(names.size(), 5u) << names;
-  EXPECT_EQ(membersOf(store).size(), 2u);
+  for (const char* name : {"ab", "ac"})
+    bytes.replace(bytes.find(name + std::string(62, '\0')), 2, "aa");
+  bytes[bytes.find("c" + std::string(63, '\0'))] = '\0';
+  const std::map<std::string, MemberKind> expected = {{"aa", MemberKind::item},
+                                                      {"b", MemberKind::item}};
+  EXPECT_EQ(membersOf(session_.openBlob(asBytes(bytes), "x")), expected);
 }
 
 // By itself and as a stream, which is the last to hold its store and its session.
