@@ -151,14 +151,15 @@ ItemInputStream::ItemInputStream(Reader reader)
 }
 
 ItemInputStream::ItemInputStream(ItemInputStream&& other) noexcept
-    : std::istream(std::move(other)), buffer_(std::move(other.buffer_)) {
+    : std::istream(nullptr), buffer_(std::move(other.buffer_)) {
+  std::istream::swap(other);
   set_rdbuf(buffer_.get());
-  other.init(nullptr);
+  other.set_rdbuf(nullptr);
 }
 
 ItemInputStream& ItemInputStream::operator=(ItemInputStream&& other) noexcept {
   ItemInputStream taken(std::move(other));
-  std::istream::operator=(std::move(taken));
+  std::istream::swap(taken);
   buffer_.swap(taken.buffer_);
   set_rdbuf(buffer_.get());
   return *this;
@@ -174,14 +175,15 @@ ItemOutputStream::ItemOutputStream(Writer writer)
 }
 
 ItemOutputStream::ItemOutputStream(ItemOutputStream&& other) noexcept
-    : std::ostream(std::move(other)), buffer_(std::move(other.buffer_)) {
+    : std::ostream(nullptr), buffer_(std::move(other.buffer_)) {
+  std::ostream::swap(other);
   set_rdbuf(buffer_.get());
-  other.init(nullptr);
+  other.set_rdbuf(nullptr);
 }
 
 ItemOutputStream& ItemOutputStream::operator=(ItemOutputStream&& other) noexcept {
   ItemOutputStream taken(std::move(other));
-  std::ostream::operator=(std::move(taken));
+  std::ostream::swap(taken);
   buffer_.swap(taken.buffer_);
   set_rdbuf(buffer_.get());
   return *this;
