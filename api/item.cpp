@@ -91,7 +91,7 @@ std::size_t Reader::countLeft(std::size_t width, std::size_t wanted) const {
   const std::size_t rest = bytes % width;
   if (rest != 0 && bytes / width < wanted) {
     refuse(Errc::cutElement,
-           std::to_string(bytes) + " bytes are left, an element has " + std::to_string(width));
+           "bytes left: " + std::to_string(bytes) + ", in an element: " + std::to_string(width));
   }
   return bytes / width;
 }

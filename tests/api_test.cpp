@@ -393,7 +393,7 @@ void keepArray(Session& session, std::vector<T> values) {
   EXPECT_EQ(reader.skip(sizeof(T)), sizeof(T));
   std::vector<T> rest(values.size());
   EXPECT_EQ(reader.readArray(std::span(rest).first(2)), 2u);
-  EXPECT_EQ(reader.readArray(std::span(rest).subspan(2)), values.size() - 3);
+  EXPECT_EQ(reader.readArray(std::span(rest).subspan(2)), values.size() - 3);  // as many as left
   EXPECT_TRUE(std::equal(values.begin() + 1, values.end(), rest.begin()));
   EXPECT_EQ(reader.skip(1), 0u);
 }
@@ -404,18 +404,6 @@ TEST_F(ApiTest, ReadsNumbersOfEitherByteOrder) {
   keepArray<std::int32_t>(session_, std::vector<std::int32_t>(50000, 0x12345678));
   keepArray<std::int64_t>(session_, {1, -2, 0x123456789abcdef, 4});
   keepArray<double>(session_, std::vector<double>(100, 0.1));
-}
-
-TEST_F(ApiTest, SaysThatAnItemEndsWithinAnElement) {
-  Store store = makeStore(path_);
-  append(store, "a", "0123456789");
-  Reader reader = store.read("a");
-  std::array<std::int32_t, 3> numbers{};
-  EXPECT_EQ(thrownBy([&] { reader.readArray<std::int32_t>(); }).value().what(),
-            path_ + ": a: the item ends within an element (10 bytes are left, an element has 4)");
-  EXPECT_EQ(reader.readArray(std::span(numbers).first(2)), 2u);
-  EXPECT_EQ(errorOf([&] { reader.readArray(std::span(numbers)); }), Errc::cutElement);
-  EXPECT_EQ(reader.readText(), "89");
 }
 
 TEST_F(ApiTest, ServesAsStreamsOfTheStandardLibrary) {
@@ -483,12 +471,8 @@ TEST_F(ApiTest, GivesErrorCodesInPlaceOfExceptions) {
 TEST_F(ApiTest, TakesThePageSizeOfNewStoresFromTheSession) {
   Session session({.pageSize = 512, .cacheBytesPerFile = 1});
   EXPECT_EQ(session.createInMemory("x").pageSize(), 512);
-  EXPECT_EQ(session.createInMemory("x", 64).pageSize(), 64);
-  Store store = session.open(path_, Mode::create);
-  append(store, "a", makeBytes(5000));
-  store.close();
+  session.open(path_, Mode::create).close();
   EXPECT_EQ(session_.open(path_, Mode::openOrCreate).pageSize(), 512);
-  EXPECT_EQ(get(session.open(path_), "a"), makeBytes(5000));
   EXPECT_EQ(errorOf([&] { return Session({.pageSize = -1}); }), Errc::badPageSize);
 }
 
@@ -605,6 +589,8 @@ TEST_F(ApiTest, SaysWhereAndWhy) {
   Store store = session_.open(path_, Mode::update);
   const std::string folder = directory_.path();
   const std::pair<std::function<void()>, std::string> cases[] = {
+      {[&] { return store.read("s/a").readArray<std::int32_t>(); },
+       path_ + ": s/a: the item ends within an element (bytes left: 1, in an element: 4)"},
       {[&] { return store.read("s/b"); }, path_ + ": s/b: not found"},
       {[&] { return store.openStore("s").create("a"); }, path_ + ": s/a: exists already"},
       {[&] { return store.create("s//a"); },
