@@ -18,6 +18,7 @@ FileFailure translate(hxhost::FileFailure failure) {
 hxhost::HostOptions hostOptionsOf(const SessionOptions& options) {
   hxhost::HostOptions hostOptions;
   hostOptions.lockWait = options.lockWait;
+  hostOptions.cacheBytesPerFile = options.cacheBytesPerFile;
   hostOptions.durability =
       options.durability == Durability::full ? hxhost::Durability::full : hxhost::Durability::none;
   return hostOptions;
@@ -75,11 +76,18 @@ void Engine::failOpening(const std::string& path, const std::u32string& wide, Er
   throw Error(code, path, "", *failure);
 }
 
-void Engine::reportUnreported(const Error& error) noexcept {
+void Engine::report(const Error& error) noexcept {
   if (!options_.onUnreportedError) return;
   try {
     options_.onUnreportedError(error);
   } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor has nobody to pass it on to
+  }
+}
+
+void Engine::reportNoMemory(const std::string& store) noexcept {
+  try {
+    report(Error(Errc::noMemory, store, ""));
+  } catch (...) {  // NOLINT(bugprone-empty-catch): no memory even to say so
   }
 }
 

@@ -24,6 +24,7 @@ class Engine {
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
 
+  const SessionOptions& options() const { return options_; }
   hx::ExtensionInstance* module() const { return module_; }
   hx::HostHandle* host() { return host_.handle(); }
   MemoryUse memoryUse() const;
@@ -47,10 +48,22 @@ class Engine {
   // A number that no other store in memory has.
   unsigned numberStoreInMemory() { return storesInMemory_++; }
 
-  // For destructors: the session's hook, if there is one.
-  void reportUnreported(const Error& error) noexcept;
+  // For destructors: runs `call`, and tells the session's hook, if there is one, what it threw.
+  template <typename Call>
+  void reportFailureOf(const std::string& store, const Call& call) noexcept {
+    try {
+      call();
+    } catch (const Error& error) {
+      report(error);
+    } catch (...) {
+      reportNoMemory(store);
+    }
+  }
 
  private:
+  void report(const Error& error) noexcept;
+  void reportNoMemory(const std::string& store) noexcept;
+
   SessionOptions options_;
   hxhost::LinuxHost host_;
   hx::ExtensionInstance* module_;

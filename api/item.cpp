@@ -1,10 +1,11 @@
 #include "hxcrate/item.hpp"
 
-#include <algorithm>
+#include <array>
 #include <limits>
 #include <utility>
 
-#include "hxcrate/error.hpp"
+#include "host/linux/conversion.h"
+#include "member_path.h"
 #include "store/status.h"
 #include "tree.h"
 
@@ -13,36 +14,28 @@ namespace hxcrate {
 namespace {
 
 constexpr std::size_t kLongestTransfer = std::numeric_limits<std::int32_t>::max();
-
-std::int32_t transferLength(std::size_t bytes) {
-  return static_cast<std::int32_t>(std::min(bytes, kLongestTransfer));
-}
+// What is converted needs as much memory again, so it goes in pieces: whole elements of any width.
+constexpr std::size_t kConvertedPiece = std::size_t{64} << 10;
+constexpr std::size_t kSkippedPiece = std::size_t{16} << 10;
 
 }  // namespace
 
-OpenItem::OpenItem(std::shared_ptr<Tree> tree, hx::ItemHandle* handle, std::string path)
-    : tree_(std::move(tree)), handle_(handle), path_(std::move(path)) {}
+OpenItem::OpenItem(std::shared_ptr<Tree> tree, hx::ItemHandle* handle) noexcept
+    : tree_(std::move(tree)), handle_(handle) {}
 
 OpenItem::OpenItem(OpenItem&& other) noexcept
-    : tree_(std::move(other.tree_)),
-      handle_(std::exchange(other.handle_, nullptr)),
-      path_(std::move(other.path_)) {}
+    : tree_(std::move(other.tree_)), handle_(std::exchange(other.handle_, nullptr)) {}
 
-// The old handle goes with `other`.
 OpenItem& OpenItem::operator=(OpenItem&& other) noexcept {
-  std::swap(tree_, other.tree_);
-  std::swap(handle_, other.handle_);
-  std::swap(path_, other.path_);
+  OpenItem taken(std::move(other));
+  std::swap(tree_, taken.tree_);
+  std::swap(handle_, taken.handle_);
   return *this;
 }
 
 OpenItem::~OpenItem() {
-  try {
-    close();
-  } catch (const Error& error) {
-    tree_->engine().reportUnreported(error);
-  } catch (...) {  // NOLINT(bugprone-empty-catch): no memory even to say so
-  }
+  if (handle_ == nullptr) return;
+  tree_->engine().reportFailureOf(tree_->path(), [this] { close(); });
 }
 
 std::int64_t OpenItem::size() const {
@@ -53,6 +46,10 @@ std::int64_t OpenItem::position() const {
   return handle()->position;
 }
 
+std::string OpenItem::path() const {
+  return handle_ == nullptr ? std::string() : pathOf(*handle_->item);
+}
+
 void OpenItem::close() {
   if (handle_ == nullptr) return;
   if (handle_->item->close(handle_) != 0) fail(hx::kNotLocked);
@@ -61,25 +58,54 @@ void OpenItem::close() {
 }
 
 hx::ItemHandle* OpenItem::handle() const {
-  if (handle_ == nullptr) throw Error(Errc::closed, "", path_);
+  if (handle_ == nullptr) throw Error(Errc::closed, "", "");
   return handle_;
 }
 
-const std::string& OpenItem::storePath() const {
-  return tree_->path();
+void OpenItem::fail(std::int32_t status) const {
+  tree_->fail(status, path());
 }
 
-void OpenItem::fail(std::int32_t status) const {
-  tree_->fail(status, path_);
+void OpenItem::refuse(Errc code, std::string_view detail) const {
+  throw Error(code, tree_->path(), path(), detail);
 }
 
 std::size_t Reader::read(std::span<std::byte> buffer) {
+  return transfer(buffer, 1);
+}
+
+std::size_t Reader::skip(std::size_t count) {
+  std::array<std::byte, kSkippedPiece> unused;
+  std::size_t skipped = 0;
+  while (skipped < count) {
+    const std::size_t piece = std::min(unused.size(), count - skipped);
+    const std::size_t passed = read(std::span(unused).first(piece));
+    if (passed == 0) break;
+    skipped += passed;
+  }
+  return skipped;
+}
+
+std::size_t Reader::countLeft(std::size_t width, std::size_t wanted) const {
+  const auto bytes = static_cast<std::size_t>(size() - position());
+  const std::size_t rest = bytes % width;
+  if (rest != 0 && bytes / width < wanted) {
+    refuse(Errc::cutElement,
+           "bytes left: " + std::to_string(bytes) + ", in an element: " + std::to_string(width));
+  }
+  return bytes / width;
+}
+
+std::size_t Reader::transfer(std::span<std::byte> buffer, std::size_t width) {
   hx::ItemHandle* item = handle();
+  hx::ItemConversion conversion{static_cast<std::int32_t>(width), 0};
+  void* argument = width == 1 ? nullptr : &conversion;
+  const std::size_t longest = width == 1 ? kLongestTransfer : kConvertedPiece;
   std::size_t total = 0;
   std::int32_t status = std::exchange(pendingStatus_, hx::kOk);
   while (status == hx::kOk && total < buffer.size()) {
-    const std::span<std::byte> rest = buffer.subspan(total);
-    total += item->item->read(item, rest.data(), transferLength(rest.size()), nullptr, &status);
+    const auto length = static_cast<std::int32_t>(std::min(buffer.size() - total, longest));
+    total += item->item->read(item, buffer.data() + total, length, argument, &status);
   }
   if (status == hx::kEndOfItem) status = position() < size() ? hx::kUnreadable : hx::kOk;
   if (status == hx::kOk) return total;
@@ -88,21 +114,21 @@ std::size_t Reader::read(std::span<std::byte> buffer) {
   return total;
 }
 
-std::vector<std::byte> Reader::readAll() {
-  std::vector<std::byte> bytes(static_cast<std::size_t>(size() - position()));
-  const std::size_t count = read(bytes);
-  // The reason why there is less than the item's length is waiting: ask for it.
-  if (count < bytes.size()) read(std::span(bytes).subspan(count));
-  return bytes;
+void Reader::fill(std::span<std::byte> buffer, std::size_t width) {
+  for (std::size_t done = 0; done < buffer.size();) {
+    const std::size_t count = transfer(buffer.subspan(done), width);
+    if (count == 0) fail(hx::kUnreadable);
+    done += count;
+  }
 }
 
 void Writer::write(std::span<const std::byte> bytes) {
   hx::ItemHandle* item = handle();
   if (bytes.size() > static_cast<std::size_t>(kItemCapacity - item->position)) {
-    throw Error(Errc::itemFull, storePath(), path());
+    refuse(Errc::itemFull, "");
   }
   std::int32_t status = hx::kOk;
-  item->item->write(item, bytes.data(), transferLength(bytes.size()), &status);
+  item->item->write(item, bytes.data(), static_cast<std::int32_t>(bytes.size()), &status);
   if (status != hx::kOk) fail(status);
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <filesystem>
 #include <optional>
+#include <vector>
 
 #include "host/file_io.h"
 #include "host/linux/path_codec.h"
@@ -12,16 +13,15 @@ namespace hxcrate {
 
 namespace {
 
-[[noreturn]] void refuse(const std::string& store, std::string_view path, std::string_view why) {
-  throw Error(Errc::badName, store, std::string(path), why);
+[[noreturn]] void refuse(const std::string& path, std::string_view why) {
+  throw Error(Errc::badName, path, "", why);
 }
 
-void checkName(const std::string& store, std::string_view path, std::string_view name) {
-  if (name.empty()) refuse(store, path, "a component is empty");
-  if (name.find('\0') != std::string_view::npos) refuse(store, path, "it holds a NUL byte");
-  if (name.size() <= kNameCapacity) return;
-  const std::string bytes = std::to_string(name.size());
-  refuse(store, path, "a component has " + bytes + " bytes, at most 64 fit");
+std::string findNameFault(std::string_view name) {
+  if (name.empty()) return "a component is empty";
+  if (name.find('\0') != std::string_view::npos) return "it holds a NUL byte";
+  if (name.size() <= kNameCapacity) return "";
+  return "a component has " + std::to_string(name.size()) + " bytes, at most 64 fit";
 }
 
 std::string makeAbsolute(const std::string& path) {
@@ -33,16 +33,19 @@ std::string makeAbsolute(const std::string& path) {
 
 }  // namespace
 
-std::vector<std::string_view> splitMemberPath(const std::string& store, std::string_view path) {
-  std::vector<std::string_view> names;
-  std::size_t start = 0;
+std::string findPathFault(std::string_view path) {
   while (true) {
-    const std::size_t end = std::min(path.find('/', start), path.size());
-    names.push_back(path.substr(start, end - start));
-    checkName(store, path, names.back());
-    if (end == path.size()) return names;
-    start = end + 1;
+    const std::size_t end = std::min(path.find('/'), path.size());
+    std::string fault = findNameFault(path.substr(0, end));
+    if (!fault.empty() || end == path.size()) return fault;
+    path.remove_prefix(end + 1);
   }
+}
+
+WideName::WideName(std::string_view name) noexcept
+    : length_(static_cast<std::int32_t>(name.size())) {
+  for (std::size_t i = 0; i < name.size(); ++i)
+    characters_[i] = static_cast<unsigned char>(name[i]);
 }
 
 std::u32string widenName(std::string_view name) {
@@ -53,25 +56,44 @@ std::u32string widenName(std::string_view name) {
   return wide;
 }
 
-std::string narrowName(const std::string& store, std::u32string_view name) {
-  std::string bytes;
-  bytes.reserve(name.size());
-  for (const char32_t character : name) {
-    if (character > 0xff) throw Error(Errc::damaged, store, bytes, "a name is not made of bytes");
-    bytes.push_back(static_cast<char>(character));
+void narrowName(std::u32string_view name, std::string& bytes) {
+  bytes.resize(name.size());
+  for (std::size_t i = 0; i < name.size(); ++i)
+    bytes[i] = static_cast<char>(name[i]);
+}
+
+std::string pathOf(const hx::Store& store) {
+  std::vector<const hx::Store*> chain;
+  for (const hx::Store* inner = &store; inner->parent != nullptr; inner = inner->parent)
+    chain.push_back(inner);
+  std::string path;
+  std::string name;
+  for (auto next = chain.rbegin(); next != chain.rend(); ++next) {
+    narrowName(nameOf(**next), name);
+    path.append(path.empty() ? "" : "/").append(name);
   }
-  return bytes;
+  return path;
+}
+
+std::string pathOf(const hx::ItemMember& item) {
+  std::string name;
+  narrowName(nameOf(item), name);
+  return join(pathOf(*item.parent), name);
+}
+
+std::string join(const std::string& place, std::string_view path) {
+  return place.empty() ? std::string(path) : place + "/" + std::string(path);
 }
 
 std::u32string decodeFilePath(const std::string& path) {
-  if (path.empty()) refuse(path, "", "the path is empty");
+  if (path.empty()) refuse(path, "the path is empty");
   if (const std::size_t nul = path.find('\0'); nul != std::string::npos) {
-    refuse(path.substr(0, nul), "", "the path holds a NUL byte");
+    refuse(path.substr(0, nul), "the path holds a NUL byte");
   }
   std::optional<std::u32string> decoded = hxhost::decodePath(makeAbsolute(path));
-  if (!decoded) refuse(path, "", "the path is not UTF-8");
+  if (!decoded) refuse(path, "the path is not UTF-8");
   if (decoded->size() > hx::HX_PATH_CAPACITY) {
-    refuse(path, "", "the absolute path has over 1024 characters");
+    refuse(path, "the absolute path has over 1024 characters");
   }
   return *std::move(decoded);
 }

@@ -141,10 +141,19 @@ std::shared_ptr<Tree> openBytes(std::shared_ptr<Engine> engine, std::span<const 
 
 }  // namespace
 
-Session::Session(SessionOptions options) : engine_(std::make_shared<Engine>(std::move(options))) {}
+Session::Session(SessionOptions options) {
+  if (options.pageSize < 0) throw Error(Errc::badPageSize, "", "");
+  engine_ = std::make_shared<Engine>(std::move(options));
+}
+
+// 0 for the module's own.
+std::int32_t Session::choosePageSize(std::int32_t wanted, const std::string& store) const {
+  if (wanted < 0) throw Error(Errc::badPageSize, store, "");
+  return wanted != 0 ? wanted : engine_->options().pageSize;
+}
 
 Store Session::open(const std::string& path, Mode mode, OpenOptions options) {
-  if (options.pageSize < 0) throw Error(Errc::badPageSize, path, "");
+  options.pageSize = choosePageSize(options.pageSize, path);
   std::shared_ptr<Tree> tree;
   {
     const std::lock_guard guard(engine_->openingMutex());
@@ -160,7 +169,7 @@ Store Session::open(const std::string& path, Mode mode, OpenOptions options) {
 // The module keeps all of the name, blobs what follows its last separator. The number tells stores
 // in memory apart, however they are called, and from files, whose paths begin with a separator.
 Store Session::createInMemory(const std::string& name, std::int32_t pageSize) {
-  if (pageSize < 0) throw Error(Errc::badPageSize, name, "");
+  pageSize = choosePageSize(pageSize, name);
   const std::u32string wide =
       widenName(std::to_string(engine_->numberStoreInMemory()) + "/" + name);
   std::int32_t status = hx::kOk;
@@ -176,6 +185,11 @@ Store Session::createInMemory(const std::string& name, std::int32_t pageSize) {
 
 Store Session::openBlob(std::span<const std::byte> bytes, const std::string& name) {
   const std::shared_ptr<Tree> tree = openBytes(engine_, bytes, name, nullptr);
+  return {tree, tree->root(), ""};
+}
+
+Store Session::openBlob(const Blob& blob, const std::string& name) {
+  const std::shared_ptr<Tree> tree = openBytes(engine_, blob.bytes(), name, blob.memory_);
   return {tree, tree->root(), ""};
 }
 

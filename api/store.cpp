@@ -1,10 +1,9 @@
 #include "hxcrate/store.hpp"
 
-#include <algorithm>
 #include <utility>
-#include <vector>
 
 #include "hxcrate/error.hpp"
+#include "member_cursor.h"
 #include "member_path.h"
 #include "store/status.h"
 #include "tree.h"
@@ -12,14 +11,6 @@
 namespace hxcrate {
 
 namespace {
-
-// The module is not told how long the buffer is. No name in an instance of our own has more than
-// 64 characters; the rest is margin.
-constexpr std::int32_t kNameBuffer = 256;
-
-std::string join(const std::string& place, std::string_view path) {
-  return place.empty() ? std::string(path) : place + "/" + std::string(path);
-}
 
 // One more opening of a nested store, given back at the end.
 class Step {
@@ -43,75 +34,82 @@ class Step {
 // 64 bytes that has something behind it.
 class MemberOpener {
  public:
+  // Throws badName before anything is opened or made.
   MemberOpener(Tree& tree, hx::Store* start, const std::string& place, std::string_view path)
-      : tree_(tree),
-        start_(start),
-        place_(join(place, path)),
-        names_(splitMemberPath(tree.path(), path)) {}
-
-  hx::Store* openStore(std::uint32_t flags, Parents parents) {
-    Step container(nullptr);
-    return step(walk(container, parents), names_.back(), flags);
+      : tree_(tree), start_(start), place_(place), path_(path) {
+    const std::string fault = findPathFault(path);
+    if (!fault.empty()) throw Error(Errc::badName, tree.path(), join(place, path), fault);
   }
 
-  hx::ItemHandle* openItem(std::uint32_t flags, Parents parents) {
+  hx::Store* openStore(std::uint32_t flags, Parents parents) const {
+    Step container(nullptr);
+    return step(walk(container, parents), lastName(), flags);
+  }
+
+  hx::ItemHandle* openItem(std::uint32_t flags, Parents parents) const {
     Step container(nullptr);
     hx::Store* store = walk(container, parents);
-    const std::u32string name = widenName(names_.back());
+    const WideName name(lastName());
     std::int32_t status = hx::kOk;
-    hx::ItemHandle* handle = tree_.module()->openItem(
-        tree_.module(), store, name.data(), static_cast<std::int32_t>(name.size()), flags, &status);
-    if (handle == nullptr) tree_.fail(status, place_);
+    hx::ItemHandle* handle = tree_.module()->openItem(tree_.module(), store, name.characters(),
+                                                      name.length(), flags, &status);
+    if (handle == nullptr) fail(status);
     return handle;
   }
 
  private:
   // The store that holds the last component; `container` holds it open.
-  hx::Store* walk(Step& container, Parents parents) {
+  hx::Store* walk(Step& container, Parents parents) const {
     const std::uint32_t flags =
         parents == Parents::create ? hx::kUpdate | hx::kCreate : std::uint32_t{hx::kRead};
     hx::Store* store = start_;
-    for (std::size_t i = 0; i + 1 < names_.size(); ++i) {
-      store = step(store, names_[i], flags);
+    std::string_view rest = path_;
+    for (std::size_t end = rest.find('/'); end != rest.npos; end = rest.find('/')) {
+      store = step(store, rest.substr(0, end), flags);
       container.enter(store);
+      rest.remove_prefix(end + 1);
     }
     return store;
   }
 
-  hx::Store* step(hx::Store* store, std::string_view component, std::uint32_t flags) {
-    const std::u32string name = widenName(component);
+  std::string_view lastName() const { return path_.substr(path_.rfind('/') + 1); }
+
+  hx::Store* step(hx::Store* store, std::string_view component, std::uint32_t flags) const {
+    const WideName name(component);
     std::int32_t status = hx::kOk;
-    hx::Store* next = tree_.module()->openStore(
-        tree_.module(), store, name.data(), static_cast<std::int32_t>(name.size()), flags, &status);
-    if (next == nullptr) tree_.fail(status, place_);
+    hx::Store* next = tree_.module()->openStore(tree_.module(), store, name.characters(),
+                                                name.length(), flags, &status);
+    if (next == nullptr) fail(status);
     return next;
   }
 
+  [[noreturn]] void fail(std::int32_t status) const { tree_.fail(status, join(place_, path_)); }
+
   Tree& tree_;
   hx::Store* start_;
-  std::string place_;
-  std::vector<std::string_view> names_;
+  const std::string& place_;
+  std::string_view path_;
 };
 
 }  // namespace
 
-void MemberRange::Iterator::advance() {
-  char32_t next[kNameBuffer];
-  const std::u32string last = widenName(member_.name);
-  std::int32_t length = 0;
-  std::int32_t kind = 0;
-  const std::int32_t status = range_->store_->getNextMember(
-      range_->store_, last.data(), static_cast<std::int32_t>(last.size()), next, &length, &kind);
-  if (status == hx::kNotFound) {
-    range_ = nullptr;
-    return;
-  }
-  if (status != hx::kOk) range_->tree_->fail(status, range_->place_);
-  member_.name = narrowName(range_->tree_->path(), {next, static_cast<std::size_t>(length)});
-  member_.kind = kind == hx::kStoreKind ? MemberKind::store : MemberKind::item;
+MemberRange::Iterator::Iterator(std::unique_ptr<MemberCursor> cursor) : cursor_(std::move(cursor)) {
+  advance();
 }
 
-Store::Store(std::shared_ptr<Tree> tree, hx::Store* store, std::string place)
+MemberRange::Iterator::Iterator(Iterator&& other) noexcept = default;
+MemberRange::Iterator& MemberRange::Iterator::operator=(Iterator&& other) noexcept = default;
+MemberRange::Iterator::~Iterator() = default;
+
+void MemberRange::Iterator::advance() {
+  if (!cursor_->next(member_)) cursor_.reset();
+}
+
+MemberRange::Iterator MemberRange::begin() const {
+  return Iterator(std::make_unique<MemberCursor>(tree_, store_));
+}
+
+Store::Store(std::shared_ptr<Tree> tree, hx::Store* store, std::string place) noexcept
     : tree_(std::move(tree)), store_(store), place_(std::move(place)) {}
 
 Store::Store(Store&& other) noexcept
@@ -119,11 +117,11 @@ Store::Store(Store&& other) noexcept
       store_(std::exchange(other.store_, nullptr)),
       place_(std::move(other.place_)) {}
 
-// The old store goes with `other`.
 Store& Store::operator=(Store&& other) noexcept {
-  std::swap(tree_, other.tree_);
-  std::swap(store_, other.store_);
-  std::swap(place_, other.place_);
+  Store taken(std::move(other));
+  std::swap(tree_, taken.tree_);
+  std::swap(store_, taken.store_);
+  std::swap(place_, taken.place_);
   return *this;
 }
 
@@ -173,9 +171,7 @@ Store Store::openNested(std::string_view path, std::uint32_t flags, Parents pare
 template <typename Handle>
 Handle Store::openItem(std::string_view path, std::uint32_t flags, Parents parents) const {
   hx::Store* start = store();
-  std::string place = join(place_, path);
-  hx::ItemHandle* opened = MemberOpener(*tree_, start, place_, path).openItem(flags, parents);
-  return {tree_, opened, std::move(place)};
+  return {tree_, MemberOpener(*tree_, start, place_, path).openItem(flags, parents)};
 }
 
 Reader Store::read(std::string_view path) const {
@@ -193,7 +189,7 @@ Writer Store::append(std::string_view path, Parents parents) {
 }
 
 MemberRange Store::members() const {
-  return {tree_, store(), place_};
+  return {tree_, store()};
 }
 
 Blob Store::makeBlob() {
@@ -206,7 +202,7 @@ Blob Store::makeBlob() {
   return {std::move(pool), {static_cast<const std::byte*>(start), size}};
 }
 
-const std::string& Store::path() const {
+const std::string& Store::path() const& {
   store();
   return tree_->path();
 }

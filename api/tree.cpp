@@ -28,13 +28,7 @@ Tree::Tree(std::shared_ptr<Engine> engine, hx::Store* root, std::string path, bo
       writable_(writable) {}
 
 Tree::~Tree() {
-  try {
-    close();
-  } catch (const Error& error) {
-    engine_->reportUnreported(error);
-  } catch (...) {
-    engine_->reportUnreported(Error(Errc::noMemory, path_, ""));
-  }
+  engine_->reportFailureOf(path_, [this] { close(); });
 }
 
 std::optional<FileFailure> Tree::takeFailure() {

@@ -40,7 +40,7 @@ class Lister {
     } catch (const hxcrate::Error& error) {
       if (error.errc() != hxcrate::Errc::notFound) throw;
     }
-    store.read(options_.path);
+    store.read(options_.path).close();
     return std::nullopt;
   }
 

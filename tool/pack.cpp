@@ -196,7 +196,8 @@ void pack(const PackOptions& options) try {
   const std::vector<SourceStep> steps = scanTree(options.directory, target.existing);
   const Workshop workshop(target.path, options.store);
   if (options.inMemory) {
-    workshop.write(packIntoBlob(options, target.path.filename(), steps).bytes());
+    const hxcrate::Blob blob = packIntoBlob(options, target.path.filename(), steps);
+    workshop.write(blob.bytes());
   } else {
     packIntoFile(options, workshop.storePath(), steps);
   }

@@ -11,23 +11,28 @@ namespace hxcrate {
 // Owns the bytes of a blob, and gives them back to the memory pool that they came from; needs
 // neither the session nor the store any longer. Movable; what was moved from is empty. Nothing
 // changes the bytes, so any number of threads may read them.
-class Blob {
+class [[nodiscard]] Blob {
  public:
-  Blob(std::shared_ptr<const void> memory, std::span<const std::byte> bytes)
-      : memory_(std::move(memory)), bytes_(bytes) {}
+  Blob() = default;  // empty
   Blob(Blob&& other) noexcept
       : memory_(std::move(other.memory_)), bytes_(std::exchange(other.bytes_, {})) {}
   Blob& operator=(Blob&& other) noexcept {
-    std::swap(memory_, other.memory_);
-    std::swap(bytes_, other.bytes_);
+    memory_ = std::move(other.memory_);
+    bytes_ = std::exchange(other.bytes_, {});
     return *this;
   }
 
-  // Write them to a file, send them anywhere, open them with Session::openBlob.
-  std::span<const std::byte> bytes() const noexcept { return bytes_; }
+  // Write them to a file, send them anywhere. Valid as long as the blob, which needs a name.
+  std::span<const std::byte> bytes() const& noexcept { return bytes_; }
+  std::span<const std::byte> bytes() const&& = delete;
 
  private:
-  std::shared_ptr<const void> memory_;
+  friend class Session;
+  friend class Store;
+  Blob(std::shared_ptr<const void> memory, std::span<const std::byte> bytes)
+      : memory_(std::move(memory)), bytes_(bytes) {}
+
+  std::shared_ptr<const void> memory_;  // shared with the stores that were opened from it
   std::span<const std::byte> bytes_;
 };
 

@@ -6,3 +6,4 @@
 #include "hxcrate/item.hpp"
 #include "hxcrate/session.hpp"
 #include "hxcrate/store.hpp"
+#include "hxcrate/stream.hpp"

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <type_traits>
 
 namespace hxcrate {
 
@@ -36,6 +37,7 @@ enum class Errc : std::int32_t {
   closed = 8,       // the object was closed or moved from
   membersOpen = 9,  // a store closes after what was opened in it
   noBlob = 10,      // a blob is made of a whole store that was created in memory
+  cutElement = 11,  // an array's item ends within an element
 };
 
 // The category of Errc. Its conditions compare equal to the std::errc of the same meaning where
@@ -54,7 +56,8 @@ struct FileFailure {
 };
 
 // Every failure of this API but running out of memory in the library itself (std::bad_alloc).
-// what() is one line, "STORE: MEMBER: reason (detail)", with the parts that there are.
+// what() is one line, "STORE: MEMBER: reason (detail)", with the parts that there are. Never
+// changes; any number of threads may read one.
 class Error : public std::system_error {
  public:
   Error(Errc code, std::string store, std::string member, std::string_view detail = {});
@@ -74,6 +77,23 @@ class Error : public std::system_error {
   Error(Errc code, std::shared_ptr<const Details> details);
   std::shared_ptr<const Details> details_;  // shared: copying an exception must not throw
 };
+
+// What the overloads that take a std::error_code& are made of: they throw nothing, leave in `error`
+// the code of what their twin would have thrown, or none, and return a value that stands for
+// nothing then: an object that is not open, a count of 0. What the exception says besides its code
+// is lost.
+template <typename Call>
+std::invoke_result_t<Call> captureError(std::error_code& error, const Call& call) noexcept {
+  try {
+    error.clear();
+    return call();
+  } catch (const std::system_error& thrown) {
+    error = thrown.code();
+  } catch (...) {
+    error = make_error_code(Errc::noMemory);  // nothing else throws
+  }
+  return std::invoke_result_t<Call>();
+}
 
 }  // namespace hxcrate
 

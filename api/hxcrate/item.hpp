@@ -1,13 +1,19 @@
 // Items: named byte streams, read from their start and written at their end.
 #pragma once
 
+#include <algorithm>
+#include <concepts>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
+#include <system_error>
+#include <utility>
 #include <vector>
+
+#include "hxcrate/error.hpp"
 
 namespace hx {
 struct ItemHandle;
@@ -19,57 +25,133 @@ class Tree;
 
 constexpr std::int64_t kItemCapacity = 2147483647;  // bytes
 
-// One opening of an item. Keeps the store file open that the item lies in. Movable; what was moved
-// from is closed. One thread at a time uses it.
+// What an array may be made of: integers of 1, 2, 4 or 8 bytes, float and double.
+template <typename T>
+concept Element = (std::integral<T> && !std::same_as<std::remove_cv_t<T>, bool> &&
+                   sizeof(T) <= 8) ||
+                  std::same_as<T, float> || std::same_as<T, double>;
+
+// One opening of an item, either a Reader or a Writer. Keeps the store file open that the item lies
+// in. Movable; what was moved from is closed. One thread at a time uses it; several threads may
+// each have one of the same item.
 class OpenItem {
  public:
-  OpenItem(std::shared_ptr<Tree> tree, hx::ItemHandle* handle, std::string path);
-  OpenItem(OpenItem&& other) noexcept;
-  OpenItem& operator=(OpenItem&& other) noexcept;
-  ~OpenItem();
+  OpenItem(const OpenItem&) = delete;
+  OpenItem& operator=(const OpenItem&) = delete;
 
   bool isOpen() const noexcept { return handle_ != nullptr; }
-  std::int64_t size() const;                                  // of the item, bytes
-  std::int64_t position() const;                              // of the next byte
-  const std::string& path() const noexcept { return path_; }  // inside the store
-  void close();  // does nothing when closed; throws notLocked, and the item stays open then
+  std::int64_t size() const;      // of the item, bytes
+  std::int64_t position() const;  // of the next byte
+  std::string path() const;       // inside the store; empty when closed
+
+  // Does nothing when closed. Throws notLocked, and the item stays open then. What the disk does
+  // not take of an item is told when its store closes.
+  void close();
+  void close(std::error_code& error) noexcept {
+    captureError(error, [&] { close(); });
+  }
 
  protected:
+  OpenItem() noexcept = default;
+  OpenItem(std::shared_ptr<Tree> tree, hx::ItemHandle* handle) noexcept;
+  OpenItem(OpenItem&& other) noexcept;
+  OpenItem& operator=(OpenItem&& other) noexcept;  // closes what was open
+  // Closes. A failure goes to the session's onUnreportedError.
+  ~OpenItem();
+
   hx::ItemHandle* handle() const;  // throws closed
-  const std::string& storePath() const;
   [[noreturn]] void fail(std::int32_t status) const;
+  [[noreturn]] void refuse(Errc code, std::string_view detail) const;
+  const std::shared_ptr<Tree>& tree() const noexcept { return tree_; }  // of an open item
 
  private:
   std::shared_ptr<Tree> tree_;
-  hx::ItemHandle* handle_;
-  std::string path_;
+  hx::ItemHandle* handle_ = nullptr;
 };
 
 // Reads an item from its start. Any number of readers may have one item open.
-class Reader : public OpenItem {
+class [[nodiscard]] Reader : public OpenItem {
  public:
-  using OpenItem::OpenItem;
+  Reader() noexcept = default;  // closed
 
   // Fills `buffer` as far as the item goes and returns how many bytes that were; less than asked
   // for only at the item's end, or before a failure that the next call throws.
   std::size_t read(std::span<std::byte> buffer);
+  std::size_t read(std::span<std::byte> buffer, std::error_code& error) noexcept {
+    return captureError(error, [&] { return read(buffer); });
+  }
 
-  // Everything from the position to the item's end.
-  std::vector<std::byte> readAll();
+  // Everything from the position to the item's end, as bytes or as characters of 8 bits. Throws
+  // when not all of it can be read.
+  std::vector<std::byte> readAll() { return readRest<std::vector<std::byte>>(); }
+  std::string readText() { return readRest<std::string>(); }
+
+  // The same as numbers, which a writer stores by write(std::as_bytes(...)). In a store file of
+  // another byte order the bytes of each are turned. Throws cutElement, with nothing read, when
+  // what is left of the item is no whole number of them.
+  template <Element T>
+  std::vector<T> readArray() {
+    return readRest<std::vector<T>>();
+  }
+
+  // Fills `elements` as far as the item goes and returns how many that were. Throws as above when
+  // the item ends before they are full, and when not all of them can be read.
+  template <Element T, std::size_t Extent>
+  std::size_t readArray(std::span<T, Extent> elements) {
+    const std::size_t count = std::min(elements.size(), countLeft(sizeof(T), elements.size()));
+    fill(std::as_writable_bytes(elements.first(count)), sizeof(T));
+    return count;
+  }
+
+  // Passes over `count` bytes, or as many as there are, and returns how many that were. They are
+  // read on the way.
+  std::size_t skip(std::size_t count);
 
  private:
+  friend class Store;
+  Reader(std::shared_ptr<Tree> tree, hx::ItemHandle* handle) noexcept
+      : OpenItem(std::move(tree), handle) {}
+
+  template <typename Elements>
+  Elements readRest() {
+    constexpr std::size_t kWidth = sizeof(typename Elements::value_type);
+    Elements elements;
+    elements.resize(countLeft(kWidth, kItemCapacity));
+    fill(std::as_writable_bytes(std::span(elements)), kWidth);
+    return elements;
+  }
+
+  // How many elements of `width` bytes are left. Throws cutElement when they are fewer than
+  // `wanted` and there are bytes behind the last.
+  std::size_t countLeft(std::size_t width, std::size_t wanted) const;
+  std::size_t transfer(std::span<std::byte> buffer, std::size_t width);
+  // All of `buffer`, of which the item has enough, or throws.
+  void fill(std::span<std::byte> buffer, std::size_t width);
+
   std::int32_t pendingStatus_ = 0;  // the failure behind the bytes that the last read delivered
 };
 
 // Writes at the end of an item. Nobody else has the item open meanwhile.
-class Writer : public OpenItem {
+class [[nodiscard]] Writer : public OpenItem {
  public:
-  using OpenItem::OpenItem;
+  Writer() noexcept = default;  // closed
 
   // Appends all of `bytes`. Throws itemFull, with nothing written, when they would take the item
   // past kItemCapacity; noMemory, with some of them written, when there is none for a page.
   void write(std::span<const std::byte> bytes);
   void write(std::string_view text) { write(std::as_bytes(std::span(text))); }
+  void write(std::span<const std::byte> bytes, std::error_code& error) noexcept {
+    captureError(error, [&] { write(bytes); });
+  }
+  void write(std::string_view text, std::error_code& error) noexcept {
+    write(std::as_bytes(std::span(text)), error);
+  }
+
+ private:
+  friend class Store;
+  friend class ItemOutputBuffer;
+  Writer(std::shared_ptr<Tree> tree, hx::ItemHandle* handle) noexcept
+      : OpenItem(std::move(tree), handle) {}
 };
 
 }  // namespace hxcrate

@@ -6,10 +6,14 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <ranges>
 #include <span>
 #include <string>
 #include <string_view>
+#include <system_error>
+#include <type_traits>
 
+#include "hxcrate/blob.hpp"
 #include "hxcrate/error.hpp"
 #include "hxcrate/store.hpp"
 
@@ -28,6 +32,11 @@ struct SessionOptions {
   Durability durability = Durability::full;
   // How long opening waits for a file that somebody else has open.
   std::chrono::milliseconds lockWait{0};
+  // Bytes of a page, for new stores whose own options name none; 0: 4096.
+  std::int32_t pageSize = 0;
+  // Memory for the blocks of each open file, 256 bytes to 64 MiB; what lies outside is taken for
+  // the nearer of them. More of it means fewer and larger transfers.
+  std::int64_t cacheBytesPerFile = std::int64_t{2} << 20;
   // Told of what a destructor could not throw. May be called by any thread that drops the last
   // opening of a store; what it throws is dropped.
   std::function<void(const Error&)> onUnreportedError = {};
@@ -42,7 +51,7 @@ enum class Mode {
 };
 
 struct OpenOptions {
-  std::int32_t pageSize = 0;   // bytes, for a store that is made now; 0: 4096
+  std::int32_t pageSize = 0;   // bytes, for a store that is made now; 0: the session's
   bool acceptDamaged = false;  // open for reading what is left of a damaged directory
 };
 
@@ -53,20 +62,28 @@ struct MemoryUse {
   std::uint64_t peakBytes;  // the most since the session began
 };
 
-// Stores stay usable after their session is gone. Several threads may use one session; a store file
-// that is opened twice through one session is shared.
-class Session {
+// Stores stay usable after their session is gone. Movable; what was moved from can only be assigned
+// to. Several threads may use one session; a store file that is opened twice through one session is
+// shared, by threads as well.
+class [[nodiscard]] Session {
  public:
-  // Throws noModule when libhxcrate.so can't be loaded.
+  // Throws noModule when libhxcrate.so can't be loaded, badPageSize below 0.
   explicit Session(SessionOptions options = {});
+  Session(Session&&) noexcept = default;
+  Session& operator=(Session&&) noexcept = default;
 
   // The store file `path` (UTF-8).
   Store open(const std::string& path, Mode mode = Mode::read, OpenOptions options = {});
+  // The same without exceptions: with an error, what it returns is not open.
+  Store open(const std::string& path, Mode mode, std::error_code& error,
+             OpenOptions options = {}) noexcept {
+    return captureError(error, [&] { return open(path, mode, options); });
+  }
 
   // A new store that lives in memory, for writing and for Store::makeBlob; it is gone when it is
   // closed. What follows the last "/", ":" or "\" of `name`, at most 64 bytes, goes into its
   // blobs, as that of a file's path into the file; names need not be unique. A `pageSize` of 0 is
-  // 4096 bytes.
+  // the session's.
   Store createInMemory(const std::string& name, std::int32_t pageSize = 0);
 
   // The store that `bytes` are, a blob's or a store file's, for reading; `name` is for errors. No
@@ -74,6 +91,14 @@ class Session {
   // store and all that was opened in it is closed. Throws damaged when not all of the directory can
   // be read, notAStore when there are fewer than 40 bytes.
   Store openBlob(std::span<const std::byte> bytes, const std::string& name);
+  // Shares the bytes with the blob, which may go.
+  Store openBlob(const Blob& blob, const std::string& name);
+  // Of a buffer that would be gone at once.
+  template <typename Buffer>
+  requires(!std::is_lvalue_reference_v<Buffer> && std::ranges::contiguous_range<Buffer> &&
+           !std::ranges::borrowed_range<Buffer>) Store
+      openBlob(Buffer&& bytes, const std::string& name)
+  = delete;
 
   // The same for the regular file `path`, which stays mapped as long as the store or anything that
   // was opened in it. It is locked against updates as by any reader. Should somebody cut it shorter
@@ -84,6 +109,8 @@ class Session {
   MemoryUse memoryUse() const;
 
  private:
+  std::int32_t choosePageSize(std::int32_t wanted, const std::string& store) const;
+
   std::shared_ptr<Engine> engine_;
 };
 

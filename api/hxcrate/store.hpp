@@ -1,14 +1,17 @@
 // Stores: containers of items and of further stores.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <iterator>
 #include <memory>
+#include <ranges>
 #include <string>
 #include <string_view>
 #include <system_error>
 
 #include "hxcrate/blob.hpp"
+#include "hxcrate/error.hpp"
 #include "hxcrate/item.hpp"
 
 namespace hx {
@@ -17,6 +20,8 @@ struct Store;
 
 namespace hxcrate {
 
+class MemberCursor;
+
 enum class MemberKind { store, item };
 
 struct Member {
@@ -24,56 +29,69 @@ struct Member {
   MemberKind kind;
 };
 
-// The members of a store, in the order of its table. An input range that asks the store for one
-// member at a time: members made or gone meanwhile may be seen or missed. Outlived by its Store.
-class MemberRange {
+// The members that a store had when begin() was called, each once, in the order of its table. A
+// range and a view of C++20 that can be gone through any number of times. It holds what it needs of
+// the store, whose file therefore stays open. Several threads may use one, each with iterators of
+// its own.
+class [[nodiscard]] MemberRange : public std::ranges::view_base {
  public:
+  // Holds the store as well. Movable, not copyable; an input iterator.
   class Iterator {
    public:
     using value_type = Member;
     using difference_type = std::ptrdiff_t;
     using iterator_concept = std::input_iterator_tag;
 
-    explicit Iterator(const MemberRange* range) : range_(range) { advance(); }
-    const Member& operator*() const { return member_; }
-    const Member* operator->() const { return &member_; }
+    Iterator(Iterator&& other) noexcept;
+    Iterator& operator=(Iterator&& other) noexcept;
+    ~Iterator();
+
+    // The member stays until the iterator moves on, and is its own: copy what is to stay longer.
+    const Member& operator*() const& noexcept { return member_; }
+    const Member* operator->() const& noexcept { return &member_; }
+    const Member& operator*() const&& = delete;
+    const Member* operator->() const&& = delete;
     Iterator& operator++() {
       advance();
       return *this;
     }
     void operator++(int) { advance(); }
-    bool operator==(std::default_sentinel_t) const { return range_ == nullptr; }
+    bool operator==(std::default_sentinel_t) const noexcept { return cursor_ == nullptr; }
 
    private:
+    friend class MemberRange;
+    explicit Iterator(std::unique_ptr<MemberCursor> cursor);
     void advance();
 
-    const MemberRange* range_;  // null at the end
+    std::unique_ptr<MemberCursor> cursor_;  // null at the end
     Member member_{};
   };
 
-  MemberRange(std::shared_ptr<Tree> tree, hx::Store* store, std::string place)
-      : tree_(std::move(tree)), store_(store), place_(std::move(place)) {}
-  Iterator begin() const { return Iterator(this); }
-  std::default_sentinel_t end() const { return {}; }
+  Iterator begin() const;
+  std::default_sentinel_t end() const noexcept { return {}; }
 
  private:
+  friend class Store;
+  MemberRange(std::shared_ptr<Tree> tree, hx::Store* store)
+      : tree_(std::move(tree)), store_(store) {}
+
   std::shared_ptr<Tree> tree_;
   hx::Store* store_;
-  std::string place_;
 };
 
 // Whether a path's missing stores are made on the way.
 enum class Parents { mustExist, create };
 
 // An open store: a store file, a store in memory or a blob as a whole, or a store nested in one.
-// Paths name members by their components with "/" between them; each component is 1 to 64 bytes.
-// Movable; what was moved from is closed. Several threads may use one Store, but for its close, its
-// moves and makeBlob.
-class Store {
+// Paths name members by their components with "/" between them; each component is 1 to 64 bytes
+// without a NUL. Any other path is badName, and nothing of it is made. Movable; what was moved from
+// is closed. Several threads may use one Store, but for its close, its moves and makeBlob; each
+// may open whatever it likes in it.
+class [[nodiscard]] Store {
  public:
-  Store(std::shared_ptr<Tree> tree, hx::Store* store, std::string place);
+  Store() noexcept = default;  // closed
   Store(Store&& other) noexcept;
-  Store& operator=(Store&& other) noexcept;
+  Store& operator=(Store&& other) noexcept;  // closes what was open
   // Closes. A failure goes to the session's onUnreportedError: call close() to be told.
   ~Store();
 
@@ -87,6 +105,30 @@ class Store {
   Writer create(std::string_view path, Parents parents = Parents::mustExist);
   Writer append(std::string_view path, Parents parents = Parents::mustExist);
 
+  // The same without exceptions: with an error, what they return is not open.
+  Store openStore(std::string_view path, std::error_code& error) const noexcept {
+    return captureError(error, [&] { return openStore(path); });
+  }
+  Store createStore(std::string_view path, std::error_code& error,
+                    Parents parents = Parents::mustExist) noexcept {
+    return captureError(error, [&] { return createStore(path, parents); });
+  }
+  Store openOrCreateStore(std::string_view path, std::error_code& error,
+                          Parents parents = Parents::mustExist) noexcept {
+    return captureError(error, [&] { return openOrCreateStore(path, parents); });
+  }
+  Reader read(std::string_view path, std::error_code& error) const noexcept {
+    return captureError(error, [&] { return read(path); });
+  }
+  Writer create(std::string_view path, std::error_code& error,
+                Parents parents = Parents::mustExist) noexcept {
+    return captureError(error, [&] { return create(path, parents); });
+  }
+  Writer append(std::string_view path, std::error_code& error,
+                Parents parents = Parents::mustExist) noexcept {
+    return captureError(error, [&] { return append(path, parents); });
+  }
+
   MemberRange members() const;
 
   // All of a store that was created in memory, as one buffer. The store stays as it is and may grow
@@ -94,9 +136,13 @@ class Store {
   // other store, and noMemory.
   Blob makeBlob();
 
-  const std::string& path() const;  // of the file, as given; the name of a store without one
-  const std::string& place() const noexcept { return place_; }  // inside it; empty: all of it
-  std::int32_t pageSize() const;                                // of the file, bytes
+  // Of the file, as given; the name of a store without one. Valid until the store is closed.
+  const std::string& path() const&;
+  const std::string& path() const&& = delete;
+  // The path inside it; empty: all of it. Valid as long as this object.
+  const std::string& place() const& noexcept { return place_; }
+  const std::string& place() const&& = delete;
+  std::int32_t pageSize() const;  // of the file, bytes
   bool isWritable() const;
   bool isOpen() const noexcept { return store_ != nullptr; }
 
@@ -108,8 +154,14 @@ class Store {
   // directory: a failure to do that is thrown here, and the store counts as closed. Throws
   // membersOpen, and stays open, while members opened through it are.
   void close();
+  void close(std::error_code& error) noexcept {
+    captureError(error, [&] { close(); });
+  }
 
  private:
+  friend class Session;
+  Store(std::shared_ptr<Tree> tree, hx::Store* store, std::string place) noexcept;
+
   Store openNested(std::string_view path, std::uint32_t flags, Parents parents) const;
   template <typename Handle>
   Handle openItem(std::string_view path, std::uint32_t flags, Parents parents) const;
@@ -118,7 +170,7 @@ class Store {
   void release() noexcept;
 
   std::shared_ptr<Tree> tree_;
-  hx::Store* store_;
+  hx::Store* store_ = nullptr;
   std::string place_;
 };
 

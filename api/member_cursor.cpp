@@ -1,0 +1,60 @@
+#include "member_cursor.h"
+
+#include <algorithm>
+#include <bit>
+#include <functional>
+#include <string_view>
+
+#include "member_path.h"
+#include "store/status.h"
+
+namespace hxcrate {
+
+MemberCursor::MemberCursor(std::shared_ptr<Tree> tree, hx::Store* store) : tree_(std::move(tree)) {
+  hx::Lock* lock = store->extension->lock;
+  if (lock->acquire(lock, 1, 1) != 0) tree_->fail(hx::kNotLocked, pathOf(*store));
+  table_ = store->members;
+  lock->release(lock);
+}
+
+bool MemberCursor::next(Member& member) {
+  while (shown_ == chain_.size()) {
+    if (!fillChain()) return false;
+  }
+  const hx::Member* found = chain_[shown_++];
+  narrowName(nameOf(*found), member.name);
+  member.kind = found->kind == hx::kStoreKind ? MemberKind::store : MemberKind::item;
+  return true;
+}
+
+// Takes the next chain that has members; false when there is none.
+bool MemberCursor::fillChain() {
+  chain_.clear();
+  shown_ = 0;
+  for (; bucket_ < hx::kBucketCount && chain_.empty(); ++bucket_) {
+    const hx::Member* member = table_.buckets[bucket_];
+    for (; member != nullptr; member = member->next) {
+      if (member->nameLength > 0) chain_.push_back(member);
+    }
+  }
+  if (chain_.size() > 1) dropRepeated();
+  return !chain_.empty();
+}
+
+// Equal names lie in one chain.
+void MemberCursor::dropRepeated() {
+  byHash_.assign(std::bit_ceil(2 * chain_.size()), nullptr);
+  const std::size_t mask = byHash_.size() - 1;
+  const auto isRepeated = [&](const hx::Member* member) {
+    const std::u32string_view name = nameOf(*member);
+    std::size_t place = std::hash<std::u32string_view>()(name) & mask;
+    for (; byHash_[place] != nullptr; place = (place + 1) & mask) {
+      if (nameOf(*byHash_[place]) == name) return true;
+    }
+    byHash_[place] = member;
+    return false;
+  };
+  chain_.erase(std::remove_if(chain_.begin(), chain_.end(), isRepeated), chain_.end());
+}
+
+}  // namespace hxcrate
