@@ -28,6 +28,7 @@ void appendLines(const std::string& archive, int session) {
   hxcrate::Session crate;
   hxcrate::Store store = crate.open(archive, hxcrate::Mode::openOrCreate);
   std::vector<hxcrate::Writer> writers;  // many items may be open at once
+  writers.reserve(kServices);
   for (int service = 0; service < kServices; ++service)
     writers.push_back(store.append(pathOf(service), hxcrate::Parents::create));
   for (int line = 0; line < kLines; ++line) {

@@ -1,5 +1,5 @@
-// A whole host in C: it loads the module, serves it from memory, and keeps stores in "files" that
-// are memory too. A pattern for hosts of your own; docs/host.md explains each slot.
+// A whole host in C: it serves the module from memory, and its "files" are memory too. A pattern
+// for hosts of your own; docs/host.md explains each slot.
 //
 //   memory_host [LIBRARY]      the module, libhxcrate.so.1 unless given
 #include <dlfcn.h>
@@ -287,19 +287,18 @@ static const MemoryHost kMemoryHost = {
 };
 
 // From here on: a program that uses the module through this host.
-
 static HxModent* introduceHost;
 static HxCrate* makeInstance;
 
 static void require(bool holds, const char* what, int32_t status) {
   if (holds) return;
   fprintf(stderr, "memory_host: %s failed (status %d)\n", what, (int)status);
-  exit(1);
+  exit(1);  // NOLINT(concurrency-mt-unsafe): this program has one thread
 }
 
 static void loadModule(const char* library) {
   void* module = dlopen(library, RTLD_NOW | RTLD_LOCAL);
-  if (module == NULL) fprintf(stderr, "%s\n", dlerror());
+  if (module == NULL) fprintf(stderr, "%s\n", dlerror());  // NOLINT(concurrency-mt-unsafe)
   require(module != NULL, "loading the module", 0);
   // C has no cast from a data pointer to a function pointer.
   *(void**)&introduceHost = dlsym(module, "hxmodent");

@@ -23,7 +23,7 @@ BEGIN {
 END {
   print "}  // namespace"
   print "int main(int, char** arguments) try {"
-  print "switch (std::atoi(arguments[1])) {"
+  print "switch (std::stoi(arguments[1])) {"
   for (n = 1; n <= count; ++n) print "case " n ": example" n "(); return 0;"
   print "default: return 2;"
   print "}"
