@@ -36,8 +36,8 @@ foreach(hx_pc IN ITEMS hxcrate hxcrate-module)
           DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()
 
-install(FILES README.md CHANGELOG.md TYPE DOC)
-install(DIRECTORY docs TYPE DOC)
+install(FILES README.md CONTRIBUTING.md CHANGELOG.md TYPE DOC)
+install(DIRECTORY docs examples TYPE DOC)
 install(FILES tool/hxcrate.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 OPTIONAL)
 install(FILES tool/completion.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
         RENAME hxcrate OPTIONAL)
