@@ -47,6 +47,7 @@ std::vector<Rule> makeRules() {
             kHostInterfaces),
        true},
       {"tool/", {"tool/", "api/hxcrate/"}, true},
+      {"examples/memory_host.c", {"module/crate.h"}, true},
       {"examples/", {"api/hxcrate/"}, true},
   };
   for (const std::string& folder : kModule) {
@@ -93,7 +94,7 @@ SourceFile readSource(const fs::path& path) {
 }
 
 std::map<std::string, SourceFile> readTree(const std::vector<std::string>& folders) {
-  static const std::set<std::string> kExtensions = {".h", ".hpp", ".cpp"};
+  static const std::set<std::string> kExtensions = {".h", ".hpp", ".cpp", ".c"};
   std::map<std::string, SourceFile> tree;
   for (const std::string& folder : folders) {
     for (const auto& entry : fs::recursive_directory_iterator(kSources / folder)) {

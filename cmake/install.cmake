@@ -1,0 +1,60 @@
+# What is installed, and the package made of it. Everything finds everything else by where it lies
+# itself, so an installed tree may be moved.
+include(CMakePackageConfigHelpers)
+
+set(hx_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/hxcrate)
+
+file(RELATIVE_PATH hx_bin_to_lib /${CMAKE_INSTALL_FULL_BINDIR} /${CMAKE_INSTALL_FULL_LIBDIR})
+set_target_properties(hxcrate PROPERTIES INSTALL_RPATH $ORIGIN/${hx_bin_to_lib})
+install(TARGETS hxcrate RUNTIME)
+
+# The host looks for the module in its own folder, under the name with the major version.
+install(TARGETS hxcrate_module LIBRARY)
+install(TARGETS hxhost hxcrate_interfaces EXPORT hxcrateTargets LIBRARY)
+install(DIRECTORY api/hxcrate DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN *.hpp)
+
+# For those who write a host of their own, under the paths by which the headers include each other.
+install(FILES host/kernel.h host/encoding.h host/file_io.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hxcrate-module/host)
+install(FILES module/entry.h module/crate.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hxcrate-module/module)
+install(FILES store/records.h store/status.h store/export.h
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hxcrate-module/store)
+
+install(EXPORT hxcrateTargets NAMESPACE hxcrate:: FILE hxcrateConfig.cmake
+        DESTINATION ${hx_cmake_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/generated/hxcrateConfigVersion.cmake
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_BINARY_DIR}/generated/hxcrateConfigVersion.cmake
+        DESTINATION ${hx_cmake_dir})
+
+file(RELATIVE_PATH hx_pc_to_prefix /${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig /${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" hx_pc_to_prefix "${hx_pc_to_prefix}")
+foreach(hx_pc IN ITEMS hxcrate hxcrate-module)
+  configure_file(cmake/${hx_pc}.pc.in ${PROJECT_BINARY_DIR}/generated/${hx_pc}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/generated/${hx_pc}.pc
+          DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+endforeach()
+
+install(FILES README.md CONTRIBUTING.md CHANGELOG.md TYPE DOC)
+install(DIRECTORY docs examples TYPE DOC)
+install(FILES tool/hxcrate.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 OPTIONAL)
+install(FILES tool/completion.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+        RENAME hxcrate OPTIONAL)
+
+# `cpack -G DEB` in the build folder.
+set(CPACK_PACKAGE_VENDOR "hxcrate maintainers")
+set(CPACK_PACKAGE_CONTACT "hxcrate maintainers <maintainers@hxcrate.example>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
+set(CPACK_PACKAGE_DESCRIPTION
+    "A store file holds a whole tree of items, and an update of it is one transaction.
+This package holds the command hxcrate, the C++ library behind it with its headers,
+and the module that both run on.")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY >=)
+include(CPack)

@@ -1,0 +1,18 @@
+// A program outside this tree: it is built against what was installed.
+#include <cstdio>
+#include <hxcrate/crate.hpp>
+#include <string>
+
+int main() try {
+  hxcrate::Session session;
+  hxcrate::Store store = session.createInMemory("greeting");
+  store.create("word").write("hello");
+  const hxcrate::Blob blob = store.makeBlob();
+  const auto bytes = session.openBlob(blob.bytes(), "greeting").read("word").readAll();
+  std::printf("%.*s from hxcrate %s\n", static_cast<int>(bytes.size()),
+              reinterpret_cast<const char*>(bytes.data()), std::string(hxcrate::version()).c_str());
+  return 0;
+} catch (const hxcrate::Error& error) {
+  std::fprintf(stderr, "%s\n", error.what());
+  return 1;
+}

@@ -1,0 +1,45 @@
+#!/usr/bin/env bash
+# Installs the build, moves what was installed, and builds and runs programs against it there: with
+# find_package, with pkg-config, and a host in C against the module's interfaces.
+#
+#   package_test.sh SOURCES BUILD LIBDIR SCRATCH
+set -euo pipefail
+sources=$1 build=$2 libdir=$3 scratch=$4
+
+fail() { printf 'package_test: %s\n' "$*" >&2; exit 1; }
+
+quietly() {
+  "$@" > "$scratch/log" 2>&1 || { cat "$scratch/log" >&2; fail "$*"; }
+}
+
+greets() {
+  local said
+  said=$("$1")
+  [ "$said" = "hello from $version" ] || fail "$1 says: $said"
+}
+
+rm -rf "$scratch"
+mkdir -p "$scratch"
+quietly cmake --install "$build" --prefix "$scratch/first"
+prefix=$scratch/moved
+mv "$scratch/first" "$prefix"
+version=$("$prefix/bin/hxcrate" --version)
+
+quietly cmake -G Ninja -S "$sources/examples/consumer" -B "$scratch/found" "-DCMAKE_PREFIX_PATH=$prefix"
+quietly cmake --build "$scratch/found"
+greets "$scratch/found/consumer"
+
+# What README tells a program to write is what this one wrote.
+! awk '/^```$/ { inside = 0 } inside; /^```cmake$/ { inside = 1 }' "$sources/README.md" |
+  grep -vxFf "$sources/examples/consumer/CMakeLists.txt" || fail "README's lines differ"
+
+export PKG_CONFIG_PATH=$prefix/$libdir/pkgconfig
+read -ra flags <<< "$(pkg-config --cflags --libs hxcrate)"
+quietly c++ -std=c++20 "$sources/examples/consumer/consumer.cpp" "${flags[@]}" \
+  "-Wl,-rpath,$prefix/$libdir" -o "$scratch/configured"
+greets "$scratch/configured"
+
+read -ra flags <<< "$(pkg-config --cflags hxcrate-module)"
+quietly cc -std=c11 "$sources/examples/memory_host.c" "${flags[@]}" -o "$scratch/memory_host"
+quietly "$scratch/memory_host" "$(pkg-config --variable=module hxcrate-module)"
+quietly c++ -std=c++20 -fsyntax-only -x c++ "${flags[@]}" - <<< '#include <module/entry.h>'
