@@ -55,10 +55,8 @@ void printReport(int pipe) {
   const std::vector<std::byte> blob = receiveAll(pipe);
   hxcrate::Session session;
   const hxcrate::Store store = session.openBlob(blob, "report");
-  const std::vector<std::byte> summary = store.read("summary").readAll();
   std::printf("received a store of %zu bytes\n", blob.size());
-  std::printf("summary: %.*s", static_cast<int>(summary.size()),
-              reinterpret_cast<const char*>(summary.data()));
+  std::printf("summary: %s", store.read("summary").readText().c_str());
   std::printf("samples: %lld bytes\n", static_cast<long long>(store.read("data/samples").size()));
 }
 

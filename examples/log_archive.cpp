@@ -39,11 +39,6 @@ void appendLines(const std::string& archive, int session) {
   store.close();
 }
 
-std::string readText(const hxcrate::Store& store, const std::string& path) {
-  const std::vector<std::byte> bytes = store.read(path).readAll();
-  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
 std::string textOf(int service) {
   std::string text;
   for (int session = 0; session < kSessions; ++session) {
@@ -65,7 +60,7 @@ int main(int count, char** arguments) try {
   const hxcrate::Store store = crate.open(arguments[1]);
   std::size_t bytes = 0;
   for (int service = 0; service < kServices; ++service) {
-    const std::string text = readText(store, pathOf(service));
+    const std::string text = store.read(pathOf(service)).readText();
     if (text != textOf(service)) {
       std::fprintf(stderr, "%s is not what was appended\n", pathOf(service).c_str());
       return 1;

@@ -15,9 +15,7 @@ int main(int count, char** arguments) try {
 
   const hxcrate::Store again = session.open(arguments[1]);
   for (const char* path : {"readme", "2026/orders"}) {
-    const std::vector<std::byte> bytes = again.read(path).readAll();
-    std::printf("%s: %.*s", path, static_cast<int>(bytes.size()),
-                reinterpret_cast<const char*>(bytes.data()));
+    std::printf("%s: %s", path, again.read(path).readText().c_str());
   }
   return 0;
 } catch (const hxcrate::Error& error) {

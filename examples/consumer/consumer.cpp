@@ -8,9 +8,8 @@ int main() try {
   hxcrate::Store store = session.createInMemory("greeting");
   store.create("word").write("hello");
   const hxcrate::Blob blob = store.makeBlob();
-  const auto bytes = session.openBlob(blob.bytes(), "greeting").read("word").readAll();
-  std::printf("%.*s from hxcrate %s\n", static_cast<int>(bytes.size()),
-              reinterpret_cast<const char*>(bytes.data()), std::string(hxcrate::version()).c_str());
+  const std::string word = session.openBlob(blob, "greeting").read("word").readText();
+  std::printf("%s from hxcrate %s\n", word.c_str(), std::string(hxcrate::version()).c_str());
   return 0;
 } catch (const hxcrate::Error& error) {
   std::fprintf(stderr, "%s\n", error.what());
