@@ -39,14 +39,6 @@ bool readPlace(const ItemMember* item, ChainPlace* place) {
   return place->size <= INT32_MAX;
 }
 
-// Records mostly lie as far from each other as the last two did. Asking for one a few pages ahead
-// takes XX % off the opening of an item of 16 pages in a blob that is in no cache.
-void expectRecord(const ItemMember* item, int64_t offset, int64_t next) {
-  constexpr uint64_t kPagesAhead = 4;
-  const uint64_t distance = static_cast<uint64_t>(next) - static_cast<uint64_t>(offset);
-  expectStored(item->parent, static_cast<uint64_t>(next) + kPagesAhead * distance);
-}
-
 // Goes on to the chain's end. Every full page needs a record and a block of its own, so a chain
 // longer than the file has room for goes in circles.
 bool walkToEnd(const ItemMember* item, ChainPlace* place) {
@@ -54,7 +46,6 @@ bool walkToEnd(const ItemMember* item, ChainPlace* place) {
   const int64_t mostPages = storedLength(item->parent) / perPage;
   while (place->chunk.next != 0) {
     if (place->index >= mostPages) return false;
-    expectRecord(item, place->offset, place->chunk.next);
     place->offset = place->chunk.next;
     ++place->index;
     if (!readPlace(item, place)) return false;
@@ -95,8 +86,6 @@ Status fillPage(const ItemMember* item, PageBuf* page) {
     // An item without a byte has no place for its page; its dataOffset is 0. Nobody writes through
     // the buffer of a blob's page.
     page->buffer = const_cast<uint8_t*>(blob) + page->dataOffset;
-    // It comes while this page is copied; that takes XX % off the reading of a blob.
-    expectStored(item->parent, static_cast<uint64_t>(page->nextChunkOffset));
     return kOk;
   }
   if (page->buffer == nullptr) {

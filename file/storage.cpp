@@ -81,12 +81,6 @@ bool readStored(const Store* store, int64_t offset, void* to, int64_t length) {
   return file != nullptr && readFile(file, offset, to, length);
 }
 
-void expectStored(const Store* store, uint64_t offset) {
-  const uint8_t* blob = openBlob(store);
-  if (blob == nullptr) return;
-  __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(blob) + offset));
-}
-
 void writeStored(const Store* store, int64_t offset, const void* from, int64_t length) {
   FileHandle* file = openFile(store);
   if (file == nullptr || !seekFile(file, offset)) return;

@@ -50,10 +50,6 @@ bool liesInside(const Store* store, int64_t offset, int64_t length);
 // `length` bytes at `offset` of the tree; false when they lie outside or can't be read.
 bool readStored(const Store* store, int64_t offset, void* to, int64_t length);
 
-// Tells the processor that what lies at `offset` of the tree's blob will be asked for soon; any
-// number will do. Nothing happens when there is no blob.
-void expectStored(const Store* store, uint64_t offset);
-
 // Writes into the tree's open file. Says nothing of a failure: the host keeps it and answers for
 // it when the file is closed.
 void writeStored(const Store* store, int64_t offset, const void* from, int64_t length);
