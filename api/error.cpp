@@ -44,6 +44,7 @@ constexpr Meaning kMeanings[] = {
     {9, "members of the store are still open", std::errc::device_or_resource_busy},
     {10, "only a whole store that was created in memory becomes a blob",
      std::errc::invalid_argument},
+    {11, "not an encoding that is known here", std::errc::not_supported},
     {hx::HX_REMOVE_NO_PERMISSION, "no permission to remove the store's file",
      std::errc::permission_denied},
     {hx::HX_REMOVE_IN_USE, "the store's file is in use", std::errc::device_or_resource_busy},
