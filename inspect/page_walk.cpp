@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cstring>
 #include <utility>
 
 namespace hxcrate {
@@ -147,18 +148,19 @@ void PageWalk::claimSlackOf(const Slack& slack) {
 }
 
 void PageWalk::lookForBytes(ByteRange range) {
-  std::array<std::byte, 4096> buffer;
+  constexpr std::array<std::byte, 4096> kZeros{};
+  std::array<std::byte, kZeros.size()> buffer;
   for (int64_t at = range.start; at < range.end;) {
-    const auto wanted = std::min<int64_t>(range.end - at, buffer.size());
-    const std::size_t count =
-        ledger_.reader.source().read(at, std::span(buffer).first(static_cast<std::size_t>(wanted)));
-    const auto end = buffer.begin() + static_cast<std::ptrdiff_t>(count);
+    const auto count = std::min<int64_t>(range.end - at, buffer.size());
+    const auto bytes = std::span(buffer).first(static_cast<std::size_t>(count));
+    at += count;
+    if (!ledger_.reader.readBytes(at - count, bytes)) return;
+    if (std::memcmp(bytes.data(), kZeros.data(), bytes.size()) == 0) continue;
     const auto isStray = [](std::byte byte) { return byte != std::byte{0}; };
-    const auto first = std::find_if(buffer.begin(), end, isStray);
-    if (first != end && strayBytes_ == 0) firstStray_ = at + (first - buffer.begin());
-    strayBytes_ += std::count_if(first, end, isStray);
-    if (static_cast<int64_t>(count) < wanted) return;
-    at += wanted;
+    const auto first = std::find_if(bytes.begin(), bytes.end(), isStray);
+    if (first != bytes.end() && strayBytes_ == 0)
+      firstStray_ = at - count + (first - bytes.begin());
+    strayBytes_ += std::count_if(first, bytes.end(), isStray);
   }
 }
 

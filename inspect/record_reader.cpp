@@ -2,7 +2,8 @@
 
 namespace hxcrate {
 
-RecordReader::RecordReader(const ByteSource& source) : source_(source), length_(source.length()) {
+RecordReader::RecordReader(const ByteSource& source)
+    : source_(source), cache_(std::make_unique<ReadCache>(source)), length_(source.length()) {
   const std::optional<hx::Header> raw = read<hx::Header>(0);
   if (!raw) {
     throw Error(Errc::notAStore, source.name(), "",

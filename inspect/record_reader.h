@@ -5,6 +5,7 @@
 #include <string>
 
 #include "hxcrate/inspect.hpp"
+#include "inspect/read_cache.h"
 #include "inspect/record_turn.h"
 
 namespace hxcrate {
@@ -24,6 +25,9 @@ class RecordReader {
     return offset >= hx::kHeaderSize && length <= length_ && offset <= length_ - length;
   }
 
+  // False when they can't be read all.
+  bool readBytes(int64_t offset, std::span<std::byte> to) const { return cache_->read(offset, to); }
+
   // Makes a record as it is stored one of this machine's.
   template <typename Record>
   void arrange(Record& record) const {
@@ -40,13 +44,13 @@ class RecordReader {
   template <typename Record>
   std::optional<Record> read(int64_t offset) const {
     Record record;
-    const std::span<std::byte> bytes = std::as_writable_bytes(std::span(&record, 1));
-    if (source_.read(offset, bytes) < bytes.size()) return std::nullopt;
+    if (!readBytes(offset, std::as_writable_bytes(std::span(&record, 1)))) return std::nullopt;
     arrange(record);
     return record;
   }
 
   const ByteSource& source_;
+  std::unique_ptr<ReadCache> cache_;
   int64_t length_;
   hx::Header header_{};
   bool isTurned_ = false;

@@ -93,7 +93,8 @@ class Picture {
     addText(24, 28, "font-size=\"18\"", shorten(store_.file().name()));
     addText(24, 48, "fill=\"#666\"",
             groupDigits(map_.length()) + " bytes; a cell is " + groupDigits(map_.bytesPerCell()) +
-                ", a row " + groupDigits(map_.bytesPerCell() * ByteMap::kCellsPerRow));
+                ", a row " + groupDigits(map_.bytesPerCell() * ByteMap::kCellsPerRow) +
+                "; in a cell the kinds are sorted");
   }
 
   void drawRows() {
