@@ -3,6 +3,7 @@
 
 #include "hxcrate/inspect.hpp"
 #include "inspect/directory_walk.h"
+#include "inspect/lost_chains.h"
 #include "inspect/lost_members.h"
 #include "inspect/page_walk.h"
 
@@ -18,6 +19,21 @@ void tellDirectory(const Ledger& ledger, const PageWalkOptions& options) {
   options.onExtent({ByteKind::header, 0, hx::kHeaderSize, kNoMember});
   for (std::size_t i = 0; i < ledger.members.size(); ++i)
     options.onExtent({ByteKind::entry, ledger.members[i].entryOffset, hx::kEntrySize, i});
+}
+
+// Each chain of pages becomes an item without an ENTRY, called by where it begins.
+void adoptLostChains(Ledger& ledger, const PageWalkOptions& options, PageWalk& pages) {
+  for (const int64_t head : findLostChains(ledger)) {
+    // It may lie in the bytes of a chain before it.
+    const ByteRange record{head, head + hx::kChunkSize};
+    if (ledger.claimed.findOwned(record).range.length() > 0) continue;
+    const std::size_t lost = ledger.enterLostStore();
+    const std::size_t index = ledger.members.size();
+    ledger.members.push_back(
+        {"item-at-" + std::to_string(head), lost, -1, head, 0, MemberKind::item, true});
+    if (options.onAdoption) options.onAdoption(index, lost);
+    pages.walkItem(index);
+  }
 }
 
 // Nothing may own the bytes behind the pages, so it is one finding for all of them.
@@ -54,8 +70,9 @@ struct Inspection::Parts {
   Ledger ledger;
 };
 
-Inspection::Inspection(const ByteSource& source, std::function<void(const Finding&)> onFinding)
-    : parts_(new Parts{Ledger(source, std::move(onFinding))}) {
+Inspection::Inspection(const ByteSource& source, std::function<void(const Finding&)> onFinding,
+                       const HeaderOverride& header)
+    : parts_(new Parts{Ledger(source, std::move(onFinding), header)}) {
   walkDirectory(parts_->ledger);
 }
 
@@ -71,7 +88,12 @@ void Inspection::walkPages(const PageWalkOptions& options) {
     }
   };
   walkFrom(0);
-  if (options.adoptMembers) walkFrom(adoptLostMembers(ledger, options));
+  if (options.adoptMembers) {
+    const std::size_t first = ledger.members.size();
+    adoptLostMembers(ledger, options);
+    walkFrom(first);
+    adoptLostChains(ledger, options, pages);
+  }
   pages.claimSlack();
   tellUnreachable(ledger, options);
 }

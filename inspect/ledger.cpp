@@ -48,6 +48,14 @@ std::optional<hx::DataChunk> Ledger::takeChunk(const Link& link, std::size_t own
   return chunk;
 }
 
+std::size_t Ledger::enterLostStore() {
+  if (!lostStore_) {
+    lostStore_ = members.size();
+    members.push_back({"lost+found", 0, -1, 0, 0, MemberKind::store, true});
+  }
+  return *lostStore_;
+}
+
 bool Ledger::isFree(const Link& link, int64_t at, int32_t size) const {
   const std::string what = std::string(link.field) + " is " + std::to_string(link.value);
   if (!reader.holds(at, size)) {

@@ -22,8 +22,8 @@ struct Link {
 
 class Ledger {
  public:
-  Ledger(const ByteSource& source, FindingHandler onFinding)
-      : reader(source), onFinding_(std::move(onFinding)) {
+  Ledger(const ByteSource& source, FindingHandler onFinding, const HeaderOverride& header)
+      : reader(source, header), onFinding_(std::move(onFinding)) {
     claimed.claim({0, hx::kHeaderSize}, kNoMember);
   }
 
@@ -40,6 +40,9 @@ class Ledger {
   // "a/b" or "the header", for sentences.
   std::string describeOwner(std::size_t member) const;
 
+  // The store "lost+found", made behind all members at the first call. Its index.
+  std::size_t enterLostStore();
+
   const RecordReader reader;
   ClaimedBytes claimed;
   std::vector<InspectedMember> members;
@@ -49,6 +52,7 @@ class Ledger {
   void settle(const Link& link, ByteRange record, bool wasRead, std::size_t owner);
 
   FindingHandler onFinding_;
+  std::optional<std::size_t> lostStore_;
 };
 
 }  // namespace hxcrate

@@ -5,13 +5,11 @@
 #include <unordered_map>
 
 #include "inspect/directory_walk.h"
+#include "inspect/free_bytes.h"
 
 namespace hxcrate {
 
 namespace {
-
-constexpr int64_t kWindow = 1 << 20;
-constexpr const char* kLostStore = "lost+found";
 
 struct Candidate {
   int64_t at;
@@ -35,15 +33,17 @@ class LostMembers {
   }
 
   void find() {
-    for (const ByteRange& range : ledger_.claimed.listFree({0, reader_.length()}))
-      search(range);
+    searchFreeBytes(ledger_, hx::kEntrySize, [this](const std::byte* bytes, int64_t at) {
+      return bytes[offsetof(hx::Entry, name)] != std::byte{0} && consider(bytes, at);
+    });
   }
 
-  std::size_t adopt(const PageWalkOptions& options) {
-    const std::size_t lost = ledger_.members.size();
-    std::vector<Pending> pending = listMembersOf(kNoOffset, lost);
-    if (pending.empty()) return lost;
-    ledger_.members.push_back({kLostStore, 0, -1, 0, 0, MemberKind::store, true});
+  void adopt(const PageWalkOptions& options) {
+    std::vector<Pending> pending = listMembersOf(kNoOffset, 0);
+    if (pending.empty()) return;
+    const std::size_t lost = ledger_.enterLostStore();
+    for (Pending& member : pending)
+      member.container = lost;
     while (!pending.empty()) {
       const Pending next = pending.back();
       pending.pop_back();
@@ -53,7 +53,6 @@ class LostMembers {
       const std::vector<Pending> inside = listMembersOf(next.candidate->at, index);
       pending.insert(pending.end(), inside.begin(), inside.end());
     }
-    return lost;
   }
 
  private:
@@ -63,29 +62,6 @@ class LostMembers {
     const Candidate* candidate;
     std::size_t container;
   };
-
-  void search(ByteRange range) {
-    std::vector<std::byte> window;
-    for (int64_t at = range.start; at <= range.end - hx::kEntrySize;) {
-      window.resize(static_cast<std::size_t>(std::min(kWindow, range.end - at)));
-      window.resize(reader_.source().read(at, window));
-      if (window.size() < hx::kEntrySize) return;
-      at += searchWindow(window, at);
-    }
-  }
-
-  // How far the bytes were looked at.
-  int64_t searchWindow(const std::vector<std::byte>& window, int64_t start) {
-    constexpr std::size_t kSize = hx::kEntrySize;
-    std::size_t i = 0;
-    while (i + kSize <= window.size()) {
-      i += window[i + offsetof(hx::Entry, name)] != std::byte{0} &&
-                   consider(window.data() + i, start + static_cast<int64_t>(i))
-               ? kSize
-               : 1;
-    }
-    return static_cast<int64_t>(i);
-  }
 
   bool consider(const std::byte* bytes, int64_t at) {
     hx::Entry entry;
@@ -140,13 +116,12 @@ class LostMembers {
     return members;
   }
 
-  // A whole store's own ENTRY, in no other, is one of these only where there is none that is known.
   void sortByContainers() {
     for (const Candidate& candidate : candidates_) {
       const int64_t container = candidate.entry.parentLink;
       if (isFoundStore(container)) {
         children_.emplace(container, &candidate);
-      } else if (stores_.count(container) > 0 || isFoundTop(candidate)) {
+      } else if (stores_.count(container) > 0 || isTop(candidate)) {
         children_.emplace(kNoOffset, &candidate);
       }
     }
@@ -159,9 +134,10 @@ class LostMembers {
     return found != candidates_.end() && found->at == offset && found->kind == MemberKind::store;
   }
 
-  bool isFoundTop(const Candidate& candidate) const {
-    return stores_.empty() && candidate.kind == MemberKind::store &&
-           candidate.entry.parentLink == 0 && candidate.entry.firstLink != 0;
+  // A whole store's own ENTRY, to which the header should have led.
+  static bool isTop(const Candidate& candidate) {
+    return candidate.kind == MemberKind::store && candidate.entry.parentLink == 0 &&
+           candidate.entry.firstLink != 0;
   }
 
   void add(const Candidate& candidate, std::size_t container, const PageWalkOptions& options) {
@@ -186,10 +162,10 @@ class LostMembers {
 
 }  // namespace
 
-std::size_t adoptLostMembers(Ledger& ledger, const PageWalkOptions& options) {
+void adoptLostMembers(Ledger& ledger, const PageWalkOptions& options) {
   LostMembers lost(ledger);
   lost.find();
-  return lost.adopt(options);
+  lost.adopt(options);
 }
 
 }  // namespace hxcrate

@@ -13,7 +13,7 @@ namespace hxcrate {
 class RecordReader {
  public:
   // Reads the header. Throws notAStore, unknownEncoding.
-  explicit RecordReader(const ByteSource& source);
+  RecordReader(const ByteSource& source, const HeaderOverride& instead);
 
   const ByteSource& source() const { return source_; }
   const hx::Header& header() const { return header_; }

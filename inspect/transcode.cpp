@@ -57,7 +57,7 @@ class NewFile {
 class Transcoder {
  public:
   Transcoder(const ByteSource& source, std::string_view encodingId, const std::string& path)
-      : source_(source), reader_(source), encodingId_(encodingId), file_(path) {}
+      : source_(source), reader_(source, {}), encodingId_(encodingId), file_(path) {}
 
   void run() {
     copyAll();

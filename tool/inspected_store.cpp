@@ -6,13 +6,17 @@
 namespace tool {
 
 InspectedStore::InspectedStore(const std::string& path,
-                               std::function<void(const hxcrate::Finding&)> onFinding)
+                               std::function<void(const hxcrate::Finding&)> onFinding,
+                               const hxcrate::HeaderOverride& header)
     : file_(path),
       onFinding_(std::move(onFinding)),
-      inspection_(file_, [this](const hxcrate::Finding& finding) {
-        ++counts_[static_cast<std::size_t>(finding.severity)];
-        if (onFinding_) onFinding_(finding);
-      }) {
+      inspection_(
+          file_,
+          [this](const hxcrate::Finding& finding) {
+            ++counts_[static_cast<std::size_t>(finding.severity)];
+            if (onFinding_) onFinding_(finding);
+          },
+          header) {
   if (!file_.caveat().empty()) {
     complain(path, "",
              "it can't be opened as a store, and is looked at as it lies: " + file_.caveat());

@@ -16,7 +16,8 @@ class InspectedStore {
   // Reads header and directory. Says on standard error when the file can't be locked. `onFinding`
   // may be empty. Throws hxcrate::Error.
   explicit InspectedStore(const std::string& path,
-                          std::function<void(const hxcrate::Finding&)> onFinding = {});
+                          std::function<void(const hxcrate::Finding&)> onFinding = {},
+                          const hxcrate::HeaderOverride& header = {});
   InspectedStore(const InspectedStore&) = delete;
   InspectedStore& operator=(const InspectedStore&) = delete;
 

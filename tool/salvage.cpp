@@ -146,6 +146,7 @@ class Rebuilder {
   }
 
   void tellAdoption(std::size_t member, std::size_t former) {
+    hasLost_ = true;
     const std::size_t now = inspection_.members()[member].container;
     if (former == now) return tell(member, "nothing led to it");
     tell(member, "nothing led to it; it was in " + showPlace(inspection_.pathOf(former)));
@@ -202,11 +203,12 @@ ExitCode rebuild(InspectedStore& source, const SalvageOptions& options, Output& 
 
 ExitCode salvage(const SalvageOptions& options) {
   Output output;
-  InspectedStore source(options.store, [&](const hxcrate::Finding& finding) {
+  const auto tell = [&](const hxcrate::Finding& finding) {
     if (finding.severity != hxcrate::Severity::error) return;
     output.write(showPlace(finding.place) + ": at byte " + std::to_string(finding.offset) + ", " +
                  escape(finding.reason) + "\n");
-  });
+  };
+  InspectedStore source(options.store, tell, {options.encoding, options.pageSize});
   return rebuild(source, options, output);
 }
 

@@ -109,7 +109,7 @@ struct Extent {
 struct InspectedMember {
   std::string name;
   std::size_t container;     // index of its store; the first member's is itself
-  std::int64_t entryOffset;  // -1: the store "lost+found" of adopted members
+  std::int64_t entryOffset;  // -1: there is none, in and of "lost+found"
   std::int64_t firstLink;    // as stored
   std::int64_t size = 0;     // of an item, as far as it can be read; known after walkPages
   MemberKind kind;
@@ -124,12 +124,18 @@ struct PageWalkOptions {
   // Told of each item when its bytes are through.
   std::function<void(std::size_t member)> onItemEnd = {};
   bool readSlack = false;  // look for bytes behind the items' ends that are not zero
-  // Search the unreachable bytes for members that no link leads to any more. They become members of
-  // a further store "lost+found", behind all others, or of each other; onExtent is told what they
-  // own as it is of others, onAdoption of each and of the store it was in, which for a member of
-  // another adopted one is that.
+  // Search the unreachable bytes for members that no link leads to any more, and for pages of which
+  // the member is gone. They become members of a further store "lost+found", behind all others, or
+  // of each other; onExtent is told what they own as it is of others, onAdoption of each and of the
+  // store it was in, which is its container when that is not known or was adopted too.
   bool adoptMembers = false;
   std::function<void(std::size_t member, std::size_t formerContainer)> onAdoption = {};
+};
+
+// What is known better than a damaged header says it.
+struct HeaderOverride {
+  std::string encoding = {};  // identity; empty: the header's
+  std::int32_t pageSize = 0;  // bytes; 0: the header's
 };
 
 // A store file as it is. One thread uses it; it outlives nothing of its source.
@@ -137,7 +143,8 @@ class Inspection {
  public:
   // Reads header and directory. `onFinding` is told of each broken rule, here and in walkPages, in
   // no order. Throws notAStore for fewer bytes than a header has, unknownEncoding.
-  Inspection(const ByteSource& source, std::function<void(const Finding&)> onFinding);
+  Inspection(const ByteSource& source, std::function<void(const Finding&)> onFinding,
+             const HeaderOverride& header = {});
   ~Inspection();
 
   // Goes on to the items' pages. Once.
