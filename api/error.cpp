@@ -78,7 +78,8 @@ class Category final : public std::error_category {
 std::string describe(const FileFailure& failure) {
   std::string text = failure.operation;
   if (failure.offset >= 0) text += " at byte " + std::to_string(failure.offset);
-  const bool isJournal = failure.reason == std::errc(ESTALE);
+  // By its number: the system's category knows no condition for it.
+  const bool isJournal = failure.reason.value() == ESTALE;
   text += ": " + (isJournal ? "the journal beside it is another file's" : failure.reason.message());
   if (failure.rolledBack) text += "; the store is as it was";
   return text;

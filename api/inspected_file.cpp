@@ -43,7 +43,7 @@ std::string explainRefusal(hxhost::LinuxHost& host, const std::string& path) {
 void requireRegular(const ReadDescriptor& file, const std::string& path) {
   struct stat status {};
   if (file.number() < 0 || ::fstat(file.number(), &status) != 0) fail(path, "open", errno);
-  if (!S_ISREG(status.st_mode)) fail(path, "open", S_ISDIR(status.st_mode) ? EISDIR : EINVAL);
+  if (!S_ISREG(status.st_mode)) throw Error(Errc::fileNotOpen, path, "", "not a regular file");
 }
 
 }  // namespace

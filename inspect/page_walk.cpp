@@ -67,7 +67,8 @@ bool PageWalk::checkEmpty(const hx::DataChunk& chunk, int64_t at) const {
 bool PageWalk::checkRecord(const hx::DataChunk& chunk, int64_t at) {
   const int32_t pageSize = ledger_.reader.pageSize();
   const std::string whole = std::to_string(pageSize) + ", the page size";
-  if (chunk.capacity != pageSize || pageSize == 0) {
+  if (pageSize == 0) return reportDamage(at, "a page can't be read, its size is not known");
+  if (chunk.capacity != pageSize) {
     return reportDamage(at + kCapacity, say("capacity", chunk.capacity) + ", not " + whole);
   }
   if (chunk.used < 0 || chunk.used > pageSize) {

@@ -154,9 +154,15 @@ class CommandLine {
             [this] { return tool::salvage(salvage_); });
     words->add_option("STORE", salvage_.store, "the damaged store file")->required();
     words->add_option("NEW", salvage_.target, "the store file to make")->required();
+    words->add_option("--encoding", salvage_.encoding,
+                      "its encoding, such as hxmok1/le/utf-8, if its header does not tell");
+    words
+        ->add_option("--page-size", salvage_.pageSize,
+                     "bytes of a page, if its header does not tell")
+        ->check(CLI::Range(1, 2147483647));
     words->footer(
-        "Prints what was lost, a line each. Members that no link leads to any more come\n"
-        "into the store lost+found of NEW.");
+        "Prints what was lost, a line each. What no link leads to any more comes into the store\n"
+        "lost+found of NEW: members by their names, pages of unknown members as item-at-OFFSET.");
   }
 
   CLI::App app_{"Keeps trees of named byte streams in single files.", "hxcrate"};
