@@ -14,6 +14,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <numeric>
 
 #include "byte_map.h"
@@ -144,9 +145,10 @@ void writePicture(const MapOptions& options, const std::string& picture) {
   Descriptor file(::open(options.svg.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
   if (!file.isOpen()) throw systemFailure(options.svg, "create");
   if (writeAll(file, std::as_bytes(std::span(picture))) && file.close()) return;
-  const Failure failure = systemFailure(options.svg, "write");
+  const int error = errno;
   ::unlink(options.svg.c_str());
-  throw failure;
+  errno = error;
+  throw systemFailure(options.svg, "write");
 }
 
 }  // namespace
