@@ -45,6 +45,7 @@ constexpr Meaning kMeanings[] = {
     {10, "only a whole store that was created in memory becomes a blob",
      std::errc::invalid_argument},
     {11, "the item ends within an element", kNoCondition},
+    {12, "not an encoding that is known here", std::errc::not_supported},
     {hx::HX_REMOVE_NO_PERMISSION, "no permission to remove the store's file",
      std::errc::permission_denied},
     {hx::HX_REMOVE_IN_USE, "the store's file is in use", std::errc::device_or_resource_busy},
@@ -78,7 +79,8 @@ class Category final : public std::error_category {
 std::string describe(const FileFailure& failure) {
   std::string text = failure.operation;
   if (failure.offset >= 0) text += " at byte " + std::to_string(failure.offset);
-  const bool isJournal = failure.reason == std::errc(ESTALE);
+  // By its number: the system's category knows no condition for it.
+  const bool isJournal = failure.reason.value() == ESTALE;
   text += ": " + (isJournal ? "the journal beside it is another file's" : failure.reason.message());
   if (failure.rolledBack) text += "; the store is as it was";
   return text;

@@ -7,13 +7,11 @@
 #include <string>
 
 #include "engine.h"
-#include "host/file_io.h"
+#include "held_file.h"
 
 namespace hxcrate {
 
-// Holds the file open, as any reader does, for as long as it is mapped: whoever wants to update it
-// is kept out, and an update that was cut off is undone before. The file service is one of its own,
-// because the module's would let its own session go from reading to updating.
+// Holds the file open, as any reader does, for as long as it is mapped.
 class MappedFile {
  public:
   // Maps the regular file `path`. The caller holds the engine's opening mutex. Throws.
@@ -22,20 +20,13 @@ class MappedFile {
   std::span<const std::byte> bytes() const { return {mapping_.get(), mapping_.get_deleter().size}; }
 
  private:
-  struct ServiceEnder {
-    void operator()(hx::FileIo* files) const { files->head.destroy(files); }
-  };
-  struct FileCloser {
-    void operator()(hx::FileHandle* file) const { file->close(file); }
-  };
   struct Unmapper {
     std::size_t size;
     void operator()(const std::byte* start) const;
   };
 
   std::shared_ptr<Engine> engine_;
-  std::unique_ptr<hx::FileIo, ServiceEnder> files_;
-  std::unique_ptr<hx::FileHandle, FileCloser> file_;
+  HeldFile file_;
   std::unique_ptr<const std::byte, Unmapper> mapping_;
 };
 

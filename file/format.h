@@ -3,7 +3,6 @@
 // packed one after the other in the order in which space was asked for.
 #pragma once
 
-#include "store/name.h"
 #include "store/records.h"
 
 namespace hx {
@@ -88,16 +87,6 @@ constexpr int64_t entryOffsetOf(int64_t link) {
   return link == INT64_MIN ? INT64_MAX : -link;
 }
 
-inline int64_t entryOffsetOf(Member* member) {
-  return member->kind == kStoreKind ? asStore(member)->directoryOffset
-                                    : static_cast<int64_t>(asItem(member)->entryOffset);
-}
-
-inline int64_t linkTo(Member* member) {
-  const int64_t offset = entryOffsetOf(member);
-  return member->kind == kStoreKind ? -offset : offset;
-}
-
 constexpr int64_t pageSizeCodeOf(int32_t pageSize) {
   if (pageSize == 0 || pageSize == kDefaultPageSize) return 0;
   return -static_cast<int64_t>(pageSize);
@@ -107,12 +96,6 @@ constexpr int64_t pageSizeCodeOf(int32_t pageSize) {
 constexpr int32_t pageSizeFromCode(int64_t code) {
   if (code >= 0) return kDefaultPageSize;
   return code < -INT64_C(0x7fffffff) ? 0 : static_cast<int32_t>(-code);
-}
-
-// The low 8 bits of at most 64 characters, into a field that is all zero.
-inline void narrowName(Name name, uint8_t (&field)[kStoredNameLength]) {
-  for (int32_t i = 0; i < name.length && i < kStoredNameLength; ++i)
-    field[i] = static_cast<uint8_t>(name.characters[i]);
 }
 
 inline int32_t storedNameLength(const uint8_t (&field)[kStoredNameLength]) {

@@ -2,6 +2,7 @@
 
 #include "file/disk_space.h"
 #include "file/write_pages.h"
+#include "store/name.h"
 #include "store/tree_cursor.h"
 
 namespace hx {
@@ -10,6 +11,22 @@ namespace {
 
 uint64_t allocateUnsigned(Store* store, int32_t size) {
   return static_cast<uint64_t>(allocateDiskSpace(store, size));
+}
+
+int64_t entryOffsetOf(Member* member) {
+  return member->kind == kStoreKind ? asStore(member)->directoryOffset
+                                    : static_cast<int64_t>(asItem(member)->entryOffset);
+}
+
+int64_t linkTo(Member* member) {
+  const int64_t offset = entryOffsetOf(member);
+  return member->kind == kStoreKind ? -offset : offset;
+}
+
+// The low 8 bits of at most 64 characters, into a field that is all zero.
+void narrowName(Name name, uint8_t (&field)[kStoredNameLength]) {
+  for (int32_t i = 0; i < name.length && i < kStoredNameLength; ++i)
+    field[i] = static_cast<uint8_t>(name.characters[i]);
 }
 
 // Writes the directory along a walk over the tree. Only the member written last is remembered: on

@@ -9,10 +9,14 @@
 #include <new>
 #include <string>
 
+#include "check.h"
 #include "list.h"
+#include "map.h"
 #include "output.h"
 #include "pack.h"
 #include "report.h"
+#include "salvage.h"
+#include "stat_store.h"
 #include "unpack.h"
 
 namespace {
@@ -44,6 +48,10 @@ class CommandLine {
     addUnpack();
     addLs();
     addCat();
+    addStat();
+    addCheck();
+    addMap();
+    addSalvage();
   }
 
   ExitCode run(int argc, char** argv) {
@@ -111,11 +119,61 @@ class CommandLine {
     words->add_option("PATH", cat_.path, "the item, as a/b/c")->required();
   }
 
+  void addStat() {
+    CLI::App* words = add("stat", "Say what is in a store, in numbers",
+                          [this] { return tool::statStore(stat_); });
+    words->add_option("STORE", stat_.store, "the store file")->required();
+    words->add_flag("--json", stat_.asJson, "print a JSON object");
+  }
+
+  void addCheck() {
+    CLI::App* words =
+        add("check", "Look for damage in a store", [this] { return tool::check(check_); });
+    words->add_option("STORE", check_.store, "the store file")->required();
+    words->add_flag("--quick", check_.quick, "the directory only, not the items' pages");
+    words->add_flag("--json", check_.asJson, "print a JSON object");
+    words->footer(
+        "Prints OFFSET PLACE: SEVERITY: REASON, a line each. An error is damage; a warning is "
+        "what\n"
+        "no writer leaves and no reader needs; a note is unusual, not wrong. The exit code is 1\n"
+        "after an error only.");
+  }
+
+  void addMap() {
+    CLI::App* words =
+        add("map", "Show who owns every byte of a store", [this] { return tool::map(map_); });
+    words->add_option("STORE", map_.store, "the store file")->required();
+    CLI::Option* svg =
+        words->add_option("--svg", map_.svg, "draw it into the new file FILE; -: standard output");
+    words->add_flag("--json", map_.asJson, "print a JSON object")->excludes(svg);
+  }
+
+  void addSalvage() {
+    CLI::App* words =
+        add("salvage", "Save what can be read of a damaged STORE into the new file NEW",
+            [this] { return tool::salvage(salvage_); });
+    words->add_option("STORE", salvage_.store, "the damaged store file")->required();
+    words->add_option("NEW", salvage_.target, "the store file to make")->required();
+    words->add_option("--encoding", salvage_.encoding,
+                      "its encoding, such as hxmok1/le/utf-8, if its header does not tell");
+    words
+        ->add_option("--page-size", salvage_.pageSize,
+                     "bytes of a page, if its header does not tell")
+        ->check(CLI::Range(1, 2147483647));
+    words->footer(
+        "Prints what was lost, a line each. What no link leads to any more comes into the store\n"
+        "lost+found of NEW: members by their names, pages of unknown members as item-at-OFFSET.");
+  }
+
   CLI::App app_{"Keeps trees of named byte streams in single files.", "hxcrate"};
   tool::PackOptions pack_;
   tool::UnpackOptions unpack_;
   tool::ListOptions list_;
   tool::ListOptions cat_;
+  tool::StatOptions stat_;
+  tool::CheckOptions check_;
+  tool::MapOptions map_;
+  tool::SalvageOptions salvage_;
   std::function<ExitCode()> command_;
 };
 

@@ -19,6 +19,8 @@ class Output {
   // A name: as it is for a program, escaped for a terminal.
   void writeName(std::string_view name);
 
+  bool isTerminal() const { return isTerminal_; }
+
   void finish();
 
  private:

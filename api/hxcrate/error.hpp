@@ -27,17 +27,18 @@ enum class Errc : std::int32_t {
   damaged = -13,
   pageSizeFixed = -14,
 
-  badName = 1,      // a member name or a path that can't be kept as it is
-  readOnly = 2,     // writing through a store that is open for reading
-  itemFull = 3,     // an item ends at 2,147,483,647 bytes
-  noModule = 4,     // libhxcrate.so is missing or not what it should be
-  fileFailed = 5,   // the file service failed; Error::fileFailure() says where
-  notAStore = 6,    // fewer bytes than any store has
-  badPageSize = 7,  // below 1
-  closed = 8,       // the object was closed or moved from
-  membersOpen = 9,  // a store closes after what was opened in it
-  noBlob = 10,      // a blob is made of a whole store that was created in memory
-  cutElement = 11,  // an array's item ends within an element
+  badName = 1,           // a member name or a path that can't be kept as it is
+  readOnly = 2,          // writing through a store that is open for reading
+  itemFull = 3,          // an item ends at 2,147,483,647 bytes
+  noModule = 4,          // libhxcrate.so is missing or not what it should be
+  fileFailed = 5,        // the file service failed; Error::fileFailure() says where
+  notAStore = 6,         // fewer bytes than any store has
+  badPageSize = 7,       // below 1
+  closed = 8,            // the object was closed or moved from
+  membersOpen = 9,       // a store closes after what was opened in it
+  noBlob = 10,           // a blob is made of a whole store that was created in memory
+  cutElement = 11,       // an array's item ends within an element
+  unknownEncoding = 12,  // a store file, or what was asked for, of no known encoding
 };
 
 // The category of Errc. Its conditions compare equal to the std::errc of the same meaning where

@@ -1,0 +1,47 @@
+#include "held_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <new>
+
+#include "host/linux/path_codec.h"
+
+namespace hxcrate {
+
+namespace {
+
+hx::FileIo* loadFileService(hx::HostHandle* host) {
+  void* files = host->loadExtension(host, U"hxfio", 5, 0);
+  if (files == nullptr) throw std::bad_alloc();
+  return static_cast<hx::FileIo*>(files);
+}
+
+hx::FileHandle* openForReading(hx::FileIo* files, const std::u32string& path) {
+  hx::OpenParameters parameters{};
+  parameters.accessMode = hx::HX_ACCESS_READ;
+  parameters.fixed40 = 1024;
+  parameters.fixed48 = 1;
+  parameters.fixed200 = 1;
+  std::int64_t word = 0;
+  return files->open(files, path.data(), static_cast<std::int64_t>(path.size()), &parameters, 0, 0,
+                     "hxfio", &word, 0);
+}
+
+}  // namespace
+
+HeldFile::HeldFile(hx::HostHandle* host, const std::u32string& path)
+    : files_(loadFileService(host)), file_(openForReading(files_.get(), path)) {}
+
+std::string HeldFile::path() const {
+  return hxhost::describePath(file_->path, file_->pathLength);
+}
+
+ReadDescriptor::ReadDescriptor(const std::string& path)
+    : number_(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {}
+
+ReadDescriptor::~ReadDescriptor() {
+  if (number_ >= 0) ::close(number_);
+}
+
+}  // namespace hxcrate

@@ -1,0 +1,92 @@
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <optional>
+#include <utility>
+
+#include "held_file.h"
+#include "host/linux/linux_host.h"
+#include "hxcrate/inspect.hpp"
+#include "member_path.h"
+
+namespace hxcrate {
+
+struct InspectedFile::Parts {
+  std::string name;
+  hxhost::LinuxHost host;
+  std::optional<HeldFile> held;  // nothing when it lies there unlocked
+  std::string caveat;
+  std::optional<ReadDescriptor> file;
+};
+
+namespace {
+
+[[noreturn]] void fail(const std::string& path, const char* operation, int error) {
+  if (error == ENOENT) throw Error(Errc::notFound, path, "");
+  const std::error_code reason(error, std::system_category());
+  throw Error(Errc::fileNotOpen, path, "", FileFailure{operation, path, -1, reason});
+}
+
+// Why a file that is there was not opened. Throws storeInUse.
+std::string explainRefusal(hxhost::LinuxHost& host, const std::string& path) {
+  const std::optional<hxhost::FileFailure> failure = host.takeFileFailure();
+  if (!failure) return "the file service does not open it";
+  const std::error_code reason(failure->error, std::system_category());
+  if (failure->error == EBUSY) {
+    throw Error(Errc::storeInUse, path, "", FileFailure{failure->operation, path, -1, reason});
+  }
+  return Error(Errc::fileNotOpen, path, "", FileFailure{failure->operation, path, -1, reason})
+      .reason();
+}
+
+void requireRegular(const ReadDescriptor& file, const std::string& path) {
+  struct stat status {};
+  if (file.number() < 0 || ::fstat(file.number(), &status) != 0) fail(path, "open", errno);
+  if (!S_ISREG(status.st_mode)) throw Error(Errc::fileNotOpen, path, "", "not a regular file");
+}
+
+}  // namespace
+
+InspectedFile::InspectedFile(const std::string& path) : parts_(std::make_unique<Parts>()) {
+  Parts& parts = *parts_;
+  parts.name = path;
+  requireRegular(ReadDescriptor(path), path);
+  parts.held.emplace(parts.host.handle(), decodeFilePath(path));
+  if (!parts.held->isOpen()) {
+    parts.held.reset();
+    parts.caveat = explainRefusal(parts.host, path);
+  }
+  // Opened anew: undoing an update may have removed the file or made it another length.
+  parts.file.emplace(parts.held ? parts.held->path() : path);
+  requireRegular(*parts.file, path);
+}
+
+InspectedFile::~InspectedFile() = default;
+
+std::int64_t InspectedFile::length() const {
+  struct stat status {};
+  return ::fstat(parts_->file->number(), &status) == 0 ? status.st_size : 0;
+}
+
+std::size_t InspectedFile::read(std::int64_t offset, std::span<std::byte> to) const {
+  std::size_t done = 0;
+  while (done < to.size()) {
+    const ssize_t count = ::pread(parts_->file->number(), to.data() + done, to.size() - done,
+                                  offset + static_cast<std::int64_t>(done));
+    if (count < 0 && errno == EINTR) continue;
+    if (count <= 0) break;
+    done += static_cast<std::size_t>(count);
+  }
+  return done;
+}
+
+const std::string& InspectedFile::name() const {
+  return parts_->name;
+}
+
+const std::string& InspectedFile::caveat() const {
+  return parts_->caveat;
+}
+
+}  // namespace hxcrate

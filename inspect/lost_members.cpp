@@ -1,0 +1,171 @@
+#include "inspect/lost_members.h"
+
+#include <algorithm>
+#include <cstring>
+#include <unordered_map>
+
+#include "inspect/directory_walk.h"
+#include "inspect/free_bytes.h"
+
+namespace hxcrate {
+
+namespace {
+
+struct Candidate {
+  int64_t at;
+  hx::Entry entry;
+  MemberKind kind;
+};
+
+bool isSoundName(const uint8_t (&field)[hx::kStoredNameLength]) {
+  const uint8_t* end = field + hx::storedNameLength(field);
+  return end != field && std::find(field, end, '/') == end &&
+         std::all_of(end, std::end(field), [](uint8_t byte) { return byte == 0; });
+}
+
+class LostMembers {
+ public:
+  explicit LostMembers(Ledger& ledger) : ledger_(ledger), reader_(ledger.reader) {
+    for (std::size_t i = 0; i < ledger.members.size(); ++i) {
+      const InspectedMember& member = ledger.members[i];
+      if (member.kind == MemberKind::store) stores_.emplace(member.entryOffset, i);
+    }
+  }
+
+  void find() {
+    searchFreeBytes(ledger_, hx::kEntrySize, [this](const std::byte* bytes, int64_t at) {
+      return bytes[offsetof(hx::Entry, name)] != std::byte{0} && consider(bytes, at);
+    });
+  }
+
+  void adopt(const PageWalkOptions& options) {
+    std::vector<Pending> pending = listMembersOf(kNoOffset, 0);
+    if (pending.empty()) return;
+    const std::size_t lost = ledger_.enterLostStore();
+    for (Pending& member : pending)
+      member.container = lost;
+    while (!pending.empty()) {
+      const Pending next = pending.back();
+      pending.pop_back();
+      const std::size_t index = ledger_.members.size();
+      add(*next.candidate, next.container, options);
+      if (next.candidate->kind != MemberKind::store) continue;
+      const std::vector<Pending> inside = listMembersOf(next.candidate->at, index);
+      pending.insert(pending.end(), inside.begin(), inside.end());
+    }
+  }
+
+ private:
+  static constexpr int64_t kNoOffset = -1;
+
+  struct Pending {
+    const Candidate* candidate;
+    std::size_t container;
+  };
+
+  bool consider(const std::byte* bytes, int64_t at) {
+    hx::Entry entry;
+    std::memcpy(&entry, bytes, sizeof(entry));
+    reader_.arrange(entry);
+    if (!isPlausible(entry)) return false;
+    const bool isStore = leadsToOwnMember(entry, at);
+    if (!isStore && !leadsToPage(entry)) return false;
+    candidates_.push_back({at, entry, isStore ? MemberKind::store : MemberKind::item});
+    return true;
+  }
+
+  bool isPlausible(const hx::Entry& entry) const {
+    const auto isEntryOr0 = [&](int64_t offset) {
+      return offset == 0 || reader_.holds(offset, hx::kEntrySize);
+    };
+    return isEntryOr0(entry.parentLink) && isEntryOr0(entry.previousLink) &&
+           isEntryOr0(hx::entryOffsetOf(entry.next)) && isSoundName(entry.name);
+  }
+
+  bool leadsToOwnMember(const hx::Entry& entry, int64_t at) const {
+    if (entry.firstLink == 0) return true;
+    const int64_t first = hx::entryOffsetOf(entry.firstLink);
+    if (!reader_.holds(first, hx::kEntrySize)) return false;
+    const std::optional<hx::Entry> member = reader_.readEntry(first);
+    return member && member->parentLink == at;
+  }
+
+  bool leadsToPage(const hx::Entry& entry) const {
+    if (!reader_.holds(entry.firstLink, hx::kChunkSize)) return false;
+    const std::optional<hx::DataChunk> chunk = reader_.readChunk(entry.firstLink);
+    if (!chunk) return false;
+    if (chunk->capacity == 0) {
+      return chunk->dataOffset == 0 && chunk->used == 0 && chunk->next == 0;
+    }
+    const bool isLast = chunk->next == 0;
+    return chunk->capacity == reader_.pageSize() && chunk->used <= chunk->capacity &&
+           chunk->used >= (isLast ? 0 : chunk->capacity) &&
+           (isLast || reader_.holds(chunk->next, hx::kChunkSize)) &&
+           reader_.holds(chunk->dataOffset, chunk->used);
+  }
+
+  // What was found of a store that was found too; for kNoOffset, what is in none of those. Last
+  // first, since they are taken from the back.
+  std::vector<Pending> listMembersOf(int64_t store, std::size_t container) {
+    if (children_.empty()) sortByContainers();
+    std::vector<Pending> members;
+    const auto [begin, end] = children_.equal_range(store);
+    for (auto child = begin; child != end; ++child)
+      members.push_back({child->second, container});
+    std::reverse(members.begin(), members.end());
+    return members;
+  }
+
+  void sortByContainers() {
+    for (const Candidate& candidate : candidates_) {
+      const int64_t container = candidate.entry.parentLink;
+      if (isFoundStore(container)) {
+        children_.emplace(container, &candidate);
+      } else if (stores_.count(container) > 0 || isTop(candidate)) {
+        children_.emplace(kNoOffset, &candidate);
+      }
+    }
+  }
+
+  bool isFoundStore(int64_t offset) const {
+    const auto found =
+        std::lower_bound(candidates_.begin(), candidates_.end(), offset,
+                         [](const Candidate& candidate, int64_t at) { return candidate.at < at; });
+    return found != candidates_.end() && found->at == offset && found->kind == MemberKind::store;
+  }
+
+  // A whole store's own ENTRY, to which the header should have led.
+  static bool isTop(const Candidate& candidate) {
+    return candidate.kind == MemberKind::store && candidate.entry.parentLink == 0 &&
+           candidate.entry.firstLink != 0;
+  }
+
+  void add(const Candidate& candidate, std::size_t container, const PageWalkOptions& options) {
+    const std::size_t index = ledger_.members.size();
+    ledger_.members.push_back({nameIn(candidate.entry), container, candidate.at,
+                               candidate.entry.firstLink, 0, candidate.kind, true});
+    ledger_.claimed.claim({candidate.at, candidate.at + hx::kEntrySize}, index);
+    if (options.onExtent) {
+      options.onExtent({ByteKind::entry, candidate.at, hx::kEntrySize, index});
+    }
+    const auto former = stores_.find(candidate.entry.parentLink);
+    if (options.onAdoption)
+      options.onAdoption(index, former == stores_.end() ? container : former->second);
+  }
+
+  Ledger& ledger_;
+  const RecordReader& reader_;
+  std::unordered_map<int64_t, std::size_t> stores_;  // known ones, by the place of their ENTRY
+  std::vector<Candidate> candidates_;                // by their places
+  std::unordered_multimap<int64_t, const Candidate*> children_;
+};
+
+}  // namespace
+
+void adoptLostMembers(Ledger& ledger, const PageWalkOptions& options) {
+  LostMembers lost(ledger);
+  lost.find();
+  lost.adopt(options);
+}
+
+}  // namespace hxcrate

@@ -1,0 +1,183 @@
+#include "inspect/page_walk.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <utility>
+
+namespace hxcrate {
+
+namespace {
+
+constexpr int64_t kDataOffset = offsetof(hx::DataChunk, dataOffset);
+constexpr int64_t kCapacity = offsetof(hx::DataChunk, capacity);
+constexpr int64_t kUsed = offsetof(hx::DataChunk, used);
+constexpr int64_t kNext = offsetof(hx::DataChunk, next);
+
+std::string say(const char* field, int64_t found) {
+  return std::string(field) + " is " + std::to_string(found);
+}
+
+}  // namespace
+
+void PageWalk::walkItem(std::size_t item) {
+  InspectedMember& member = ledger_.members[item];
+  item_ = item;
+  pageIndex_ = 0;
+  size_ = 0;
+  member.isWhole = false;
+  std::optional<Link> link =
+      Link{member.firstLink, "firstLink",
+           member.entryOffset + static_cast<int64_t>(offsetof(hx::Entry, firstLink)), item};
+  while (link && (link->value != 0 || pageIndex_ == 0)) {
+    link = walkPage(*link);
+    ++pageIndex_;
+  }
+  member.isWhole = link.has_value();
+  member.size = size_;
+  if (options_.onItemEnd) options_.onItemEnd(item);
+}
+
+// The link to the page behind it; nothing where the chain is broken.
+std::optional<Link> PageWalk::walkPage(const Link& link) {
+  const std::optional<hx::DataChunk> chunk = ledger_.takeChunk(link, item_);
+  if (!chunk) return std::nullopt;
+  const int64_t at = link.value;
+  tell(ByteKind::chunk, {at, at + hx::kChunkSize}, item_);
+  const Link next{chunk->next, "next", at + kNext, item_};
+  if (chunk->capacity == 0) return checkEmpty(*chunk, at) ? std::optional(next) : std::nullopt;
+  if (!checkRecord(*chunk, at)) return std::nullopt;
+  const bool isPlaced = checkPlace(*chunk, at);
+  if (!takeBytes(*chunk, at) || !isPlaced) return std::nullopt;
+  keepSlack(*chunk);
+  return next;
+}
+
+bool PageWalk::checkEmpty(const hx::DataChunk& chunk, int64_t at) const {
+  if (chunk.dataOffset != 0 || chunk.used != 0 || chunk.next != 0) {
+    return reportDamage(at + kCapacity, "capacity is 0, but the record is not all zero");
+  }
+  if (pageIndex_ > 0) {
+    ledger_.report(Severity::warning, at, item_,
+                   "the last record is all zero, which only an item without pages has");
+  }
+  return true;
+}
+
+bool PageWalk::checkRecord(const hx::DataChunk& chunk, int64_t at) {
+  const int32_t pageSize = ledger_.reader.pageSize();
+  const std::string whole = std::to_string(pageSize) + ", the page size";
+  if (pageSize == 0) return reportDamage(at, "a page can't be read, its size is not known");
+  if (chunk.capacity != pageSize) {
+    return reportDamage(at + kCapacity, say("capacity", chunk.capacity) + ", not " + whole);
+  }
+  if (chunk.used < 0 || chunk.used > pageSize) {
+    return reportDamage(at + kUsed, say("used", chunk.used) + ", not 0 to " + whole);
+  }
+  if (chunk.next != 0 && chunk.used != pageSize) {
+    return reportDamage(
+        at + kUsed, say("used", chunk.used) + ", not " + whole + ", in a page that others follow");
+  }
+  if (chunk.next == 0 && chunk.used == pageSize) {
+    ledger_.report(Severity::warning, at + kNext, item_,
+                   "next is 0, but a full page is followed by another");
+  }
+  if (size_ + chunk.used <= INT32_MAX) return true;
+  return reportDamage(at + kUsed, "the item has more than 2147483647 bytes");
+}
+
+// Whole pages are read but the first, of which the used bytes are; to append to the item a whole
+// page is needed.
+bool PageWalk::checkPlace(const hx::DataChunk& chunk, int64_t at) const {
+  if (ledger_.reader.holds(chunk.dataOffset, chunk.capacity)) return true;
+  const std::string end = ", and " + std::to_string(chunk.capacity) +
+                          " bytes from there are not in the file of " +
+                          std::to_string(ledger_.reader.length());
+  const std::string reason = say("dataOffset", chunk.dataOffset) + end;
+  if (pageIndex_ > 0 || !ledger_.reader.holds(chunk.dataOffset, chunk.used)) {
+    return reportDamage(at + kDataOffset, reason);
+  }
+  ledger_.report(Severity::warning, at + kDataOffset, item_,
+                 reason + ": all of the item is, but it can't be appended to");
+  return true;
+}
+
+// As many of the bytes as are in the file and nobody else's.
+bool PageWalk::takeBytes(const hx::DataChunk& chunk, int64_t at) {
+  if (!ledger_.reader.holds(chunk.dataOffset, 0)) return false;
+  const int64_t room = ledger_.reader.length() - chunk.dataOffset;
+  const ByteRange wanted{chunk.dataOffset, chunk.dataOffset + std::min<int64_t>(chunk.used, room)};
+  const OwnedRange owned = ledger_.claimed.findOwned(wanted);
+  const ByteRange bytes{wanted.start, owned.range.start};
+  if (bytes.length() > 0) {
+    ledger_.claimed.claim(bytes, item_);
+    tell(ByteKind::data, bytes, item_);
+    size_ += bytes.length();
+  }
+  if (bytes == wanted) return true;
+  return reportDamage(at + kDataOffset, say("dataOffset", chunk.dataOffset) + ", but bytes " +
+                                            std::to_string(owned.range.start) + " to " +
+                                            std::to_string(owned.range.end - 1) +
+                                            " there belong to " +
+                                            ledger_.describeOwner(owned.owner));
+}
+
+void PageWalk::keepSlack(const hx::DataChunk& chunk) {
+  const int64_t start = chunk.dataOffset + chunk.used;
+  const int64_t end = std::min(chunk.dataOffset + chunk.capacity, ledger_.reader.length());
+  if (start < end) slack_.push_back({{start, end}, item_});
+}
+
+void PageWalk::claimSlack() {
+  for (const Slack& slack : slack_)
+    claimSlackOf(slack);
+  if (strayBytes_ > 0) reportBytes();
+}
+
+void PageWalk::claimSlackOf(const Slack& slack) {
+  const OwnedRange owned = ledger_.claimed.findOwned(slack.range);
+  if (owned.range.length() > 0) {
+    ledger_.report(Severity::error, owned.range.start, slack.item,
+                   "the rest of its last page belongs to " + ledger_.describeOwner(owned.owner) +
+                       " too: appending to it would destroy that");
+  }
+  for (const ByteRange& range : ledger_.claimed.listFree(slack.range)) {
+    ledger_.claimed.claim(range, slack.item);
+    tell(ByteKind::slack, range, slack.item);
+    if (options_.readSlack) lookForBytes(range);
+  }
+}
+
+void PageWalk::lookForBytes(ByteRange range) {
+  constexpr std::array<std::byte, 4096> kZeros{};
+  std::array<std::byte, kZeros.size()> buffer;
+  for (int64_t at = range.start; at < range.end;) {
+    const auto count = std::min<int64_t>(range.end - at, buffer.size());
+    const auto bytes = std::span(buffer).first(static_cast<std::size_t>(count));
+    at += count;
+    if (!ledger_.reader.readBytes(at - count, bytes)) return;
+    if (std::memcmp(bytes.data(), kZeros.data(), bytes.size()) == 0) continue;
+    const auto isStray = [](std::byte byte) { return byte != std::byte{0}; };
+    const auto first = std::find_if(bytes.begin(), bytes.end(), isStray);
+    if (first != bytes.end() && strayBytes_ == 0)
+      firstStray_ = at - count + (first - bytes.begin());
+    strayBytes_ += std::count_if(first, bytes.end(), isStray);
+  }
+}
+
+void PageWalk::reportBytes() const {
+  ledger_.report(Severity::note, firstStray_, kNoMember,
+                 "here begin " + std::to_string(strayBytes_) +
+                     " bytes behind the ends of items that are not zero");
+}
+
+void PageWalk::tell(ByteKind kind, ByteRange range, std::size_t item) const {
+  if (options_.onExtent) options_.onExtent({kind, range.start, range.length(), item});
+}
+
+bool PageWalk::reportDamage(int64_t offset, std::string reason) const {
+  ledger_.report(Severity::error, offset, item_, std::move(reason));
+  return false;
+}
+
+}  // namespace hxcrate

@@ -1,0 +1,49 @@
+// The pages of items, by the chain of their DATACHUNK records.
+#pragma once
+
+#include "inspect/ledger.h"
+
+namespace hxcrate {
+
+class PageWalk {
+ public:
+  PageWalk(Ledger& ledger, const PageWalkOptions& options) : ledger_(ledger), options_(options) {}
+
+  // Tells the extents of the item's records and bytes, as far as its chain is sound, and sets how
+  // long it is and whether that is all of it. Every record and byte that is followed gets its
+  // owner, so shared chains and circles end where they meet what has one.
+  void walkItem(std::size_t item);
+
+  // What the walked pages have room for behind their items' ends. After all items, since members
+  // count more than nothing where the two overlap.
+  void claimSlack();
+
+ private:
+  struct Slack {
+    ByteRange range;
+    std::size_t item;
+  };
+
+  std::optional<Link> walkPage(const Link& link);
+  bool checkEmpty(const hx::DataChunk& chunk, int64_t at) const;
+  bool checkRecord(const hx::DataChunk& chunk, int64_t at);
+  bool checkPlace(const hx::DataChunk& chunk, int64_t at) const;
+  bool takeBytes(const hx::DataChunk& chunk, int64_t at);
+  void keepSlack(const hx::DataChunk& chunk);
+  void claimSlackOf(const Slack& slack);
+  void lookForBytes(ByteRange range);
+  void reportBytes() const;
+  void tell(ByteKind kind, ByteRange range, std::size_t item) const;
+  bool reportDamage(int64_t offset, std::string reason) const;
+
+  Ledger& ledger_;
+  const PageWalkOptions& options_;
+  std::size_t item_ = 0;
+  int64_t pageIndex_ = 0;
+  int64_t size_ = 0;  // of the item so far
+  std::vector<Slack> slack_;
+  int64_t strayBytes_ = 0;  // in the slack, not zero
+  int64_t firstStray_ = 0;
+};
+
+}  // namespace hxcrate

@@ -1,0 +1,100 @@
+// Under --json, in this order:
+//   store      as given
+//   quick      whether the items' pages were left out
+//   findings   array of what was found:
+//     severity   "error": bytes are lost or wrong, or would be after the next update; "warning":
+//                what no writer leaves and no reader needs; "note": unusual, not wrong
+//     offset     of the field or the bytes in the file
+//     place      path of the member, a name; empty: the store as a whole
+//     reason     sentence for people
+//   errors, warnings, notes   how many of each
+//   stores, items             how many can be reached; the whole store is one
+//   opens      whether it can be locked, as opening it as a store takes
+#include "check.h"
+
+#include <optional>
+
+#include "inspected_store.h"
+#include "json.h"
+
+namespace tool {
+
+namespace {
+
+using hxcrate::Severity;
+
+const char* nameOf(Severity severity) {
+  constexpr const char* kNames[] = {"error", "warning", "note"};
+  return kNames[static_cast<std::size_t>(severity)];
+}
+
+class Checker {
+ public:
+  explicit Checker(const CheckOptions& options) : options_(options) {}
+
+  ExitCode run() {
+    InspectedStore store(options_.store, [this](const hxcrate::Finding& found) { print(found); });
+    if (!options_.quick) store.inspection().walkPages({.readSlack = true});
+    finish(store);
+    complain(options_.store, "", summarize(store));
+    return store.outcome();
+  }
+
+ private:
+  // Made with the first finding or at the end: before, the file may turn out to be no store.
+  JsonWriter& json() {
+    if (json_) return *json_;
+    json_.emplace(output_);
+    json_->writeName("store", options_.store);
+    json_->writeFlag("quick", options_.quick);
+    json_->beginArray("findings");
+    return *json_;
+  }
+
+  void print(const hxcrate::Finding& finding) {
+    if (options_.asJson) return printJson(finding);
+    output_.write(std::to_string(finding.offset) + " " + showPlace(finding.place) + ": " +
+                  nameOf(finding.severity) + ": " + escape(finding.reason) + "\n");
+  }
+
+  void printJson(const hxcrate::Finding& finding) {
+    json().beginObject();
+    json().writeText("severity", nameOf(finding.severity));
+    json().writeNumber("offset", finding.offset);
+    json().writeName("place", finding.place);
+    json().writeText("reason", finding.reason);
+    json().endObject();
+  }
+
+  void finish(const InspectedStore& store) {
+    if (!options_.asJson) return output_.finish();
+    json().endArray();
+    for (const Severity severity : {Severity::error, Severity::warning, Severity::note})
+      json().writeNumber(std::string(nameOf(severity)) + "s", store.count(severity));
+    json().writeNumber("stores", store.count(hxcrate::MemberKind::store));
+    json().writeNumber("items", store.count(hxcrate::MemberKind::item));
+    json().writeFlag("opens", store.file().caveat().empty());
+    json().finish();
+  }
+
+  std::string summarize(const InspectedStore& store) const {
+    std::string text;
+    for (const Severity severity : {Severity::error, Severity::warning, Severity::note})
+      text += (text.empty() ? "" : ", ") + countOf(store.count(severity), nameOf(severity));
+    return text + " in " + countOf(store.count(hxcrate::MemberKind::store), "store") + " and " +
+           countOf(store.count(hxcrate::MemberKind::item), "item") +
+           (options_.quick ? ", of which no pages were looked at" : "");
+  }
+
+  const CheckOptions& options_;
+  Output output_;
+  std::optional<JsonWriter> json_;
+};
+
+}  // namespace
+
+ExitCode check(const CheckOptions& options) {
+  return Checker(options).run();
+}
+
+}  // namespace tool

@@ -1,0 +1,52 @@
+#include "inspected_store.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace tool {
+
+InspectedStore::InspectedStore(const std::string& path,
+                               std::function<void(const hxcrate::Finding&)> onFinding,
+                               const hxcrate::HeaderOverride& header)
+    : file_(path),
+      onFinding_(std::move(onFinding)),
+      inspection_(
+          file_,
+          [this](const hxcrate::Finding& finding) {
+            ++counts_[static_cast<std::size_t>(finding.severity)];
+            if (onFinding_) onFinding_(finding);
+          },
+          header) {
+  if (!file_.caveat().empty()) {
+    complain(path, "",
+             "it can't be opened as a store, and is looked at as it lies: " + file_.caveat());
+  }
+}
+
+std::int64_t InspectedStore::count(hxcrate::MemberKind kind) const {
+  const auto& members = inspection_.members();
+  return std::count_if(members.begin(), members.end(),
+                       [&](const auto& member) { return member.kind == kind; });
+}
+
+ExitCode InspectedStore::outcome() const {
+  if (!file_.caveat().empty()) return ExitCode::notOpenable;
+  return count(hxcrate::Severity::error) > 0 ? ExitCode::damaged : ExitCode::fine;
+}
+
+void InspectedStore::complainOfDamage() const {
+  const std::int64_t errors = count(hxcrate::Severity::error);
+  if (errors == 0) return;
+  complain(file_.name(), "",
+           "it is damaged in " + countOf(errors, "place") + ", which hxcrate check lists");
+}
+
+std::string showPlace(const std::string& path) {
+  return path.empty() ? "/" : escape(path);
+}
+
+std::string countOf(std::int64_t count, const std::string& noun) {
+  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+}  // namespace tool

@@ -1,0 +1,51 @@
+// A store file that a command looks into without opening it as a store.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <string>
+
+#include "hxcrate/inspect.hpp"
+#include "report.h"
+
+namespace tool {
+
+class InspectedStore {
+ public:
+  // Reads header and directory. Says on standard error when the file can't be locked. `onFinding`
+  // may be empty. Throws hxcrate::Error.
+  explicit InspectedStore(const std::string& path,
+                          std::function<void(const hxcrate::Finding&)> onFinding = {},
+                          const hxcrate::HeaderOverride& header = {});
+  InspectedStore(const InspectedStore&) = delete;
+  InspectedStore& operator=(const InspectedStore&) = delete;
+
+  const hxcrate::InspectedFile& file() const { return file_; }
+  hxcrate::Inspection& inspection() { return inspection_; }
+  const hxcrate::Inspection& inspection() const { return inspection_; }
+
+  std::int64_t count(hxcrate::Severity severity) const {
+    return counts_[static_cast<std::size_t>(severity)];
+  }
+  std::int64_t count(hxcrate::MemberKind kind) const;
+
+  // Damaged after an error. What could not be locked does not open as a store either.
+  ExitCode outcome() const;
+  // Says on standard error that there is damage, for commands that do not list it.
+  void complainOfDamage() const;
+
+ private:
+  hxcrate::InspectedFile file_;
+  std::function<void(const hxcrate::Finding&)> onFinding_;
+  std::array<std::int64_t, 3> counts_{};
+  hxcrate::Inspection inspection_;
+};
+
+// What a member is called; "/" for the store as a whole. Escaped as for a terminal.
+std::string showPlace(const std::string& path);
+
+// "1 item", "2 items".
+std::string countOf(std::int64_t count, const std::string& noun);
+
+}  // namespace tool

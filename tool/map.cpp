@@ -1,0 +1,172 @@
+// Under --json, in this order; offsets and sizes in bytes:
+//   store      as given
+//   extents    array, in no order; they cover every byte of the file once:
+//     kind       header, entries (members' records), chunks (pages' records), data, slack (room
+//                behind an item's end), unreachable
+//     offset, length
+//     path       of the member that owns it, a name; missing when nobody does and for the header
+//   bytes      object: the sums of header, entries, chunks, data, slack, unreachable; and file
+//   damaged    whether an error was found
+#include "map.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <numeric>
+
+#include "byte_map.h"
+#include "directory.h"
+#include "json.h"
+#include "map_picture.h"
+
+namespace tool {
+
+namespace {
+
+using hxcrate::ByteKind;
+
+constexpr std::size_t kOwnersShown = 10;
+
+struct Look {
+  char letter;
+  const char* colour;  // what a terminal is told
+  const char* meaning;
+};
+
+constexpr Look kLooks[hxcrate::kByteKinds] = {{'H', "\x1b[41;37m", "header"},
+                                              {'e', "\x1b[43;30m", "members' records"},
+                                              {'c', "\x1b[45;37m", "pages' records"},
+                                              {'#', "\x1b[44;37m", "what items hold"},
+                                              {'-', "\x1b[46;30m", "room behind items' ends"},
+                                              {'.', "\x1b[0m", "nobody's"}};
+
+class TextMap {
+ public:
+  TextMap(const InspectedStore& store, const ByteMap& map) : store_(store), map_(map) {}
+
+  void print() {
+    output_.write("One character is " + std::to_string(map_.bytesPerCell()) +
+                  " bytes and shows what most of them are.\n\n");
+    printRows();
+    printTotals();
+    printOwners();
+    output_.finish();
+  }
+
+ private:
+  void printRows() {
+    const auto& cells = map_.cells();
+    for (std::size_t start = 0; start < cells.size(); start += ByteMap::kCellsPerRow) {
+      const std::size_t end = std::min(cells.size(), start + ByteMap::kCellsPerRow);
+      output_.write(alignRight(static_cast<std::int64_t>(start) * map_.bytesPerCell()) + "  ");
+      const Look* last = nullptr;
+      for (std::size_t i = start; i < end; ++i)
+        printCell(cells[i], last);
+      output_.write(output_.isTerminal() ? "\x1b[0m\n" : "\n");
+    }
+  }
+
+  void printCell(const MapCell& cell, const Look*& last) {
+    const Look& look = kLooks[static_cast<std::size_t>(mainKindOf(cell))];
+    if (output_.isTerminal() && &look != last) output_.write(look.colour);
+    last = &look;
+    output_.write(std::string(1, look.letter));
+  }
+
+  void printTotals() {
+    output_.write("\n");
+    for (std::size_t kind = 0; kind < hxcrate::kByteKinds; ++kind) {
+      const auto name = std::string(nameOf(static_cast<ByteKind>(kind)));
+      output_.write(alignRight(map_.totals()[kind]) + "  " + kLooks[kind].letter + "  " + name +
+                    (name == kLooks[kind].meaning ? "" : std::string(", ") + kLooks[kind].meaning) +
+                    "\n");
+    }
+    const auto& totals = map_.totals();
+    const std::int64_t sum = std::accumulate(totals.begin(), totals.end(), std::int64_t{0});
+    output_.write(alignRight(sum) + "     the whole file\n");
+  }
+
+  void printOwners() {
+    const std::vector<MapOwner> owners = map_.findLargestOwners(kOwnersShown);
+    if (!owners.empty()) output_.write("\nWhat owns most, records and room included:\n");
+    for (const MapOwner& owner : owners) {
+      output_.write(alignRight(owner.bytes) + "  " +
+                    showPlace(store_.inspection().pathOf(owner.member)) + "\n");
+    }
+  }
+
+  static std::string alignRight(std::int64_t number) {
+    constexpr std::size_t kWidth = 12;
+    const std::string text = std::to_string(number);
+    return std::string(kWidth - std::min(kWidth, text.size()), ' ') + text;
+  }
+
+  const InspectedStore& store_;
+  const ByteMap& map_;
+  Output output_;
+};
+
+void printJson(InspectedStore& store) {
+  Output output;
+  JsonWriter json(output);
+  json.writeName("store", store.file().name());
+  json.beginArray("extents");
+  KindBytes totals{};
+  store.inspection().walkPages({.onExtent = [&](const hxcrate::Extent& extent) {
+    totals[static_cast<std::size_t>(extent.kind)] += extent.length;
+    json.beginObject();
+    json.writeText("kind", nameOf(extent.kind));
+    json.writeNumber("offset", extent.offset);
+    json.writeNumber("length", extent.length);
+    if (extent.member != hxcrate::kNoMember) {
+      json.writeName("path", store.inspection().pathOf(extent.member));
+    }
+    json.endObject();
+  }});
+  json.endArray();
+  json.beginObject("bytes");
+  for (std::size_t kind = 0; kind < hxcrate::kByteKinds; ++kind)
+    json.writeNumber(nameOf(static_cast<ByteKind>(kind)), totals[kind]);
+  json.writeNumber("file", std::accumulate(totals.begin(), totals.end(), std::int64_t{0}));
+  json.endObject();
+  json.writeFlag("damaged", store.count(hxcrate::Severity::error) > 0);
+  json.finish();
+}
+
+void writePicture(const MapOptions& options, const std::string& picture) {
+  if (options.svg == "-") {
+    Output output;
+    output.write(picture);
+    return output.finish();
+  }
+  Descriptor file(::open(options.svg.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
+  if (!file.isOpen()) throw systemFailure(options.svg, "create");
+  if (writeAll(file, std::as_bytes(std::span(picture))) && file.close()) return;
+  const int error = errno;
+  ::unlink(options.svg.c_str());
+  errno = error;
+  throw systemFailure(options.svg, "write");
+}
+
+}  // namespace
+
+ExitCode map(const MapOptions& options) {
+  InspectedStore store(options.store);
+  if (options.asJson) {
+    printJson(store);
+  } else {
+    const ByteMap bytes(store);
+    if (options.svg.empty()) {
+      TextMap(store, bytes).print();
+    } else {
+      writePicture(options, drawMap(store, bytes));
+    }
+  }
+  store.complainOfDamage();
+  return store.outcome();
+}
+
+}  // namespace tool

@@ -1,0 +1,215 @@
+#include "salvage.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <optional>
+#include <unordered_map>
+#include <vector>
+
+#include "hxcrate/crate.hpp"
+#include "inspected_store.h"
+#include "output.h"
+
+namespace tool {
+
+namespace {
+
+constexpr std::size_t kTransferSize = 256 * 1024;
+constexpr std::size_t kDeepest = 1024;  // stores; each open one holds its whole path
+constexpr std::size_t kNameCapacity = 64;
+
+// Grows the new store along the members of the old one, which come in the order of the directory,
+// each store before its members.
+class Rebuilder {
+ public:
+  Rebuilder(InspectedStore& source, hxcrate::Store target, Output& output)
+      : source_(source), inspection_(source.inspection()), output_(output), buffer_(kTransferSize) {
+    levels_.push_back({0, std::move(target), {}});
+  }
+
+  void run() {
+    inspection_.walkPages(
+        {.onExtent = [this](const hxcrate::Extent& extent) { take(extent); },
+         .onItemEnd = [this](std::size_t item) { finishItem(item); },
+         .adoptMembers = true,
+         .onAdoption = [this](std::size_t member,
+                              std::size_t former) { tellAdoption(member, former); }});
+    advanceTo(inspection_.members().size());
+    leaveTo(0);
+    levels_.front().store->close();
+  }
+
+  std::int64_t stores() const { return stores_; }
+  std::int64_t items() const { return items_; }
+  bool hasLost() const { return hasLost_; }
+
+ private:
+  // A store that is being filled; nothing where it is left out.
+  struct Level {
+    std::size_t member;
+    std::optional<hxcrate::Store> store;
+    std::unordered_map<std::string, int> names;  // taken; with the number tried last for each
+  };
+
+  void take(const hxcrate::Extent& extent) {
+    if (extent.kind != hxcrate::ByteKind::data) return;
+    openItem(extent.member);
+    for (std::int64_t done = 0; writer_ && done < extent.length;) {
+      const auto wanted = static_cast<std::size_t>(
+          std::min<std::int64_t>(extent.length - done, static_cast<std::int64_t>(kTransferSize)));
+      const std::span<std::byte> bytes = std::span(buffer_).first(wanted);
+      const std::size_t count = source_.file().read(extent.offset + done, bytes);
+      writer_->write(bytes.first(count));
+      done += static_cast<std::int64_t>(count);
+      if (count < wanted) return abandonItem(extent.offset + done);
+    }
+  }
+
+  // What follows would stand in a wrong place.
+  void abandonItem(std::int64_t offset) {
+    tell(item_, "byte " + std::to_string(offset) + " of the file can't be read; its first " +
+                    countOf(writer_->size(), "byte") + " were kept");
+    writer_->close();
+    writer_.reset();
+    hasLost_ = true;
+  }
+
+  void openItem(std::size_t item) {
+    if (item_ == item) return;
+    advanceTo(item);
+    item_ = item;
+    next_ = item + 1;
+    Level& level = enclose(item);
+    if (!level.store) return lose(item, "its store was not kept");
+    writer_.emplace(level.store->create(nameFor(item, level)));
+    ++items_;
+  }
+
+  void finishItem(std::size_t item) {
+    const hxcrate::InspectedMember& member = inspection_.members()[item];
+    if (member.isWhole || member.size > 0) openItem(item);
+    if (member.size == 0 && !member.isWhole) {
+      lose(item, "nothing of it could be kept");
+    } else if (!member.isWhole && writer_) {
+      lose(item, "its first " + countOf(member.size, "byte") + " were kept");
+    }
+    if (writer_) writer_->close();
+    writer_.reset();
+  }
+
+  // Makes the stores that come before that member.
+  void advanceTo(std::size_t member) {
+    for (; next_ < member; ++next_) {
+      if (inspection_.members()[next_].kind == hxcrate::MemberKind::store) enterStore(next_);
+    }
+  }
+
+  void enterStore(std::size_t member) {
+    hasLost_ = hasLost_ || !inspection_.members()[member].isWhole;
+    if (member == 0) return;
+    Level& level = enclose(member);
+    std::optional<hxcrate::Store> made;
+    if (!level.store || levels_.size() >= kDeepest) {
+      lose(member, level.store ? "stores are kept down to level " + std::to_string(kDeepest)
+                               : "its store was not kept");
+    } else {
+      made = level.store->createStore(nameFor(member, level));
+      ++stores_;
+    }
+    levels_.push_back({member, std::move(made), {}});
+  }
+
+  // The store that the member belongs in, which becomes the last one.
+  Level& enclose(std::size_t member) {
+    leaveTo(inspection_.members()[member].container);
+    return levels_.back();
+  }
+
+  void leaveTo(std::size_t member) {
+    while (levels_.back().member != member && levels_.size() > 1)
+      levels_.pop_back();
+  }
+
+  // The member's own name where that can be; what is told is what it was called.
+  std::string nameFor(std::size_t member, Level& level) {
+    const std::string& own = inspection_.members()[member].name;
+    std::string base = own.empty() ? "unnamed" : own;
+    std::replace(base.begin(), base.end(), '/', '_');
+    std::string name = base;
+    while (!level.names.emplace(name, 1).second) {
+      const std::string suffix = "~" + std::to_string(++level.names[base]);
+      name = base.substr(0, kNameCapacity - suffix.size()) + suffix;
+    }
+    if (name != own) tell(member, "is now called " + escape(name));
+    return name;
+  }
+
+  void tellAdoption(std::size_t member, std::size_t former) {
+    hasLost_ = true;
+    const std::size_t now = inspection_.members()[member].container;
+    if (former == now) return tell(member, "nothing led to it");
+    tell(member, "nothing led to it; it was in " + showPlace(inspection_.pathOf(former)));
+  }
+
+  void lose(std::size_t member, const std::string& reason) {
+    hasLost_ = true;
+    tell(member, reason);
+  }
+
+  void tell(std::size_t member, const std::string& reason) {
+    output_.write(showPlace(inspection_.pathOf(member)) + ": " + reason + "\n");
+  }
+
+  InspectedStore& source_;
+  hxcrate::Inspection& inspection_;
+  Output& output_;
+  std::vector<std::byte> buffer_;
+  std::vector<Level> levels_;
+  std::size_t next_ = 0;                   // the first member not made yet
+  std::size_t item_ = hxcrate::kNoMember;  // made last
+  std::optional<hxcrate::Writer> writer_;
+  std::int64_t stores_ = 1;
+  std::int64_t items_ = 0;
+  bool hasLost_ = false;
+};
+
+// No member, or at most adopted ones, though there should be a directory.
+bool lacksTop(const InspectedStore& source) {
+  const auto& members = source.inspection().members();
+  return source.count(hxcrate::Severity::error) > 0 &&
+         (members.empty() || members.front().entryOffset < 0);
+}
+
+ExitCode rebuild(InspectedStore& source, const SalvageOptions& options, Output& output) {
+  hxcrate::Session session;
+  hxcrate::Store target = session.open(options.target, hxcrate::Mode::create,
+                                       {.pageSize = source.inspection().pageSize()});
+  try {
+    Rebuilder rebuilder(source, std::move(target), output);
+    rebuilder.run();
+    output.finish();
+    complain(options.target, "",
+             countOf(rebuilder.items(), "item") + " and " + countOf(rebuilder.stores(), "store") +
+                 " were kept");
+    return rebuilder.hasLost() || lacksTop(source) ? ExitCode::partial : ExitCode::fine;
+  } catch (...) {
+    ::unlink(options.target.c_str());
+    throw;
+  }
+}
+
+}  // namespace
+
+ExitCode salvage(const SalvageOptions& options) {
+  Output output;
+  const auto tell = [&](const hxcrate::Finding& finding) {
+    if (finding.severity != hxcrate::Severity::error) return;
+    output.write(showPlace(finding.place) + ": at byte " + std::to_string(finding.offset) + ", " +
+                 escape(finding.reason) + "\n");
+  };
+  InspectedStore source(options.store, tell, {options.encoding, options.pageSize});
+  return rebuild(source, options, output);
+}
+
+}  // namespace tool
