@@ -8,30 +8,17 @@
 #include <system_error>
 #include <utility>
 
+#include "utf8.h"
+
 namespace tool {
 
 namespace {
 
-// The length of the printable character that `text` begins with; 0: none does. Strict UTF-8, less
-// the control characters U+0000 to U+001F and U+007F to U+009F and the backslash.
+// The length of the printable character that `text` begins with; 0: none does. The backslash is
+// none.
 std::size_t measurePrintable(std::string_view text) {
-  const auto byteAt = [&](std::size_t i) {
-    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u;
-  };
-  const auto follows = [&](std::size_t i) { return (byteAt(i) & 0xc0) == 0x80; };
-  const unsigned lead = byteAt(0);
-  const unsigned second = byteAt(1);
-  if (lead < 0x80) return lead >= 0x20 && lead != 0x7f && lead != '\\' ? 1 : 0;
-  if (!follows(1)) return 0;
-  if (lead == 0xc2) return second >= 0xa0 ? 2 : 0;
-  if (lead >= 0xc3 && lead <= 0xdf) return 2;
-  if (!follows(2)) return 0;
-  const bool overlongOrSurrogate =
-      (lead == 0xe0 && second < 0xa0) || (lead == 0xed && second > 0x9f);
-  if (lead >= 0xe0 && lead <= 0xef) return overlongOrSurrogate ? 0 : 3;
-  if (!follows(3)) return 0;
-  const bool outOfRange = (lead == 0xf0 && second < 0x90) || (lead == 0xf4 && second > 0x8f);
-  return lead >= 0xf0 && lead <= 0xf4 && !outOfRange ? 4 : 0;
+  const std::size_t length = measureCharacter(text);
+  return length == 0 || text[0] == '\\' || isControl(text, length) ? 0 : length;
 }
 
 void appendOctal(std::string& text, unsigned char byte) {

@@ -1,0 +1,106 @@
+#include "json.h"
+
+#include <string>
+
+#include "utf8.h"
+
+namespace tool {
+
+namespace {
+
+constexpr char kHexDigits[] = "0123456789abcdef";
+
+void appendHex(std::string& text, unsigned char byte) {
+  text += kHexDigits[byte >> 4];
+  text += kHexDigits[byte & 15];
+}
+
+void appendEscaped(std::string& text, unsigned char byte) {
+  text += "\\u00";
+  appendHex(text, byte);
+}
+
+// One character or a byte that is none. Control characters are escaped for the sake of terminals,
+// those above U+007F too.
+void appendCharacter(std::string& text, std::string_view bytes) {
+  const auto last = static_cast<unsigned char>(bytes.back());
+  if (measureCharacter(bytes) == 0 || isControl(bytes, bytes.size())) {
+    appendEscaped(text, last);
+  } else {
+    if (bytes == "\"" || bytes == "\\") text += '\\';
+    text += bytes;
+  }
+}
+
+struct Quoted {
+  std::string text;
+  bool isWhole = true;  // all of it was UTF-8
+};
+
+Quoted quote(std::string_view bytes) {
+  Quoted quoted{"\""};
+  while (!bytes.empty()) {
+    const std::size_t length = measureCharacter(bytes);
+    quoted.isWhole = quoted.isWhole && length > 0;
+    appendCharacter(quoted.text, bytes.substr(0, length > 0 ? length : 1));
+    bytes.remove_prefix(length > 0 ? length : 1);
+  }
+  quoted.text += '"';
+  return quoted;
+}
+
+}  // namespace
+
+void JsonWriter::beginObject(std::string_view key) {
+  begin(key, "{");
+  isFirst_ = true;
+}
+
+void JsonWriter::beginArray(std::string_view key) {
+  begin(key, "[");
+  isFirst_ = true;
+}
+
+void JsonWriter::writeNumber(std::string_view key, std::int64_t value) {
+  begin(key, std::to_string(value));
+}
+
+void JsonWriter::writeFlag(std::string_view key, bool value) {
+  begin(key, value ? "true" : "false");
+}
+
+void JsonWriter::writeText(std::string_view key, std::string_view text) {
+  begin(key, quote(text).text);
+}
+
+void JsonWriter::writeName(std::string_view key, std::string_view bytes) {
+  const Quoted quoted = quote(bytes);
+  begin(key, quoted.text);
+  if (quoted.isWhole) return;
+  std::string hex;
+  for (const char byte : bytes)
+    appendHex(hex, static_cast<unsigned char>(byte));
+  writeText(std::string(key) + "Bytes", hex);
+}
+
+void JsonWriter::finish() {
+  endObject();
+  output_.write("\n");
+  output_.finish();
+}
+
+void JsonWriter::begin(std::string_view key, std::string_view value) {
+  if (!isFirst_) output_.write(key.empty() ? "," : ", ");
+  if (key.empty() && hasBegun_) output_.write("\n");
+  hasBegun_ = true;
+  if (!key.empty()) output_.write("\"" + std::string(key) + "\": ");
+  output_.write(value);
+  isFirst_ = false;
+}
+
+void JsonWriter::end(std::string_view bracket) {
+  output_.write(bracket);
+  isFirst_ = false;
+}
+
+}  // namespace tool

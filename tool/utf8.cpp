@@ -1,0 +1,31 @@
+#include "utf8.h"
+
+namespace tool {
+
+std::size_t measureCharacter(std::string_view text) {
+  const auto byteAt = [&](std::size_t i) {
+    return i < text.size() ? static_cast<unsigned char>(text[i]) : 0u;
+  };
+  const auto follows = [&](std::size_t i) { return (byteAt(i) & 0xc0) == 0x80; };
+  if (text.empty()) return 0;
+  const unsigned lead = byteAt(0);
+  const unsigned second = byteAt(1);
+  if (lead < 0x80) return 1;
+  if (!follows(1)) return 0;
+  if (lead >= 0xc2 && lead <= 0xdf) return 2;
+  if (!follows(2)) return 0;
+  const bool overlongOrSurrogate =
+      (lead == 0xe0 && second < 0xa0) || (lead == 0xed && second > 0x9f);
+  if (lead >= 0xe0 && lead <= 0xef) return overlongOrSurrogate ? 0 : 3;
+  if (!follows(3)) return 0;
+  const bool outOfRange = (lead == 0xf0 && second < 0x90) || (lead == 0xf4 && second > 0x8f);
+  return lead >= 0xf0 && lead <= 0xf4 && !outOfRange ? 4 : 0;
+}
+
+bool isControl(std::string_view text, std::size_t length) {
+  const auto last = static_cast<unsigned char>(text[length - 1]);
+  if (length == 1) return last < 0x20 || last == 0x7f;
+  return length == 2 && text[0] == '\xc2' && last < 0xa0;
+}
+
+}  // namespace tool
