@@ -285,7 +285,7 @@ TEST_F(CommandTest, AnswersWithTheRightExitCode) {
       {2, {"pack", "x.st"}, "hxcrate: DIR is required\n"},
       {2, {"--nonsense"}, ""},
       {2, {"pack", "--page-size", "0", "new.st", "dir"}, ""},
-      {2, {"cat", "x.st", "a", "b"}, ""},
+      {4, {"cat", "x.st", "a", "b"}, "hxcrate: x.st: b: not found\n"},
       {4, {"ls", "absent"}, "hxcrate: absent: not found\n"},
       {4, {"ls", "text"}, "hxcrate: text: too short to be a store\n"},
       {4, {"ls", "dir"}, "hxcrate: dir: the store's file does not open (open: Is a directory)\n"},

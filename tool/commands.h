@@ -1,0 +1,18 @@
+// The subcommands, each registered by a function of its own file.
+#pragma once
+
+namespace tool {
+
+class CommandLine;
+
+void addPack(CommandLine& line);
+void addUnpack(CommandLine& line);
+void addLs(CommandLine& line);
+void addTree(CommandLine& line);
+void addCat(CommandLine& line);
+void addPut(CommandLine& line);
+void addMkstore(CommandLine& line);
+void addCopy(CommandLine& line);
+void addDiff(CommandLine& line);
+
+}  // namespace tool
