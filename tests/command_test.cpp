@@ -282,7 +282,7 @@ TEST_F(CommandTest, AnswersWithTheRightExitCode) {
   const Case cases[] = {
       {0, {"--help"}, ""},
       {0, {"--version"}, ""},
-      {2, {"pack", "x.st"}, "hxcrate: DIR is required\n"},
+      {2, {"pack", "x.st"}, "hxcrate: DIR is required (see hxcrate pack --help)\n"},
       {2, {"--nonsense"}, ""},
       {2, {"pack", "--page-size", "0", "new.st", "dir"}, ""},
       {4, {"cat", "x.st", "a", "b"}, "hxcrate: x.st: b: not found\n"},

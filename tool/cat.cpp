@@ -33,7 +33,8 @@ class Printer {
       try {
         printItem(store.read(path));
       } catch (const hxcrate::Error& error) {
-        complain(error);
+        const bool isStore = kindOf(store, path) == hxcrate::MemberKind::store;
+        isStore ? complain(options_.store, path, "is a store") : complain(error);
         outcome_ = worse(outcome_, exitCodeOf(error));
       }
     }

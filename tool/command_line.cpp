@@ -29,6 +29,11 @@ ExitCode print(const std::string& text) {
   return ExitCode::fine;
 }
 
+ExitCode refuse(const std::string& reason, const std::string& command) {
+  complain("", "", reason + " (see hxcrate " + command + "--help)");
+  return ExitCode::usage;
+}
+
 std::string trimPath(std::string path) {
   while (path.size() > 1 && path.back() == '/')
     path.pop_back();
@@ -39,7 +44,6 @@ std::string trimPath(std::string path) {
 
 CommandLine::CommandLine()
     : app_("Keeps trees of named byte streams, items in stores, in single files.", "hxcrate") {
-  app_.require_subcommand(1);
   app_.set_version_flag("--version", "hxcrate " + std::string(hxcrate::version()));
   app_.footer(kFooter);
   app_.get_formatter()->column_width(kOptionColumn);
@@ -56,6 +60,13 @@ CLI::App& CommandLine::add(const char* name, const char* meaning, const char* ex
 }
 
 ExitCode CommandLine::run(int argc, char** argv) {
+  const std::string name = argc > 1 ? argv[1] : "";
+  const bool isOption = name.starts_with("-");
+  const auto isNamed = [&](const CLI::App* command) { return command->get_name() == name; };
+  if (name.empty()) return refuse("no command given", "");
+  if (!isOption && app_.get_subcommands(isNamed).empty()) {
+    return refuse("no command is called " + name, "");
+  }
   try {
     app_.parse(argc, argv);
   } catch (const CLI::CallForHelp&) {
@@ -63,10 +74,9 @@ ExitCode CommandLine::run(int argc, char** argv) {
   } catch (const CLI::CallForVersion& version) {
     return print(std::string(version.what()) + "\n");
   } catch (const CLI::ParseError& error) {
-    complain("", "", error.what());
-    return ExitCode::usage;
+    return refuse(error.what(), isOption ? "" : name + " ");
   }
-  return command_();
+  return command_ ? command_() : refuse("no command given", "");
 }
 
 void addStore(CLI::App& words, std::string& path) {

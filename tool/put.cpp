@@ -41,20 +41,22 @@ bool exists(const std::string& path) {
 // Throws what the change would, so that it is known before any input is read. `mayExist`: a member
 // of that kind.
 void rehearse(const PutOptions& options, hxcrate::MemberKind kind, bool mayExist) {
-  const auto refuse = [&](hxcrate::Errc reason) {
-    throw hxcrate::Error(reason, options.store, options.path);
+  const auto refuse = [&](const std::string& place, const char* reason) {
+    throw Failure(ExitCode::notOpenable, options.store, place, reason);
   };
   const std::size_t slash = options.path.rfind('/');
-  const bool needsParent = slash != std::string::npos && !options.withParents;
-  if (!exists(options.store)) {
-    if (needsParent) refuse(hxcrate::Errc::notFound);
-    return;
-  }
+  const std::string parent = options.path.substr(0, slash == std::string::npos ? 0 : slash);
+  const bool needsParent = !parent.empty() && !options.withParents;
+  const char* const noParent = "no such store; -p makes it";
+  if (!exists(options.store)) return needsParent ? refuse(parent, noParent) : void();
   hxcrate::Session session;
   const hxcrate::Store store = session.open(options.store);
-  if (needsParent) store.openStore(std::string_view(options.path).substr(0, slash));
+  if (needsParent && kindOf(store, parent) != hxcrate::MemberKind::store) refuse(parent, noParent);
   const auto existing = kindOf(store, options.path);
-  if (existing && (*existing != kind || !mayExist)) refuse(hxcrate::Errc::exists);
+  if (existing && (*existing != kind || !mayExist)) {
+    const bool helps = *existing == hxcrate::MemberKind::item && kind == *existing;
+    refuse(options.path, helps ? "exists already; --append adds to it" : "exists already");
+  }
 }
 
 // There is no way to take an item back, but an update that was never closed does not count: the

@@ -1,6 +1,8 @@
 #include "size_forecast.h"
 
 #include <algorithm>
+#include <utility>
+#include <vector>
 
 namespace tool {
 
@@ -26,6 +28,14 @@ std::int64_t itemSpace(std::int64_t size, std::int64_t pageSize, bool isBlob) {
   return size == 0 ? kPageRecord : pages;
 }
 
+template <typename Counts>
+std::int64_t allItemSpace(const Counts& counts, std::int64_t pageSize, bool isBlob) {
+  std::int64_t total = 0;
+  for (const auto& [size, count] : counts)
+    total += count * itemSpace(size, pageSize, isBlob);
+  return total;
+}
+
 }  // namespace
 
 void SizeForecast::addItem(std::int64_t size) {
@@ -35,21 +45,19 @@ void SizeForecast::addItem(std::int64_t size) {
 }
 
 std::int64_t SizeForecast::fileSize(std::int32_t pageSize, bool isBlob) const {
-  std::int64_t total = kHeader + kMember * (1 + stores_ + items_);
-  for (const auto& [size, count] : counts_)
-    total += count * itemSpace(size, pageSize, isBlob);
-  return total;
+  return kHeader + kMember * (1 + stores_ + items_) + allItemSpace(counts_, pageSize, isBlob);
 }
 
 // Coarsely over all sizes, then finely around the best of those.
 std::int32_t SizeForecast::bestPageSize(bool isBlob) const {
   if (bytes_ == 0) return kUsualPage;
+  const std::vector<std::pair<std::int64_t, std::int64_t>> counts(counts_.begin(), counts_.end());
   std::int32_t best = kSmallestPage;
-  std::int64_t smallest = fileSize(best, isBlob);
+  std::int64_t least = allItemSpace(counts, best, isBlob);
   const auto consider = [&](std::int32_t pageSize) {
-    const std::int64_t size = fileSize(pageSize, isBlob);
-    if (size >= smallest) return;
-    smallest = size;
+    const std::int64_t space = allItemSpace(counts, pageSize, isBlob);
+    if (space >= least) return;
+    least = space;
     best = pageSize;
   };
   for (std::int32_t octave = kSmallestPage; octave < kLargestPage; octave *= 2) {
@@ -57,11 +65,10 @@ std::int32_t SizeForecast::bestPageSize(bool isBlob) const {
       consider(octave + octave / kStepsPerOctave * step);
   }
   const std::int32_t radius = best / kStepsPerOctave;
+  const std::int32_t last = std::min(kLargestPage, best + radius);
   const std::int32_t stride = std::max(1, 2 * radius / kFineSteps);
-  const std::int32_t middle = best;
-  for (std::int32_t pageSize = std::max(kSmallestPage, middle - radius);
-       pageSize <= std::min(kLargestPage, middle + radius); pageSize += stride)
-    consider(pageSize);
+  for (std::int32_t size = std::max(kSmallestPage, best - radius); size <= last; size += stride)
+    consider(size);
   return best;
 }
 

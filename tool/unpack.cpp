@@ -220,7 +220,7 @@ ExitCode unpack(const UnpackOptions& options) {
   hxcrate::Session session;
   hxcrate::Store store = openWhatThereIs(session, options.store, outcome);
   for (const std::string& path : options.paths)
-    openIfStore(store, path);
+    if (!kindOf(store, path)) throw hxcrate::Error(hxcrate::Errc::notFound, options.store, path);
   Progress progress("unpacking");
   if (progress.isShown() && !options.dryRun) {
     progress.expect(measure(MemberSelection(options.paths), session.open(options.store)));
