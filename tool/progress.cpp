@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <cmath>
 #include <cstdio>
 
 namespace tool {
@@ -22,7 +23,7 @@ void send(const std::string& text) {
 }
 
 std::string describeTime(double seconds) {
-  const auto whole = static_cast<long long>(seconds + 0.5);
+  const long long whole = std::llround(seconds);
   std::array<char, 48> text{};
   std::snprintf(text.data(), text.size(), "%lld:%02lld", whole / 60, whole % 60);
   return text.data();
@@ -35,8 +36,10 @@ std::string describeBytes(std::int64_t bytes) {
   if (bytes < 1000) return std::to_string(bytes) + " B";
   double amount = static_cast<double>(bytes) / 1000;
   std::size_t unit = 0;
-  for (; amount >= 999.95; amount /= 1000)
+  while (amount >= 999.95) {
+    amount /= 1000;
     ++unit;
+  }
   std::array<char, 32> text{};
   std::snprintf(text.data(), text.size(), "%.1f %s", amount, kUnits.at(unit));
   return text.data();
