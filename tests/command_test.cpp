@@ -30,6 +30,11 @@ std::string quote(const std::string& word) {
   return quoted + "'";
 }
 
+std::vector<std::string> plus(std::vector<std::string> words, const std::string& word) {
+  words.push_back(word);
+  return words;
+}
+
 bool contains(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
@@ -109,11 +114,18 @@ TEST_F(CommandTest, PacksAndUnpacksATree) {
   makeTree("in");
   const std::vector<std::vector<std::string>> kinds = {
       {}, {"--in-memory"}, {"--page-size", "1000"}, {"--in-memory", "--page-size", "7"}};
+  std::uintmax_t smallest = 0;
   for (std::vector<std::string> words : kinds) {
     fs::create_directories(directory_ / "again");
     words.insert(words.begin(), "pack");
     words.insert(words.end(), {"x:.st", "in"});
+    expectRun(0, plus(words, "--dry-run"));
+    const std::string forecast = err_;
     expectRun(0, words);
+    const auto size = fs::file_size(directory_ / "x:.st");
+    EXPECT_TRUE(contains(forecast, "a file of " + std::to_string(size) + " bytes")) << forecast;
+    if (words.size() == 3) smallest = size;
+    EXPECT_GE(size, smallest);
     expectRun(0, {"unpack", "x:.st", "out"});
     EXPECT_EQ(out_ + err_, "");
     EXPECT_EQ(readTree(directory_ / "out"), readTree(directory_ / "in"));
@@ -258,13 +270,144 @@ TEST_F(CommandTest, ListsMembersAndPrintsItems) {
       {{"ls", "-R", "x.st"}, "a/\na/deep/\na/deep/item\na/x\nb\nc d\n"},
       {{"ls", "-lR", "x.st", "a"}, "         -  deep/\n        11  deep/item\n         3  x\n"},
       {{"ls", "x.st", "a/x"}, "a/x\n"},
-      {{"cat", "x.st", "a/deep/item"}, "a/deep/item"},
+      {{"ls", "-0", "x.st", "a/"}, std::string("deep/\0x\0", 8)},
+      {{"ls", "--json", "x.st", "a"},
+       "{\"store\": \"x.st\", \"path\": \"a\", \"members\": [\n"
+       "{\"path\": \"deep\", \"kind\": \"store\"},\n"
+       "{\"path\": \"x\", \"kind\": \"item\", \"size\": 3}]}\n"},
+      {{"tree", "x.st"},
+       "x.st\n├── a/\n│   ├── deep/\n│   │   └── item  11\n│   └── x  3\n├── b  1\n└── c d  3\n"
+       "\n2 stores, 4 items, 18 bytes\n"},
+      {{"tree", "--ascii", "x.st", "a/deep"},
+       "a/deep\n`-- item  11\n\n0 stores, 1 item, 11 bytes\n"},
+      {{"cat", "x.st", "a/deep/item", "b"}, "a/deep/itemb"},
+      {{"cat", "--offset", "2", "--length", "4", "x.st", "a/deep/item", "b", "a/x"}, "deepx"},
   };
   for (const Case& test : cases) {
     expectRun(0, test.words);
     EXPECT_EQ(out_, test.out);
     EXPECT_EQ(err_, "");
   }
+}
+
+TEST_F(CommandTest, UnpacksWhatIsAskedForAndNoMore) {
+  makeStore("x.st", {"a/b/1", "a/b/22", "a/c", "ab", "z"});
+  struct Case {
+    int code;
+    std::vector<std::string> words;
+    std::vector<std::string> made;
+  };
+  const Case cases[] = {
+      {0, {"a/b", "z"}, {"a", "a/b", "a/b/1", "a/b/22", "z"}},
+      {0, {"a/b/1", "a/b/1"}, {"a", "a/b", "a/b/1"}},
+      {4, {"z", "absent"}, {}},
+      {0, {"--dry-run"}, {}},
+      {5, {"--max-entries", "3"}, {"a", "a/b", "a/b/1"}},
+      {0,
+       {"--max-entries", "7", "--max-bytes", "17"},
+       {"a", "a/b", "a/b/1", "a/b/22", "a/c", "ab", "z"}},
+      {5, {"--max-bytes", "16"}, {"a", "a/b", "a/b/1", "a/b/22", "a/c", "ab"}},
+      {5, {"--dry-run", "--max-bytes", "16"}, {}},
+  };
+  for (const Case& test : cases) {
+    std::vector<std::string> words = {"unpack", "x.st", "out"};
+    words.insert(words.end(), test.words.begin(), test.words.end());
+    expectRun(test.code, words);
+    std::vector<std::string> made;
+    if (fs::exists(directory_ / "out")) {
+      for (const auto& [path, bytes] : readTree(directory_ / "out")) {
+        made.push_back(path);
+        EXPECT_TRUE(bytes == path || bytes == "/") << path;
+      }
+    }
+    EXPECT_EQ(made, test.made) << test.words[0];
+    fs::remove_all(directory_ / "out");
+  }
+}
+
+TEST_F(CommandTest, AddsToStoresWholeOrNotAtAll) {
+  writeFile(directory_ / "file", "1234");
+  writeFile(directory_ / "big", makeBytes(1000000));
+  struct Case {
+    int code;
+    std::vector<std::string> words;
+    std::string err;
+    std::string redirection = {};
+    std::string before = {};
+  };
+  const Case cases[] = {
+      {4, {"put", "x.st", "a/b", "file"}, "hxcrate: x.st: a: no such store; -p makes it\n"},
+      {0, {"put", "--dry-run", "-p", "x.st", "a/b"}, "hxcrate: x.st: a/b: would be written\n"},
+      {0, {"put", "-p", "x.st", "a/b", "file"}, "hxcrate: x.st: a new store was made\n"},
+      {4, {"put", "x.st", "a/b"}, "hxcrate: x.st: a/b: exists already; --append adds to it\n"},
+      {4, {"put", "--append", "x.st", "a"}, "hxcrate: x.st: a: exists already\n"},
+      {0, {"put", "--append", "x.st", "a/b", "-"}, "", "<file"},
+      {0, {"put", "x.st", "piped"}, "", "", "cat file file |"},
+      {0, {"put", "x.st", "empty"}, "", "</dev/null"},
+      {3, {"put", "x.st", "c", "absent"}, "hxcrate: absent: open: No such file or directory\n"},
+      {3, {"put", "x.st", "c", "big"}, "", "", "ulimit -f 100 && trap '' XFSZ &&"},
+      {0, {"mkstore", "x.st", "s"}, ""},
+      {4, {"mkstore", "x.st", "s"}, "hxcrate: x.st: s: exists already\n"},
+      {0, {"mkstore", "-p", "x.st", "s/t/u"}, ""},
+      {0, {"mkstore", "-p", "x.st", "s/t/u"}, ""},
+      {4, {"mkstore", "-p", "x.st", "a/b"}, "hxcrate: x.st: a/b: exists already\n"},
+  };
+  for (const Case& test : cases) {
+    expectRun(test.code, test.words, test.redirection, test.before);
+    EXPECT_TRUE(err_ == test.err || (test.err.empty() && test.code != 0)) << err_;
+  }
+  expectRun(0, {"ls", "-lR", "x.st"});
+  EXPECT_EQ(out_,
+            "         -  a/\n         8  a/b\n         0  empty\n         8  piped\n"
+            "         -  s/\n         -  s/t/\n         -  s/t/u/\n");
+}
+
+TEST_F(CommandTest, CopiesAreTheSameWhateverTheHistory) {
+  makeTree("in");
+  fs::create_directory(directory_ / "packed");
+  expectRun(0, {"pack", "packed/x.st", "in"});
+  expectRun(0, {"pack", "--page-size", "77", "old.st", "in/sizes"});
+  makeStore("y.st", {"names/b.tmp", "names/tmp/c", "d.tmp"});
+  for (const auto& [path, bytes] : readTree(directory_ / "in")) {
+    const char* command = bytes == "/" ? "mkstore" : "put";
+    std::vector<std::string> words = {command, "-p", "--", "y.st", path};
+    if (bytes != "/") words.push_back("in/" + path);
+    expectRun(0, words);
+  }
+  expectRun(0, {"copy", "--exclude", "*.tmp", "--exclude", "n*/tmp", "y.st", "x.st"});
+  EXPECT_EQ(readFile(directory_ / "x.st"), readFile(directory_ / "packed/x.st"));
+  expectRun(4, {"copy", "y.st", "x.st"});
+  EXPECT_EQ(err_, "hxcrate: x.st: exists already\n");
+  expectRun(0, {"diff", "packed/x.st", "x.st"});
+  EXPECT_EQ(out_ + err_, "");
+  EXPECT_FALSE(hasLeftovers());
+}
+
+TEST_F(CommandTest, TellsHowStoresDiffer) {
+  for (const std::string side : {"a", "b"}) {
+    for (const std::size_t size : {0u, 7u, 4096u, 300000u}) {
+      writeFile(directory_ / (side + "/same/" + std::to_string(size)), makeBytes(size));
+    }
+    writeFile(directory_ / (side + "/late"), makeBytes(300000) + side);
+    writeFile(directory_ / (side + "/longer"), side == "a" ? "12" : "123");
+    writeFile(directory_ / (side + "/only-" + side + "/x"), "");
+    writeFile(directory_ / (side + "/kind" + (side == "a" ? "" : "/x")), "");
+    expectRun(0, {"pack", "--page-size", side == "a" ? "4096" : "77", side + ".st", side});
+  }
+  expectRun(1, {"diff", "a.st", "b.st"});
+  EXPECT_EQ(out_,
+            "kind differs: kind: an item and a store\ncontents differ: late: at byte 300000\n"
+            "contents differ: longer: at byte 2\nonly in a.st: only-a/\nonly in b.st: only-b/\n");
+  expectRun(1, {"diff", "--json", "a.st", "b.st"});
+  EXPECT_TRUE(contains(out_, "{\"path\": \"longer\", \"difference\": \"contents\", \"offset\": 2}"))
+      << out_;
+}
+
+TEST_F(CommandTest, CleansUpWhenASignalEndsIt) {
+  writeFile(directory_ / "in/huge", "");
+  fs::resize_file(directory_ / "in/huge", 2000000000);
+  expectRun(124, {"pack", "x.st", "in"}, "", "timeout -s TERM 0.2");
+  EXPECT_EQ(std::distance(fs::directory_iterator(directory_.path()), {}), 1);
 }
 
 TEST_F(CommandTest, AnswersWithTheRightExitCode) {
@@ -282,10 +425,10 @@ TEST_F(CommandTest, AnswersWithTheRightExitCode) {
   const Case cases[] = {
       {0, {"--help"}, ""},
       {0, {"--version"}, ""},
-      {2, {"pack", "x.st"}, "hxcrate: DIR is required\n"},
+      {2, {"pack", "x.st"}, "hxcrate: DIR is required (see hxcrate pack --help)\n"},
       {2, {"--nonsense"}, ""},
       {2, {"pack", "--page-size", "0", "new.st", "dir"}, ""},
-      {2, {"cat", "x.st", "a", "b"}, ""},
+      {4, {"cat", "x.st", "a", "b"}, "hxcrate: x.st: b: not found\n"},
       {4, {"ls", "absent"}, "hxcrate: absent: not found\n"},
       {4, {"ls", "text"}, "hxcrate: text: too short to be a store\n"},
       {4, {"ls", "dir"}, "hxcrate: dir: the store's file does not open (open: Is a directory)\n"},

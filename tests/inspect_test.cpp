@@ -45,12 +45,13 @@ Bytes makeImage() {
   Store store = session.createInMemory("x.st", kPageSize);
   for (const auto& [path, bytes] : kTree) {
     if (bytes == "/") {
-      store.createStore(path);
+      store.createStore(path).close();
     } else {
       store.create(path).write(bytes);
     }
   }
-  return toBytes(store.makeBlob().bytes());
+  const Blob blob = store.makeBlob();
+  return toBytes(blob.bytes());
 }
 
 void readInto(const Store& store, const std::string& prefix, Contents& contents) {

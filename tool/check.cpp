@@ -1,3 +1,5 @@
+// hxcrate check: what is wrong with a store file.
+//
 // Under --json, in this order:
 //   store      as given
 //   quick      whether the items' pages were left out
@@ -10,16 +12,24 @@
 //   errors, warnings, notes   how many of each
 //   stores, items             how many can be reached; the whole store is one
 //   opens      whether it can be locked, as opening it as a store takes
-#include "check.h"
-
+#include <memory>
 #include <optional>
+#include <string>
 
+#include "command_line.h"
+#include "commands.h"
 #include "inspected_store.h"
 #include "json.h"
 
 namespace tool {
 
 namespace {
+
+struct CheckOptions {
+  std::string store;
+  bool quick = false;  // header and directory, no item's pages
+  bool asJson = false;
+};
 
 using hxcrate::Severity;
 
@@ -91,10 +101,23 @@ class Checker {
   std::optional<JsonWriter> json_;
 };
 
-}  // namespace
-
+// Prints each rule of the format that is broken, "OFFSET PLACE: SEVERITY: what was found", and a
+// summary on standard error. Damaged after an error, fine else. Throws Failure or hxcrate::Error.
 ExitCode check(const CheckOptions& options) {
   return Checker(options).run();
+}
+
+}  // namespace
+
+void addCheck(CommandLine& line) {
+  const auto options = std::make_shared<CheckOptions>();
+  CLI::App& words = line.add("check", "Look for damage in a store",
+                             "  hxcrate check docs.st\n"
+                             "  hxcrate check --quick --json docs.st",
+                             [options] { return check(*options); });
+  addStore(words, options->store);
+  words.add_flag("--quick", options->quick, "the directory only, not the items' pages");
+  words.add_flag("--json", options->asJson, "print a JSON object");
 }
 
 }  // namespace tool

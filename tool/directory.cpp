@@ -2,6 +2,8 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/openat2.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -47,6 +49,19 @@ bool writeAll(const Descriptor& file, std::span<const std::byte> bytes) {
   return true;
 }
 
+Descriptor openBeneath(const Descriptor& directory, const std::string& name, int flags,
+                       mode_t mode) {
+  open_how how{};
+  how.flags = static_cast<unsigned>(flags | O_NOFOLLOW | O_CLOEXEC);
+  how.mode = mode;
+  how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
+  long opened = ::syscall(SYS_openat2, directory.number(), name.c_str(), &how, sizeof(how));
+  if (opened < 0 && errno == ENOSYS) {  // before Linux 5.6 all rests on the name, which is one
+    opened = ::openat(directory.number(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode);
+  }
+  return Descriptor(static_cast<int>(opened));
+}
+
 std::optional<struct stat> inspect(const Descriptor& directory, const std::string& name) {
   struct stat status {};
   if (::fstatat(directory.number(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return {};
@@ -80,7 +95,7 @@ DirectoryCursor::DirectoryCursor(const std::string& path)
 bool DirectoryCursor::enter(const std::string& name) {
   struct stat left {};
   if (::fstat(current_.number(), &left) != 0) return false;
-  Descriptor next(::openat(current_.number(), name.c_str(), kOpenDirectory | O_NOFOLLOW));
+  Descriptor next = openBeneath(current_, name, kOpenDirectory);
   if (!next.isOpen()) return false;
   steps_.push_back({left, path_.size()});
   current_ = std::move(next);

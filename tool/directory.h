@@ -38,6 +38,11 @@ ssize_t readSome(const Descriptor& file, std::span<std::byte> buffer);
 // False with errno set.
 bool writeAll(const Descriptor& file, std::span<const std::byte> bytes);
 
+// The entry `name` of an open directory; not open, with errno set, when it can't be. The kernel
+// itself refuses a name that leads out of the directory or through a link.
+Descriptor openBeneath(const Descriptor& directory, const std::string& name, int flags,
+                       mode_t mode = 0);
+
 // The status of an entry itself, of no link's target. Null with errno set.
 std::optional<struct stat> inspect(const Descriptor& directory, const std::string& name);
 bool isSameFile(const struct stat& a, const struct stat& b);

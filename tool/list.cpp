@@ -1,10 +1,12 @@
-#include "list.h"
+// hxcrate ls: the members of a store, one a line, by the bytes of their names.
 
-#include <cstdio>
+#include <memory>
 #include <optional>
-#include <span>
-#include <vector>
+#include <string>
 
+#include "command_line.h"
+#include "commands.h"
+#include "json.h"
 #include "output.h"
 #include "store_walk.h"
 
@@ -12,8 +14,94 @@ namespace tool {
 
 namespace {
 
-constexpr std::size_t kTransferSize = 256 * 1024;
-constexpr int kSizeColumn = 10;  // the longest item's size
+constexpr std::size_t kSizeColumn = 10;  // the longest item's size
+
+struct ListOptions {
+  std::string store;
+  std::string path;  // of a member; empty: the store itself
+  bool withSizes = false;
+  bool recursive = false;
+  bool endWithNul = false;
+  bool asJson = false;
+};
+
+// How a member is shown.
+class Listing {
+ public:
+  virtual ~Listing() = default;
+  virtual void addStore(const std::string& path) = 0;
+  // No size: it could not be read, or was not asked for.
+  virtual void addItem(const std::string& path, std::optional<std::int64_t> size) = 0;
+  virtual void finish() = 0;
+};
+
+// A nested store's name ends in "/".
+class PlainListing : public Listing {
+ public:
+  explicit PlainListing(const ListOptions& options) : options_(options) {}
+
+  void addStore(const std::string& path) override { add("-", path + "/"); }
+  void addItem(const std::string& path, std::optional<std::int64_t> size) override {
+    add(size ? std::to_string(*size) : "?", path);
+  }
+  void finish() override { output_.finish(); }
+
+ private:
+  void add(const std::string& size, const std::string& path) {
+    if (options_.withSizes) {
+      output_.write(std::string(kSizeColumn - size.size(), ' '));
+      output_.write(size + "  ");
+    }
+    if (options_.endWithNul) {
+      output_.write(path);
+      output_.write(std::string_view("\0", 1));
+    } else {
+      output_.writeName(path);
+      output_.write("\n");
+    }
+  }
+
+  const ListOptions& options_;
+  Output output_;
+};
+
+class JsonListing : public Listing {
+ public:
+  explicit JsonListing(const ListOptions& options) : json_(output_) {
+    json_.writeName("store", options.store);
+    json_.writeName("path", options.path);
+    json_.beginArray("members");
+  }
+
+  void addStore(const std::string& path) override {
+    begin(path, "store");
+    json_.endObject();
+  }
+  void addItem(const std::string& path, std::optional<std::int64_t> size) override {
+    begin(path, "item");
+    if (size) json_.writeNumber("size", *size);
+    json_.endObject();
+  }
+  void finish() override {
+    json_.endArray();
+    json_.finish();
+  }
+
+ private:
+  void begin(const std::string& path, std::string_view kind) {
+    json_.beginObject();
+    json_.writeName("path", path);
+    json_.writeText("kind", kind);
+  }
+
+  Output output_;
+  JsonWriter json_;
+};
+
+std::unique_ptr<Listing> makeListing(const ListOptions& options) {
+  if (options.asJson) return std::make_unique<JsonListing>(options);
+  return std::make_unique<PlainListing>(options);
+}
 
 class Lister {
  public:
@@ -22,102 +110,59 @@ class Lister {
   ExitCode list() {
     hxcrate::Session session;
     hxcrate::Store store = openWhatThereIs(session, options_.store, outcome_);
-    if (std::optional<hxcrate::Store> start = findStore(store)) {
+    std::optional<hxcrate::Store> start = openIfStore(store, options_.path);
+    listing_ = makeListing(options_);
+    if (start) {
       listStore(*std::move(start));
     } else {
-      printItemLine(store, options_.path, options_.path);
+      addItem(store, options_.path, options_.path);
     }
-    output_.finish();
+    listing_->finish();
     return outcome_;
   }
 
  private:
-  // Nothing when the path is an item's. Throws when it is nobody's.
-  std::optional<hxcrate::Store> findStore(hxcrate::Store& store) const {
-    if (options_.path.empty()) return std::move(store);
-    try {
-      return store.openStore(options_.path);
-    } catch (const hxcrate::Error& error) {
-      if (error.errc() != hxcrate::Errc::notFound) throw;
-    }
-    store.read(options_.path).close();
-    return std::nullopt;
-  }
-
   void listStore(hxcrate::Store start) {
     const std::size_t prefix = start.place().empty() ? 0 : start.place().size() + 1;
     StoreWalk walk(std::move(start));
     for (auto event = walk.next(); event != StoreWalk::Event::end; event = walk.next()) {
       if (event == StoreWalk::Event::leave) continue;
-      const std::string& place = walk.container().place();
-      const std::string path = (place.empty() ? "" : place + "/") + walk.name();
-      const std::string shown = path.substr(prefix);
+      const std::string shown = walk.place().substr(prefix);
       if (event == StoreWalk::Event::item) {
-        printItemLine(walk.container(), walk.name(), shown);
+        addItem(walk.container(), walk.name(), shown);
       } else {
-        printLine("-", shown + "/");
-        if (options_.recursive) enter(walk);
+        listing_->addStore(shown);
+        if (options_.recursive) enterOrNote(walk, outcome_);
       }
     }
   }
 
-  void enter(StoreWalk& walk) {
-    try {
-      walk.enter();
-    } catch (const hxcrate::Error& error) {
-      note(error);
-    }
-  }
-
-  void printItemLine(const hxcrate::Store& store, const std::string& path,
-                     const std::string& shown) {
-    std::string size = "?";
-    if (options_.withSizes) {
-      try {
-        size = std::to_string(store.read(path).size());
-      } catch (const hxcrate::Error& error) {
-        note(error);
-      }
-    }
-    printLine(size, shown);
-  }
-
-  void note(const hxcrate::Error& error) {
-    complain(error);
-    outcome_ = worse(outcome_, ExitCode::damaged);
-  }
-
-  void printLine(const std::string& size, const std::string& name) {
-    if (options_.withSizes) {
-      output_.write(std::string(static_cast<std::size_t>(kSizeColumn) - size.size(), ' '));
-      output_.write(size + "  ");
-    }
-    output_.writeName(name);
-    output_.write("\n");
+  void addItem(const hxcrate::Store& store, const std::string& path, const std::string& shown) {
+    std::optional<std::int64_t> size;
+    if (options_.withSizes || options_.asJson) size = sizeOrNote(store, path, outcome_);
+    listing_->addItem(shown, size);
   }
 
   const ListOptions& options_;
-  Output output_;
+  std::unique_ptr<Listing> listing_;
   ExitCode outcome_ = ExitCode::fine;
 };
 
 }  // namespace
 
-ExitCode list(const ListOptions& options) {
-  return Lister(options).list();
-}
-
-ExitCode printItem(const std::string& store, const std::string& path) {
-  ExitCode outcome = ExitCode::fine;
-  hxcrate::Session session;
-  const hxcrate::Store opened = openWhatThereIs(session, store, outcome);
-  hxcrate::Reader reader = opened.read(path);
-  Output output;
-  std::vector<std::byte> buffer(kTransferSize);
-  while (const std::size_t count = reader.read(buffer))
-    output.write(std::span(buffer).first(count));
-  output.finish();
-  return outcome;
+void addLs(CommandLine& line) {
+  const auto options = std::make_shared<ListOptions>();
+  CLI::App& words = line.add("ls", "List the members of STORE, or of the store PATH in it",
+                             "  hxcrate ls -lR docs.st\n"
+                             "  hxcrate ls --json docs.st guide",
+                             [options] { return Lister(*options).list(); });
+  addStore(words, options->store);
+  addMemberPath(words, options->path, "a store or an item in it, as a/b/c");
+  words.add_flag("-l", options->withSizes, "with the sizes of items, in bytes");
+  words.add_flag("-R", options->recursive, "with all that nested stores hold");
+  CLI::Option* endWithNul =
+      words.add_flag("-0", options->endWithNul, "end names with NUL instead of a new line");
+  words.add_flag("--json", options->asJson, "as JSON, with sizes")->excludes(endWithNul);
 }
 
 }  // namespace tool

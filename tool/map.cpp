@@ -1,3 +1,5 @@
+// hxcrate map: who owns every byte of a store file.
+//
 // Under --json, in this order; offsets and sizes in bytes:
 //   store      as given
 //   extents    array, in no order; they cover every byte of the file once:
@@ -7,10 +9,10 @@
 //     path       of the member that owns it, a name; missing when nobody does and for the header
 //   bytes      object: the sums of header, entries, chunks, data, slack, unreachable; and file
 //   damaged    whether an error was found
-#include "map.h"
-
 #include <fcntl.h>
 #include <unistd.h>
+#include <memory>
+#include <string>
 
 #include <algorithm>
 #include <array>
@@ -18,6 +20,8 @@
 #include <numeric>
 
 #include "byte_map.h"
+#include "command_line.h"
+#include "commands.h"
 #include "directory.h"
 #include "json.h"
 #include "map_picture.h"
@@ -25,6 +29,12 @@
 namespace tool {
 
 namespace {
+
+struct MapOptions {
+  std::string store;
+  std::string svg;  // a file to make, "-" for standard output; empty: text
+  bool asJson = false;
+};
 
 using hxcrate::ByteKind;
 
@@ -151,8 +161,8 @@ void writePicture(const MapOptions& options, const std::string& picture) {
   throw systemFailure(options.svg, "write");
 }
 
-}  // namespace
-
+// Prints or draws the map; of a damaged store of what can be reached, with a complaint and
+// ExitCode::damaged. Throws Failure or hxcrate::Error.
 ExitCode map(const MapOptions& options) {
   InspectedStore store(options.store);
   if (options.asJson) {
@@ -167,6 +177,21 @@ ExitCode map(const MapOptions& options) {
   }
   store.complainOfDamage();
   return store.outcome();
+}
+
+}  // namespace
+
+void addMap(CommandLine& line) {
+  const auto options = std::make_shared<MapOptions>();
+  CLI::App& words = line.add("map", "Show who owns every byte of a store",
+                             "  hxcrate map docs.st\n"
+                             "  hxcrate map --svg docs.svg docs.st",
+                             [options] { return map(*options); });
+  addStore(words, options->store);
+  CLI::Option* svg =
+      words.add_option("--svg", options->svg, "draw it into the new file FILE; -: standard output");
+  svg->type_name("FILE");
+  words.add_flag("--json", options->asJson, "print a JSON object")->excludes(svg);
 }
 
 }  // namespace tool

@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "progress.h"
 #include "utf8.h"
 
 namespace tool {
@@ -67,6 +68,7 @@ ExitCode exitCodeOf(const hxcrate::Error& error) {
 
 // A line that can't be written has nobody left to be told.
 void complain(std::string_view file, std::string_view place, std::string_view reason) {
+  Progress::erase();
   std::string line = "hxcrate: ";
   for (const std::string_view part : {file, place}) {
     if (!part.empty()) line += escape(part) + ": ";
@@ -77,6 +79,10 @@ void complain(std::string_view file, std::string_view place, std::string_view re
 
 void complain(const hxcrate::Error& error) {
   complain(error.store(), error.member(), error.reason());
+}
+
+std::string countThings(std::int64_t number, std::string_view noun) {
+  return std::to_string(number) + " " + std::string(noun) + (number == 1 ? "" : "s");
 }
 
 std::string escape(std::string_view bytes) {

@@ -1,6 +1,7 @@
 // What the command tells people: one line an error, and a number for scripts.
 #pragma once
 
+#include <cstdint>
 #include <exception>
 #include <string>
 #include <string_view>
@@ -12,6 +13,7 @@ namespace tool {
 enum class ExitCode {
   fine = 0,
   damaged = 1,  // the store's data are not what they should be
+  differs = 1,  // two stores are not the same
   usage = 2,
   inputOutput = 3,  // reading or writing files or standard output
   notOpenable = 4,  // the store, or the place in it
@@ -46,6 +48,9 @@ ExitCode exitCodeOf(const hxcrate::Error& error);
 // One line on standard error: "hxcrate: FILE: PLACE: reason".
 void complain(std::string_view file, std::string_view place, std::string_view reason);
 void complain(const hxcrate::Error& error);
+
+// "1 item", "2 items".
+std::string countThings(std::int64_t number, std::string_view noun);
 
 // `bytes` with everything that a terminal might obey as an octal escape: control characters, the
 // backslash, and what is not UTF-8.

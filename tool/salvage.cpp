@@ -1,12 +1,16 @@
-#include "salvage.h"
+// hxcrate salvage: what can be read of a damaged store file becomes a new one.
 
 #include <unistd.h>
+#include <memory>
+#include <string>
 
 #include <algorithm>
 #include <optional>
 #include <unordered_map>
 #include <vector>
 
+#include "command_line.h"
+#include "commands.h"
 #include "hxcrate/crate.hpp"
 #include "inspected_store.h"
 #include "output.h"
@@ -14,6 +18,13 @@
 namespace tool {
 
 namespace {
+
+struct SalvageOptions {
+  std::string store;
+  std::string target;         // a new file
+  std::string encoding;       // of the damaged one, when its header does not tell; empty: it does
+  std::int32_t pageSize = 0;  // the same, in bytes; 0: it does
+};
 
 constexpr std::size_t kTransferSize = 256 * 1024;
 constexpr std::size_t kDeepest = 1024;  // stores; each open one holds its whole path
@@ -199,8 +210,10 @@ ExitCode rebuild(InspectedStore& source, const SalvageOptions& options, Output& 
   }
 }
 
-}  // namespace
-
+// Prints what was lost, what of an item was kept, and what got another name, a line each; nothing
+// when all was kept. Members that no link leads to any more come into a store "lost+found" of the
+// new one. Partial when anything was lost or found there. Throws Failure or hxcrate::Error; then
+// there is no new file.
 ExitCode salvage(const SalvageOptions& options) {
   Output output;
   const auto tell = [&](const hxcrate::Finding& finding) {
@@ -210,6 +223,27 @@ ExitCode salvage(const SalvageOptions& options) {
   };
   InspectedStore source(options.store, tell, {options.encoding, options.pageSize});
   return rebuild(source, options, output);
+}
+
+}  // namespace
+
+void addSalvage(CommandLine& line) {
+  const auto options = std::make_shared<SalvageOptions>();
+  CLI::App& words =
+      line.add("salvage", "Save what can be read of a damaged STORE into the file NEW",
+               "  hxcrate salvage broken.st saved.st\n"
+               "  hxcrate salvage --encoding hxmok1/le/utf-8 broken.st saved.st",
+               [options] { return salvage(*options); });
+  addStore(words, options->store);
+  words.add_option("NEW", options->target, "the store file to make")->required();
+  words
+      .add_option("--encoding", options->encoding,
+                  "its encoding, such as hxmok1/le/utf-8, if its header does not tell")
+      ->type_name("ID");
+  words
+      .add_option("--page-size", options->pageSize, "bytes of a page, if its header does not tell")
+      ->type_name("N")
+      ->check(CLI::Range(1, 2147483647));
 }
 
 }  // namespace tool

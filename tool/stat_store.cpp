@@ -1,3 +1,5 @@
+// hxcrate stat: what is in a store file, in numbers.
+//
 // Under --json, in this order; sizes in bytes:
 //   store      as given
 //   name       in the file's first ENTRY, a name
@@ -10,19 +12,26 @@
 //   bytes      object: header, entries, chunks, data, slack, unreachable, which add up to file
 //   copySaves  how much shorter a copy is
 //   damaged    whether an error was found
-#include "stat_store.h"
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <memory>
 #include <numeric>
+#include <string>
 
+#include "command_line.h"
+#include "commands.h"
 #include "inspected_store.h"
 #include "json.h"
 
 namespace tool {
 
 namespace {
+
+struct StatOptions {
+  std::string store;
+  bool asJson = false;
+};
 
 using hxcrate::ByteKind;
 using hxcrate::InspectedMember;
@@ -131,8 +140,8 @@ void printText(const InspectedStore& store, const Numbers& numbers, Output& outp
   printBytes(output, numbers);
 }
 
-}  // namespace
-
+// Prints the numbers; of a damaged store those of what can be reached, with a complaint and
+// ExitCode::damaged. Throws Failure or hxcrate::Error.
 ExitCode statStore(const StatOptions& options) {
   InspectedStore store(options.store);
   const Numbers numbers = measure(store);
@@ -145,6 +154,16 @@ ExitCode statStore(const StatOptions& options) {
   }
   store.complainOfDamage();
   return store.outcome();
+}
+
+}  // namespace
+
+void addStat(CommandLine& line) {
+  const auto options = std::make_shared<StatOptions>();
+  CLI::App& words = line.add("stat", "Say what is in a store, in numbers", "  hxcrate stat docs.st",
+                             [options] { return statStore(*options); });
+  addStore(words, options->store);
+  words.add_flag("--json", options->asJson, "print a JSON object");
 }
 
 }  // namespace tool

@@ -5,6 +5,15 @@
 
 namespace tool {
 
+std::vector<hxcrate::Member> listSorted(const hxcrate::Store& store) {
+  std::vector<hxcrate::Member> members;
+  for (const hxcrate::Member& member : store.members())
+    members.push_back(member);
+  std::sort(members.begin(), members.end(),
+            [](const auto& a, const auto& b) { return a.name < b.name; });
+  return members;
+}
+
 StoreWalk::Event StoreWalk::next() {
   Level& level = levels_.back();
   if (level.next < level.members.size()) {
@@ -16,13 +25,59 @@ StoreWalk::Event StoreWalk::next() {
   return Event::leave;
 }
 
-StoreWalk::Level StoreWalk::listStore(hxcrate::Store store) {
-  Level level{std::move(store), {}};
-  for (const hxcrate::Member& member : level.store.members())
-    level.members.push_back(member);
-  std::sort(level.members.begin(), level.members.end(),
-            [](const auto& a, const auto& b) { return a.name < b.name; });
-  return level;
+std::string StoreWalk::place() const {
+  const std::string& outer = container().place();
+  return outer.empty() ? name() : outer + "/" + name();
+}
+
+namespace {
+
+// Nothing when there is no such member, or one of the other kind.
+template <typename Open>
+auto openIfThere(Open open) -> std::optional<decltype(open())> {
+  try {
+    return open();
+  } catch (const hxcrate::Error& error) {
+    if (error.errc() != hxcrate::Errc::notFound) throw;
+    return std::nullopt;
+  }
+}
+
+}  // namespace
+
+std::optional<hxcrate::Store> openIfStore(hxcrate::Store& store, const std::string& path) {
+  if (path.empty()) return std::move(store);
+  auto nested = openIfThere([&] { return store.openStore(path); });
+  if (!nested) store.read(path).close();
+  return nested;
+}
+
+std::optional<hxcrate::MemberKind> kindOf(const hxcrate::Store& store, const std::string& path) {
+  if (openIfThere([&] { return store.openStore(path); })) return hxcrate::MemberKind::store;
+  if (openIfThere([&] { return store.read(path); })) return hxcrate::MemberKind::item;
+  return std::nullopt;
+}
+
+bool enterOrNote(StoreWalk& walk, ExitCode& outcome) {
+  try {
+    walk.enter();
+    return true;
+  } catch (const hxcrate::Error& error) {
+    complain(error);
+    outcome = worse(outcome, ExitCode::damaged);
+    return false;
+  }
+}
+
+std::optional<std::int64_t> sizeOrNote(const hxcrate::Store& store, const std::string& path,
+                                       ExitCode& outcome) {
+  try {
+    return store.read(path).size();
+  } catch (const hxcrate::Error& error) {
+    complain(error);
+    outcome = worse(outcome, ExitCode::damaged);
+    return std::nullopt;
+  }
 }
 
 hxcrate::Store openWhatThereIs(hxcrate::Session& session, const std::string& path,

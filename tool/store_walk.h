@@ -1,6 +1,8 @@
 // A tree of stores, walked depth first by the bytes of the names. Depth costs heap, not stack.
 #pragma once
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -9,12 +11,15 @@
 
 namespace tool {
 
+// By the bytes of the names.
+std::vector<hxcrate::Member> listSorted(const hxcrate::Store& store);
+
 class StoreWalk {
  public:
   enum class Event { item, store, leave, end };
 
   // `start` is any store; the walk ends when it is through with it.
-  explicit StoreWalk(hxcrate::Store start) { levels_.push_back(listStore(std::move(start))); }
+  explicit StoreWalk(hxcrate::Store start) { push(std::move(start)); }
 
   // Goes on to the next member, or out of a store that was entered and is done.
   Event next();
@@ -23,8 +28,14 @@ class StoreWalk {
   const std::string& name() const { return levels_.back().members[levels_.back().next - 1].name; }
   const hxcrate::Store& container() const { return levels_.back().store; }
 
+  // Where that member lies in the store file.
+  std::string place() const;
+  std::int64_t itemSize() const { return container().read(name()).size(); }
+  // Whether it is the last one in its store.
+  bool isLast() const { return levels_.back().next == levels_.back().members.size(); }
+
   // Into the store that `next` gave last. One that is not entered is passed over.
-  void enter() { levels_.push_back(listStore(container().openStore(name()))); }
+  void enter() { push(container().openStore(name())); }
   // Out of the store that was entered just now; the walk goes on behind it.
   void abandon() { levels_.pop_back(); }
 
@@ -35,10 +46,26 @@ class StoreWalk {
     std::size_t next = 0;
   };
 
-  static Level listStore(hxcrate::Store store);
+  void push(hxcrate::Store store) {
+    std::vector<hxcrate::Member> members = listSorted(store);
+    levels_.push_back({std::move(store), std::move(members)});
+  }
 
   std::vector<Level> levels_;
 };
+
+// `path` inside `store` as a store, which is `store` itself for the empty path; nothing, and
+// `store` as it was, when it is an item's. Throws hxcrate::Error when it is nobody's.
+std::optional<hxcrate::Store> openIfStore(hxcrate::Store& store, const std::string& path);
+
+// What `path` leads to; nothing when there is nothing.
+std::optional<hxcrate::MemberKind> kindOf(const hxcrate::Store& store, const std::string& path);
+
+// Into the store that `next` gave last, and the size of an item, unless they can't be read: that is
+// told on standard error and changes `outcome`.
+bool enterOrNote(StoreWalk& walk, ExitCode& outcome);
+std::optional<std::int64_t> sizeOrNote(const hxcrate::Store& store, const std::string& path,
+                                       ExitCode& outcome);
 
 // The store file `path`, read only, whatever can be read of it. What can't is told on standard
 // error and changes `outcome`.

@@ -1,0 +1,74 @@
+// hxcrate cat: the bytes of items.
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "byte_pump.h"
+#include "command_line.h"
+#include "commands.h"
+#include "output.h"
+#include "store_walk.h"
+
+namespace tool {
+
+namespace {
+
+struct CatOptions {
+  std::string store;
+  std::vector<std::string> paths;
+  std::int64_t offset = 0;
+  std::int64_t length = BytePump::kEverything;  // of each item
+};
+
+class Printer {
+ public:
+  explicit Printer(const CatOptions& options) : options_(options) {}
+
+  // An item that can't be printed does not keep the others from it.
+  ExitCode print() {
+    const hxcrate::Store store = openWhatThereIs(session_, options_.store, outcome_);
+    for (const std::string& path : options_.paths) {
+      try {
+        printItem(store.read(path));
+      } catch (const hxcrate::Error& error) {
+        const bool isStore = kindOf(store, path) == hxcrate::MemberKind::store;
+        isStore ? complain(options_.store, path, "is a store") : complain(error);
+        outcome_ = worse(outcome_, exitCodeOf(error));
+      }
+    }
+    output_.finish();
+    return outcome_;
+  }
+
+ private:
+  void printItem(hxcrate::Reader reader) {
+    const std::int64_t skipped = std::min(options_.offset, reader.size());
+    pump_.move(skipped, takeFrom(reader), [](std::span<const std::byte>) {});
+    pump_.move(options_.length, takeFrom(reader),
+               [&](std::span<const std::byte> bytes) { output_.write(bytes); });
+  }
+
+  const CatOptions& options_;
+  hxcrate::Session session_;
+  BytePump pump_{nullptr};
+  Output output_;
+  ExitCode outcome_ = ExitCode::fine;
+};
+
+}  // namespace
+
+void addCat(CommandLine& line) {
+  const auto options = std::make_shared<CatOptions>();
+  CLI::App& words = line.add("cat", "Print the bytes of items",
+                             "  hxcrate cat docs.st guide/intro.txt guide/usage.txt\n"
+                             "  hxcrate cat --offset 512 --length 16 docs.st image | xxd",
+                             [options] { return Printer(*options).print(); });
+  addStore(words, options->store);
+  addMemberPaths(words, options->paths, "items, as a/b/c")->required();
+  addCount(words, "--offset", options->offset, "begin at this byte of each item, from 0");
+  addCount(words, "--length", options->length, "print at most so many bytes of each item");
+}
+
+}  // namespace tool

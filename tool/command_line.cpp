@@ -1,0 +1,112 @@
+#include "command_line.h"
+
+#include <limits>
+#include <utility>
+
+#include "output.h"
+
+namespace tool {
+
+namespace {
+
+constexpr const char* kFooter =
+    "hxcrate COMMAND --help tells a command's options.\n"
+    "PATH names a member inside a store, as a/b/c.\n\n"
+    "Exit codes:\n"
+    "  0  fine\n"
+    "  1  stores differ, or a store is damaged\n"
+    "  2  usage\n"
+    "  3  reading or writing files or standard output failed\n"
+    "  4  the store, or the place in it, can't be opened\n"
+    "  5  done in part";
+
+constexpr int kOptionColumn = 24;
+
+ExitCode print(const std::string& text) {
+  Output output;
+  output.write(text);
+  output.finish();
+  return ExitCode::fine;
+}
+
+ExitCode refuse(const std::string& reason, const std::string& command) {
+  complain("", "", reason + " (see hxcrate " + command + "--help)");
+  return ExitCode::usage;
+}
+
+std::string trimPath(std::string path) {
+  while (path.size() > 1 && path.back() == '/')
+    path.pop_back();
+  return path;
+}
+
+}  // namespace
+
+CommandLine::CommandLine()
+    : app_("Keeps trees of named byte streams, items in stores, in single files.", "hxcrate") {
+  app_.set_version_flag("--version", "hxcrate " + std::string(hxcrate::version()));
+  app_.footer(kFooter);
+  app_.get_formatter()->column_width(kOptionColumn);
+  for (const char* noise : {"TEXT", "INT", "UINT", "REQUIRED"})
+    app_.get_formatter()->label(noise, "");
+}
+
+CLI::App& CommandLine::add(const char* name, const char* meaning, const char* examples,
+                           std::function<ExitCode()> command) {
+  CLI::App* words = app_.add_subcommand(name, meaning);
+  words->footer("Example:\n" + std::string(examples));
+  words->callback([this, command = std::move(command)] { command_ = command; });
+  return *words;
+}
+
+ExitCode CommandLine::run(int argc, char** argv) {
+  const std::string name = argc > 1 ? argv[1] : "";
+  const bool isOption = name.starts_with("-");
+  const auto isNamed = [&](const CLI::App* command) { return command->get_name() == name; };
+  if (name.empty()) return refuse("no command given", "");
+  if (!isOption && app_.get_subcommands(isNamed).empty()) {
+    return refuse("no command is called " + name, "");
+  }
+  try {
+    app_.parse(argc, argv);
+  } catch (const CLI::CallForHelp&) {
+    return print(app_.help());
+  } catch (const CLI::CallForVersion& version) {
+    return print(std::string(version.what()) + "\n");
+  } catch (const CLI::ParseError& error) {
+    return refuse(error.what(), isOption ? "" : name + " ");
+  }
+  return command_ ? command_() : refuse("no command given", "");
+}
+
+void addStore(CLI::App& words, std::string& path) {
+  words.add_option("STORE", path, "the store file")->required();
+}
+
+CLI::Option* addMemberPath(CLI::App& words, std::string& path, const char* meaning) {
+  return words.add_option("PATH", path, meaning)->transform(trimPath);
+}
+
+CLI::Option* addMemberPaths(CLI::App& words, std::vector<std::string>& paths, const char* meaning) {
+  return words.add_option("PATH", paths, meaning)->transform(trimPath);
+}
+
+void addPageSize(CLI::App& words, std::int32_t& pageSize) {
+  words
+      .add_option("--page-size", pageSize,
+                  "bytes of a page; without it what makes the smallest file")
+      ->check(CLI::Range(1, 2147483647).description(""))
+      ->type_name("BYTES");
+}
+
+void addCount(CLI::App& words, const char* name, std::int64_t& count, const char* meaning) {
+  words.add_option(name, count, meaning)
+      ->check(CLI::Range(std::int64_t{0}, std::numeric_limits<std::int64_t>::max()).description(""))
+      ->type_name("N");
+}
+
+void addDryRun(CLI::App& words, bool& dryRun) {
+  words.add_flag("--dry-run", dryRun, "write nothing, say what would be done");
+}
+
+}  // namespace tool

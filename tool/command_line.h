@@ -1,0 +1,39 @@
+// The command line: subcommands with their words and options, and which of them was asked for.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <functional>
+#include <string>
+
+#include "report.h"
+
+namespace tool {
+
+class CommandLine {
+ public:
+  CommandLine();
+
+  // A subcommand. `examples` are lines of shell for its help; `command` does it, after its options
+  // were read, and keeps alive whatever they were read into.
+  CLI::App& add(const char* name, const char* meaning, const char* examples,
+                std::function<ExitCode()> command);
+
+  // Reads the words and does what they say. Throws what the command throws.
+  ExitCode run(int argc, char** argv);
+
+ private:
+  CLI::App app_;
+  std::function<ExitCode()> command_;
+};
+
+// Words that several subcommands have.
+void addStore(CLI::App& words, std::string& path);
+// "a/b/" is taken for "a/b".
+CLI::Option* addMemberPath(CLI::App& words, std::string& path, const char* meaning);
+CLI::Option* addMemberPaths(CLI::App& words, std::vector<std::string>& paths, const char* meaning);
+void addPageSize(CLI::App& words, std::int32_t& pageSize);
+// A number of bytes or things, called N.
+void addCount(CLI::App& words, const char* name, std::int64_t& count, const char* meaning);
+void addDryRun(CLI::App& words, bool& dryRun);
+
+}  // namespace tool

@@ -1,0 +1,129 @@
+// hxcrate copy: a store's contents in a new file, without what is unused.
+
+#include <fnmatch.h>
+
+#include <algorithm>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "byte_pump.h"
+#include "command_line.h"
+#include "commands.h"
+#include "interruption.h"
+#include "new_store.h"
+#include "store_walk.h"
+
+namespace tool {
+
+namespace {
+
+struct CopyOptions {
+  std::string store;
+  std::string target;
+  std::vector<std::string> excludes;
+  bool dryRun = false;
+  NewStore::Options made;
+};
+
+// What is left of a store when the excluded members are gone, walked in the order of the names, so
+// that the copy depends on nothing else.
+class KeptMembers {
+ public:
+  KeptMembers(const CopyOptions& options, hxcrate::Store start)
+      : options_(options), walk_(std::move(start)) {}
+
+  // Goes into every store that it gives.
+  StoreWalk::Event next() {
+    if (isStore_) walk_.enter();
+    StoreWalk::Event event = walk_.next();
+    while (isMember(event) && isExcluded(walk_.place()))
+      event = walk_.next();
+    isStore_ = event == StoreWalk::Event::store;
+    return event;
+  }
+
+  const StoreWalk& walk() const { return walk_; }
+
+ private:
+  static bool isMember(StoreWalk::Event event) {
+    return event == StoreWalk::Event::item || event == StoreWalk::Event::store;
+  }
+
+  bool isExcluded(const std::string& place) const {
+    return std::any_of(
+        options_.excludes.begin(), options_.excludes.end(),
+        [&](const std::string& glob) { return ::fnmatch(glob.c_str(), place.c_str(), 0) == 0; });
+  }
+
+  const CopyOptions& options_;
+  StoreWalk walk_;
+  bool isStore_ = false;
+};
+
+SizeForecast forecastOf(KeptMembers members) {
+  SizeForecast forecast;
+  for (auto event = members.next(); event != StoreWalk::Event::end; event = members.next()) {
+    if (event == StoreWalk::Event::store) forecast.addStore();
+    if (event == StoreWalk::Event::item) forecast.addItem(members.walk().itemSize());
+  }
+  return forecast;
+}
+
+void copyMembers(KeptMembers members, hxcrate::Store& target, Progress& progress) {
+  StoreBuilder builder(target);
+  BytePump pump(&progress);
+  for (auto event = members.next(); event != StoreWalk::Event::end; event = members.next()) {
+    throwIfInterrupted();
+    if (event == StoreWalk::Event::leave) {
+      builder.leave();
+    } else if (event == StoreWalk::Event::store) {
+      builder.enter(members.walk().name());
+    } else {
+      hxcrate::Reader reader = members.walk().container().read(members.walk().name());
+      hxcrate::Writer writer = builder.create(members.walk().name());
+      pump.move(BytePump::kEverything, takeFrom(reader), giveTo(writer));
+      writer.close();
+    }
+  }
+}
+
+// All or nothing: what can't be read whole is not copied.
+ExitCode copy(const CopyOptions& options) {
+  const InterruptionGuard guard;
+  const NewStore target(options.target);
+  hxcrate::Session session;
+  const auto members = [&] { return KeptMembers(options, session.open(options.store)); };
+  const SizeForecast forecast = forecastOf(members());
+  if (options.dryRun) {
+    target.announce(forecast, options.made);
+    return ExitCode::fine;
+  }
+  Progress progress("copying");
+  progress.expect(forecast.bytes());
+  target.make(forecast, options.made,
+              [&](hxcrate::Store& store) { copyMembers(members(), store, progress); });
+  return ExitCode::fine;
+}
+
+}  // namespace
+
+void addCopy(CommandLine& line) {
+  const auto options = std::make_shared<CopyOptions>();
+  CLI::App& words =
+      line.add("copy", "Copy what STORE holds into the new file NEW, without unused space",
+               "  hxcrate copy docs.st small.st\n"
+               "  hxcrate copy --exclude 'images/*' --exclude '*.bak' docs.st text.st",
+               [options] { return copy(*options); });
+  addStore(words, options->store);
+  words.add_option("NEW", options->target, "the store file to make")->required();
+  addPageSize(words, options->made.pageSize);
+  words
+      .add_option("--exclude", options->excludes,
+                  "leave out paths that match, with all they hold; * matches \"/\" too")
+      ->type_name("GLOB")
+      ->allow_extra_args(false);
+  addDryRun(words, options->dryRun);
+}
+
+}  // namespace tool

@@ -1,0 +1,199 @@
+// hxcrate diff: how the contents of two stores differ.
+
+#include <algorithm>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "command_line.h"
+#include "commands.h"
+#include "json.h"
+#include "output.h"
+#include "store_walk.h"
+
+namespace tool {
+
+namespace {
+
+constexpr std::size_t kBufferSize = 256 * 1024;
+
+struct DiffOptions {
+  std::string first;
+  std::string second;
+  bool asJson = false;
+};
+
+// One line a difference, or one element of a JSON array.
+class Differences {
+ public:
+  explicit Differences(const DiffOptions& options) : options_(options) {
+    if (!options.asJson) return;
+    json_.emplace(output_);
+    json_->writeName("first", options.first);
+    json_->writeName("second", options.second);
+    json_->beginArray("differences");
+  }
+
+  void addOnlyIn(bool isFirst, const std::string& place, bool isStore) {
+    if (json_) return addElement(place, isFirst ? "onlyInFirst" : "onlyInSecond", std::nullopt);
+    addLine("only in " + escape(isFirst ? options_.first : options_.second), place,
+            isStore ? "/" : "");
+  }
+  void addKind(const std::string& place, bool isFirstStore) {
+    if (json_) return addElement(place, "kind", std::nullopt);
+    addLine("kind differs", place,
+            isFirstStore ? ": a store and an item" : ": an item and a store");
+  }
+  void addContents(const std::string& place, std::int64_t offset) {
+    if (json_) return addElement(place, "contents", offset);
+    addLine("contents differ", place, ": at byte " + std::to_string(offset));
+  }
+
+  bool any() const { return any_; }
+  void finish() {
+    if (json_) {
+      json_->endArray();
+      json_->finish();
+    }
+    output_.finish();
+  }
+
+ private:
+  void addLine(const std::string& what, const std::string& place, const std::string& how) {
+    any_ = true;
+    output_.write(what + ": ");
+    output_.writeName(place);
+    output_.write(how + "\n");
+  }
+
+  void addElement(const std::string& place, std::string_view what,
+                  std::optional<std::int64_t> offset) {
+    any_ = true;
+    json_->beginObject();
+    json_->writeName("path", place);
+    json_->writeText("difference", what);
+    if (offset) json_->writeNumber("offset", *offset);
+    json_->endObject();
+  }
+
+  const DiffOptions& options_;
+  Output output_;
+  std::optional<JsonWriter> json_;
+  bool any_ = false;
+};
+
+// The members of a store on one side, as far as they are not compared yet.
+struct Side {
+  hxcrate::Store store;
+  std::vector<hxcrate::Member> members = listSorted(store);
+  std::size_t next = 0;
+
+  const hxcrate::Member* member() const { return next < members.size() ? &members[next] : nullptr; }
+};
+
+// Goes through two trees side by side; depth costs heap, not stack.
+class Comparison {
+ public:
+  explicit Comparison(const DiffOptions& options) : differences_(options) {
+    hxcrate::Store first = openWhatThereIs(session_, options.first, outcome_);
+    hxcrate::Store second = openWhatThereIs(session_, options.second, outcome_);
+    levels_.push_back({Side{std::move(first)}, Side{std::move(second)}});
+  }
+
+  ExitCode compare() {
+    while (!levels_.empty()) {
+      const hxcrate::Member* first = levels_.back().first.member();
+      const hxcrate::Member* second = levels_.back().second.member();
+      if (first == nullptr && second == nullptr) {
+        levels_.pop_back();
+      } else if (second == nullptr || (first != nullptr && first->name < second->name)) {
+        passOver(levels_.back().first, true);
+      } else if (first == nullptr || second->name < first->name) {
+        passOver(levels_.back().second, false);
+      } else {
+        compareMembers();
+      }
+    }
+    differences_.finish();
+    return differences_.any() ? worse(outcome_, ExitCode::differs) : outcome_;
+  }
+
+ private:
+  struct Level {
+    Side first;
+    Side second;
+  };
+
+  static std::string placeOf(const Side& side) {
+    const std::string& outer = side.store.place();
+    return (outer.empty() ? "" : outer + "/") + side.member()->name;
+  }
+
+  void passOver(Side& side, bool isFirst) {
+    const bool isStore = side.member()->kind == hxcrate::MemberKind::store;
+    differences_.addOnlyIn(isFirst, placeOf(side), isStore);
+    ++side.next;
+  }
+
+  // What can't be read is told of, and the others go on.
+  void compareMembers() {
+    Side& first = levels_.back().first;
+    Side& second = levels_.back().second;
+    const std::string place = placeOf(first);
+    const hxcrate::Member a = first.members[first.next++];
+    const hxcrate::Member b = second.members[second.next++];
+    const bool isStore = a.kind == hxcrate::MemberKind::store;
+    try {
+      if (a.kind != b.kind) {
+        differences_.addKind(place, isStore);
+      } else if (isStore) {
+        levels_.push_back(
+            {Side{first.store.openStore(a.name)}, Side{second.store.openStore(a.name)}});
+      } else {
+        compareItems(place, first.store.read(a.name), second.store.read(a.name));
+      }
+    } catch (const hxcrate::Error& error) {
+      complain(error);
+      outcome_ = worse(outcome_, exitCodeOf(error));
+    }
+  }
+
+  // An item that ends where the other goes on differs at its end.
+  void compareItems(const std::string& place, hxcrate::Reader first, hxcrate::Reader second) {
+    std::int64_t offset = 0;
+    while (true) {
+      const std::size_t firstCount = first.read(firstBuffer_);
+      const std::size_t secondCount = second.read(secondBuffer_);
+      const std::size_t common = std::min(firstCount, secondCount);
+      const auto end = firstBuffer_.begin() + static_cast<std::ptrdiff_t>(common);
+      const auto place1 = std::mismatch(firstBuffer_.begin(), end, secondBuffer_.begin()).first;
+      if (place1 != end || firstCount != secondCount) {
+        return differences_.addContents(place, offset + (place1 - firstBuffer_.begin()));
+      }
+      if (common == 0) return;
+      offset += static_cast<std::int64_t>(common);
+    }
+  }
+
+  hxcrate::Session session_;
+  ExitCode outcome_ = ExitCode::fine;
+  Differences differences_;
+  std::vector<Level> levels_;
+  std::vector<std::byte> firstBuffer_ = std::vector<std::byte>(kBufferSize);
+  std::vector<std::byte> secondBuffer_ = std::vector<std::byte>(kBufferSize);
+};
+
+}  // namespace
+
+void addDiff(CommandLine& line) {
+  const auto options = std::make_shared<DiffOptions>();
+  CLI::App& words = line.add("diff", "Tell how the contents of the stores A and B differ",
+                             "  hxcrate diff monday.st tuesday.st",
+                             [options] { return Comparison(*options).compare(); });
+  words.add_option("A", options->first, "a store file")->required();
+  words.add_option("B", options->second, "another")->required();
+  words.add_flag("--json", options->asJson, "as JSON");
+}
+
+}  // namespace tool

@@ -1,0 +1,30 @@
+// What is going to be written into an item.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "directory.h"
+
+namespace tool {
+
+// A regular file is read as it is; anything else, which may be slow or fail halfway, is taken whole
+// into a nameless temporary file first, so that a store is not kept open for it.
+class ItemInput {
+ public:
+  // The file `path`; "-": standard input. Throws a Failure, also for more than an item can hold.
+  explicit ItemInput(const std::string& path);
+
+  const std::string& name() const { return name_; }  // in messages
+  const Descriptor& descriptor() const { return file_; }
+  std::int64_t size() const { return size_; }  // from where the descriptor stands
+
+ private:
+  void collect();
+
+  std::string name_;
+  Descriptor file_;
+  std::int64_t size_ = 0;
+};
+
+}  // namespace tool

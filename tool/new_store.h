@@ -1,0 +1,67 @@
+// A store file in the making: nobody sees it before it is complete and on disk.
+#pragma once
+
+#include <sys/stat.h>
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "hxcrate/crate.hpp"
+#include "report.h"
+#include "size_forecast.h"
+
+namespace tool {
+
+// Fills a store member by member, depth first.
+class StoreBuilder {
+ public:
+  explicit StoreBuilder(hxcrate::Store& store) : store_(store) {}
+
+  void enter(std::string_view name) { nested_.push_back(current().createStore(name)); }
+  void leave() { nested_.pop_back(); }
+  hxcrate::Writer create(std::string_view name) { return current().create(name); }
+
+ private:
+  hxcrate::Store& current() { return nested_.empty() ? store_ : nested_.back(); }
+
+  hxcrate::Store& store_;
+  std::vector<hxcrate::Store> nested_;
+};
+
+class NewStore {
+ public:
+  struct Options {
+    std::int32_t pageSize = 0;  // bytes; 0: what makes the smallest file
+    bool inMemory = false;      // built as a blob and written in one piece
+  };
+
+  // The store file `path` as it was given. Throws a Failure, notOpenable, when there is a file of
+  // that name already, or with `replace` something else than a regular file.
+  explicit NewStore(const std::string& path, bool replace = false);
+
+  const std::optional<struct stat>& existing() const { return existing_; }  // what is replaced
+
+  // Has the store made and filled, and gives the file its name; whatever is thrown on the way, the
+  // name leads to what it led to before. The errors of the new store are thrown as Failures, in
+  // which it has the path that was given.
+  using Fill = std::function<void(hxcrate::Store&)>;
+  void make(const SizeForecast& forecast, const Options& options, const Fill& fill) const;
+
+  // Says on standard error what `make` would make.
+  void announce(const SizeForecast& forecast, const Options& options) const;
+
+ private:
+  [[noreturn]] void refuse(const std::string& reason) const;
+  void locateExisting();
+
+  std::string shown_;             // the path in messages
+  std::filesystem::path target_;  // for an existing file its own place rather than a link to it
+  std::optional<struct stat> existing_;
+};
+
+}  // namespace tool
