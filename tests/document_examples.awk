@@ -3,6 +3,7 @@
 # itself, tested elsewhere, and runs as nothing here.
 BEGIN {
   print "#include <hxcrate/crate.hpp>"
+  print "#include <hxcrate/inspect.hpp>"
   for (n = split("algorithm chrono cstdio cstdlib fstream iostream iterator string thread vector", headers); n > 0; --n)
     print "#include <" headers[n] ">"
   print "namespace {"
