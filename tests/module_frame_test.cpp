@@ -60,9 +60,11 @@ TEST(Frame, WithoutEncodingsTheIdentityIsZeroAndHeadersCarryIt) {
   World w({}, false);
   w.run("open x UC; put x:a 10; close x");
   EXPECT_EQ(Bytes(w.image("x").begin(), w.image("x").begin() + 24), Bytes(24));
-  w.run("open x U; get x:a =10; close x");
+  w.run("open x U; get x:a =10; item r x:a R; convert r 5; shut r; close x");
   World other(w.host.disk());
-  other.run("open x R !13");  // nobody converts from an unknown encoding
+  other.run("open x R !13; open y UC; close y");  // nobody converts from an unknown encoding
+  World another(other.host.disk(), false);
+  another.run("open y R !13");
 }
 
 TEST(Frame, PathAndPageSize) {
@@ -79,6 +81,13 @@ TEST(Frame, PathAndPageSize) {
   EXPECT_EQ(std::u32string(path), U"/full/x");
   int32_t length = 20;
   EXPECT_TRUE(hxcratePath(w.find("m"), path, &length) == kOk && length == 0);
+}
+
+TEST(Frame, AHostThatDeliversNothingIsNotBelieved) {
+  World w;
+  w.run("open x UC; close x; copy y x");
+  w.host.longestRead = 0;
+  w.run("open y R !1");
 }
 
 // ---- members and space

@@ -76,7 +76,11 @@ TEST(Hostile, DamageIsReportedByTheOpenThatMeetsIt) {
   World w({{"x", image}});
   w.run("open x R; item r x:three R");
   setField(w.image("x"), second, &DataChunk::capacity, 0x10000);
-  w.run("read r 40 =16 !13");
+  w.run("read r 40 =16 !13; shut r; close x; open x R; item r x:three R !13");
+  World other({{"x", image}});
+  other.run("open x R; item r x:three R");
+  putRecord(other.image("x"), second, DataChunk{});
+  other.run("read r 16; read r 24 =0 !6");
 }
 
 // Three pages of 2^30 bytes, none of which is ever touched.
@@ -102,6 +106,9 @@ TEST(Hostile, AnItemOfMoreThanItsLimit) {
   EXPECT_EQ(w.instance->openItem(w.instance, store, U"a", 1, kRead, &w.status), nullptr);
   EXPECT_EQ(w.status, kUnreadable);
   store->closeStore(store);
+  store = w.instance->openStoreFromMemory(w.instance, blob, UINT64_MAX, U"m", 1, kRead, &w.status);
+  EXPECT_EQ(w.status, kOk) << "a blob of any size";
+  if (store != nullptr) store->closeStore(store);
   munmap(room, kSize);
 }
 
