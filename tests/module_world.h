@@ -46,6 +46,25 @@ namespace hx::fake {
 using Words = std::vector<std::string>;
 using Sizes = std::map<std::string, int32_t>;  // of items by their paths; nested stores end in "/"
 
+template <typename Record>
+std::string narrow(const Record* named) {
+  return {named->name, named->name + named->nameLength};
+}
+
+// The path of an item or a nested store inside its tree, and the tree's own name.
+template <typename Record>
+std::string pathOf(const Record* member) {
+  std::string path = narrow(member);
+  for (const Store* store = member->parent; store->parent != nullptr; store = store->parent)
+    path = narrow(store) + "/" + path;
+  return path;
+}
+
+inline bool isForeign(const Store* store) {
+  const EncodingId& own = store->extension->encodingId;
+  return std::memcmp(&own, &store->encodingId, sizeof(own)) != 0;
+}
+
 // The byte of an item at a place.
 char byteAt(const ItemMember* item, int64_t place);
 // The members of a table in the order of their chains.
