@@ -105,6 +105,10 @@ TEST(Frame, EnumeratesBucketsInOrder) {
   int32_t length = 0, kind = 0;
   Store* store = w.find("x");
   EXPECT_EQ(store->getNextMember(store, U"xy", 2, name, &length, &kind), kOk) << "behind no member";
+  w.run("put x: 3");
+  ItemHandle* nameless = w.instance->openItem(w.instance, store, nullptr, -7, kRead, &w.status);
+  ASSERT_NE(nameless, nullptr) << "a negative length is an empty name";
+  EXPECT_TRUE(nameless->item->size == 3 && nameless->item->close(nameless) == 0);
 }
 
 // Large tables have an index, unless the pool refuses it; names are found and listed all the same.

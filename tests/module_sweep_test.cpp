@@ -12,17 +12,6 @@
 namespace hx::fake {
 namespace {
 
-TEST(Sweeps, ReadersOrOneWriter) {
-  for (const std::string held : {"-", "R", "U"}) {
-    for (const std::string wanted : {"-", "R", "U", "UC"}) {
-      const bool agree = held == "-" || wanted == "-" || (held == "R" && wanted == "R");
-      World w;
-      w.run("open x UC; put x:a 9000; item h x:a " + held + "; item i x:a " + wanted +
-            (agree ? "" : " !7"));
-    }
-  }
-}
-
 std::string inPieces(const std::string& verb, int size, int piece) {
   std::string script;
   for (int at = 0; at < size; at += piece)
@@ -48,23 +37,6 @@ TEST(Sweeps, SizesAroundPageBoundaries) {
           w.settle();
         }
       }
-    }
-  }
-}
-
-// A page that is full when lock or memory fails keeps its bytes, whoever goes on.
-TEST(Sweeps, AFullPageWithoutASuccessorKeepsItsBytes) {
-  for (const std::string flags : {"", "N"}) {
-    for (const std::string failure : {"lock 2", "allocate 3", "allocate 4"}) {
-      const bool goesOn = failure == "lock 2";
-      World w;
-      w.run("open x UC" + flags + "; item w x:a UC; fail " + failure + "; write w 12288 =8192 " +
-            (goesOn ? "!4" : "!3"));
-      if (flags.empty()) w.run("close x; open x U");
-      w.run(goesOn ? "write w 4" : "write w 4 =0 !3");
-      w.run("shut w; get x:a; put x:a 3; get x:a");
-      if (!flags.empty()) w.run("blob x B; load B R; tree B");
-      w.settle();
     }
   }
 }
