@@ -33,7 +33,6 @@ enum FaultKind : uint32_t {
   kWriteFault = 16,
   kSeekFault = 32,
   kRemoveFault = 64,
-  kFileFault = kOpenFault | kReadFault | kWriteFault | kSeekFault | kRemoveFault,
   kMakeConverterFault = 128,
   kMeasureFault = 256,
   kConvertFault = 512,
@@ -41,6 +40,7 @@ enum FaultKind : uint32_t {
   kCloseFault = 2048,      // an update that can not be made durable
   kRecordFault = 4096,     // a record that is left unconverted
   kShortReadFault = 8192,  // a read that delivers one byte
+  kFileFault = kOpenFault | kReadFault | kWriteFault | kSeekFault | kRemoveFault | kCloseFault,
   kAnyFault = 0xffffffff & ~kServiceFault,
 };
 

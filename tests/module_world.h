@@ -107,7 +107,6 @@ class World {
   ExtensionInstance* instance = nullptr;
   int32_t status = kOk;
   int64_t number = 0;
-  std::string outcomes;                 // of all statements
   std::optional<int32_t> firstOutcome;  // the status of the statement in which a call failed first
 
  private:
