@@ -123,13 +123,17 @@ struct Archiver {
   std::vector<std::string> unpack;
 };
 
+// What two threads that read at the same time need.
+enum class Threads { shareSession, ownSession, none };
+
 // How an engine is set; what it says goes into the report.
 struct EngineInfo {
-  std::string name;                 // "sqlite"
-  std::string workloads;            // the letters of those it takes part in
-  std::string settings;             // one or two sentences
-  std::string files;                // engines of equal `files` read what one of them made
-  bool threadsShareSession = true;  // else each thread needs its own
+  std::string name;       // "sqlite"
+  std::string workloads;  // the letters of those it takes part in
+  std::string settings;   // one or two sentences
+  std::string files;      // engines of equal `files` read what one of them made
+  Threads threads = Threads::shareSession;
+  std::size_t mostItems = 1000000;  // with more it would take minutes
 };
 
 class Engine {

@@ -5,6 +5,7 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <fstream>
+#include <iterator>
 
 #include "bench/engines/engines.h"
 #include "bench/race.h"
@@ -20,12 +21,15 @@ struct Options {
   std::vector<std::string> engines;
   std::string directory = "build";
   std::string json;
+  std::string svg;
+  std::string document;
   bool quick = false;
 };
 
 std::vector<EnginePtr> allEngines() {
   std::vector<EnginePtr> engines;
-  for (auto make : {makePlainFile, makePlainFiles, makeSqlite, makeLmdb})
+  for (auto make :
+       {makePlainFile, makePlainFiles, makeSqlite, makeLmdb, makeHdf5, makeGsf, makeZip})
     engines.push_back(make());
   engines.push_back(makeHxcrate(4096));
   engines.push_back(makeHxcrate(256));
@@ -79,6 +83,10 @@ void addOptions(CLI::App& app, Options& options) {
   app.add_option("--dir", options.directory, "where a directory for files is made")
       ->capture_default_str();
   app.add_option("--json", options.json, "all times to this file");
+  app.add_option("--svg", options.svg,
+                 "bars of each workload as bench-LETTER.svg in this directory");
+  app.add_option("--document", options.document,
+                 "put the tables between this file's lines <!-- bench --> and <!-- /bench -->");
   app.add_flag("--quick", options.quick, "small sizes: does it work at all");
 }
 
@@ -87,6 +95,33 @@ void writeFile(const std::string& path, const std::string& text) {
   file << text;
   file.close();
   require(file.good(), "can't write " + path);
+}
+
+std::string readFile(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  require(file.is_open(), "can't read " + path);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+void replaceTables(const std::string& path, const std::string& tables) {
+  const std::string opening = "<!-- bench -->\n";
+  std::string text = readFile(path);
+  const std::size_t begin = text.find(opening);
+  const std::size_t end = text.find("<!-- /bench -->");
+  require(begin < end && end != std::string::npos, path + " has no place for the tables");
+  const std::size_t behind = begin + opening.size();
+  writeFile(path, text.replace(behind, end - behind, tables));
+}
+
+void writeBars(const std::string& directory, const Results& results) {
+  std::filesystem::create_directories(directory);
+  for (const WorkloadInfo& workload : workloads()) {
+    const bool measured =
+        std::any_of(results.rows.begin(), results.rows.end(),
+                    [&](const Row& row) { return row.workload == workload.letter; });
+    if (measured)
+      writeFile(directory + "/bench-" + workload.letter + ".svg", svgReport(results, workload));
+  }
 }
 
 std::vector<EnginePtr> chooseEngines(const std::vector<std::string>& names) {
@@ -125,6 +160,8 @@ int run(Options& options) {
   results.quick = options.quick;
   std::fputs(textReport(results).c_str(), stdout);
   if (!options.json.empty()) writeFile(options.json, jsonReport(results));
+  if (!options.svg.empty()) writeBars(options.svg, results);
+  if (!options.document.empty()) replaceTables(options.document, markdownReport(results));
   return anyFailed(results) ? 1 : 0;
 }
 

@@ -13,6 +13,12 @@ std::string textReport(const Results& results);
 // All times of all rounds, in seconds.
 std::string jsonReport(const Results& results);
 
+// Tables for a document: what was measured where, then the targets.
+std::string markdownReport(const Results& results);
+
+// Bars of all metrics of one workload, readable on light and dark ground.
+std::string svgReport(const Results& results, const WorkloadInfo& workload);
+
 // Three significant digits, without an exponent.
 std::string formatFigure(double figure);
 

@@ -90,11 +90,13 @@ std::string Run::kept(const std::string& name,
                       const std::function<void(const std::string& path)>& make) const {
   const std::filesystem::path ready = place_.kept / (name + ".ready");
   std::string path = (place_.kept / name).string();
-  if (!std::filesystem::exists(ready)) {
-    make(path);
-    settle(place_.kept);
-    FileDescriptor(ready.string(), O_WRONLY | O_CREAT);
-  }
+  if (std::filesystem::exists(ready)) return path;
+  const std::filesystem::path begun = place_.kept / (name + ".begun");
+  if (std::filesystem::exists(begun)) throw Unsupported("could not make what it was to read");
+  FileDescriptor(begun.string(), O_WRONLY | O_CREAT);
+  make(path);
+  settle(place_.kept);
+  FileDescriptor(ready.string(), O_WRONLY | O_CREAT);
   return path;
 }
 

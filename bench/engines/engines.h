@@ -17,5 +17,8 @@ EnginePtr makePlainFile();
 EnginePtr makePlainFiles();
 EnginePtr makeSqlite();
 EnginePtr makeLmdb();
+EnginePtr makeHdf5();
+EnginePtr makeGsf();
+EnginePtr makeZip();
 
 }  // namespace bench

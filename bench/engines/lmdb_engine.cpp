@@ -195,7 +195,7 @@ class LmdbSession : public Session {
 class Lmdb : public Engine {
  public:
   Lmdb()
-      : Engine({"lmdb", "abcdefghik",
+      : Engine({"lmdb", "abcdefghikl",
                 "One write transaction, MDB_WRITEMAP, a map of 2 GiB; a large item is one value "
                 "whose length is told first (MDB_RESERVE); nested stores: paths as keys. Sync off: "
                 "MDB_NOSYNC, on: the default.",

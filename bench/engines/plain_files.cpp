@@ -119,7 +119,7 @@ class PlainFiles : public Engine {
   PlainFiles()
       : Engine({"plain-files", "cdefgk",
                 "A file for each item, a directory for each store. Sync on: syncfs at the end.",
-                "plain-files"}) {}
+                "plain-files", Threads::ownSession, 100000}) {}
   std::unique_ptr<Session> openSession(Sync sync) override {
     return std::make_unique<FilesSession>(sync);
   }

@@ -331,7 +331,7 @@ class Sqlite : public Engine {
                 "on: synchronous FULL, a rollback journal where a file is made and a write-ahead "
                 "log where one is updated. In memory: sqlite3_serialize and _deserialize. Trees: "
                 "sqlite3 -A with its own settings: it deflates and waits for the disk.",
-                "sqlite", false}) {}
+                "sqlite", Threads::ownSession}) {}
 
   std::unique_ptr<Session> openSession(Sync sync) override {
     return std::make_unique<SqliteSession>(sync);

@@ -61,13 +61,14 @@ void readBack(const Run& run, std::size_t bytes) {
 }
 
 void readInThreads(const Run& run, std::size_t bytes) {
+  const Threads threads = run.engine().info().threads;
+  if (threads == Threads::none) throw Unsupported("the library is built for one thread");
   const Pieces pieces = piecesOf(bytes);
   const std::string path = run.keptFile("pair", [&](const std::string& to) {
     write(*run.engine().openSession(Sync::off), to, {"one", "two"}, pieces);
   });
   const auto shared = run.engine().openSession(Sync::off);
-  const auto other =
-      run.engine().info().threadsShareSession ? nullptr : run.engine().openSession(Sync::off);
+  const auto other = threads == Threads::ownSession ? run.engine().openSession(Sync::off) : nullptr;
   Session& second = other ? *other : *shared;
   const auto kept = shared->open(path, Shape::large);
   if (run.verifies()) {

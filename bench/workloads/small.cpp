@@ -10,6 +10,7 @@ constexpr std::size_t kReopened = 20;
 constexpr std::size_t kAdded = 5;
 
 void create(const Run& run, std::size_t count, Sync sync) {
+  requireMeasurable(run.engine(), count);
   const SmallItems items(count);
   const std::string path = run.freshPath("small");
   run.measure([&] {
@@ -52,9 +53,7 @@ void readAllByName(const Run& run, std::size_t count) {
 
 void enumerateAll(const Run& run, std::size_t count) {
   const SmallItems items(count);
-  const std::string path = run.keptFile("items", [&](const std::string& to) {
-    createAll(*run.engine().openSession(Sync::off), to, items);
-  });
+  const std::string path = keptItems(run, "items", items);
   const auto session = run.engine().openSession(Sync::off);
   const auto reading = session->open(path, Shape::small);
   Tally tally;

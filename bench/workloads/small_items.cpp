@@ -2,6 +2,11 @@
 
 namespace bench {
 
+void requireMeasurable(const Engine& engine, std::size_t count) {
+  const std::size_t most = engine.info().mostItems;
+  if (count > most) throw Unsupported("measured with up to " + std::to_string(most) + " items");
+}
+
 void createAll(Session& session, const std::string& path, const SmallItems& items) {
   const std::unique_ptr<Writing> writing = session.create(path, Shape::small);
   for (std::size_t i = 0; i < items.count(); ++i)
@@ -21,6 +26,7 @@ void verifyAll(Engine& engine, const std::string& path, const SmallItems& items)
 }
 
 std::string keptItems(const Run& run, const std::string& purpose, const SmallItems& items) {
+  requireMeasurable(run.engine(), items.count());
   return run.keptFile(purpose, [&](const std::string& path) {
     createAll(*run.engine().openSession(Sync::off), path, items);
     verifyAll(run.engine(), path, items);

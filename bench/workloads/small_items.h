@@ -6,6 +6,9 @@
 
 namespace bench {
 
+// Throws Unsupported when so many items would take the engine minutes.
+void requireMeasurable(const Engine& engine, std::size_t count);
+
 void createAll(Session& session, const std::string& path, const SmallItems& items);
 
 // Throws unless the store holds these items with these bytes and no others.
