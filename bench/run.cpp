@@ -1,6 +1,7 @@
 #include "bench/run.h"
 
 #include <fcntl.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -78,6 +79,10 @@ void settle(const std::filesystem::path& directory) {
   require(::syncfs(open.number()) == 0, "syncfs failed");
 }
 
+void makeEmptyFile(const std::filesystem::path& path) {
+  const FileDescriptor made(path.string(), O_WRONLY | O_CREAT);
+}
+
 }  // namespace
 
 void Run::measure(const std::function<void()>& work) const {
@@ -93,10 +98,10 @@ std::string Run::kept(const std::string& name,
   if (std::filesystem::exists(ready)) return path;
   const std::filesystem::path begun = place_.kept / (name + ".begun");
   if (std::filesystem::exists(begun)) throw Unsupported("could not make what it was to read");
-  FileDescriptor(begun.string(), O_WRONLY | O_CREAT);
+  makeEmptyFile(begun);
   make(path);
   settle(place_.kept);
-  FileDescriptor(ready.string(), O_WRONLY | O_CREAT);
+  makeEmptyFile(ready);
   return path;
 }
 
@@ -110,6 +115,7 @@ Outcome runInChild(Engine& engine, const Place& place, const std::function<void(
   const pid_t child = ::fork();
   require(child >= 0, "fork failed");
   if (child == 0) {
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
     ::alarm(static_cast<unsigned>(patience.count()));
     runChild(ends[1], engine, place, body);
   }

@@ -1,4 +1,4 @@
-// Plain system calls, a file for each item and a directory for each store.
+// Plain system calls, a file for each item.
 #include <dirent.h>
 #include <sys/stat.h>
 
@@ -13,21 +13,15 @@ namespace {
 
 class FilesWriting : public Writing {
  public:
-  FilesWriting(std::string path, Sync sync) : top_(path), path_(std::move(path)), sync_(sync) {}
+  FilesWriting(std::string path, Sync sync) : path_(std::move(path)), sync_(sync) {}
 
   void put(std::string_view name, Bytes bytes) override {
     FileDescriptor(inside(name), O_WRONLY | O_CREAT | O_EXCL).write(bytes);
   }
-  void enter(std::string_view name) override {
-    path_ = inside(name);
-    require(::mkdir(path_.c_str(), 0777) == 0, "mkdir failed");
-  }
-  void leave() override { path_.resize(path_.rfind('/')); }
-
   // One wait for all files: an fsync for each would be the far slower way.
   void commit() override {
     if (sync_ == Sync::off) return;
-    const FileDescriptor top(top_, O_RDONLY | O_DIRECTORY);
+    const FileDescriptor top(path_, O_RDONLY | O_DIRECTORY);
     require(::syncfs(top.number()) == 0, "syncfs failed");
   }
 
@@ -37,39 +31,19 @@ class FilesWriting : public Writing {
     return path.append("/").append(name);
   }
 
-  std::string top_;
   std::string path_;
   Sync sync_;
 };
 
-// Calls `see` with the name of each entry and whether it is a directory.
+// Calls `see` with the name of each entry.
 template <typename See>
 void eachEntry(const std::string& path, const See& see) {
   const std::unique_ptr<DIR, int (*)(DIR*)> directory(::opendir(path.c_str()), ::closedir);
   require(directory != nullptr, "opendir failed");
   while (const dirent* entry = ::readdir(directory.get())) {
     const std::string_view name(entry->d_name);
-    if (name != "." && name != "..") see(name, entry->d_type == DT_DIR);
+    if (name != "." && name != "..") see(name);
   }
-}
-
-constexpr std::size_t kLongestItem = 4096;
-
-void showFile(const std::string& path, const Seen& seen) {
-  std::byte bytes[kLongestItem];
-  const std::size_t count = FileDescriptor(path, O_RDONLY).read(bytes);
-  seen(Bytes(bytes, count));
-}
-
-void walkInto(const std::string& path, const Seen& seen, Tally& tally) {
-  eachEntry(path, [&](std::string_view name, bool isDirectory) {
-    tally.count(name);
-    if (isDirectory) {
-      walkInto(path + "/" + std::string(name), seen, tally);
-    } else if (seen) {
-      showFile(path + "/" + std::string(name), seen);
-    }
-  });
 }
 
 class FilesReading : public Reading {
@@ -82,12 +56,7 @@ class FilesReading : public Reading {
   }
   Tally enumerate() override {
     Tally tally;
-    eachEntry(path_, [&](std::string_view name, bool) { tally.count(name); });
-    return tally;
-  }
-  Tally walk(const Seen& seen) override {
-    Tally tally;
-    walkInto(path_, seen, tally);
+    eachEntry(path_, [&](std::string_view name) { tally.count(name); });
     return tally;
   }
 
@@ -117,9 +86,9 @@ class FilesSession : public Session {
 class PlainFiles : public Engine {
  public:
   PlainFiles()
-      : Engine({"plain-files", "cdefgk",
-                "A file for each item, a directory for each store. Sync on: syncfs at the end.",
-                "plain-files", Threads::ownSession, 100000}) {}
+      : Engine({"plain-files", "cdefg",
+                "A file for each item in one directory. Sync on: syncfs at the end.", "plain-files",
+                Threads::ownSession, 100000}) {}
   std::unique_ptr<Session> openSession(Sync sync) override {
     return std::make_unique<FilesSession>(sync);
   }

@@ -51,6 +51,7 @@ std::size_t compareTrees(const fs::path& left, const fs::path& right) {
 
 void runCommand(const std::vector<std::string>& command) {
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (const std::string& argument : command)
     arguments.push_back(const_cast<char*>(argument.c_str()));
   arguments.push_back(nullptr);
