@@ -1,0 +1,185 @@
+// This store, through its C++ API.
+#include <hxcrate/crate.hpp>
+
+#include "bench/engines/engines.h"
+
+namespace bench {
+
+namespace {
+
+hxcrate::SessionOptions optionsFor(Sync sync) {
+  hxcrate::SessionOptions options;
+  options.durability = sync == Sync::on ? hxcrate::Durability::full : hxcrate::Durability::none;
+  return options;
+}
+
+void putItem(hxcrate::Store& store, std::string_view name, Bytes bytes) {
+  hxcrate::Writer writer = store.create(name);
+  writer.write(bytes);
+  writer.close();
+}
+
+class HxWriting : public Writing {
+ public:
+  explicit HxWriting(hxcrate::Store store) { entered_.push_back(std::move(store)); }
+
+  void put(std::string_view name, Bytes bytes) override { putItem(entered_.back(), name, bytes); }
+
+  void putPieces(std::string_view name, const Pieces& pieces) override {
+    hxcrate::Writer writer = entered_.back().create(name);
+    for (std::size_t i = 0; i < pieces.count(); ++i)
+      writer.write(pieces.at(i));
+    writer.close();
+  }
+
+  void enter(std::string_view name) override {
+    entered_.push_back(entered_.back().createStore(name));
+  }
+  void leave() override { entered_.pop_back(); }
+  void commit() override { entered_.front().close(); }
+
+ private:
+  std::vector<hxcrate::Store> entered_;
+};
+
+void walkInto(const hxcrate::Store& store, const Seen& seen, Tally& tally) {
+  for (const hxcrate::Member& member : store.members()) {
+    tally.count(member.name);
+    if (member.kind == hxcrate::MemberKind::store) {
+      walkInto(store.openStore(member.name), seen, tally);
+    } else if (seen) {
+      seen(store.read(member.name).readAll());
+    }
+  }
+}
+
+class HxReading : public Reading {
+ public:
+  explicit HxReading(hxcrate::Store store) : store_(std::move(store)) {}
+
+  std::size_t get(std::string_view name, std::span<std::byte> out) override {
+    return store_.read(name).read(out);
+  }
+
+  std::uint64_t getPieces(std::string_view name, std::span<std::byte> buffer,
+                          const Seen& seen) override {
+    hxcrate::Reader reader = store_.read(name);
+    std::uint64_t done = 0;
+    while (const std::size_t count = reader.read(buffer)) {
+      if (seen) seen(buffer.first(count));
+      done += count;
+    }
+    return done;
+  }
+
+  Tally enumerate() override {
+    Tally tally;
+    for (const hxcrate::Member& member : store_.members())
+      tally.count(member.name);
+    return tally;
+  }
+
+  Tally walk(const Seen& seen) override {
+    Tally tally;
+    walkInto(store_, seen, tally);
+    return tally;
+  }
+
+ private:
+  hxcrate::Store store_;
+};
+
+enum class Access { file, mapped };
+
+class HxSession : public Session {
+ public:
+  HxSession(Sync sync, std::int32_t pageSize, Access access)
+      : session_(optionsFor(sync)), pageSize_(pageSize), access_(access) {}
+
+  std::unique_ptr<Writing> create(const std::string& path, Shape) override {
+    return std::make_unique<HxWriting>(
+        session_.open(path, hxcrate::Mode::create, {.pageSize = pageSize_}));
+  }
+  std::unique_ptr<Writing> update(const std::string& path) override {
+    return std::make_unique<HxWriting>(session_.open(path, hxcrate::Mode::update));
+  }
+  std::unique_ptr<Reading> open(const std::string& path, Shape) override {
+    return std::make_unique<HxReading>(access_ == Access::mapped ? session_.openMapped(path)
+                                                                 : session_.open(path));
+  }
+
+ private:
+  hxcrate::Session session_;
+  std::int32_t pageSize_;
+  Access access_;
+};
+
+class HxImage : public Image {
+ public:
+  explicit HxImage(hxcrate::Blob blob) : blob_(std::move(blob)) {}
+  Bytes bytes() const override { return blob_.bytes(); }
+
+ private:
+  hxcrate::Blob blob_;
+};
+
+class HxInMemory : public InMemory {
+ public:
+  void put(std::string_view name, Bytes bytes) override { putItem(store_, name, bytes); }
+  std::unique_ptr<Image> makeImage() override {
+    return std::make_unique<HxImage>(store_.makeBlob());
+  }
+
+ private:
+  hxcrate::Session session_;
+  hxcrate::Store store_ = session_.createInMemory("image");
+};
+
+class Hxcrate : public Engine {
+ public:
+  Hxcrate(EngineInfo info, std::int32_t pageSize, Access access)
+      : Engine(std::move(info)), pageSize_(pageSize), access_(access) {}
+
+  std::unique_ptr<Session> openSession(Sync sync) override {
+    return std::make_unique<HxSession>(sync, pageSize_, access_);
+  }
+  std::unique_ptr<InMemory> createInMemory() override { return std::make_unique<HxInMemory>(); }
+  std::unique_ptr<Reading> openImage(Bytes image) override {
+    return std::make_unique<HxReading>(hxcrate::Session().openBlob(image, "image"));
+  }
+  Archiver archiver(const std::string& file, const std::string& in,
+                    const std::string& out) const override {
+    return {{HX_COMMAND_PATH, "pack", file, in}, {HX_COMMAND_PATH, "unpack", file, out}};
+  }
+
+ private:
+  std::int32_t pageSize_;
+  Access access_;
+};
+
+}  // namespace
+
+EnginePtr makeHxcrate(std::int32_t pageSize) {
+  if (pageSize == 4096) {
+    return std::make_unique<Hxcrate>(
+        EngineInfo{"hxcrate", "abcdefghikl",
+                   "C++ API, pages of 4096 bytes. Sync off: Durability::none, on: "
+                   "Durability::full.",
+                   "hxcrate"},
+        pageSize, Access::file);
+  }
+  const std::string name = "hxcrate-" + std::to_string(pageSize);
+  return std::make_unique<Hxcrate>(
+      EngineInfo{name, "cdefgkn", "The same, pages of " + std::to_string(pageSize) + " bytes.",
+                 name},
+      pageSize, Access::file);
+}
+
+EnginePtr makeHxcrateMapped() {
+  return std::make_unique<Hxcrate>(
+      EngineInfo{"hxcrate-mapped", "bdefi",
+                 "Session::openMapped of a file with pages of 4096 bytes.", "hxcrate"},
+      4096, Access::mapped);
+}
+
+}  // namespace bench
