@@ -21,10 +21,10 @@ struct TreeCursor {
   // with the next takes a tenth off the writing of a directory of 100,000 items.
   void advance() {
     member = nextMember(store->members, member);
-    if (member == nullptr) return;
-    __builtin_prefetch(member->next);
-    __builtin_prefetch(reinterpret_cast<const char*>(member->next) + 64);
-    __builtin_prefetch(reinterpret_cast<const char*>(member->next) + 128);
+    if (member == nullptr || member->next == nullptr) return;
+    const auto* behind = reinterpret_cast<const char*>(member->next);
+    for (int line = 0; line < 192; line += 64)
+      __builtin_prefetch(behind + line);
   }
 
   // From a nested store to its first member.
