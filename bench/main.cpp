@@ -103,14 +103,15 @@ std::string readFile(const std::string& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-void replaceTables(const std::string& path, const std::string& tables) {
-  const std::string opening = "<!-- bench -->\n";
-  std::string text = readFile(path);
-  const std::size_t begin = text.find(opening);
-  const std::size_t end = text.find("<!-- /bench -->");
-  require(begin < end && end != std::string::npos, path + " has no place for the tables");
-  const std::size_t behind = begin + opening.size();
-  writeFile(path, text.replace(behind, end - behind, tables));
+constexpr std::string_view kTablesBegin = "<!-- bench -->\n";
+constexpr std::string_view kTablesEnd = "<!-- /bench -->";
+
+std::string replaceTables(std::string document, const std::string& tables) {
+  const std::size_t begin = document.find(kTablesBegin);
+  const std::size_t end = document.find(kTablesEnd);
+  require(begin < end && end != std::string::npos, "the document has no place for the tables");
+  const std::size_t behind = begin + kTablesBegin.size();
+  return document.replace(behind, end - behind, tables);
 }
 
 void writeBars(const std::string& directory, const Results& results) {
@@ -149,6 +150,7 @@ bool anyFailed(const Results& results) {
 }
 
 int run(Options& options) {
+  if (!options.document.empty()) replaceTables(readFile(options.document), "");  // fails early
   const WorkDirectory work(options.directory);
   if (work.isInMemory())
     std::fprintf(stderr, "hx_bench: %s lies in memory: nothing waits for a disk there\n",
@@ -159,9 +161,11 @@ int run(Options& options) {
                          chooseEngines(options.engines), options.race);
   results.quick = options.quick;
   std::fputs(textReport(results).c_str(), stdout);
+  std::fflush(stdout);  // removing the files can take a while
   if (!options.json.empty()) writeFile(options.json, jsonReport(results));
   if (!options.svg.empty()) writeBars(options.svg, results);
-  if (!options.document.empty()) replaceTables(options.document, markdownReport(results));
+  if (!options.document.empty())
+    writeFile(options.document, replaceTables(readFile(options.document), markdownReport(results)));
   return anyFailed(results) ? 1 : 0;
 }
 

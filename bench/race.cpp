@@ -12,6 +12,8 @@ namespace {
 
 using Engines = std::vector<std::unique_ptr<Engine>>;
 
+constexpr int kLeastRounds = 3;  // unless one takes twice what all should
+
 // One line that is written over on a terminal, and a line a case elsewhere.
 class Progress {
  public:
@@ -65,8 +67,10 @@ void takeOver(Racer& racer, const Outcome& outcome) {
 void limitRounds(Racer& racer, const Outcome& outcome, const RaceSettings& settings) {
   const double took = std::accumulate(outcome.seconds.begin(), outcome.seconds.end(), 0.0);
   if (took * settings.rounds <= settings.secondsPerCell) return;
-  const int affordable = std::max(1, static_cast<int>(settings.secondsPerCell / took));
-  racer.rounds = std::min(racer.rounds, affordable);
+  const int least = took <= settings.secondsPerCell * 2 ? kLeastRounds : 1;
+  const int affordable = std::max(least, static_cast<int>(settings.secondsPerCell / took));
+  if (affordable >= racer.rounds) return;
+  racer.rounds = affordable;
   for (Cell& cell : racer.cells)
     if (cell.note.empty()) cell.note = "slow: fewer rounds";
 }

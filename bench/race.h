@@ -12,7 +12,7 @@ namespace bench {
 
 struct RaceSettings {
   int rounds = 5;
-  // Of measured time for one engine at one case: who needs more has fewer rounds, at least one.
+  // Of measured time for one engine at one case: who needs more has fewer rounds.
   double secondsPerCell = 12;
   std::chrono::seconds patience{120};  // for one turn, with all that is not measured
   std::filesystem::path directory;     // where files are made; empty at first

@@ -70,9 +70,6 @@ class FilesSession : public Session {
 
   std::unique_ptr<Writing> create(const std::string& path, Shape) override {
     require(::mkdir(path.c_str(), 0777) == 0, "mkdir failed");
-    return update(path);
-  }
-  std::unique_ptr<Writing> update(const std::string& path) override {
     return std::make_unique<FilesWriting>(path, sync_);
   }
   std::unique_ptr<Reading> open(const std::string& path, Shape) override {
@@ -86,7 +83,7 @@ class FilesSession : public Session {
 class PlainFiles : public Engine {
  public:
   PlainFiles()
-      : Engine({"plain-files", "cdefg",
+      : Engine({"plain-files", "cdef",
                 "A file for each item in one directory. Sync on: syncfs at the end.", "plain-files",
                 Threads::ownSession, 100000}) {}
   std::unique_ptr<Session> openSession(Sync sync) override {
