@@ -183,7 +183,7 @@ ExitCode map(const MapOptions& options) {
 
 void addMap(CommandLine& line) {
   const auto options = std::make_shared<MapOptions>();
-  CLI::App& words = line.add("map", "Show who owns every byte of a store",
+  CLI::App& words = line.add("map", "Show who owns every byte of STORE",
                              "  hxcrate map docs.st\n"
                              "  hxcrate map --svg docs.svg docs.st",
                              [options] { return map(*options); });
@@ -191,7 +191,7 @@ void addMap(CommandLine& line) {
   CLI::Option* svg =
       words.add_option("--svg", options->svg, "draw it into the new file FILE; -: standard output");
   svg->type_name("FILE");
-  words.add_flag("--json", options->asJson, "print a JSON object")->excludes(svg);
+  words.add_flag("--json", options->asJson, "as JSON")->excludes(svg);
 }
 
 }  // namespace tool
