@@ -18,6 +18,11 @@ if(HX_BUILD_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
+if(HX_COVERAGE)
+  add_compile_options(-fprofile-instr-generate -fcoverage-mapping)
+  add_link_options(-fprofile-instr-generate -fcoverage-mapping)
+endif()
+
 # The module's flags stand on their own: a distribution's hardening defaults would import symbols.
 add_library(hx_freestanding INTERFACE)
 target_compile_options(hx_freestanding INTERFACE
@@ -25,8 +30,8 @@ target_compile_options(hx_freestanding INTERFACE
   -fno-asynchronous-unwind-tables -fvisibility=hidden -U_FORTIFY_SOURCE)
 target_link_options(hx_freestanding INTERFACE
   -Wl,-Bsymbolic-functions -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
-if(NOT HX_SANITIZE)
-  # A sanitizer's runtime needs the libraries; there the module is linked like any other.
+if(NOT HX_SANITIZE AND NOT HX_COVERAGE)
+  # Their runtimes need the libraries; there the module is linked like any other.
   target_link_options(hx_freestanding INTERFACE -nostdlib)
 endif()
 

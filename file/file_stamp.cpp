@@ -13,9 +13,12 @@ FileStamp stampOf(FileHandle* file) {
   return stamp;
 }
 
+bool isKnown(const FileStamp& stamp) {
+  return stamp.length != kNoStamp;
+}
+
 bool sameStamp(const FileStamp& a, const FileStamp& b) {
-  return a.length != kNoStamp && a.length == b.length &&
-         equalBytes(a.header, b.header, sizeof(a.header));
+  return isKnown(a) && a.length == b.length && equalBytes(a.header, b.header, sizeof(a.header));
 }
 
 }  // namespace hx

@@ -7,9 +7,10 @@
 namespace hx {
 
 // The file's header and length as they are now. A file that can't be read gives a stamp that
-// matches none.
+// matches none and is not known.
 FileStamp stampOf(FileHandle* file);
 
+bool isKnown(const FileStamp& stamp);
 bool sameStamp(const FileStamp& a, const FileStamp& b);
 
 }  // namespace hx

@@ -112,16 +112,19 @@ class StoreOpener {
       FileGuard file(openStoreFile(instance_, name_, accessMode));
       if (file.get() == nullptr) return fail(kFileNotOpen);
       if (!store->hasHadFile && holdsStore(file.get())) return fail(kFileNotOpen);
-      if (describes(store, file.get())) return adopt(store, file.release(), accessMode);
+      const FileStamp stamp = stampOf(file.get());
+      if (describes(store, stamp)) return adopt(store, file.release(), accessMode);
+      // A file that can't be read just now says nothing against the tree, which may hold bytes that
+      // no file has.
+      if (isWhole(store) && !isKnown(stamp) && holdsStore(file.get())) return fail(kFileNotOpen);
     }
     if (store->openHandles != 0) return fail(kStoreInUse);
     dropStore(store);
     return openUncached();
   }
 
-  static bool describes(const Store* store, FileHandle* file) {
-    if (!store->hasHadFile) return true;
-    return isWhole(store) && sameStamp(stampOf(file), store->stamp);
+  static bool describes(const Store* store, const FileStamp& stamp) {
+    return !store->hasHadFile || (isWhole(store) && sameStamp(stamp, store->stamp));
   }
 
   static Store* adopt(Store* store, FileHandle* file, int32_t accessMode) {

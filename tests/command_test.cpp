@@ -465,7 +465,8 @@ TEST_F(CommandTest, SaysTheSameOfItsOptionsEverywhere) {
     const std::size_t usage = manual.find(".B hxcrate " + command + "\n");
     const std::size_t end = std::min(manual.find("\n.br", usage), manual.find("\n.SH", usage));
     EXPECT_EQ(findAll(manual.substr(usage, end - usage), " (-[^ \n]+)"), options);
-    expectRun(0, {command}, "", "bash -c '. " HX_SOURCE_DIR "/tool/completion.bash; _hxcrate_options $1'");
+    expectRun(0, {command}, "",
+              "bash -c '. " HX_SOURCE_DIR "/tool/completion.bash; _hxcrate_options $1'");
     EXPECT_EQ(out_, join(options, "") + "\n");
   }
 }

@@ -4,7 +4,7 @@
 
 #include <algorithm>
 #include <cstring>
-#include <unordered_set>
+#include <unordered_map>
 
 namespace hx::fake {
 
@@ -40,26 +40,36 @@ struct FakePool : Counted<Pool, FakePool> {
     Pool::free = [](Pool* pool, void* block) { static_cast<FakePool*>(pool)->takeBack(block); };
   }
   ~FakePool() {
-    for (void* block : blocks)
-      std::free(block);
+    for (const auto& [block, size] : blocks)
+      std::free(const_cast<void*>(block));
   }
 
   void* give(uint64_t size) {
     if (host->takeFault(kAllocateFault)) return nullptr;
     void* block = std::calloc(1, size);
     const std::lock_guard lock(mutex);
-    blocks.insert(block);
+    blocks.emplace(block, size);
+    inUse += size;
+    most = std::max(most, inUse);
     return block;
   }
 
   void takeBack(void* block) {
     const std::lock_guard lock(mutex);
-    if (blocks.erase(block) == 1) return std::free(block);
-    ADD_FAILURE() << "not a block of this pool, or freed before";
+    const auto found = blocks.find(block);
+    if (found == blocks.end()) {
+      ADD_FAILURE() << "not a block of this pool, or freed before";
+      return;
+    }
+    inUse -= found->second;
+    blocks.erase(found);
+    std::free(block);
   }
 
   std::mutex mutex;
-  std::unordered_set<void*> blocks;
+  std::unordered_map<const void*, uint64_t> blocks;  // and their sizes
+  uint64_t inUse = 0;
+  uint64_t most = 0;
 };
 
 struct FakeLock : Counted<Lock, FakeLock> {
@@ -90,9 +100,10 @@ struct FakeConverter : Counted<Converter, FakeConverter> {
     ++host->liveConverters;
     convertRecord = [](Converter* converter, const void* map, const void* record, int64_t length,
                        void* out, int64_t) -> int32_t {
+      auto* fake = static_cast<FakeConverter*>(converter);
+      if (fake->host->takeFault(kRecordFault)) return 7;
       std::memcpy(out, record, static_cast<size_t>(length));
-      static_cast<FakeConverter*>(converter)->turn(static_cast<const RecordMapEntry*>(map),
-                                                   static_cast<uint8_t*>(out), length);
+      fake->turn(static_cast<const RecordMapEntry*>(map), static_cast<uint8_t*>(out), length);
       return 0;
     };
     convert = [](Converter* converter, void*, const void* stored, int64_t storedLength,
@@ -142,7 +153,7 @@ struct FakeEncoding : Counted<Encoding, FakeEncoding> {
                        const void* to) -> Converter* {
       auto* made = static_cast<FakeEncoding*>(encoding)->host;
       EXPECT_NE(heldLock, nullptr) << "a converter is made without the lock";
-      made->note("make converter");
+      made->note("make_converter");
       const bool fromBig = isIdentity(from, true);
       const bool toBig = isIdentity(to, true);
       const bool areKnown =
@@ -158,7 +169,7 @@ struct FakeEncoding : Counted<Encoding, FakeEncoding> {
 };
 
 Path pathOf(const char32_t* path, int64_t length) {
-  return length == 0 ? Path() : Path(path, static_cast<size_t>(length));
+  return length == 0 ? Path() : Path(path, path + length);
 }
 
 }  // namespace
@@ -183,8 +194,8 @@ struct FakeFile : FileHandle {
       file->position = static_cast<size_t>(*to);
       return 0;
     };
-    const Path full = U"/full/" + named;
-    full.copy(path, HX_PATH_CAPACITY);
+    const Path full = "/full/" + named;
+    std::copy(full.begin(), full.end(), path);
     pathLength = static_cast<int32_t>(full.size());
   }
 
@@ -194,7 +205,9 @@ struct FakeFile : FileHandle {
     EXPECT_NE(heldLock, nullptr) << "a file is used without the lock";
     const bool now = host->takeFault(kind);
     failed = failed || now;
-    return now;
+    // What the file would look like is not known any more.
+    hasLost = hasLost || (now && canWrite && kind != kReadFault);
+    return now || (hasLost && kind != kCloseFault);
   }
 
   bool deliver(ReadRequest* request) {
@@ -202,6 +215,7 @@ struct FakeFile : FileHandle {
     if (fails(kReadFault) || position >= bytes->size() || request->count <= 0) return false;
     const auto left = static_cast<int64_t>(bytes->size() - position);
     request->count = std::min({request->count, left, host->longestRead});
+    if (host->takeFault(kShortReadFault)) request->count = 1;
     const auto count = static_cast<size_t>(request->count);
     std::memcpy(request->destination, bytes->data() + position, count);
     position += count;
@@ -233,6 +247,7 @@ struct FakeFile : FileHandle {
   size_t position = 0;
   bool canWrite;
   bool failed = false;
+  bool hasLost = false;  // bytes that were to be written
   bool closed = false;
 };
 
@@ -270,7 +285,7 @@ FakeHost::FakeHost() : HostHandle{} {
     return makeService<FakePool>(host, "create pool");
   };
   loadExtension = [](HostHandle* host, const char32_t* name, int64_t length, int64_t) -> void* {
-    if (pathOf(name, length) == U"hxfio") return makeService<FakeFileIo>(host, "load hxfio");
+    if (pathOf(name, length) == "hxfio") return makeService<FakeFileIo>(host, "load hxfio");
     const bool isKnown = static_cast<FakeHost*>(host)->knowsEncodings;
     return makeService<FakeEncoding>(host, "load hxmok", isKnown);
   };
@@ -282,9 +297,11 @@ FakeHost::~FakeHost() {
     EXPECT_TRUE(handle->closed) << "a file is left open";
 }
 
-void FakeHost::fail(uint32_t kinds, int nth, bool forEver) {
+void FakeHost::fail(uint32_t kinds, int nth, bool forEver, int second) {
   faultKinds_ = kinds;
-  callsToFault_ = nth;
+  calls_ = 0;
+  nth_ = nth;
+  second_ = second;
   forEver_ = forEver;
   fired_ = 0;
 }
@@ -293,8 +310,8 @@ bool FakeHost::takeFault(FaultKind kind) {
   // Relaxed, so that asking orders no threads: that would hide the module's races.
   if ((faultKinds_.load(std::memory_order_relaxed) & kind) == 0) return false;
   const std::lock_guard lock(mutex_);
-  --callsToFault_;
-  const bool fires = forEver_ ? callsToFault_ <= 0 : callsToFault_ == 0;
+  ++calls_;
+  const bool fires = forEver_ ? calls_ >= nth_ : calls_ == nth_ || calls_ == second_;
   fired_ += fires ? 1 : 0;
   return fires;
 }
@@ -326,14 +343,22 @@ int64_t FakeHost::blocksIn(const Pool* pool) {
   return static_cast<int64_t>(static_cast<const FakePool*>(pool)->blocks.size());
 }
 
+int64_t FakeHost::mostBytesIn(const Pool* pool) {
+  return static_cast<int64_t>(static_cast<const FakePool*>(pool)->most);
+}
+
+bool FakeHost::holds(const Pool* pool, const void* block) {
+  return static_cast<const FakePool*>(pool)->blocks.count(block) != 0;
+}
+
 std::string FakeHost::log() const {
   std::string all;
   for (const Event& event : events)
-    all += (all.empty() ? "" : ", ") + event.what;
+    all += (all.empty() ? "" : ", ") + std::string(event.what);
   return all;
 }
 
-int64_t FakeHost::count(const std::string& what, int64_t length) const {
+int64_t FakeHost::count(std::string_view what, int64_t length) const {
   return std::count_if(events.begin(), events.end(), [&](const Event& event) {
     return what == event.what && (length < 0 || length == event.length);
   });

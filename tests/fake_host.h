@@ -10,6 +10,7 @@
 #include <mutex>
 #include <set>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "host/encoding.h"
@@ -19,7 +20,7 @@
 namespace hx::fake {
 
 using Bytes = std::vector<uint8_t>;
-using Path = std::u32string;
+using Path = std::string;  // one byte a character
 using Disk = std::map<Path, Bytes>;
 
 // What can fail; kinds combine.
@@ -32,17 +33,20 @@ enum FaultKind : uint32_t {
   kWriteFault = 16,
   kSeekFault = 32,
   kRemoveFault = 64,
-  kFileFault = kOpenFault | kReadFault | kWriteFault | kSeekFault | kRemoveFault,
   kMakeConverterFault = 128,
   kMeasureFault = 256,
   kConvertFault = 512,
-  kServiceFault = 1024,  // pools, locks and extensions
-  kCloseFault = 2048,    // an update that can not be made durable
+  kServiceFault = 1024,    // pools, locks and extensions
+  kCloseFault = 2048,      // an update that can not be made durable
+  kRecordFault = 4096,     // a record that is left unconverted
+  kShortReadFault = 8192,  // a read that delivers one byte
+  kFileFault = kOpenFault | kReadFault | kWriteFault | kSeekFault | kRemoveFault | kCloseFault,
+  kAnyFault = 0xffffffff & ~kServiceFault,
 };
 
 // One call as the host saw it. `offset` is a file position, or the access mode of an open.
 struct Event {
-  std::string what;
+  const char* what;
   int64_t offset;
   int64_t length;
 };
@@ -54,10 +58,11 @@ class FakeHost : public HostHandle {
   FakeHost();
   ~FakeHost();  // complains about whatever is still alive
 
-  // The nth call of these kinds from now on fails, and with `forEver` all after it.
-  void fail(uint32_t kinds, int nth, bool forEver = false);
+  // The nth call of these kinds from now on fails, and with `forEver` all after it; unless 0, the
+  // `second` one does too.
+  void fail(uint32_t kinds, int nth, bool forEver = false, int second = 0);
   void stopFailing() { fail(kNoFault, 0); }
-  bool hasFired() const { return fired_ > 0; }
+  int fired() const { return fired_; }
 
   bool hasFile(const Path& path) const { return files_.count(path) != 0; }
   Bytes& file(const Path& path);  // made when absent
@@ -66,11 +71,13 @@ class FakeHost : public HostHandle {
   std::set<Path> undone;  // whose last update failed somewhere and was taken back by its close
 
   static int64_t blocksIn(const Pool* pool);
+  static int64_t mostBytesIn(const Pool* pool);  // in use at one moment
+  static bool holds(const Pool* pool, const void* block);
   Pool* makePool() { return createPool(this, Bytes(24).data(), 0, "Pool"); }
 
   std::vector<Event> events;  // services, files and converters in the order of their calls
   std::string log() const;
-  int64_t count(const std::string& what, int64_t length = -1) const;
+  int64_t count(std::string_view what, int64_t length = -1) const;
 
   int64_t longestRead = INT64_MAX;  // a read delivers at most this many bytes
   int32_t removeResult = 0;         // nonzero: what `remove` answers, leaving the file alone
@@ -88,9 +95,11 @@ class FakeHost : public HostHandle {
  private:
   std::mutex mutex_;
   std::atomic<uint32_t> faultKinds_{0};
-  int callsToFault_ = 0;
+  int calls_ = 0;  // of those kinds
+  int nth_ = 0;
+  int second_ = 0;
   bool forEver_ = false;
-  int fired_ = 0;
+  std::atomic<int> fired_{0};
   std::map<Path, std::shared_ptr<Bytes>> files_;
   std::vector<std::unique_ptr<FakeFile>> handles_;  // closed ones too, to catch a late use
 };

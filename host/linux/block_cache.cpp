@@ -14,9 +14,13 @@ constexpr int64_t kLargestBlock = 256 * 1024;
 constexpr int64_t kFewestFrames = 4;
 constexpr int64_t kMostFrames = 256;  // they are searched one by one
 
-// A first read takes a record and its page of 4 KiB: a system call costs about as much as copying
-// as many bytes.
-constexpr int64_t kFirstRead = 4608;
+// A first read takes a record and the bytes of a small item: most of what is read in random order
+// comes from pages of the system's cache that are in no processor's, and every line of them counts.
+constexpr int64_t kFirstRead = 1024;
+
+// Reading goes on while it skips no more than this, or no more than is known: so does a walk over
+// the records of pages of 4 KiB.
+constexpr int64_t kShortSkip = 8192;
 
 // A stretch that is read on grows by this multiple of itself.
 constexpr int64_t kGrowth = 4;
@@ -145,8 +149,8 @@ bool BlockCache::load(Frame& frame, int64_t from, int64_t to) {
     known = stretchBefore(frame);
     skipped = from;
   }
-  // Reading goes on while it skips no more than is known, as a walk over the records of pages does.
-  if (!frame.isDirty() && skipped > known) {
+  const bool goesOn = known > 0 && skipped <= std::max(known, kShortSkip);
+  if (!frame.isDirty() && !goesOn) {
     frame.restartAt(from);
     known = 0;
   }

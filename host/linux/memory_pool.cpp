@@ -32,7 +32,7 @@ namespace {
 
 constexpr uint64_t kAlignment = 16;
 constexpr uint64_t kFirstChunk = 1 << 16;
-constexpr uint64_t kLargestChunk = 1 << 20;
+constexpr uint64_t kLargestChunk = 1 << 23;
 constexpr uint64_t kLargestBlock = uint64_t{1} << 46;  // below it no sum of sizes overflows
 constexpr uint64_t kLargestCell = kUnderAddressSanitizer ? 0 : 1 << 18;
 

@@ -1,6 +1,6 @@
 // The memory pool of host/kernel.h.
 //
-// Small blocks are cells carved from chunks of 64 KiB, the first, to 1 MiB. A size is rounded up to
+// Small blocks are cells carved from chunks of 64 KiB, the first, to 8 MiB. A size is rounded up to
 // one of a fixed set of cell sizes, and a freed cell waits in the list of its size; a cell costs 8
 // bytes beside its block. Blocks above 256 KiB are mapped one by one and go back to the system when
 // they are freed. Under AddressSanitizer every block comes from `calloc`, so that each has its own

@@ -36,7 +36,7 @@ void* mapHugePages(size_t bytes) {
 
 void* takeSystemMemory(size_t bytes, Touch touch) noexcept {
   if (kUnderAddressSanitizer) return std::calloc(1, bytes);
-  if (touch == Touch::onUse && bytes >= kHugeFrom) return mapHugePages(bytes);
+  if (bytes >= (touch == Touch::now ? kHugePage : kHugeFrom)) return mapHugePages(bytes);
   return mapMemory(bytes, touch == Touch::now ? MAP_POPULATE : 0);
 }
 

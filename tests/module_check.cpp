@@ -1,0 +1,99 @@
+// What holds of the records in memory after every step.
+#include <algorithm>
+
+#include "store/name.h"
+#include "tests/module_world.h"
+
+namespace hx::fake {
+
+namespace {
+
+using Handles = std::vector<Handle>;
+
+void checkPages(const ItemMember* item) {
+  const Store* root = item->parent->root;
+  const bool isOnlyCopy = (root->flags & kNoFileStore) != 0 && !root->hasHadFile;
+  int32_t index = -1;
+  for (const PageBuf* page = item->firstPage; page != nullptr; page = page->next) {
+    EXPECT_GT(page->index, index) << "pages do not rise";
+    EXPECT_TRUE(!isOnlyCopy || page->index == index + 1) << "the only copy of a page is gone";
+    EXPECT_TRUE(page->buffer != nullptr && page->useCount >= 0);
+    EXPECT_TRUE(page->next != nullptr || item->lastPage == page);
+    index = page->index;
+  }
+}
+
+void checkHandle(const ItemHandle* handle, const Handles& handles) {
+  const ItemMember* item = handle->item;
+  const PageBuf* page = item->firstPage;
+  while (page != nullptr && page != handle->page)
+    page = page->next;
+  ASSERT_NE(page, nullptr) << "a handle stands on a page that is not in the list";
+  // A reader that closed leaves its count on the page, so there may be more than are standing.
+  const auto standsHere = [&](const Handle& other) { return other.raw->page == page; };
+  EXPECT_GE(page->useCount, std::count_if(handles.begin(), handles.end(), standsHere));
+  const int64_t start = int64_t{page->index} * item->parent->root->pageSize;
+  EXPECT_GE(handle->position, start);
+  EXPECT_LE(handle->position, start + item->parent->root->pageSize);
+}
+
+void checkItem(const ItemMember* item, const Handles& handles) {
+  int readers = 0;
+  int writers = 0;
+  for (const auto& [name, handle] : handles) {
+    if (handle->item != item) continue;
+    if (handle->page != nullptr) checkHandle(handle, handles);
+    readers += handle->access == kRead ? 1 : 0;
+    writers += handle->access == kUpdate ? 1 : 0;
+  }
+  EXPECT_EQ(item->openCount, writers != 0 ? -writers : readers);
+  checkPages(item);
+}
+
+void checkMembers(const Store* store, const Handles& handles) {
+  checkIndex(store->members, store->memberIndex);
+  for (Member* member : chained(store->members)) {
+    if (member->kind == kItemKind) {
+      EXPECT_EQ(asItem(member)->parent, store);
+      checkItem(asItem(member), handles);
+      continue;
+    }
+    const Store* nested = asStore(member);
+    EXPECT_TRUE(nested->kind == kStoreKind && nested->parent == store);
+    EXPECT_TRUE(nested->root == store->root && nested->file == nullptr);
+    EXPECT_TRUE(nested->openCount >= 0 && nested->openHandles == 0);
+    checkMembers(nested, handles);
+  }
+}
+
+}  // namespace
+
+// The index, if there is one, has the members of the chains, those of one hash in their order.
+void checkIndex(const MemberTable& table, const MemberIndex& index) {
+  const std::vector<Member*> members = chained(table);
+  EXPECT_EQ(members.size(), index.memberCount);
+  if (index.slots == nullptr) return;
+  std::map<uint32_t, std::vector<Member*>> wanted, listed;
+  for (Member* member : members)
+    wanted[hashName(nameOf(member))].push_back(member);
+  uint32_t start = 0;
+  while (index.slots[start].member != nullptr)
+    ++start;
+  for (uint32_t i = 1; i <= index.mask; ++i) {
+    const IndexSlot& slot = index.slots[(start + i) & index.mask];
+    if (slot.member != nullptr) listed[slot.hash].push_back(slot.member);
+  }
+  EXPECT_EQ(listed, wanted);
+}
+
+void checkTree(const Store* root, const Handles& handles) {
+  EXPECT_TRUE(isRoot(root) && root->kind == kStoreKind);
+  EXPECT_TRUE(root->openCount <= 0 || root->file != nullptr);
+  EXPECT_TRUE(root->openCount != 0 || openFile(root) == nullptr) << "closed, but not its file";
+  EXPECT_EQ(root->openHandles, std::count_if(handles.begin(), handles.end(), [&](const auto& h) {
+              return h.raw->item->parent->root == root;
+            }));
+  checkMembers(root, handles);
+}
+
+}  // namespace hx::fake

@@ -1,0 +1,175 @@
+// The entry points, the instance, member tables and the allocator of file space.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include "file/disk_space.h"
+#include "item/write_item.h"
+#include "store/member_table.h"
+#include "store/store_path.h"
+#include "tests/module_world.h"
+
+namespace hx::fake {
+namespace {
+
+TEST(Frame, TheFactoryAcquiresAndReleasesInOrder) {
+  struct Case {
+    uint32_t kind;
+    int nth;
+    const char* log;
+  };
+  for (const Case& c : {Case{kServiceFault, 1, ""},
+                        {kAllocateFault, 1, ", destroy pool"},
+                        {kServiceFault, 2, ", create lock, destroy pool"},
+                        {kServiceFault, 3, ", create lock, load hxfio, destroy lock, destroy pool"},
+                        {kServiceFault, 4,
+                         ", create lock, load hxfio, load hxmok, "
+                         "destroy hxfio, destroy lock, destroy pool"},
+                        {kNoFault, 0,
+                         ", create lock, load hxfio, load hxmok, "
+                         "destroy hxmok, destroy hxfio, destroy lock, destroy pool"}}) {
+    FakeHost host;
+    host.fail(c.kind, c.nth);
+    int64_t major = 0, minor = 0;
+    EXPECT_TRUE(hxmodver(&host, &major, &minor) == 0 && major == 6 && minor == 1);
+    ExtensionInstance* instance = hx::hxcrate();
+    EXPECT_TRUE(instance == nullptr || instance->destroy(instance) == 0);
+    EXPECT_EQ(host.log(), std::string("create pool") + c.log);
+  }
+  hxmodent(nullptr);
+  EXPECT_EQ(hx::hxcrate(), nullptr);
+}
+
+TEST(Frame, VersionsAndTheVersionRecord) {
+  World w;
+  int64_t v[6] = {};
+  w.instance->getRequiredVersion(w.instance, &v[0], &v[1], &v[2]);
+  w.instance->getVersion(w.instance, &v[3], &v[4], &v[5]);
+  EXPECT_EQ(std::vector<int64_t>(v, v + 6), (std::vector<int64_t>{6, 1, 1, 1, 0, 3}));
+  int64_t slots[kVersionSlots + 1] = {};
+  slots[kVersionSlots] = 77;
+  EXPECT_TRUE(hxrelct1(slots) == 0 && slots[kVersionSlots] == 77);
+  const size_t lengths[] = {18, 13, 0, 0, 6, 7, 5, 18, 0, 7, 2, 0, 65, 0, 65, 5, 28};
+  for (int i = 0; i < 17; ++i) {
+    EXPECT_TRUE(i == 3 || std::strlen(reinterpret_cast<const char*>(slots[i])) == lengths[i]) << i;
+  }
+}
+
+TEST(Frame, WithoutEncodingsTheIdentityIsZeroAndHeadersCarryIt) {
+  World w({}, false);
+  w.run("open x UC; put x:a 10; close x");
+  EXPECT_EQ(Bytes(w.image("x").begin(), w.image("x").begin() + 24), Bytes(24));
+  w.run("open x U; get x:a =10; item r x:a R; convert r 5; shut r; close x");
+  World other(w.host.disk());
+  other.run("open x R !13; open y UC; close y");  // nobody converts from an unknown encoding
+  World another(other.host.disk(), false);
+  another.run("open y R !13");
+}
+
+TEST(Frame, PathAndPageSize) {
+  World w;
+  w.run(
+      "open x UC; open x:n UC; page x 8192 !14; open y UC; page y -5; page y 8 !14;"
+      "item h y:a UC !3; open m UCN; page m 0; open m:n UC; page m 8 !14");
+  char32_t path[20] = {};
+  Store* nested = w.find("x:n");
+  for (const auto& [room, copied] : {std::pair{4, 4}, {0, 0}, {-1, 0}, {20, 7}}) {
+    int32_t length = room;
+    EXPECT_TRUE(nested->path(nested, path, &length) == kOk && length == copied);
+  }
+  EXPECT_EQ(std::u32string(path), U"/full/x");
+  int32_t length = 20;
+  EXPECT_TRUE(hxcratePath(w.find("m"), path, &length) == kOk && length == 0);
+}
+
+TEST(Frame, AHostThatDeliversNothingIsNotBelieved) {
+  World w;
+  w.run("open x UC; close x; copy y x");
+  w.host.longestRead = 0;
+  w.run("open y R !1");
+}
+
+// ---- members and space
+
+TEST(Frame, EnumeratesBucketsInOrder) {
+  EXPECT_TRUE(hashName({U"ab", 2}) == 102038009u && hashName({U"abc", 3}) == 1486459893u);
+  EXPECT_EQ(bucketOf({U"a", 1}), 98928 % 63);
+  std::string end = "n";
+  while (bucketOf({widen(end).data(), static_cast<int32_t>(end.size())}) != 62)
+    end = "n" + std::to_string(std::stoi("0" + end.substr(1)) + 1);
+  World w;
+  w.run("open x UC; list x; open x:e UC; put x:y 1; put x:" + end +
+        " 1; put x:a 1; list x a y e/ " + end);
+  char32_t name[8] = {};
+  int32_t length = 0, kind = 0;
+  Store* store = w.find("x");
+  EXPECT_EQ(store->getNextMember(store, U"xy", 2, name, &length, &kind), kOk) << "behind no member";
+  w.run("put x: 3");
+  ItemHandle* nameless = w.instance->openItem(w.instance, store, nullptr, -7, kRead, &w.status);
+  ASSERT_NE(nameless, nullptr) << "a negative length is an empty name";
+  EXPECT_TRUE(nameless->item->size == 3 && nameless->item->close(nameless) == 0);
+}
+
+// Large tables that are searched have an index, unless the pool refuses it; names are found and listed all the same.
+// One name in fifty is cut by the format, so that a loaded table has that name eleven times.
+TEST(Frame, MembersOfALargeTable) {
+  World w;
+  w.run("open x UC; page x 1");
+  for (int i = 0; i < 520; ++i) {
+    if (i == 257) w.host.fail(kAllocateFault, 1);
+    const std::string item = "x:" + std::string(i % 50 == 0 ? "c*64" : "") + std::to_string(i);
+    w.run("put " + item + " 1; get " + item);
+    EXPECT_EQ(w.host.fired() != 0, i >= 257);
+  }
+  w.run("close x");
+  World other(w.host.disk());
+  other.run("open x R; get x:77 =1; list x =510");
+  EXPECT_NE(other.find("x")->memberIndex.slots, nullptr);
+}
+
+TEST(Frame, StoresLeaveALargeTable) {
+  World w;
+  for (int i = 0; i < 260; ++i)
+    w.run("open s" + std::to_string(i) + " UCN; close s" + std::to_string(i));
+  w.run("delete s77; open s77 R !1");
+}
+
+TEST(Frame, SpaceComesFromReleasedExtentsOfTheSameLengthOrTheEnd) {
+  World w;
+  Store* store = w.open("x", "UC");
+  EXPECT_EQ(allocateDiskSpace(w.open("x:n", "UC"), 4096), 40);
+  releaseDiskSpace(store, 1000, 24);
+  releaseDiskSpace(store, 2000, 24);
+  for (const auto& [length, offset] : {std::pair{96, 4136}, {24, 2000}, {24, 1000}})
+    EXPECT_EQ(allocateDiskSpace(store, length), offset);
+  EXPECT_EQ(store->freeList, nullptr);
+  w.host.fail(kAllocateFault, 1);
+  releaseDiskSpace(store, 3000, 0);
+  EXPECT_EQ(store->freeList, nullptr) << "forgotten";
+  releaseDiskSpace(store, 3000, 0);
+  releaseDiskSpace(store, 3000, 96);
+  EXPECT_EQ(store->freeList->next, nullptr) << "the empty node is filled";
+  store->freeList->keep = 1;
+  EXPECT_TRUE(allocateDiskSpace(store, 96) == 3000 && store->freeList->length == 0);
+  releaseDiskSpace(store, 5000, 24);
+}
+
+TEST(Frame, AnItemEndsAtItsLimit) {
+  World w;
+  w.run("open m UCN; item w m:a UC");
+  ItemHandle* writer = w.handle("w");
+  // As if it had been written that far.
+  writer->item->size = writer->position = INT32_MAX - 5;
+  writer->page->index = writer->position / 4096;
+  const std::string bytes(10, 'x');
+  for (const int32_t taken : {5, 0}) {
+    EXPECT_EQ(hxcrateWrite(writer, bytes.data(), 10, &w.status), taken);
+    EXPECT_TRUE(w.status == kNoMemory && writer->item->size == INT32_MAX);
+  }
+  writer->item->size = writer->position = 0;
+  writer->page->index = 0;
+}
+
+}  // namespace
+}  // namespace hx::fake

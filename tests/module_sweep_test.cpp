@@ -1,0 +1,72 @@
+// Items in all sizes around the ends of pages, and sequences of operations that nobody thought of.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+
+#include "tests/image_agreement.h"
+#include "tests/module_world.h"
+#include "tests/operation_sequence.h"
+
+namespace hx::fake {
+namespace {
+
+std::string inPieces(const std::string& verb, int size, int piece) {
+  std::string script;
+  for (int at = 0; at < size; at += piece)
+    script += verb + std::to_string(std::min(piece, size - at)) + ";";
+  return script;
+}
+
+// Written in pieces, added to in a second session, read in pieces by another instance.
+TEST(Sweeps, SizesAroundPageBoundaries) {
+  for (const int page : {1, 2, 7, 4096, 8192}) {
+    for (const int size : {0, 1, page - 1, page, page + 1, 2 * page}) {
+      for (const int piece : {1, 3, page, 5 * page}) {
+        for (const std::string flags : {"", "N"}) {
+          if (size / piece > 100) continue;
+          World w;
+          w.run("open x UC" + flags + "; page x " + std::to_string(page) + "; item w x:a UC;" +
+                inPieces("write w ", size, piece));
+          EXPECT_EQ(w.handle("w")->page->index, size / page) << "never at a full page's end";
+          w.run("shut w; close x; open x U" + flags +
+                "; item w x:a U; write w 3; shut w; close x;"
+                "open x R; item r x:a R;" +
+                inPieces("read r ", size + 3, piece));
+          w.settle();
+        }
+      }
+    }
+  }
+}
+
+TEST(Sweeps, RandomOperations) {
+  uint32_t random = 1;
+  std::vector<uint8_t> bytes(100);
+  for (int sequence = 0; sequence < 300 && !HasFailure(); ++sequence) {
+    SCOPED_TRACE(sequence);
+    for (uint8_t& byte : bytes)
+      byte = static_cast<uint8_t>((random = random * 1664525 + 1013904223) >> 24);
+    expectSoundLife(bytes);
+  }
+}
+
+TEST(Sweeps, TheFuzzersCorpora) {
+  for (const auto& [corpus, use] :
+       {std::pair("image", &expectAgreement), std::pair("operations", &expectSoundLife)}) {
+    int inputs = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(
+             std::string(HX_SOURCE_DIR "/tests/corpus/") + corpus)) {
+      SCOPED_TRACE(entry.path());
+      std::ifstream stream(entry.path(), std::ios::binary);
+      const std::vector<char> input{std::istreambuf_iterator<char>(stream), {}};
+      use({reinterpret_cast<const uint8_t*>(input.data()), input.size()});
+      ++inputs;
+    }
+    EXPECT_GE(inputs, 8) << "the corpus is missing: " << corpus;
+  }
+}
+
+}  // namespace
+}  // namespace hx::fake

@@ -1,0 +1,153 @@
+// One instance of the module on a fake host, told what to do by scripts, with a model beside it
+// that knows what every store must hold. All tests of the module, the fault matrix and the fuzzer
+// of operations run on it.
+//
+// A script is statements with ";" between them. Stores and items are named by a reference: "x" is
+// the store at the path x (a capital letter names a blob), "x:n/a" the path n/a inside it, "x:n:a"
+// the path a inside its nested store n, ":x/a" the path x/a inside no store. "c*63" stands for 63
+// times c. Flags are letters: Read, Update, Create, rePlace, eXclusive, No file, "-" for none.
+//
+//   open REF FLAGS    its number: the openCount that comes of it
+//   item H REF FLAGS  opens an item with the handle H; number: the item's openCount
+//   write H N, read H N, convert H N   number: the bytes taken or delivered
+//   shut H            number: the lock's answer
+//   put REF N, get REF                 create or extend an item, read all of one; number: bytes
+//   close REF, delete REF, page REF N (sets the page size)
+//   list REF NAME...  the names in this order, with "/" behind a store's; or any, when none is
+//   given tree REF          everything in a store, compared with the model blob REF B, load B FLAGS
+//   make a blob of a store; open a store from a blob copy TO FROM, foreign TO FROM      between
+//   files and blobs; foreign: as the other machine's size PATH         number: the file's length,
+//   -1 without a file grow PATH N       N bytes more at a file's end pages H           number:
+//   pages of the item in memory mark, count CALL [LENGTH]          calls of the host since the
+//   mark, by name and length fail KIND N [M | *]                the host's Nth call fails, and the
+//   Mth, or all after it heal, refuse N    no more failures; what the host answers to removing
+//
+// Each statement succeeds, reads or writes all it is told to, and has the number that follows it as
+// "=N"; with "!N" it ends with the status -N. An item's bytes follow from its name and their place,
+// so every byte read is compared, whatever else happens.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "module/entry.h"
+#include "store/records.h"
+#include "store/status.h"
+#include "tests/fake_host.h"
+#include "tests/module_image.h"
+
+namespace hx::fake {
+
+using Words = std::vector<std::string>;
+using Sizes = std::map<std::string, int32_t>;  // of items by their paths; nested stores end in "/"
+
+template <typename Record>
+std::string narrow(const Record* named) {
+  return {named->name, named->name + named->nameLength};
+}
+
+// The path of an item or a nested store inside its tree, and the tree's own name.
+template <typename Record>
+std::string pathOf(const Record* member) {
+  std::string path = narrow(member);
+  for (const Store* store = member->parent; store->parent != nullptr; store = store->parent)
+    path = narrow(store) + "/" + path;
+  return path;
+}
+
+inline bool isForeign(const Store* store) {
+  const EncodingId& own = store->extension->encodingId;
+  return std::memcmp(&own, &store->encodingId, sizeof(own)) != 0;
+}
+
+// The byte of an item at a place.
+char byteAt(const ItemMember* item, int64_t place);
+// The members of a table in the order of their chains.
+std::vector<Member*> chained(const MemberTable& table);
+uint32_t flagsOf(const std::string& letters);
+std::u32string widen(const std::string& word);
+
+struct Handle {
+  std::string name;
+  ItemHandle* raw;
+};
+
+class World {
+ public:
+  // An instance on a host that has these files, whose contents are not known.
+  explicit World(const Disk& disk = {}, bool knowsEncodings = true);
+  // Closes what is open, deletes every store and expects an empty pool.
+  ~World();
+  World(const World&) = delete;
+  World& operator=(const World&) = delete;
+
+  // Every outcome as the script says.
+  void run(const std::string& script);
+  // Any outcome that is documented; what can't be begun is left out.
+  void tryToRun(const std::string& script);
+  // Ends all failures and opens, and compares every file, as this instance and as a new one sees
+  // it, with what was written to it last.
+  void settle(bool comparesTrees = true);
+
+  Store* find(const std::string& ref);
+  Store* open(const std::string& ref, const std::string& flags);  // null: with a test failure
+  ItemHandle* handle(const std::string& name);
+  Bytes& image(const std::string& name);  // of a file or a blob
+  Sizes contents(Store* store);           // reads everything
+  bool hasHandles() const { return !handles_.empty(); }
+  int64_t blocks() const { return FakeHost::blocksIn(instance->pool); }
+  void closeAll();
+
+  FakeHost host;
+  ExtensionInstance* instance = nullptr;
+  int32_t status = kOk;
+  int64_t number = 0;
+  std::optional<int32_t> firstOutcome;  // the status of the statement in which a call failed first
+
+ private:
+  using Verb = void (World::*)(const Words&);
+  static const std::map<std::string, Verb> kVerbs;
+  void step(const std::string& statement, bool isStrict);
+  void skip() { status = 1; }
+  void noteOpening(const std::string& path, uint32_t flags, bool existed, bool succeeded);
+  void openStore(const Words& words);
+  void closeStore(const Words& words);
+  void deleteStore(const Words& words);
+  bool forgetDropped(const std::string& ref, const Store* store);
+  void openItem(const Words& words);
+  void write(const Words& words);
+  void read(const Words& words);
+  void shut(const Words& words);
+  void put(const Words& words);
+  void get(const Words& words);
+  void list(const Words& words);
+  void tree(const Words& words);
+  void makeBlob(const Words& words);
+  void loadBlob(const Words& words);
+  bool isQuiet(const std::string& name);
+  void copy(const Words& words);
+  void ask(const Words& words);      // size, pages, count
+  void arrange(const Words& words);  // page, grow, mark, fail, heal, refuse
+  void addContents(Store* store, const std::string& prefix, Sizes& sizes);
+  void check() const;
+
+  bool isStrict_ = true;
+  std::vector<Handle> handles_;
+  std::map<std::string, Store*> blobStores_;
+  std::map<std::string, Bytes> blobs_;
+  std::map<std::string, Sizes> now_;    // of every store that is cached or open, and of every blob
+  std::map<std::string, Sizes> saved_;  // of every file
+  std::set<std::string> unknown_;       // files with contents that the model does not know
+  std::set<std::string> stale_;         // whose file is not as the tree in memory says
+};
+
+// Complains where the records of a tree contradict each other or the handles that are open.
+void checkTree(const Store* root, const std::vector<Handle>& handles);
+void checkIndex(const MemberTable& table, const MemberIndex& index);
+
+}  // namespace hx::fake
