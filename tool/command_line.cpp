@@ -47,6 +47,8 @@ CommandLine::CommandLine()
   app_.set_version_flag("--version", "hxcrate " + std::string(hxcrate::version()));
   app_.footer(kFooter);
   app_.get_formatter()->column_width(kOptionColumn);
+  app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
+  app_.get_formatter()->label("Positionals", "Arguments");
   for (const char* noise : {"TEXT", "INT", "UINT", "REQUIRED"})
     app_.get_formatter()->label(noise, "");
 }

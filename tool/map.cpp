@@ -90,7 +90,10 @@ class TextMap {
     output_.write("\n");
     for (std::size_t kind = 0; kind < hxcrate::kByteKinds; ++kind) {
       const auto name = std::string(nameOf(static_cast<ByteKind>(kind)));
-      output_.write(alignRight(map_.totals()[kind]) + "  " + kLooks[kind].letter + "  " + name +
+      const std::string letter(1, kLooks[kind].letter);
+      const bool isColoured = output_.isTerminal();
+      output_.write(alignRight(map_.totals()[kind]) + "  " +
+                    (isColoured ? kLooks[kind].colour + letter + "\x1b[0m" : letter) + "  " + name +
                     (name == kLooks[kind].meaning ? "" : std::string(", ") + kLooks[kind].meaning) +
                     "\n");
     }
