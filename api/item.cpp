@@ -127,6 +127,7 @@ void Writer::write(std::span<const std::byte> bytes) {
   if (bytes.size() > static_cast<std::size_t>(kItemCapacity - item->position)) {
     refuse(Errc::itemFull, "");
   }
+  if (bytes.empty()) return;  // the module would write the page again for nothing
   std::int32_t status = hx::kOk;
   item->item->write(item, bytes.data(), static_cast<std::int32_t>(bytes.size()), &status);
   if (status != hx::kOk) fail(status);

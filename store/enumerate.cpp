@@ -10,7 +10,9 @@ namespace {
 
 Member* memberAfter(const Container& members, Name name) {
   if (name.length == 0) return firstMember(members.table);
-  Member* found = findMember(members, name);
+  Member* last = members.index.lastListed;
+  const bool isLast = last != nullptr && equalNames(nameOf(last), name);
+  Member* found = isLast ? last : findMember(members, name);
   if (found != nullptr) return nextMember(members.table, found);
   return firstMember(members.table, bucketOf(name) + 1);
 }
@@ -29,6 +31,7 @@ extern "C" int32_t hxcrateGetNextMember(Store* store, const char32_t* name, int3
   Member* next = memberAfter(members, makeName(name, length));
   while (next != nullptr && !canBeCursor(members, next))
     next = nextMember(members.table, next);
+  members.index.lastListed = next;
   if (next == nullptr) return kNotFound;
   copyBytes(nameOut, next->name, byteCount(nameOf(next)));
   *lengthOut = next->nameLength;

@@ -57,6 +57,7 @@ void removeMember(const Container& container, Member* member) {
   if (*link == nullptr) return;
   *link = member->next;
   --container.index.memberCount;
+  if (container.index.lastListed == member) container.index.lastListed = nullptr;
   removeFromIndex(container.index, member);
 }
 

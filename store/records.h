@@ -57,6 +57,7 @@ struct MemberIndex {
   uint32_t mask;           // the low bits that choose a slot
   uint32_t memberCount;    // in the table, also while there are no slots
   uint32_t chainSearches;  // of a large table, since it might have had slots
+  Member* lastListed;      // by the last enumeration: the next one needs no search for it
 };
 
 struct ExtensionInstance {

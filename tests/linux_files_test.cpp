@@ -139,8 +139,9 @@ class Model {
 
   void write(int64_t position, int64_t count) {
     Bytes bytes(static_cast<size_t>(count));
+    const int64_t values = below(2) == 0 ? 1 : 3;  // often what was there, zeros past the end too
     for (uint8_t& byte : bytes)
-      byte = static_cast<uint8_t>(below(3));  // often what was there
+      byte = static_cast<uint8_t>(below(values));
     ASSERT_TRUE(file_->write(bytes));
     if (count == 0) return;
     bytes_.resize(static_cast<size_t>(std::max(size(), position + count)));

@@ -107,7 +107,9 @@ bool BlockCache::writeWithin(int64_t base, int64_t from, int64_t to, const std::
     if (frame == nullptr || !approach(*frame, from, to)) return false;
   }
   std::byte* place = frame->bytes.get() + from;
-  if (frame->holds(from, to) && std::memcmp(place, bytes, toSize(to - from)) == 0) return true;
+  // Behind the file's end the stretch has zeros, which the file has not: it is to grow by them.
+  const bool isInFile = base + to <= size_ && frame->holds(from, to);
+  if (isInFile && std::memcmp(place, bytes, toSize(to - from)) == 0) return true;
   std::memcpy(place, bytes, toSize(to - from));
   frame->begin = std::min(frame->begin, from);
   frame->end = std::max(frame->end, to);

@@ -23,13 +23,13 @@ struct FileService : hx::FileIo {
       : hx::FileIo{},
         files(std::make_shared<LockedFiles>(options.fileOps, options.durability, options.lockWait)),
         cacheBytesPerFile(options.cacheBytesPerFile),
-        shelf(static_cast<size_t>(BlockCache::blockBytesFor(options.cacheBytesPerFile)),
-              kKeptBytes),
+        shelf(std::make_shared<BlockShelf>(
+            static_cast<size_t>(BlockCache::blockBytesFor(options.cacheBytesPerFile)), kKeptBytes)),
         failures(failureLog) {}
 
   const std::shared_ptr<LockedFiles> files;
   const int64_t cacheBytesPerFile;
-  BlockShelf shelf;
+  const std::shared_ptr<BlockShelf> shelf;
   FailureLog& failures;
 };
 

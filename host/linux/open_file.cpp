@@ -38,8 +38,12 @@ int32_t seekSlot(hx::FileHandle* handle, int64_t* position, int32_t whence, int6
 }  // namespace
 
 OpenFile::OpenFile(LockedFiles& files, FileLease lease, FailureLog& failures,
-                   std::u32string_view fullPath, BlockShelf& shelf, int64_t cacheBytes)
-    : hx::FileHandle{}, disk_(files, std::move(lease), failures), cache_(disk_, shelf, cacheBytes) {
+                   std::u32string_view fullPath, std::shared_ptr<BlockShelf> shelf,
+                   int64_t cacheBytes)
+    : hx::FileHandle{},
+      disk_(files, std::move(lease), failures),
+      shelf_(std::move(shelf)),
+      cache_(disk_, *shelf_, cacheBytes) {
   head = {{'f', 'i', 'l', 'e'}, {}, nullptr, nullptr, nullptr, nullptr};
   close = closeSlot;
   read = readSlot;

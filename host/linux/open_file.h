@@ -1,6 +1,7 @@
 // The file handle of host/file_io.h: a position in a cached file.
 #pragma once
 
+#include <memory>
 #include <string_view>
 
 #include "host/file_io.h"
@@ -19,7 +20,7 @@ class OpenFile : public hx::FileHandle {
   // `fullPath` has at most HX_PATH_CAPACITY characters; see BlockCache for the shelf. Throws
   // std::bad_alloc.
   OpenFile(LockedFiles& files, FileLease lease, FailureLog& failures, std::u32string_view fullPath,
-           BlockShelf& shelf, int64_t cacheBytes);
+           std::shared_ptr<BlockShelf> shelf, int64_t cacheBytes);
 
   // Completes an update, all of it or nothing, and closes the file.
   ~OpenFile();
@@ -30,6 +31,7 @@ class OpenFile : public hx::FileHandle {
 
  private:
   DiskFile disk_;
+  const std::shared_ptr<BlockShelf> shelf_;  // outlives the cache, and the service perhaps
   BlockCache cache_;
   int64_t position_ = 0;
 };

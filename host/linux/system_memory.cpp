@@ -22,7 +22,7 @@ void* mapMemory(size_t bytes, int flags) {
 
 void* mapHugePages(size_t bytes) {
   auto* mapped = static_cast<std::byte*>(mapMemory(bytes + kHugePage, 0));
-  if (mapped == nullptr) return nullptr;
+  if (mapped == nullptr) return mapMemory(bytes, 0);
   const size_t before = (kHugePage - reinterpret_cast<uintptr_t>(mapped) % kHugePage) % kHugePage;
   constexpr size_t kPage = 4096;
   const size_t end = before + (bytes + kPage - 1) / kPage * kPage;
