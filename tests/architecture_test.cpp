@@ -164,8 +164,7 @@ TEST(ArchitectureTest, EveryFileHasANameOfItsOwnAndAModestLength) {
   }
 }
 
-std::set<std::string> listSymbols(const std::string& which) {
-  const std::string command = "nm -D " + which + " '" + HX_MODULE_PATH + "'";
+std::set<std::string> readLastWords(const std::string& command) {
   const std::unique_ptr<FILE, int (*)(FILE*)> pipe(::popen(command.c_str(), "r"), ::pclose);
   std::set<std::string> symbols;
   std::array<char, 512> line{};
@@ -176,6 +175,10 @@ std::set<std::string> listSymbols(const std::string& which) {
     symbols.insert(text.substr(text.rfind(' ') + 1));
   }
   return symbols;
+}
+
+std::set<std::string> listSymbols(const std::string& which) {
+  return readLastWords("nm -D " + which + " '" + HX_MODULE_PATH + "'");
 }
 
 class SymbolTest : public testing::Test {
@@ -189,6 +192,18 @@ TEST_F(SymbolTest, ModuleImportsMemoryCopyAndFillAlone) {
   for (const std::string& symbol : listSymbols("--undefined-only")) {
     const bool isAllowed = symbol == "memcpy" || symbol == "memmove" || symbol == "memset";
     EXPECT_TRUE(isAllowed) << symbol;
+  }
+}
+
+// What a slip of memory must not lead to: a changed return address, a changed table of functions.
+TEST_F(SymbolTest, ProgramsInUserSpaceAreHardened) {
+  for (const std::string path : {HX_COMMAND_PATH, HX_HOST_PATH}) {
+    const auto words = readLastWords("readelf -Wdl --dyn-syms '" + path + "' | tr ' @' '\\n\\n'");
+    std::vector<std::string> wanted = {"GNU_RELRO", "NOW", "__stack_chk_fail"};
+    if (path == HX_COMMAND_PATH) wanted.insert(wanted.end(), {"PIE"});
+    if (path == HX_COMMAND_PATH && HX_RELEASE) wanted.insert(wanted.end(), {"__snprintf_chk"});
+    for (const std::string& word : wanted)
+      EXPECT_EQ(words.count(word), 1u) << path << " lacks " << word;
   }
 }
 

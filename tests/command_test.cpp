@@ -10,9 +10,11 @@
 #include <algorithm>
 #include <hxcrate/crate.hpp>
 #include <map>
+#include <regex>
 #include <vector>
 
 #include "tests/temporary_directory.h"
+#include "tests/unpack_containment.h"
 
 namespace {
 
@@ -139,9 +141,11 @@ TEST_F(CommandTest, PacksAndUnpacksATree) {
   EXPECT_FALSE(hasLeftovers());
 }
 
+// Deeper than a path can be long, where no disk has to keep it.
 TEST_F(CommandTest, GoesAsDeepAsTheTree) {
-  constexpr int kDepth = 3000;
-  int here = ::open(directory_.path().c_str(), O_RDONLY | O_DIRECTORY);
+  constexpr int kDepth = 2100;
+  const TemporaryDirectory memory("/dev/shm");
+  int here = ::open(memory.path().c_str(), O_RDONLY | O_DIRECTORY);
   for (int i = 0; i < kDepth; ++i) {
     const char* name = i == 0 ? "deep" : "d";
     ASSERT_EQ(::mkdirat(here, name, 0777), 0);
@@ -150,9 +154,9 @@ TEST_F(CommandTest, GoesAsDeepAsTheTree) {
     here = next;
   }
   ::close(here);
-  expectRun(0, {"pack", "--in-memory", "x.st", "deep"});
-  expectRun(0, {"unpack", "x.st", "out"});
-  expectRun(0, {"pack", "y.st", "out"});
+  expectRun(0, {"pack", "--in-memory", "x.st", memory / "deep"});
+  expectRun(0, {"unpack", "x.st", memory / "out"});
+  expectRun(0, {"pack", "y.st", memory / "out"});
   expectRun(0, {"ls", "-R", "y.st"});
   EXPECT_EQ(std::count(out_.begin(), out_.end(), '\n'), kDepth - 1);
 }
@@ -214,6 +218,17 @@ TEST_F(CommandTest, LeavesNothingBehindWhenTheDiskIsFull) {
     EXPECT_TRUE(err_.starts_with("hxcrate: x.st: ") && contains(err_, "File too large")) << err_;
     EXPECT_FALSE(fs::exists(directory_ / "x.st") || hasLeftovers());
   }
+}
+
+TEST_F(CommandTest, UnpacksNothingOutsideWhateverTheFileHolds) {
+  int inputs = 0;
+  for (const auto& entry : fs::directory_iterator(HX_SOURCE_DIR "/tests/corpus/unpack")) {
+    const std::string image = readFile(entry.path());
+    const auto* bytes = reinterpret_cast<const std::uint8_t*>(image.data());
+    EXPECT_NO_THROW(hxtest::expectContainedUnpack({bytes, image.size()})) << entry.path();
+    ++inputs;
+  }
+  EXPECT_GE(inputs, 8) << "the corpus is missing";
 }
 
 TEST_F(CommandTest, NeverLeavesTheTargetDirectory) {
@@ -381,6 +396,87 @@ TEST_F(CommandTest, CopiesAreTheSameWhateverTheHistory) {
   expectRun(0, {"diff", "packed/x.st", "x.st"});
   EXPECT_EQ(out_ + err_, "");
   EXPECT_FALSE(hasLeftovers());
+}
+
+TEST_F(CommandTest, CopiesIntoTheOtherByteOrderAndBack) {
+  makeTree("in");
+  expectRun(0, {"pack", "x.st", "in"});
+  fs::create_directory(directory_ / "back");
+  expectRun(0, {"copy", "--encoding", "hxmok1/be/utf-8", "x.st", "be.st"});
+  EXPECT_EQ(readFile(directory_ / "be.st").substr(0, 15), "hxmok1/be/utf-8");
+  expectRun(0, {"diff", "x.st", "be.st"});
+  expectRun(0, {"copy", "be.st", "back/x.st"});
+  EXPECT_EQ(readFile(directory_ / "back/x.st"), readFile(directory_ / "x.st"));
+  expectRun(0, {"copy", "--encoding", "hxmok1/le/utf-8", "be.st", "x2.st"});
+  expectRun(0, {"diff", "x.st", "x2.st"});
+  expectRun(2, {"copy", "--encoding", "ebcdic", "x.st", "no.st"});
+  EXPECT_TRUE(contains(err_, "known are hxmok1/le/utf-8 and hxmok1/be/utf-8")) << err_;
+  EXPECT_FALSE(fs::exists(directory_ / "no.st") || hasLeftovers());
+}
+
+// The journal of an update that was cut off can be read by whom the store can be, and whoever looks
+// at the store next, be it check, finds it as it was.
+TEST_F(CommandTest, UndoesAnUnfinishedUpdateBeforeItLooks) {
+  const std::string path = directory_ / "x.st";
+  makeStore("x.st", {"a"});
+  ::chmod(path.c_str(), 0640);
+  const std::string before = readFile(path);
+  for (const char* command : {"check", "stat", "map", "ls"}) {
+    const auto leaveUnfinished = [&]() noexcept {
+      hxcrate::Session session;
+      hxcrate::Store store = session.open(path, hxcrate::Mode::update);
+      hxcrate::Writer writer = store.create("b");
+      writer.write(makeBytes(8000000));
+      std::_Exit(0);
+    };
+    const pid_t child = ::fork();
+    if (child == 0) leaveUnfinished();
+    ::waitpid(child, nullptr, 0);
+    ASSERT_NE(fs::file_size(path), before.size());
+    EXPECT_EQ(fs::status(path + "-journal").permissions(), fs::perms(0640));
+    expectRun(0, {command, "x.st"});
+    EXPECT_TRUE(readFile(path) == before) << command;
+    EXPECT_FALSE(fs::exists(path + "-journal"));
+  }
+}
+
+// What an expression finds, one group of each match.
+std::vector<std::string> findAll(const std::string& text, const char* expression) {
+  const std::regex wanted(expression);
+  const std::sregex_token_iterator begin(text.begin(), text.end(), wanted, 1);
+  return {begin, std::sregex_token_iterator()};
+}
+
+std::string join(const std::vector<std::string>& words, const std::string& mark) {
+  std::string line;
+  for (const std::string& word : words)
+    line += (line.empty() ? "" : " ") + mark + word + mark;
+  return line;
+}
+
+TEST_F(CommandTest, SaysTheSameOfItsOptionsEverywhere) {
+  const std::string readme = readFile(HX_SOURCE_DIR "/README.md");
+  const std::string completion = readFile(HX_SOURCE_DIR "/tool/completion.bash");
+  std::string manual = readFile(HX_SOURCE_DIR "/tool/hxcrate.1");
+  manual.erase(std::remove(manual.begin(), manual.end(), '\\'), manual.end());
+  expectRun(0, {"--help"});
+  const std::vector<std::string> commands = findAll(out_, "\n  ([a-z]+) ");
+  EXPECT_EQ(findAll(readme, "\n\\| `([a-z]+) [A-Z]"), commands);
+  EXPECT_EQ(findAll(manual, "\n.B hxcrate ([a-z]+)"), commands);
+  EXPECT_TRUE(contains(completion, "commands='" + join(commands, "") + " --help --version'"));
+  for (const std::string& command : commands) {
+    expectRun(0, {command, "--help"});
+    EXPECT_TRUE(contains(out_, "\nExample:\n  hxcrate " + command)) << command;
+    const std::vector<std::string> options = findAll(out_, "\n  (-[0-9a-zA-Z]|--[a-z-]+) ");
+    const std::size_t row = readme.find("\n| `" + command + " ") + 1;
+    EXPECT_EQ(findAll(readme.substr(row, readme.find('\n', row) - row), "`(-[^`]+)`"), options);
+    const std::size_t usage = manual.find(".B hxcrate " + command + "\n");
+    const std::size_t end = std::min(manual.find("\n.br", usage), manual.find("\n.SH", usage));
+    EXPECT_EQ(findAll(manual.substr(usage, end - usage), " (-[^ \n]+)"), options);
+    expectRun(0, {command}, "",
+              "bash -c '. " HX_SOURCE_DIR "/tool/completion.bash; _hxcrate_options $1'");
+    EXPECT_EQ(out_, join(options, "") + "\n");
+  }
 }
 
 TEST_F(CommandTest, TellsHowStoresDiffer) {

@@ -8,6 +8,7 @@
 #include <hxcrate/crate.hpp>
 #include <hxcrate/inspect.hpp>
 #include <map>
+#include <regex>
 
 #include "tests/module_image.h"
 #include "tests/temporary_directory.h"
@@ -224,14 +225,93 @@ TEST(InspectTest, TurnsAFileIntoTheOtherByteOrderAndBack) {
 }
 
 // Runs the command and returns its exit code; `out` gets what it printed.
-int run(const std::string& words, std::string& out) {
-  const std::string command = HX_COMMAND_PATH " " + words + " 2>/dev/null";
+int run(const std::string& words, std::string& out, const std::string& directory = "/") {
+  const std::string command =
+      "cd '" + directory + "' && " HX_COMMAND_PATH " " + words + " 2>/dev/null";
   FILE* pipe = ::popen(command.c_str(), "r");
   out.clear();
   for (int c = 0; (c = std::fgetc(pipe)) != EOF;)
     out += static_cast<char>(c);
   const int status = ::pclose(pipe);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+// Every tag that begins ends, in its turn.
+bool isWellFormed(const std::string& xml) {
+  const std::regex tag("<(/?)([a-z]+)[^<>]*?(/?)>");
+  std::vector<std::string> open;
+  for (std::sregex_iterator i(xml.begin(), xml.end(), tag), end; i != end; ++i) {
+    if ((*i)[1].length() == 0) open.push_back((*i)[2]);
+    if ((*i)[3].length() == 0 && (*i)[1].length() == 0) continue;
+    if (open.empty() || open.back() != (*i)[2]) return false;
+    open.pop_back();
+  }
+  const std::string text = std::regex_replace(xml, tag, "");
+  return open.empty() && text.find_first_of("<>") == std::string::npos;
+}
+
+std::int64_t addAll(const std::string& text, const char* expression) {
+  std::int64_t sum = 0;
+  const std::regex number(expression);
+  for (std::sregex_iterator i(text.begin(), text.end(), number), end; i != end; ++i)
+    sum += std::stoll((*i)[1]);
+  return sum;
+}
+
+TEST(InspectTest, CommandsCountEveryByteOnce) {
+  const hxtest::TemporaryDirectory directory;
+  const std::string path = directory / "x.st";
+  Bytes image = makeImage();
+  const std::int64_t length = static_cast<std::int64_t>(image.size());
+  for (const int code : {0, 1}) {
+    writeFile(path, {image.begin(), image.end()});
+    std::string out;
+    EXPECT_EQ(run("map --json " + path, out), code);
+    EXPECT_EQ(addAll(out, "\"length\": ([0-9]+)"), length);
+    EXPECT_EQ(run("map " + path, out), code);
+    EXPECT_EQ(addAll(out, "\n +([0-9]+)  [Hec#.-]  "), length);
+    EXPECT_EQ(run("map --svg - " + path, out), code);
+    EXPECT_TRUE(isWellFormed(out)) << out;
+    EXPECT_EQ(run("stat --json " + path, out), code);
+    EXPECT_NE(out.find("\"file\": " + std::to_string(length) + "}"), std::string::npos) << out;
+    if (code == 0) {
+      EXPECT_TRUE(out.starts_with("{\"store\": \"" + path +
+                                  "\", \"name\": \"x.st\", \"encoding\": \"hxmok1/le/utf-8\", "
+                                  "\"pageSize\": 100, \"stores\": 4, \"items\": 8, \"depth\": 3, "
+                                  "\"largest\": {\"path\": \"z\", \"size\": 333}, \"bytes\": "))
+          << out;
+    }
+    if (code == 0) put(image, chunkOf(image, "z"), &DataChunk::next, -5);
+  }
+}
+
+TEST(InspectTest, CommandsAnswerWithTheRightExitCode) {
+  const hxtest::TemporaryDirectory directory;
+  const Bytes image = makeImage();
+  writeFile(directory / "x.st", {image.begin(), image.end()});
+  writeFile(directory / "short", "no store");
+  writeFile(directory / "unknown", "??" + std::string(image.begin() + 2, image.end()));
+  const std::pair<const char*, int> cases[] = {
+      {"salvage x.st new.st", 0},
+      {"salvage x.st new.st", 4},
+      {"salvage absent no.st", 4},
+      {"salvage short no.st", 4},
+      {"salvage unknown no.st", 4},
+      {"salvage --encoding hxmok1/le/utf-8 unknown told.st", 0},
+      {"salvage --encoding other unknown no.st", 2},
+      {"salvage --page-size 0 x.st no.st", 2},
+      {"salvage x.st absent/no.st", 4},
+      {"check short", 4},
+      {"stat unknown", 4},
+      {"map --svg x.st x.st", 3},
+  };
+  for (const auto& [words, code] : cases) {
+    std::string out;
+    EXPECT_EQ(run(words, out, directory.path()), code) << words;
+    EXPECT_EQ(out, "") << words;
+    EXPECT_FALSE(std::filesystem::exists(directory / "no.st")) << words;
+  }
+  EXPECT_EQ(readContents(directory / "told.st"), kTree);
 }
 
 struct Loss {

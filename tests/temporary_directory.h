@@ -13,8 +13,12 @@ namespace hxtest {
 
 class TemporaryDirectory {
  public:
-  TemporaryDirectory() {
-    std::string name = (std::filesystem::temp_directory_path() / "hxtest-XXXXXX").string();
+  TemporaryDirectory() : TemporaryDirectory("") {}
+  // In the directory `wanted`, if that is there.
+  explicit TemporaryDirectory(const std::filesystem::path& wanted) {
+    namespace fs = std::filesystem;
+    const fs::path where = fs::is_directory(wanted) ? wanted : fs::temp_directory_path();
+    std::string name = (where / "hxtest-XXXXXX").string();
     if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary directory");
     path_ = std::filesystem::canonical(name);
   }

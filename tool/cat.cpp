@@ -1,6 +1,5 @@
 // hxcrate cat: the bytes of items.
 
-#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -44,8 +43,7 @@ class Printer {
 
  private:
   void printItem(hxcrate::Reader reader) {
-    const std::int64_t skipped = std::min(options_.offset, reader.size());
-    pump_.move(skipped, takeFrom(reader), [](std::span<const std::byte>) {});
+    reader.skip(static_cast<std::size_t>(options_.offset));
     pump_.move(options_.length, takeFrom(reader),
                [&](std::span<const std::byte> bytes) { output_.write(bytes); });
   }

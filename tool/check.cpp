@@ -111,13 +111,19 @@ ExitCode check(const CheckOptions& options) {
 
 void addCheck(CommandLine& line) {
   const auto options = std::make_shared<CheckOptions>();
-  CLI::App& words = line.add("check", "Look for damage in a store",
+  CLI::App& words = line.add("check", "Look for damage in STORE",
                              "  hxcrate check docs.st\n"
                              "  hxcrate check --quick --json docs.st",
                              [options] { return check(*options); });
+  explain(words,
+          "Prints a line for each rule of the format that is broken:\n"
+          "  OFFSET PLACE: SEVERITY: what was found\n"
+          "OFFSET is a byte of the file, PLACE a member; / is the store as a whole. An error\n"
+          "means that bytes are lost or wrong, or would be after the next update (exit code 1);\n"
+          "a warning, what no writer leaves and no reader needs; a note, that nothing is wrong.");
   addStore(words, options->store);
   words.add_flag("--quick", options->quick, "the directory only, not the items' pages");
-  words.add_flag("--json", options->asJson, "print a JSON object");
+  words.add_flag("--json", options->asJson, "as JSON");
 }
 
 }  // namespace tool

@@ -47,6 +47,8 @@ CommandLine::CommandLine()
   app_.set_version_flag("--version", "hxcrate " + std::string(hxcrate::version()));
   app_.footer(kFooter);
   app_.get_formatter()->column_width(kOptionColumn);
+  app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
+  app_.get_formatter()->label("Positionals", "Arguments");
   for (const char* noise : {"TEXT", "INT", "UINT", "REQUIRED"})
     app_.get_formatter()->label(noise, "");
 }
@@ -54,6 +56,7 @@ CommandLine::CommandLine()
 CLI::App& CommandLine::add(const char* name, const char* meaning, const char* examples,
                            std::function<ExitCode()> command) {
   CLI::App* words = app_.add_subcommand(name, meaning);
+  words->group(group_);
   words->footer("Example:\n" + std::string(examples));
   words->callback([this, command = std::move(command)] { command_ = command; });
   return *words;
@@ -79,6 +82,10 @@ ExitCode CommandLine::run(int argc, char** argv) {
   return command_ ? command_() : refuse("no command given", "");
 }
 
+void explain(CLI::App& words, const char* text) {
+  words.footer(std::string(text) + "\n\n" + words.get_footer());
+}
+
 void addStore(CLI::App& words, std::string& path) {
   words.add_option("STORE", path, "the store file")->required();
 }
@@ -91,12 +98,18 @@ CLI::Option* addMemberPaths(CLI::App& words, std::vector<std::string>& paths, co
   return words.add_option("PATH", paths, meaning)->transform(trimPath);
 }
 
-void addPageSize(CLI::App& words, std::int32_t& pageSize) {
-  words
-      .add_option("--page-size", pageSize,
-                  "bytes of a page; without it what makes the smallest file")
+void addPageSize(CLI::App& words, std::int32_t& pageSize, const char* meaning) {
+  words.add_option("--page-size", pageSize, meaning)
       ->check(CLI::Range(1, 2147483647).description(""))
       ->type_name("BYTES");
+}
+
+void addEncoding(CLI::App& words, std::string& encoding, const char* meaning) {
+  const auto isKnown = [](const std::string& id) {
+    const bool known = id == "hxmok1/le/utf-8" || id == "hxmok1/be/utf-8";
+    return known ? "" : "no encoding " + id + "; known are hxmok1/le/utf-8 and hxmok1/be/utf-8";
+  };
+  words.add_option("--encoding", encoding, meaning)->check(isKnown)->type_name("ID");
 }
 
 void addCount(CLI::App& words, const char* name, std::int64_t& count, const char* meaning) {

@@ -13,6 +13,9 @@ class CommandLine {
  public:
   CommandLine();
 
+  // The heading of the subcommands that are added from now on.
+  void beginGroup(const char* name) { group_ = name; }
+
   // A subcommand. `examples` are lines of shell for its help; `command` does it, after its options
   // were read, and keeps alive whatever they were read into.
   CLI::App& add(const char* name, const char* meaning, const char* examples,
@@ -23,15 +26,21 @@ class CommandLine {
 
  private:
   CLI::App app_;
+  std::string group_;
   std::function<ExitCode()> command_;
 };
+
+// Puts sentences before the examples of a command's help; `text` has its line breaks.
+void explain(CLI::App& words, const char* text);
 
 // Words that several subcommands have.
 void addStore(CLI::App& words, std::string& path);
 // "a/b/" is taken for "a/b".
 CLI::Option* addMemberPath(CLI::App& words, std::string& path, const char* meaning);
 CLI::Option* addMemberPaths(CLI::App& words, std::vector<std::string>& paths, const char* meaning);
-void addPageSize(CLI::App& words, std::int32_t& pageSize);
+void addPageSize(CLI::App& words, std::int32_t& pageSize, const char* meaning);
+// The identity of an encoding, one of those that files can have.
+void addEncoding(CLI::App& words, std::string& encoding, const char* meaning);
 // A number of bytes or things, called N.
 void addCount(CLI::App& words, const char* name, std::int64_t& count, const char* meaning);
 void addDryRun(CLI::App& words, bool& dryRun);

@@ -10,8 +10,11 @@ _hxcrate_options() {
     cat) echo --offset --length ;;
     put) echo -p --append --dry-run ;;
     mkstore) echo -p --dry-run ;;
-    copy) echo --page-size --exclude --dry-run ;;
-    diff) echo --json ;;
+    copy) echo --page-size --encoding --exclude --dry-run ;;
+    diff | stat) echo --json ;;
+    check) echo --quick --json ;;
+    map) echo --svg --json ;;
+    salvage) echo --encoding --page-size ;;
   esac
 }
 
@@ -40,7 +43,8 @@ _hxcrate_files() {
 
 _hxcrate() {
   local current=${COMP_WORDS[COMP_CWORD]} command=${COMP_WORDS[1]-} store='' place=0 i
-  local commands='pack unpack ls tree cat put mkstore copy diff --help --version'
+  local commands='pack unpack ls tree cat diff put mkstore copy stat map check salvage --help --version'
+  local encodings='hxmok1/le/utf-8 hxmok1/be/utf-8'
   COMPREPLY=()
   if ((COMP_CWORD == 1)); then
     mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current")
@@ -49,7 +53,7 @@ _hxcrate() {
   # Which of the words that are no options is being typed.
   for ((i = 2; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      --page-size | --max-entries | --max-bytes | --offset | --length | --exclude) ((++i)) ;;
+      --page-size | --max-entries | --max-bytes | --offset | --length | --exclude | --encoding | --svg) ((++i)) ;;
       -*) ;;
       *)
         ((++place))
@@ -58,7 +62,13 @@ _hxcrate() {
         ;;
     esac
   done
-  ((i > COMP_CWORD)) && return  # the value of an option
+  if ((i > COMP_CWORD)); then  # the value of an option
+    case ${COMP_WORDS[COMP_CWORD - 1]} in
+      --svg) _hxcrate_files -f "$current" ;;
+      --encoding) mapfile -t COMPREPLY < <(compgen -W "$encodings" -- "$current") ;;
+    esac
+    return
+  fi
   if [[ $current == -* ]]; then
     mapfile -t COMPREPLY < <(compgen -W "$(_hxcrate_options "$command") --help" -- "$current")
     return
@@ -68,7 +78,7 @@ _hxcrate() {
     ls:1 | tree:1 | cat:[1-9]* | put:1 | mkstore:1 | unpack:[2-9]*)
       _hxcrate_members "$store" "${current//\\/}"
       ;;
-    *:0 | copy:1 | diff:1 | put:2) _hxcrate_files -f "$current" ;;
+    *:0 | copy:1 | diff:1 | salvage:1 | put:2) _hxcrate_files -f "$current" ;;
   esac
 }
 

@@ -113,11 +113,13 @@ void addCopy(CommandLine& line) {
   CLI::App& words =
       line.add("copy", "Copy what STORE holds into the new file NEW, without unused space",
                "  hxcrate copy docs.st small.st\n"
+               "  hxcrate copy --encoding hxmok1/be/utf-8 docs.st foreign.st\n"
                "  hxcrate copy --exclude 'images/*' --exclude '*.bak' docs.st text.st",
                [options] { return copy(*options); });
   addStore(words, options->store);
   words.add_option("NEW", options->target, "the store file to make")->required();
-  addPageSize(words, options->made.pageSize);
+  addPageSize(words, options->made.pageSize, kPageSizeMeaning);
+  addEncoding(words, options->made.encoding, "as a machine of this encoding would write it");
   words
       .add_option("--exclude", options->excludes,
                   "leave out paths that match, with all they hold; * matches \"/\" too")

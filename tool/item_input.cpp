@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <filesystem>
+
 #include "byte_pump.h"
 #include "report.h"
 
@@ -12,36 +14,46 @@ namespace tool {
 
 namespace {
 
-Descriptor openTemporary() {
-  std::string path = "/tmp/hxcrate-XXXXXX";
-  Descriptor file(::mkostemp(path.data(), O_CLOEXEC));
-  if (!file.isOpen() || ::unlink(path.c_str()) != 0) throw systemFailure("/tmp", "create a file");
+// Where there is room for what the store is to hold.
+std::string folderOf(const std::string& store) {
+  std::error_code ignored;
+  return std::filesystem::weakly_canonical(std::filesystem::absolute(store), ignored).parent_path();
+}
+
+Descriptor openNameless(const std::string& folder) {
+  Descriptor file(::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
+  if (file.isOpen()) return file;
+  std::string path = folder + "/.hxcrate-XXXXXX";  // on a file system that knows no such files
+  file = Descriptor(::mkostemp(path.data(), O_CLOEXEC));
+  if (!file.isOpen() || ::unlink(path.c_str()) != 0) throw systemFailure(folder, "create a file");
   return file;
 }
 
 }  // namespace
 
-ItemInput::ItemInput(const std::string& path)
+ItemInput::ItemInput(const std::string& path, const std::string& store)
     : name_(path == "-" ? "standard input" : path),
-      file_(path == "-" ? ::dup(STDIN_FILENO) : ::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+      file_(path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                        : ::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
   struct stat status {};
   if (!file_.isOpen() || ::fstat(file_.number(), &status) != 0) throw systemFailure(name_, "open");
   if (S_ISREG(status.st_mode) && status.st_size > 0) {
     size_ = std::max<std::int64_t>(status.st_size - ::lseek(file_.number(), 0, SEEK_CUR), 0);
   } else {
-    collect();
+    collect(store);
   }
   if (size_ > hxcrate::kItemCapacity) {
     throw Failure(ExitCode::inputOutput, name_, "", "more than the 2147483647 bytes of an item");
   }
 }
 
-void ItemInput::collect() {
-  Descriptor collected = openTemporary();
+void ItemInput::collect(const std::string& store) {
+  const std::string folder = folderOf(store);
+  Descriptor collected = openNameless(folder);
   Progress progress("reading");
   size_ = BytePump(&progress).move(hxcrate::kItemCapacity + 1, takeFrom(file_, name_),
-                                   giveTo(collected, "/tmp"));
-  if (::lseek(collected.number(), 0, SEEK_SET) != 0) throw systemFailure("/tmp", "seek");
+                                   giveTo(collected, folder));
+  if (::lseek(collected.number(), 0, SEEK_SET) != 0) throw systemFailure(folder, "seek");
   file_ = std::move(collected);
 }
 

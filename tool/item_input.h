@@ -9,18 +9,19 @@
 namespace tool {
 
 // A regular file is read as it is; anything else, which may be slow or fail halfway, is taken whole
-// into a nameless temporary file first, so that a store is not kept open for it.
+// into a nameless file first, so that a store is not kept open for it.
 class ItemInput {
  public:
-  // The file `path`; "-": standard input. Throws a Failure, also for more than an item can hold.
-  explicit ItemInput(const std::string& path);
+  // The file `path`; "-": standard input. The nameless file, if need be, lies in the folder of
+  // `store`. Throws a Failure, also for more than an item can hold.
+  ItemInput(const std::string& path, const std::string& store);
 
   const std::string& name() const { return name_; }  // in messages
   const Descriptor& descriptor() const { return file_; }
   std::int64_t size() const { return size_; }  // from where the descriptor stands
 
  private:
-  void collect();
+  void collect(const std::string& store);
 
   std::string name_;
   Descriptor file_;

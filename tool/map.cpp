@@ -90,7 +90,10 @@ class TextMap {
     output_.write("\n");
     for (std::size_t kind = 0; kind < hxcrate::kByteKinds; ++kind) {
       const auto name = std::string(nameOf(static_cast<ByteKind>(kind)));
-      output_.write(alignRight(map_.totals()[kind]) + "  " + kLooks[kind].letter + "  " + name +
+      const std::string letter(1, kLooks[kind].letter);
+      const bool isColoured = output_.isTerminal();
+      output_.write(alignRight(map_.totals()[kind]) + "  " +
+                    (isColoured ? kLooks[kind].colour + letter + "\x1b[0m" : letter) + "  " + name +
                     (name == kLooks[kind].meaning ? "" : std::string(", ") + kLooks[kind].meaning) +
                     "\n");
     }
@@ -183,7 +186,7 @@ ExitCode map(const MapOptions& options) {
 
 void addMap(CommandLine& line) {
   const auto options = std::make_shared<MapOptions>();
-  CLI::App& words = line.add("map", "Show who owns every byte of a store",
+  CLI::App& words = line.add("map", "Show who owns every byte of STORE",
                              "  hxcrate map docs.st\n"
                              "  hxcrate map --svg docs.svg docs.st",
                              [options] { return map(*options); });
@@ -191,7 +194,7 @@ void addMap(CommandLine& line) {
   CLI::Option* svg =
       words.add_option("--svg", options->svg, "draw it into the new file FILE; -: standard output");
   svg->type_name("FILE");
-  words.add_flag("--json", options->asJson, "print a JSON object")->excludes(svg);
+  words.add_flag("--json", options->asJson, "as JSON")->excludes(svg);
 }
 
 }  // namespace tool

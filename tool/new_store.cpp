@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "directory.h"
+#include "hxcrate/inspect.hpp"
 #include "interruption.h"
 
 namespace tool {
@@ -36,6 +37,16 @@ class Workshop {
   Workshop& operator=(const Workshop&) = delete;
 
   std::string storePath() const { return fs::path(directory_) / target_.filename(); }
+
+  // The finished store as another machine would have written it.
+  void turn(const std::string& encoding) const {
+    const fs::path turned = fs::path(directory_) / "turned" / target_.filename();
+    fs::create_directory(turned.parent_path());
+    hxcrate::transcode(hxcrate::InspectedFile(storePath()), encoding, turned);
+    fs::rename(turned, storePath());
+  }
+
+  bool holds(const std::string& path) const { return path.starts_with(directory_ + "/"); }
 
   void write(std::span<const std::byte> store) const {
     const Descriptor file(
@@ -122,8 +133,9 @@ void NewStore::make(const SizeForecast& forecast, const Options& options, const 
     } else {
       makeFile(madeAs, pageSize, fill);
     }
+    if (!options.encoding.empty()) workshop.turn(options.encoding);
   } catch (const hxcrate::Error& error) {
-    if (error.store() != madeAs) throw;
+    if (error.store() != madeAs && !workshop.holds(error.store())) throw;
     throw Failure(exitCodeOf(error), shown_, error.member(), error.reason());
   }
   if (!workshop.deliver(existing_)) refuse("exists already");

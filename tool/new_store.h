@@ -33,11 +33,14 @@ class StoreBuilder {
   std::vector<hxcrate::Store> nested_;
 };
 
+constexpr const char* kPageSizeMeaning = "bytes of a page; without it what makes the smallest file";
+
 class NewStore {
  public:
   struct Options {
     std::int32_t pageSize = 0;  // bytes; 0: what makes the smallest file
     bool inMemory = false;      // built as a blob and written in one piece
+    std::string encoding = {};  // an identity; empty: this machine's
   };
 
   // The store file `path` as it was given. Throws a Failure, notOpenable, when there is a file of

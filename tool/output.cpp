@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "interruption.h"
 #include "report.h"
 
 namespace tool {
@@ -35,6 +36,8 @@ void Output::send(std::span<const std::byte> bytes) {
   while (!bytes.empty()) {
     const ssize_t sent = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
     if (sent < 0 && errno == EINTR) continue;
+    // Whoever reads it has seen enough, which is no failure.
+    if (sent < 0 && errno == EPIPE) throw Interrupted(SIGPIPE);
     if (sent < 0) throw systemFailure("standard output", "write");
     bytes = bytes.subspan(static_cast<std::size_t>(sent));
   }

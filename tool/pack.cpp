@@ -120,7 +120,7 @@ void addPack(CommandLine& line) {
                              [options] { return pack(*options); });
   words.add_option("STORE", options->store, "the store file to make")->required();
   words.add_option("DIR", options->directory, "the directory to pack")->required();
-  addPageSize(words, options->made.pageSize);
+  addPageSize(words, options->made.pageSize, kPageSizeMeaning);
   words.add_flag("--replace", options->replace, "replace an existing STORE, once all is packed");
   words.add_flag("--in-memory", options->made.inMemory,
                  "build it in memory and write it in one piece");

@@ -23,7 +23,7 @@ void send(const std::string& text) {
 }
 
 std::string describeTime(double seconds) {
-  const long long whole = std::llround(seconds);
+  const long long whole = std::llround(std::ceil(seconds));
   std::array<char, 48> text{};
   std::snprintf(text.data(), text.size(), "%lld:%02lld", whole / 60, whole % 60);
   return text.data();

@@ -106,7 +106,7 @@ ExitCode put(const PutOptions& options) {
     complain(options.store, options.path, "would be written");
     return ExitCode::fine;
   }
-  const ItemInput input(options.file);
+  const ItemInput input(options.file, options.store);
   change(options, [&](hxcrate::Store& store) { writeItem(options, input, store); });
   return ExitCode::fine;
 }

@@ -234,16 +234,14 @@ void addSalvage(CommandLine& line) {
                "  hxcrate salvage broken.st saved.st\n"
                "  hxcrate salvage --encoding hxmok1/le/utf-8 broken.st saved.st",
                [options] { return salvage(*options); });
+  explain(words,
+          "Prints what was lost, what was kept of an item, and what got another name, a line\n"
+          "each. What no link leads to any more comes into the store lost+found of NEW. Exit\n"
+          "code 5 when anything was lost or found there; STORE stays as it is.");
   addStore(words, options->store);
   words.add_option("NEW", options->target, "the store file to make")->required();
-  words
-      .add_option("--encoding", options->encoding,
-                  "its encoding, such as hxmok1/le/utf-8, if its header does not tell")
-      ->type_name("ID");
-  words
-      .add_option("--page-size", options->pageSize, "bytes of a page, if its header does not tell")
-      ->type_name("N")
-      ->check(CLI::Range(1, 2147483647));
+  addEncoding(words, options->encoding, "its encoding, if its header does not tell");
+  addPageSize(words, options->pageSize, "bytes of a page, if its header does not tell");
 }
 
 }  // namespace tool

@@ -160,10 +160,12 @@ ExitCode statStore(const StatOptions& options) {
 
 void addStat(CommandLine& line) {
   const auto options = std::make_shared<StatOptions>();
-  CLI::App& words = line.add("stat", "Say what is in a store, in numbers", "  hxcrate stat docs.st",
+  CLI::App& words = line.add("stat", "Count what is in STORE, and what its bytes are spent on",
+                             "  hxcrate stat docs.st\n"
+                             "  hxcrate stat --json docs.st",
                              [options] { return statStore(*options); });
   addStore(words, options->store);
-  words.add_flag("--json", options->asJson, "print a JSON object");
+  words.add_flag("--json", options->asJson, "as JSON");
 }
 
 }  // namespace tool
