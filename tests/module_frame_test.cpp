@@ -67,11 +67,9 @@ TEST(Frame, WithoutEncodingsTheIdentityIsZeroAndHeadersCarryIt) {
   another.run("open y R !13");
 }
 
-TEST(Frame, PathAndPageSize) {
+TEST(Frame, PathOfAFile) {
   World w;
-  w.run(
-      "open x UC; open x:n UC; page x 8192 !14; open y UC; page y -5; page y 8 !14;"
-      "item h y:a UC !3; open m UCN; page m 0; open m:n UC; page m 8 !14");
+  w.run("open x UC; open x:n UC; open m UCN");
   char32_t path[20] = {};
   Store* nested = w.find("x:n");
   for (const auto& [room, copied] : {std::pair{4, 4}, {0, 0}, {-1, 0}, {20, 7}}) {
@@ -81,13 +79,6 @@ TEST(Frame, PathAndPageSize) {
   EXPECT_EQ(std::u32string(path), U"/full/x");
   int32_t length = 20;
   EXPECT_TRUE(hxcratePath(w.find("m"), path, &length) == kOk && length == 0);
-}
-
-TEST(Frame, AHostThatDeliversNothingIsNotBelieved) {
-  World w;
-  w.run("open x UC; close x; copy y x");
-  w.host.longestRead = 0;
-  w.run("open y R !1");
 }
 
 // ---- members and space
