@@ -536,7 +536,8 @@ TEST_F(ApiTest, SaysWhereAndWhy) {
       {[&] { return store.read("s/a").readArray<std::int32_t>(); },
        "s/a: the item ends within an element (bytes left: 1, in an element: 4)"},
       {[&] { return store.openStore("s").create("a"); }, "s/a: exists already"},
-      {[&] { return store.create("s//a"); }, "s//a: the name can't be kept (a component is empty)"}};
+      {[&] { return store.create("s//a"); },
+       "s//a: the name can't be kept (a component is empty)"}};
   for (const auto& [call, message] : cases)
     EXPECT_EQ(thrownBy(call).value().what(), path_ + ": " + message);
 }

@@ -4,37 +4,32 @@
 #include <random>
 #include <set>
 
+#include "tests/temporary_directory.h"
+
 namespace hxtest {
 namespace {
-
-std::string bytesFor(size_t count, char first) {
-  std::string bytes(count, first);
-  for (size_t i = 0; i < count; ++i)
-    bytes[i] = static_cast<char>(first + static_cast<char>(i * 7 / 5 % 23));
-  return bytes;
-}
 
 // 512 bytes a page, and items enough for a file of several blocks of the journal.
 void create(CrashSession& session, hx::Store* store) {
   store->setPageSize(store, 512);
-  session.append(store, "first", bytesFor(100, 'a'));
+  session.append(store, "first", makeBytes(100, 97));
   session.append(store, "empty", "");
-  session.append(store, "nested/inner", bytesFor(600, 'A'));
+  session.append(store, "nested/inner", makeBytes(600, 65));
 }
 
 void fill(CrashSession& session, hx::Store* store) {
-  session.append(store, "large", bytesFor(9000, '!'));
-  session.append(store, "last", bytesFor(300, 'k'));
+  session.append(store, "large", makeBytes(9000, 33));
+  session.append(store, "last", makeBytes(300, 107));
 }
 
 void appendToItems(CrashSession& session, hx::Store* store) {
-  session.append(store, "first", bytesFor(700, 'b'));
-  session.append(store, "last", bytesFor(50, 'm'));
+  session.append(store, "first", makeBytes(700, 98));
+  session.append(store, "last", makeBytes(50, 109));
 }
 
 void addAndNest(CrashSession& session, hx::Store* store) {
-  session.append(store, "added", bytesFor(30, '0'));
-  session.append(store, "nested/deeper/innermost", bytesFor(520, 'C'));
+  session.append(store, "added", makeBytes(30, 48));
+  session.append(store, "nested/deeper/innermost", makeBytes(520, 67));
 }
 
 class CrashExplorer {

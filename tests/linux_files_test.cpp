@@ -326,14 +326,15 @@ TEST(LinuxDiskTest, RefusesSenselessCallsAndChangesNothing) {
 // Updates that a fault ends, and what is left when the fault is gone.
 class LinuxLossTest : public testing::TestWithParam<std::tuple<Bytes, int64_t>> {
  protected:
-  // Overwrites many blocks at once and at random, and behind the end. What the file must hold then.
+  // Overwrites blocks at random, then many at once, some of them again, and behind the end. What
+  // the file must hold then.
   Bytes overwriteMuch(Files& files) {
     Bytes expected = before_;
     File file(files.open(kCrashStore));
     std::mt19937 random(5);
     for (unsigned i = 0; i < 12 && file.handle != nullptr; ++i) {
-      const auto position = static_cast<int64_t>(i == 0 ? 2000 : random() % 45000);
-      const Bytes bytes = noise(i == 0 ? 30000 : random() % 3000 + 1, i);
+      const auto position = static_cast<int64_t>(i == 6 ? 2000 : random() % 45000);
+      const Bytes bytes = noise(i == 6 ? 30000 : random() % 3000 + 1, i);
       file.writeAt(position, bytes);
       putAt(expected, position, bytes);
     }

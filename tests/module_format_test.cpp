@@ -31,9 +31,9 @@ TEST(Format, TheTopEntryHasTheLastComponentOfThePath) {
   World w;
   for (const char* path : {"x.st", "/d/x.st", "d\\x.st", "c:x.st"}) {
     const std::u32string name = widen(path);
-    Store* store = w.instance->openStore(w.instance, nullptr, name.data(),
-                                         static_cast<int32_t>(name.size()), kUpdate | kCreate,
-                                         &w.status);
+    Store* store =
+        w.instance->openStore(w.instance, nullptr, name.data(), static_cast<int32_t>(name.size()),
+                              kUpdate | kCreate, &w.status);
     store->closeStore(store);
     EXPECT_EQ(w.image(path), w.image("x.st")) << path;
   }
@@ -70,7 +70,8 @@ TEST(Format, LinksOfADirectory) {
   std::map<int64_t, int64_t> last;  // nested store written last, by its store
   for (const auto& [kind, offset, parent] : recordsOf(w.image("x"))) {
     if (kind != 's') continue;
-    EXPECT_EQ(recordAt<Entry>(w.image("x"), offset).previousLink, std::exchange(last[parent], offset));
+    EXPECT_EQ(recordAt<Entry>(w.image("x"), offset).previousLink,
+              std::exchange(last[parent], offset));
   }
 }
 

@@ -92,8 +92,9 @@ TEST(Frame, EnumeratesBucketsInOrder) {
   EXPECT_TRUE(nameless->item->size == 3 && nameless->item->close(nameless) == 0);
 }
 
-// Large tables that are searched have an index, unless the pool refuses it; names are found and listed all the same.
-// One name in fifty is cut by the format, so that a loaded table has that name eleven times.
+// Large tables that are searched have an index, unless the pool refuses it; names are found and
+// listed all the same. One name in fifty is cut by the format, so that a loaded table has that name
+// eleven times.
 TEST(Frame, MembersOfALargeTable) {
   World w;
   w.run("open x UC; page x 1");

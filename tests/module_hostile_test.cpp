@@ -1,5 +1,6 @@
 // Files and blobs that nobody wrote: each is opened both ways, and read, listed and updated as far
-// as it goes (tests/image_agreement.h bounds the work). Trees of any depth, on the smallest stack.
+// as it goes (tests/image_agreement.cpp bounds the work). Trees of any depth, on the smallest
+// stack.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -8,7 +9,7 @@
 #include <functional>
 
 #include "blob/create_blob.h"
-#include "tests/image_agreement.h"
+#include "tests/fuzzed.h"
 #include "tests/module_world.h"
 
 namespace hx::fake {

@@ -133,8 +133,7 @@ void setNamedField(Bytes& image, const std::string& field, const std::string& va
   const size_t dot = field.find('.');
   const bool isPage = field.find('/') != std::string::npos;
   const int64_t record = recordNamed(image, field.substr(0, dot));
-  const int64_t number =
-      value[0] == '@' ? recordNamed(image, value.substr(1)) : std::stoll(value);
+  const int64_t number = value[0] == '@' ? recordNamed(image, value.substr(1)) : std::stoll(value);
   for (const auto& [kind, name, at, width] : kFields) {
     if (name != field.substr(dot + 1) || isPage != (kind == 'c')) continue;
     std::memcpy(image.data() + record + at, &number, width);

@@ -39,8 +39,8 @@ std::vector<Story> storiesIn(const std::string& file) {
 }
 
 TEST(Stories, GoAsWritten) {
-  for (const char* file : {"stores.txt", "items.txt", "blobs.txt", "foreign.txt",
-                           "damage.txt", "faults.txt"}) {
+  for (const char* file :
+       {"stores.txt", "items.txt", "blobs.txt", "foreign.txt", "damage.txt", "faults.txt"}) {
     for (const Story& story : storiesIn(file)) {
       SCOPED_TRACE(file + (": " + story.name));
       World w;
