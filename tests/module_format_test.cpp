@@ -75,6 +75,14 @@ TEST(Format, LinksOfADirectory) {
   }
 }
 
+TEST(Format, AHeaderWithoutADirectoryIsAnEmptyStore) {
+  World w({{"x", bytesOf(headerOf(-512, 0))}, {"y", bytesOf(headerOf(4096, 0))}});
+  w.run("open x R; list x =0; close x; open x U; put x:a 600; close x; open y R");
+  EXPECT_EQ(w.find("y")->pageSize, 4096);
+  EXPECT_EQ(nameAt(w.image("x"), recordAt<Header>(w.image("x"), 0).directoryOffset), "x");
+  w.settle();
+}
+
 // Names keep 64 low bytes, up to the first zero. Twins stay both, and are listed once.
 TEST(Format, NamesAreCut) {
   World w;

@@ -106,15 +106,19 @@ TEST(Frame, MembersOfALargeTable) {
   }
   w.run("close x");
   World other(w.host.disk());
-  other.run("open x R; get x:77 =1; list x =510");
+  other.run("open x U; get x:77 =1; list x =510");
   EXPECT_NE(other.find("x")->memberIndex.slots, nullptr);
+  for (int i = 520; i < 800; ++i)
+    other.run("put x:k" + std::to_string(i) + " 1");
+  EXPECT_GE(other.find("x")->memberIndex.mask, 2047u) << "it grew, and the check saw all in it";
 }
 
 TEST(Frame, StoresLeaveALargeTable) {
   World w;
   for (int i = 0; i < 260; ++i)
     w.run("open s" + std::to_string(i) + " UCN; close s" + std::to_string(i));
-  w.run("delete s77; open s77 R !1");
+  for (int i = 0; i < 260; i += 3)
+    w.run("delete s" + std::to_string(i) + "; open s" + std::to_string(i) + " R !1");
 }
 
 TEST(Frame, SpaceComesFromReleasedExtentsOfTheSameLengthOrTheEnd) {
