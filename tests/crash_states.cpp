@@ -1,82 +1,35 @@
 #include "tests/crash_states.h"
 
 #include <algorithm>
-#include <cstring>
 #include <random>
 #include <set>
 
-#include "host/linux/journal_format.h"
+#include "tests/temporary_directory.h"
 
 namespace hxtest {
 namespace {
 
-std::string bytesFor(size_t count, char first) {
-  std::string bytes(count, first);
-  for (size_t i = 0; i < count; ++i)
-    bytes[i] = static_cast<char>(first + static_cast<char>(i * 7 / 5 % 23));
-  return bytes;
-}
-
 // 512 bytes a page, and items enough for a file of several blocks of the journal.
 void create(CrashSession& session, hx::Store* store) {
   store->setPageSize(store, 512);
-  session.append(store, "first", bytesFor(100, 'a'));
+  session.append(store, "first", makeBytes(100, 97));
   session.append(store, "empty", "");
-  session.append(store, "nested/inner", bytesFor(600, 'A'));
+  session.append(store, "nested/inner", makeBytes(600, 65));
 }
 
 void fill(CrashSession& session, hx::Store* store) {
-  session.append(store, "large", bytesFor(9000, '!'));
-  session.append(store, "last", bytesFor(300, 'k'));
+  session.append(store, "large", makeBytes(9000, 33));
+  session.append(store, "last", makeBytes(300, 107));
 }
 
 void appendToItems(CrashSession& session, hx::Store* store) {
-  session.append(store, "first", bytesFor(700, 'b'));
-  session.append(store, "last", bytesFor(50, 'm'));
+  session.append(store, "first", makeBytes(700, 98));
+  session.append(store, "last", makeBytes(50, 109));
 }
 
 void addAndNest(CrashSession& session, hx::Store* store) {
-  session.append(store, "added", bytesFor(30, '0'));
-  session.append(store, "nested/deeper/innermost", bytesFor(520, 'C'));
-}
-
-// Where the blocks lie that the journal has as they were, and -1 for its header.
-std::set<int64_t> recordedBlocks(const DiskBytes& journal, const DiskBytes& before) {
-  std::set<int64_t> blocks;
-  hxhost::JournalHeader header{};
-  if (journal.size() < sizeof(header)) return blocks;
-  std::memcpy(&header, journal.data(), sizeof(header));
-  if (!hxhost::isWhole(header) || header.fileLength != std::ssize(before)) return blocks;
-  blocks.insert(-1);
-  hxhost::JournalRecord record{};
-  for (size_t at = sizeof(header); at + sizeof(record) <= journal.size();) {
-    std::memcpy(&record, journal.data() + at, sizeof(record));
-    at += sizeof(record);
-    const auto length = static_cast<size_t>(record.length);
-    if (!hxhost::isSound(record, header) || at + length > journal.size()) break;
-    const bool isAsBefore =
-        std::memcmp(journal.data() + at, before.data() + record.offset, length) == 0;
-    if (isAsBefore) blocks.insert(record.offset);
-    at += length;
-  }
-  return blocks;
-}
-
-// The rule of order that the step of an update would break; empty when it breaks none.
-std::string brokenRule(const SimulatedDisk& disk, const DiskBytes& before, const DiskStep& step) {
-  if (step.operation == DiskOperation::kUnlink && step.path == kCrashJournal) {
-    const bool isOnDisk = disk.synced().at(kCrashFile) == disk.live().at(kCrashFile);
-    return isOnDisk ? "" : "the journal goes before the data are on disk";
-  }
-  if (step.operation != DiskOperation::kWrite || step.path != kCrashFile) return "";
-  const std::set<int64_t> recorded = recordedBlocks(disk.synced().at(kCrashJournal), before);
-  if (recorded.count(-1) == 0) return "the file changes before the journal's header is on disk";
-  constexpr int64_t kBlock = hxhost::kJournalBlockBytes;
-  const int64_t end = std::min(step.offset + step.count, std::ssize(before));
-  for (int64_t at = step.offset / kBlock * kBlock; at < end; at += kBlock) {
-    if (recorded.count(at) == 0) return "a block changes before its record is on disk";
-  }
-  return "";
+  session.append(store, "added", makeBytes(30, 48));
+  session.append(store, "nested/deeper/innermost", makeBytes(520, 67));
 }
 
 class CrashExplorer {
@@ -97,8 +50,6 @@ class CrashExplorer {
     const std::set<std::string> either = {lookAt(before), lookAt(after)};
     SimulatedDisk disk(before);
     disk.watch = [&](const DiskStep& step) {
-      const std::string broken = brokenRule(disk, before.at(kCrashFile), step);
-      if (!broken.empty()) fail(broken);
       if (step.changesDisk()) cutPower(disk, either, true);
     };
     hxhost::HostOptions options = hostOver(disk, settings_.cacheBytes);

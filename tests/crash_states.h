@@ -1,6 +1,6 @@
 // Every state in which a power cut can leave the disk while a store is being updated: each is
 // opened by the real module on the real host, and must hold the store as it was before the update
-// or as it was after. On the way the order of what reaches the disk is checked.
+// or as it was after.
 #pragma once
 
 #include <cstdint>

@@ -6,6 +6,8 @@
 #include <cstring>
 #include <unordered_map>
 
+#include "host/linux/byte_order.h"
+
 namespace hx::fake {
 
 namespace {
@@ -16,23 +18,20 @@ thread_local const FakeLock* heldLock = nullptr;
 // An object that is counted while it lives; `Self` is the type that `destroy` deletes.
 template <typename Base, typename Self>
 struct Counted : Base {
-  Counted(FakeHost* owner, const char* name) : Base{}, host(owner), destroyed(name) {
+  explicit Counted(FakeHost* owner) : Base{}, host(owner) {
     ++host->alive;
     this->head.destroy = [](void* object) -> int32_t {
-      auto* self = static_cast<Self*>(object);
-      self->host->note(self->destroyed);
-      delete self;
+      delete static_cast<Self*>(object);
       return 0;
     };
   }
   ~Counted() { --host->alive; }
 
   FakeHost* host;
-  const char* destroyed;
 };
 
 struct FakePool : Counted<Pool, FakePool> {
-  explicit FakePool(FakeHost* owner) : Counted(owner, "destroy pool") {
+  explicit FakePool(FakeHost* owner) : Counted(owner) {
     allocate = [](Pool* pool, uint64_t size, uint32_t flags) {
       EXPECT_EQ(flags, HX_ALLOCATE_ZEROED);
       return static_cast<FakePool*>(pool)->give(size);
@@ -73,7 +72,7 @@ struct FakePool : Counted<Pool, FakePool> {
 };
 
 struct FakeLock : Counted<Lock, FakeLock> {
-  explicit FakeLock(FakeHost* made) : Counted(made, "destroy lock") {
+  explicit FakeLock(FakeHost* made) : Counted(made) {
     acquire = [](Lock* lock, int64_t, int64_t) { return static_cast<FakeLock*>(lock)->take(); };
     release = [](Lock* lock) {
       heldLock = nullptr;
@@ -96,14 +95,17 @@ struct FakeLock : Counted<Lock, FakeLock> {
 // Item bytes are stored as 16-bit numbers of the storing machine; a reader gets their low bytes.
 struct FakeConverter : Counted<Converter, FakeConverter> {
   FakeConverter(FakeHost* owner, bool fromBig, bool toBig)
-      : Counted(owner, "release converter"), swaps(fromBig != toBig), low(fromBig ? 1 : 0) {
+      : Counted(owner), swaps(fromBig != toBig), low(fromBig ? 1 : 0) {
     ++host->liveConverters;
     convertRecord = [](Converter* converter, const void* map, const void* record, int64_t length,
                        void* out, int64_t) -> int32_t {
       auto* fake = static_cast<FakeConverter*>(converter);
       if (fake->host->takeFault(kRecordFault)) return 7;
       std::memcpy(out, record, static_cast<size_t>(length));
-      fake->turn(static_cast<const RecordMapEntry*>(map), static_cast<uint8_t*>(out), length);
+      const auto* entries = static_cast<const RecordMapEntry*>(map);
+      const bool covers =
+          !fake->swaps || hxhost::swapRecord(static_cast<uint8_t*>(out), length, entries);
+      EXPECT_TRUE(covers) << "a map that does not cover its record";
       return 0;
     };
     convert = [](Converter* converter, void*, const void* stored, int64_t storedLength,
@@ -126,17 +128,6 @@ struct FakeConverter : Counted<Converter, FakeConverter> {
   }
   ~FakeConverter() { --host->liveConverters; }
 
-  void turn(const RecordMapEntry* entry, uint8_t* field, int64_t length) const {
-    const uint8_t* end = field + length;
-    for (; entry->type != HX_FIELD_END; ++entry) {
-      const int width = entry->type == HX_FIELD_INT64 ? 8 : entry->type == HX_FIELD_INT32 ? 4 : 1;
-      for (int i = 0; i < entry->repeat; ++i, field += width) {
-        if (swaps) std::reverse(field, field + width);
-      }
-    }
-    EXPECT_EQ(field, end) << "a map that does not cover its record";
-  }
-
   bool swaps;
   uint32_t low;
 };
@@ -148,7 +139,7 @@ bool isIdentity(const void* id, bool bigEndian) {
 }
 
 struct FakeEncoding : Counted<Encoding, FakeEncoding> {
-  explicit FakeEncoding(FakeHost* owner) : Counted(owner, "destroy hxmok") {
+  explicit FakeEncoding(FakeHost* owner) : Counted(owner) {
     makeConverter = [](Encoding* encoding, int64_t, const void* from,
                        const void* to) -> Converter* {
       auto* made = static_cast<FakeEncoding*>(encoding)->host;
@@ -254,7 +245,7 @@ struct FakeFile : FileHandle {
 namespace {
 
 struct FakeFileIo : Counted<FileIo, FakeFileIo> {
-  explicit FakeFileIo(FakeHost* owner) : Counted(owner, "destroy hxfio") {
+  explicit FakeFileIo(FakeHost* owner) : Counted(owner) {
     open = [](FileIo* io, const char32_t* path, int64_t length, const OpenParameters* parameters,
               int64_t, int64_t, const char*, void*, int64_t) -> FileHandle* {
       EXPECT_TRUE(parameters->fixed40 == 1024 && parameters->fixed48 == 1);
@@ -269,9 +260,8 @@ struct FakeFileIo : Counted<FileIo, FakeFileIo> {
 };
 
 template <typename Made>
-Made* makeService(HostHandle* handle, const char* what, bool isKnown = true) {
+Made* makeService(HostHandle* handle, bool isKnown = true) {
   auto* host = static_cast<FakeHost*>(handle);
-  host->note(what);
   return host->takeFault(kServiceFault) || !isKnown ? nullptr : new Made(host);
 }
 
@@ -279,15 +269,14 @@ Made* makeService(HostHandle* handle, const char* what, bool isKnown = true) {
 
 FakeHost::FakeHost() : HostHandle{} {
   createLock = [](HostHandle* host, const void*, int64_t, const char*) -> Lock* {
-    return makeService<FakeLock>(host, "create lock");
+    return makeService<FakeLock>(host);
   };
   createPool = [](HostHandle* host, const void*, int64_t, const char*) -> Pool* {
-    return makeService<FakePool>(host, "create pool");
+    return makeService<FakePool>(host);
   };
   loadExtension = [](HostHandle* host, const char32_t* name, int64_t length, int64_t) -> void* {
-    if (pathOf(name, length) == "hxfio") return makeService<FakeFileIo>(host, "load hxfio");
-    const bool isKnown = static_cast<FakeHost*>(host)->knowsEncodings;
-    return makeService<FakeEncoding>(host, "load hxmok", isKnown);
+    if (pathOf(name, length) == "hxfio") return makeService<FakeFileIo>(host);
+    return makeService<FakeEncoding>(host, static_cast<FakeHost*>(host)->knowsEncodings);
   };
 }
 
@@ -349,13 +338,6 @@ int64_t FakeHost::mostBytesIn(const Pool* pool) {
 
 bool FakeHost::holds(const Pool* pool, const void* block) {
   return static_cast<const FakePool*>(pool)->blocks.count(block) != 0;
-}
-
-std::string FakeHost::log() const {
-  std::string all;
-  for (const Event& event : events)
-    all += (all.empty() ? "" : ", ") + std::string(event.what);
-  return all;
 }
 
 int64_t FakeHost::count(std::string_view what, int64_t length) const {

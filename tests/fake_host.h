@@ -75,8 +75,7 @@ class FakeHost : public HostHandle {
   static bool holds(const Pool* pool, const void* block);
   Pool* makePool() { return createPool(this, Bytes(24).data(), 0, "Pool"); }
 
-  std::vector<Event> events;  // services, files and converters in the order of their calls
-  std::string log() const;
+  std::vector<Event> events;  // files and converters, in the order of their calls
   int64_t count(std::string_view what, int64_t length = -1) const;
 
   int64_t longestRead = INT64_MAX;  // a read delivers at most this many bytes

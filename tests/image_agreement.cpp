@@ -1,4 +1,4 @@
-#include "tests/image_agreement.h"
+#include "tests/fuzzed.h"
 
 #include <sys/mman.h>
 

@@ -8,6 +8,7 @@
 #include <limits>
 #include <optional>
 #include <sstream>
+#include <tuple>
 #include <utility>
 
 #include "host/file_io.h"
@@ -24,23 +25,21 @@ using Bytes = DiskBytes;
 // An open file in the words of the tests. Closes what is still open.
 class File {
  public:
-  explicit File(hx::FileHandle* handle) : handle_(handle) {}
+  explicit File(hx::FileHandle* opened) : handle(opened) {}
   ~File() { close(); }
   File(const File&) = delete;
 
-  bool isOpen() const { return handle_ != nullptr; }
-  std::u32string path() const { return {handle_->path, static_cast<size_t>(handle_->pathLength)}; }
   void close() {
-    if (handle_ != nullptr) handle_->close(handle_);
-    handle_ = nullptr;
+    if (handle != nullptr) handle->close(handle);
+    handle = nullptr;
   }
   // The new position, or -1.
   int64_t seek(int64_t position, int32_t whence = hx::HX_SEEK_START) {
-    return handle_->seek(handle_, &position, whence, 0) == 0 ? position : -1;
+    return handle->seek(handle, &position, whence, 0) == 0 ? position : -1;
   }
   int64_t size() { return seek(0, hx::HX_SEEK_END); }
   bool write(const Bytes& bytes) {
-    return handle_->write(handle_, bytes.data(), std::ssize(bytes), 0, 0, 0) == 0;
+    return handle->write(handle, bytes.data(), std::ssize(bytes), 0, 0, 0) == 0;
   }
   bool writeAt(int64_t position, const Bytes& bytes) {
     return seek(position) == position && write(bytes);
@@ -49,23 +48,18 @@ class File {
   Bytes read(int64_t count) {
     Bytes bytes(static_cast<size_t>(count));
     int64_t done = 0;
-    while (done < count) {
-      hx::ReadRequest request{bytes.data() + done, count - done};
-      if (handle_->read(handle_, &request, &request.count, 0, 0, 0) != 0) break;
-      EXPECT_GT(request.count, 0);
-      done += request.count;
+    for (hx::ReadRequest request{}; done < count; done += request.count) {
+      request = {bytes.data() + done, count - done};
+      if (handle->read(handle, &request, &request.count, 0, 0, 0) != 0) break;
     }
     bytes.resize(static_cast<size_t>(done));
     return bytes;
   }
   Bytes readAt(int64_t position, int64_t count) {
-    EXPECT_EQ(seek(position), position);
-    return read(count);
+    return seek(position) == position ? read(count) : Bytes();
   }
-  hx::FileHandle* handle() { return handle_; }
 
- private:
-  hx::FileHandle* handle_;
+  hx::FileHandle* handle;
 };
 
 std::u32string toPath(const fs::path& path) {
@@ -110,6 +104,13 @@ Bytes noise(size_t count, unsigned seed = 1) {
   return {bytes.begin(), bytes.end()};
 }
 
+// Puts bytes where a file of any length would have them.
+void putAt(Bytes& file, int64_t position, const Bytes& bytes) {
+  const auto end = static_cast<size_t>(position) + bytes.size();
+  if (!bytes.empty() && file.size() < end) file.resize(end);
+  std::copy(bytes.begin(), bytes.end(), file.begin() + position);
+}
+
 // A file and what it must hold, moved through the same random steps.
 class Model {
  public:
@@ -143,9 +144,7 @@ class Model {
     for (uint8_t& byte : bytes)
       byte = static_cast<uint8_t>(below(values));
     ASSERT_TRUE(file_->write(bytes));
-    if (count == 0) return;
-    bytes_.resize(static_cast<size_t>(std::max(size(), position + count)));
-    std::copy(bytes.begin(), bytes.end(), bytes_.begin() + position);
+    if (count > 0) putAt(bytes_, position, bytes);
   }
 
   Files& files_;
@@ -199,11 +198,11 @@ TEST_F(LinuxFilesTest, GivesTheResolvedPath) {
   fs::create_directory_symlink("data", folder_ / "link");
   const fs::path real = folder_.path() / "data" / u8"h\u00e9llo \U0001f4e6";
   const fs::path asked = folder_.path() / "link" / "." / real.filename();
-  File file(files_.open(toPath(asked)));
-  EXPECT_TRUE(file.write({1}));
-  EXPECT_EQ(file.path(), toPath(real));
-  file.close();
-  EXPECT_EQ(File(files_.open(toPath(asked), hx::HX_ACCESS_READ)).path(), toPath(real));
+  for (const int32_t mode : {hx::HX_ACCESS_UPDATE, hx::HX_ACCESS_READ}) {
+    File file(files_.open(toPath(asked), mode));
+    EXPECT_TRUE(mode == hx::HX_ACCESS_READ || file.write({1}));
+    EXPECT_EQ(std::u32string(file.handle->path), toPath(real));
+  }
 }
 
 TEST_F(LinuxFilesTest, OpensNothingButRegularFiles) {
@@ -238,7 +237,7 @@ TEST_F(LinuxFilesTest, OpensNothingButRegularFiles) {
 
 TEST_F(LinuxFilesTest, LeavesNoEmptyFileBehindButItsOwnOnly) {
   const auto open = [&](const fs::path& path) { return File(files_.open(toPath(path))); };
-  EXPECT_TRUE(open(path_).isOpen());
+  EXPECT_NE(open(path_).handle, nullptr);
   EXPECT_FALSE(fs::exists(path_)) << "created and closed empty";
   {
     const File created(files_.open(toPath(path_)));
@@ -246,7 +245,7 @@ TEST_F(LinuxFilesTest, LeavesNoEmptyFileBehindButItsOwnOnly) {
     writeFile(path_, "");
   }
   EXPECT_TRUE(fs::exists(path_)) << "somebody else's";
-  EXPECT_TRUE(open(path_).isOpen());
+  EXPECT_NE(open(path_).handle, nullptr);
   EXPECT_TRUE(fs::exists(path_)) << "was there before";
   fs::create_symlink(folder_ / "target", folder_ / "link");
   open(folder_ / "link").write({'7'});
@@ -306,7 +305,7 @@ TEST(LinuxDiskTest, RefusesSenselessCallsAndChangesNothing) {
   }
   for (const int32_t whence : {-1, 1, 3})
     EXPECT_EQ(file.seek(0, whence), -1) << whence;
-  hx::FileHandle* handle = file.handle();
+  hx::FileHandle* handle = file.handle;
   uint8_t byte = 0;
   for (hx::ReadRequest request : {hx::ReadRequest{&byte, 0}, {&byte, -1}, {nullptr, 1}}) {
     EXPECT_NE(handle->read(handle, &request, &request.count, 0, 0, 0), 0);
@@ -325,40 +324,71 @@ TEST(LinuxDiskTest, RefusesSenselessCallsAndChangesNothing) {
   EXPECT_EQ(reader.readAt(0, 9), (Bytes{1, 2, 3, 4}));
 }
 
-// Overwrites many blocks at once and at random, and behind the end.
-void overwriteMuch(Files& files, Bytes& expected) {
-  File file(files.open(kCrashStore));
-  std::mt19937 random(5);
-  for (unsigned i = 0; i < 12 && file.isOpen(); ++i) {
-    const auto position = static_cast<int64_t>(i == 0 ? 2000 : random() % 45000);
-    const Bytes bytes = noise(i == 0 ? 30000 : random() % 3000 + 1, i);
-    file.writeAt(position, bytes);
-    expected.resize(std::max(expected.size(), static_cast<size_t>(position) + bytes.size()));
-    std::copy(bytes.begin(), bytes.end(), expected.begin() + position);
+// Updates that a fault ends, and what is left when the fault is gone.
+class LinuxLossTest : public testing::TestWithParam<std::tuple<Bytes, int64_t>> {
+ protected:
+  // Overwrites blocks at random, then many at once, some of them again, and behind the end. What
+  // the file must hold then.
+  Bytes overwriteMuch(Files& files) {
+    Bytes expected = before_;
+    File file(files.open(kCrashStore));
+    std::mt19937 random(5);
+    for (unsigned i = 0; i < 20 && file.handle != nullptr; ++i) {
+      const auto position = static_cast<int64_t>(i == 12 ? 2000 : random() % 45000);
+      const Bytes bytes = noise(i == 12 ? 30000 : random() % 3000 + 1, i);
+      file.writeAt(position, bytes);
+      putAt(expected, position, bytes);
+    }
+    return expected;
   }
-}
 
-TEST(LinuxDiskTest, EveryBlockOfALostUpdateComesBackAndEveryLossIsTold) {
-  for (const Bytes& before : {noise(40001), Bytes()}) {
-    for (const int64_t cacheBytes : {4096, 1 << 20}) {
-      bool isOver = false;
-      for (int64_t failAt = 0; !isOver; ++failAt) {
-        SCOPED_TRACE(failAt);
-        SimulatedDisk disk(before.empty() ? DiskImage() : diskWith(before));
-        disk.failAt = failAt;
-        Files files(hostOver(disk, cacheBytes));
-        Bytes after = before;
-        overwriteMuch(files, after);
-        const auto failure = files.host.takeFileFailure();
-        isOver = !disk.hasFired;
-        lookAt(disk);
-        const Bytes found = disk.live().at(kCrashFile);
-        EXPECT_TRUE(found == after || (failure && found == before));
-        EXPECT_TRUE(!failure || !failure->rolledBack || found == before);
-        EXPECT_TRUE(!failure || disk.hasFired);
-      }
+  void survive(SimulatedDisk& disk) {
+    Files files(hostOver(disk, std::get<1>(GetParam())));
+    const Bytes after = overwriteMuch(files);
+    const auto failure = files.host.takeFileFailure();
+    const bool isBack = failure && failure->rolledBack;
+    EXPECT_TRUE(!isBack || disk.live().at(kCrashFile) == before_);
+    EXPECT_FALSE(isBack && disk.live().has(kCrashJournal));
+    rolledBack_ += isBack;
+    SimulatedDisk repaired(disk.live());
+    lookAt(repaired);
+    const Bytes found = repaired.live().at(kCrashFile);
+    EXPECT_TRUE(found == after || (failure && found == before_));
+  }
+
+  const Bytes before_ = std::get<0>(GetParam());
+  const DiskImage image_ = before_.empty() ? DiskImage() : diskWith(before_);
+  int rolledBack_ = 0;
+};
+
+INSTANTIATE_TEST_SUITE_P(OldAndNewFiles, LinuxLossTest,
+                         testing::Combine(testing::Values(noise(40001), Bytes()),
+                                          testing::Values(4096, 32768, 1 << 20)));
+
+TEST_P(LinuxLossTest, AnErrorAtAnyOperationIsToldAndLeavesAllOrNothing) {
+  for (const bool failsEverAfter : {false, true}) {
+    bool isOver = false;
+    for (int64_t failAt = 0; !isOver; ++failAt) {
+      SCOPED_TRACE(failAt);
+      SimulatedDisk disk(image_);
+      disk.failAt = failAt;
+      disk.failsEverAfter = failsEverAfter;
+      disk.fallsShort = failAt % 2 == 1;
+      survive(disk);
+      isOver = !disk.hasFired;
     }
   }
+  EXPECT_GE(rolledBack_, 10);
+}
+
+TEST_P(LinuxLossTest, ADiskThatFillsUpLeavesTheFileAsItWas) {
+  for (int64_t room = 0; room < 100000; room += 997) {
+    SCOPED_TRACE(room);
+    SimulatedDisk disk(image_);
+    disk.capacity = std::ssize(before_) + room;
+    survive(disk);
+  }
+  EXPECT_GE(rolledBack_, 10);
 }
 
 TEST(LinuxDiskTest, NothingFollowsALostWriteOrAReadThatFailedInAnUpdate) {
@@ -396,8 +426,12 @@ TEST(LinuxDiskTest, WhoReadOnSharesAgainAfterAnUpdate) {
     Files others(hostOver(disk));
     const File reader(files.open(kCrashStore, hx::HX_ACCESS_READ));
     disk.failAt = failAt;
-    EXPECT_EQ(File(files.open(kCrashStore)).isOpen(), failAt < 0);
-    EXPECT_TRUE(File(others.open(kCrashStore, hx::HX_ACCESS_READ)).isOpen()) << failAt;
+    {
+      const File updater(files.open(kCrashStore));
+      EXPECT_EQ(updater.handle != nullptr, failAt < 0);
+      EXPECT_TRUE(failAt >= 0 || files.open(kCrashStore, hx::HX_ACCESS_READ) == nullptr);
+    }
+    EXPECT_NE(File(others.open(kCrashStore, hx::HX_ACCESS_READ)).handle, nullptr) << failAt;
   }
 }
 

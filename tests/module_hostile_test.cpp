@@ -1,5 +1,6 @@
 // Files and blobs that nobody wrote: each is opened both ways, and read, listed and updated as far
-// as it goes (tests/image_agreement.h bounds the work). Trees of any depth, on the smallest stack.
+// as it goes (tests/image_agreement.cpp bounds the work). Trees of any depth, on the smallest
+// stack.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -8,7 +9,7 @@
 #include <functional>
 
 #include "blob/create_blob.h"
-#include "tests/image_agreement.h"
+#include "tests/fuzzed.h"
 #include "tests/module_world.h"
 
 namespace hx::fake {
@@ -45,42 +46,6 @@ TEST(Hostile, EveryLengthInBothByteOrders) {
     for (size_t length = 0; length <= whole.size(); ++length)
       expectAgreement({whole.data(), length});
   }
-}
-
-TEST(Hostile, DamageIsReportedByTheOpenThatMeetsIt) {
-  const Bytes image = smallImage();
-  const int64_t three = entryOffset(image, "three");
-  const int64_t chunk = recordAt<Entry>(image, three).firstLink;
-  const int64_t second = recordAt<DataChunk>(image, chunk).next;
-  struct Case {
-    int64_t field;
-    int64_t value;
-    size_t width;
-    const char* script;
-  };
-  const char* const inTheStore = "open x R !13";
-  const char* const inTheItem = "open x R; item r x:three R !13";
-  for (const Case& c : {Case{24, INT32_MIN, 8, inTheStore},        // page size
-                        {three + 16, three, 8, inTheStore},        // next entry
-                        {second + 16, chunk, 8, inTheItem},        // next page
-                        {second + 8, 17, 4, inTheItem},            // capacity
-                        {chunk + 12, -1, 4, inTheItem},            // used
-                        {second + 12, 15, 4, inTheItem},           // used, in the middle
-                        {second, int64_t{1} << 40, 8, inTheItem},  // the bytes
-                        {three + 24, -8, 8, inTheItem}}) {         // first page
-    World w({{"x", image}});
-    std::memcpy(w.image("x").data() + c.field, &c.value, c.width);
-    w.run(c.script);
-  }
-  // What changes behind the open is met by the read.
-  World w({{"x", image}});
-  w.run("open x R; item r x:three R");
-  setField(w.image("x"), second, &DataChunk::capacity, 0x10000);
-  w.run("read r 40 =16 !13; shut r; close x; open x R; item r x:three R !13");
-  World other({{"x", image}});
-  other.run("open x R; item r x:three R");
-  putRecord(other.image("x"), second, DataChunk{});
-  other.run("read r 16; read r 24 =0 !6");
 }
 
 // Three pages of 2^30 bytes, none of which is ever touched.

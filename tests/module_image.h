@@ -13,12 +13,11 @@
 
 namespace hx::fake {
 
-// A record of a file or a blob, and what its back links have to be.
+// A record of a file or a blob.
 struct StoredRecord {
   char kind;  // 'h'eader, 's'tore's or 'i'tem's entry, 'c'hunk
   int64_t offset;
-  int64_t parent;
-  int64_t previous;  // for a nested store the nested store before it
+  int64_t parent;  // of an entry: that of the store it is in
 };
 
 template <typename Record>
@@ -47,15 +46,19 @@ void putText(Bytes& image, size_t offset, const std::string& bytes);
 Header headerOf(int64_t pageSizeCode, int64_t directoryOffset);
 Entry entryOf(int64_t parent, int64_t previous, int64_t next, int64_t first, const char* name);
 
-// All records of a sound image, each store's members behind it.
+// All records of a sound image, each store's members behind it; the pages come last.
 std::vector<StoredRecord> recordsOf(const Bytes& image);
 std::string nameAt(const Bytes& image, int64_t entryOffset);
 // Where the ENTRY of a name stands in a sound image.
 int64_t entryOffset(const Bytes& image, const std::string& name);
-// Complains about back links, page chains and places of a native image that break the format.
+// Complains about what breaks the format, as `hxcrate check` does.
 void checkImage(const Bytes& image);
 // Every field of every record of an image, set to every value that could lead astray.
 void forEachDamage(const Bytes& image, const std::function<void(const Bytes&)>& use);
+// Sets a field of a record that is named by the member and the field: "header.pageSizeCode",
+// "name.next" of an ENTRY, "name/0.used" of an item's first page. The value is a number, or "@" and
+// where such a record is: "@name".
+void setNamedField(Bytes& image, const std::string& field, const std::string& value);
 // The same image from the other machine.
 Bytes asBigEndian(const Bytes& image);
 

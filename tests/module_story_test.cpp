@@ -39,7 +39,8 @@ std::vector<Story> storiesIn(const std::string& file) {
 }
 
 TEST(Stories, GoAsWritten) {
-  for (const char* file : {"stores.txt", "items.txt", "blobs.txt", "faults.txt"}) {
+  for (const char* file :
+       {"stores.txt", "items.txt", "blobs.txt", "foreign.txt", "damage.txt", "faults.txt"}) {
     for (const Story& story : storiesIn(file)) {
       SCOPED_TRACE(file + (": " + story.name));
       World w;
@@ -62,7 +63,7 @@ void fillWorld(World& w) {
       "copy disk cached; copy damaged cached; foreign foreign cached;"
       "foreign foreignCached cached; open foreignCached R; close foreignCached; grow short 39;"
       "open memory UCN; close memory; open reading R; open updating U; open updating:e R");
-  setField(w.image("damaged"), 0, &Header::pageSizeCode, int64_t{INT64_MIN});
+  w.run("set damaged header.pageSizeCode -9223372036854775808");
 }
 
 // Each in a world of its own. What fails leaves the disk and the stores on the way alone.

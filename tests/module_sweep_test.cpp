@@ -5,9 +5,8 @@
 #include <fstream>
 #include <iterator>
 
-#include "tests/image_agreement.h"
+#include "tests/fuzzed.h"
 #include "tests/module_world.h"
-#include "tests/operation_sequence.h"
 
 namespace hx::fake {
 namespace {

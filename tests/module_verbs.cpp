@@ -170,6 +170,12 @@ void World::ask(const Words& words) {
 
 void World::arrange(const Words& words) {
   if (words[0] == "mark") host.events.clear();
+  if (words[0] == "deliver") host.longestRead = toNumber(words[1]);
+  if (words[0] == "set") {
+    setNamedField(image(words[1]), words[2], words[3]);
+    saved_.erase(words[1]);
+    unknown_.insert(words[1]);
+  }
   if (words[0] == "heal") host.stopFailing();
   if (words[0] == "restart") {
     closeAll();

@@ -89,6 +89,7 @@ void World::closeAll() {
 
 void World::settle(bool comparesTrees) {
   host.stopFailing();
+  host.longestRead = INT64_MAX;
   host.removeResult = 0;
   closeAll();
   for (const auto& [path, sizes] : std::map(saved_)) {
@@ -148,18 +149,13 @@ const std::map<std::string, World::Verb> World::kVerbs = {
     {"foreign", &World::copy},   {"size", &World::ask},         {"pages", &World::ask},
     {"count", &World::ask},      {"page", &World::arrange},     {"grow", &World::arrange},
     {"mark", &World::arrange},   {"fail", &World::arrange},     {"heal", &World::arrange},
-    {"refuse", &World::arrange}, {"restart", &World::arrange}};
+    {"refuse", &World::arrange}, {"restart", &World::arrange},  {"set", &World::arrange},
+    {"deliver", &World::arrange}};
 
-void World::run(const std::string& script) {
+void World::run(const std::string& script, bool isStrict) {
   std::istringstream statements(script);
   for (std::string statement; std::getline(statements, statement, ';');)
-    step(statement, true);
-}
-
-void World::tryToRun(const std::string& script) {
-  std::istringstream statements(script);
-  for (std::string statement; std::getline(statements, statement, ';');)
-    step(statement, false);
+    step(statement, isStrict);
 }
 
 void World::step(const std::string& statement, bool isStrict) {

@@ -1,4 +1,4 @@
-#include "tests/operation_sequence.h"
+#include "tests/fuzzed.h"
 
 #include <gtest/gtest.h>
 

@@ -102,7 +102,7 @@ int64_t SimulatedDisk::readAt(int file, void* out, size_t count, int64_t offset)
   const uint64_t inode = openings_.at(file).inode;
   const DiskBytes& bytes = live_.inodes[inode];
   const int64_t wanted = transferred(count);
-  if (!begin({DiskOperation::kRead, pathOf(inode), offset, wanted})) return -failure;
+  if (!begin({DiskOperation::kRead, pathOf(inode)})) return -failure;
   const int64_t got = std::clamp<int64_t>(std::ssize(bytes) - offset, 0, wanted);
   if (got > 0) std::memcpy(out, bytes.data() + offset, static_cast<size_t>(got));
   return got;
@@ -111,7 +111,7 @@ int64_t SimulatedDisk::readAt(int file, void* out, size_t count, int64_t offset)
 int64_t SimulatedDisk::writeAt(int file, const void* bytes, size_t count, int64_t offset) {
   const uint64_t inode = openings_.at(file).inode;
   int64_t wanted = transferred(count);
-  if (!begin({DiskOperation::kWrite, pathOf(inode), offset, wanted})) return -failure;
+  if (!begin({DiskOperation::kWrite, pathOf(inode)})) return -failure;
   wanted = std::min(wanted, room(inode) - offset);
   if (wanted <= 0) return -ENOSPC;
   const auto* from = static_cast<const uint8_t*>(bytes);

@@ -45,9 +45,7 @@ enum class DiskOperation { kLook, kRead, kWrite, kChange, kUnlink, kSync, kSyncD
 
 struct DiskStep {
   DiskOperation operation;
-  std::string path;    // empty for a file that has no name any more
-  int64_t offset = 0;  // of a read and a write, as `count`
-  int64_t count = 0;
+  std::string path;  // empty for a file that has no name any more
 
   bool changesDisk() const { return operation > DiskOperation::kRead; }
   bool isSync() const { return operation >= DiskOperation::kSync; }

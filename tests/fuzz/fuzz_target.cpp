@@ -1,8 +1,7 @@
 // Gives the fuzzer's inputs to the function HX_FUZZED. Built with libFuzzer by `./dev fuzz`.
 #include <gtest/gtest.h>
 
-#include "tests/image_agreement.h"
-#include "tests/operation_sequence.h"
+#include "tests/fuzzed.h"
 
 extern "C" int LLVMFuzzerInitialize(int* /*count*/, char*** /*arguments*/) {
   GTEST_FLAG_SET(throw_on_failure, true);  // nobody catches it, so the fuzzer keeps the input

@@ -1,0 +1,103 @@
+#!/usr/bin/env bash
+# The house rules that no compiler checks: who includes whom, that files include each other in no
+# circle, what files are called and how long they are, and what the module imports and exports.
+# architecture_test.sh SOURCES MODULE   (no module: one with a sanitizer in it imports more)
+set -euo pipefail
+cd "$1"
+library=${2:-}
+outcome=0
+complain() { printf '%s\n' "$*"; outcome=1; }
+
+# How a path begins: how the paths begin that it may include of the tree, and "+" where any header
+# of the system may be. The first that fits counts. README's tour of the folders says it in words.
+inner="module/ store/ file/ item/ blob/"
+slots="host/kernel.h host/encoding.h host/file_io.h"
+rules=(
+  "host/linux/: + host/linux/ $slots"
+  "host/: $slots"
+  "api/: + api/ host/linux/ store/records.h store/status.h module/entry.h $slots"
+  "inspect/: + inspect/ api/hxcrate/ file/format.h"
+  "tool/: + tool/ api/hxcrate/"
+  "examples/memory_host.c: + module/crate.h"
+  "examples/: + api/hxcrate/"
+)
+for folder in $inner; do rules+=("$folder: $inner $slots"); done
+
+# Where an include leads: from the root, the includer's folder, or api/, which programs search. A
+# file may also be made by the build.
+resolve() {
+  local candidate
+  for candidate in "$2" "${1%/*}/$2" "api/$2"; do
+    if [ -e "$candidate" ] || [ -e "$candidate.in" ]; then resolved=$candidate; return; fi
+  done
+  resolved=
+}
+
+begins_with_any() {
+  local path=$1 prefix
+  shift
+  for prefix in "$@"; do [[ $path == "$prefix"* ]] && return; done
+  return 1
+}
+
+check_include() {
+  local path=$1 sign=$2 written=$3 allowed=$4
+  resolve "$path" "$written"
+  if [ "$sign" = '"' ] || [[ $resolved == api/hxcrate/* ]]; then
+    [[ -n $resolved && $written != *..* ]] || { complain "$path includes $written"; return; }
+    begins_with_any "$resolved" $allowed || complain "$path includes $resolved"
+    edges+="$path $resolved"$'\n'
+  elif [[ $allowed != *+* && ! $written =~ ^(stddef|stdint)\.h$ && "$path $written" != h*" uchar.h" ]]; then
+    complain "$path includes <$written>"
+  fi
+}
+
+edges=
+used=
+while read -r path; do
+  found=
+  for rule in "${rules[@]}"; do
+    [[ $path == "${rule%%:*}"* ]] && found=$rule && break
+  done
+  [ -n "$found" ] || complain "$path is under no rule"
+  used+="${found%%:*} "
+  while read -r sign written; do
+    check_include "$path" "$sign" "$written" "${found#*:}"
+  done < <(sed -n 's/^#include \([<"]\)\([^>"]*\).*/\1 \2/p' "$path")
+done < <(find $inner host api inspect tool examples -name '*.h' -o -name '*.hpp' -o -name '*.cpp' -o -name '*.c')
+for rule in "${rules[@]}"; do
+  [[ " $used" == *" ${rule%%:*} "* ]] || complain "a rule for files that there are none of: $rule"
+done
+[ "$(wc -l <<< "$edges")" -gt 500 ] || complain "too few includes were found"
+tsort <<< "$edges" > /dev/null || complain "files include each other"
+
+named=$(find $inner host api inspect tool tests -name '*.h' -o -name '*.hpp' -o -name '*.cpp' -o -name '*.c')
+twins=$(sed 's,.*/,,' <<< "$named" | sort | uniq -d)
+[ -z "$twins" ] || complain "several files are called $twins"
+while read -r lines path; do
+  [ "$lines" -le 400 ] || [[ $path == tests/* || $path == total ]] || complain "$path has $lines lines"
+done < <(xargs wc -l <<< "$named")
+
+[ -n "$library" ] || exit $outcome
+imports=$(nm -D --undefined-only "$library" | awk '{ print $NF }' | grep -vxE 'memcpy|memmove|memset' || true)
+[ -z "$imports" ] || complain "the module imports" $imports
+exports=$(nm -D --defined-only "$library" | awk '{ print $NF }')
+for name in hxmodent hxmodver hxrelct1 hxcrate Exported_HXHandle hxcrateOpenStore; do
+  grep -qx $name <<< "$exports" || complain "the module does not export $name"
+done
+decorated=$(grep -vxE '[a-z][A-Za-z0-9]*|.*_map|Exported_HXHandle' <<< "$exports" || true)
+[ -z "$decorated" ] || complain "the module exports" $decorated
+
+# What a slip of memory in user space must not lead to: a changed return address, a changed table of
+# functions.
+check_hardened() {
+  local words word path=${library%/*}/$1
+  shift
+  words=$(readelf -Wdl --dyn-syms "$path" | tr ' @' '\n\n')
+  for word in GNU_RELRO NOW __stack_chk_fail "$@"; do
+    grep -qx "$word" <<< "$words" || complain "$path lacks $word"
+  done
+}
+check_hardened libhxhost.so
+check_hardened hxcrate PIE
+exit $outcome

@@ -1,0 +1,19 @@
+// What the fuzzer runs, and what replays its corpus. Every disagreement is a test failure.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+namespace hx::fake {
+
+// Any bytes, opened as a file and as a blob: both must say the same of what can be read, and must
+// end after work in proportion to the bytes.
+void expectAgreement(std::span<const uint8_t> image);
+
+// Any bytes as a sequence of operations. Runs them on a store in a file, on one in memory and on
+// one that is closed and loaded anew between them, which must agree in every status and count; then
+// on files, memory and blobs with the failures that the bytes ask for, after which every file must
+// hold what was written.
+void expectSoundLife(std::span<const uint8_t> bytes);
+
+}  // namespace hx::fake

@@ -1,0 +1,150 @@
+// Several threads in one store, and two sessions on one file: what each reads is compared, and the
+// thread sanitizer looks for races. `./dev threads` repeats this for as long as it is told.
+#include <gtest/gtest.h>
+
+#include <hxcrate/crate.hpp>
+#include <hxcrate/inspect.hpp>
+#include <latch>
+#include <thread>
+
+#include "tests/module_image.h"
+#include "tests/temporary_directory.h"
+
+namespace hxcrate {
+namespace {
+
+constexpr int kRounds = 60;
+
+// What one thread works on: `own` is a name that no other thread uses.
+struct Place {
+  Session& session;
+  Store& store;
+  std::string own;
+};
+
+using Work = void (*)(const Place& place);
+
+// The bytes of an item from one place to another.
+std::string bytesOf(const std::string& name, std::int64_t from, std::int64_t to) {
+  std::string bytes;
+  for (; from < to; ++from)
+    bytes += static_cast<char>('a' + (from + from / 7 + name[0]) % 26);
+  return bytes;
+}
+
+void append(Store& store, const std::string& name, std::int64_t count) {
+  Writer writer = store.append(name);
+  writer.write(bytesOf(name, writer.position(), writer.position() + count));
+}
+
+void readItem(const Store& store, const std::string& name) {
+  Reader reader = store.read(name);
+  char piece[33];
+  for (std::int64_t at = 0; at < reader.size(); at = reader.position()) {
+    const std::size_t count = reader.read(std::as_writable_bytes(std::span(piece)));
+    ASSERT_EQ(std::string(piece, count), bytesOf(name, at, reader.position()));
+  }
+}
+
+void readShared(const Place& place) {
+  readItem(place.store, "a");
+}
+
+void readOwn(const Place& place) {
+  readItem(place.store, place.own);
+}
+
+void appendOwn(const Place& place) {
+  for (int piece = 0; piece < 5; ++piece)
+    append(place.store, place.own, 30);
+}
+
+void createMembers(const Place& place) {
+  static thread_local int number = 0;
+  const std::string name = place.own + std::to_string(++number);
+  const Store nested = place.store.createStore(name);
+  append(place.store, name + "/x", 10);
+}
+
+void listMembers(const Place& place) {
+  const MemberRange members = place.store.members();
+  EXPECT_GE(std::ranges::distance(members.begin(), members.end()), 3);
+}
+
+// Opens the file that the other machine wrote once more, converts, and leaves.
+void convertShared(const Place& place) {
+  const Store again = place.session.open(place.store.path());
+  const std::string bytes = bytesOf("a", 0, 900);
+  const std::vector<std::int16_t> numbers = again.read("a").readArray<std::int16_t>();
+  ASSERT_EQ(numbers.size(), bytes.size() / 2);
+  for (std::size_t i = 0; i < numbers.size(); ++i)
+    ASSERT_EQ(numbers[i], bytes[2 * i] << 8 | bytes[2 * i + 1]);
+}
+
+void runTogether(const std::vector<std::pair<Place, Work>>& threads) {
+  std::latch start(std::ssize(threads));
+  std::vector<std::thread> running;
+  for (const auto& [place, work] : threads) {
+    running.emplace_back([&start, place = place, work = work] {
+      start.arrive_and_wait();
+      for (int round = 0; round < kRounds && !testing::Test::HasFailure(); ++round)
+        work(place);
+    });
+  }
+  for (std::thread& thread : running)
+    thread.join();
+}
+
+class Threads : public testing::Test {
+ protected:
+  Threads() {
+    fill(session_.open(path_, Mode::create, {.pageSize = 64})).close();
+    transcode(InspectedFile(path_), "hxmok1/be/utf-8", foreign_);
+  }
+
+  Store fill(Store store) {
+    for (const char* name : {"a", "p", "q"})
+      append(store, name, 900);
+    return store;
+  }
+
+  // The threads are called p, q, r and s.
+  void work(Store store, const std::vector<Work>& works) {
+    std::vector<std::pair<Place, Work>> threads;
+    for (const Work& work : works)
+      threads.push_back({{session_, store, std::string(1, "pqrs"[&work - works.data()])}, work});
+    runTogether(threads);
+    for (const char* name : {"a", "p", "q"})
+      readItem(store, name);
+    store.close();
+    const std::string file = hxtest::readFile(path_);
+    hx::fake::checkImage({file.begin(), file.end()});
+  }
+
+  const hxtest::TemporaryDirectory directory_;
+  const std::string path_ = directory_ / "x.st";
+  const std::string foreign_ = directory_ / "foreign.st";
+  Session session_;
+};
+
+TEST_F(Threads, WorkTogetherInOneStore) {
+  work(session_.open(path_), {readShared, readShared, readShared});
+  work(session_.open(path_), {readOwn, readOwn, readShared});
+  work(session_.open(path_, Mode::update), {appendOwn, readShared, appendOwn});
+  work(fill(session_.createInMemory("m", 64)), {appendOwn, readShared, appendOwn, listMembers});
+  work(session_.open(path_, Mode::update), {createMembers, listMembers, createMembers});
+  work(session_.open(path_, Mode::update), {appendOwn, createMembers, listMembers, readShared});
+  work(session_.open(foreign_), {convertShared, convertShared, convertShared});
+}
+
+TEST_F(Threads, TwoSessionsReadOneFile) {
+  Session other;
+  Store first = session_.open(path_);
+  Store second = other.open(path_);
+  runTogether({{{session_, first, "p"}, readOwn},
+               {{other, second, "p"}, readOwn},
+               {{other, second, "q"}, readShared}});
+}
+
+}  // namespace
+}  // namespace hxcrate
