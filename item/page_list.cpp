@@ -47,8 +47,10 @@ PageBuf* moveHandle(ItemHandle* handle, PageBuf* page) {
   return left;
 }
 
+// Also when the file is closed by now: an item with its first page alone in memory would be
+// continued there, and no longer behind its end.
 void dropStoredPages(ItemMember* item) {
-  if (!hasStorage(item)) return;
+  if (!hasStorage(item) && !item->parent->root->hasHadFile) return;
   for (const PageBuf* page = item->firstPage; page != nullptr; page = page->next) {
     if (isDirty(page)) return;
   }
