@@ -11,6 +11,8 @@ target_compile_options(hx_warnings INTERFACE
 if(HX_SANITIZE)
   add_compile_options(-fsanitize=${HX_SANITIZE} -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${HX_SANITIZE})
+  # What g++ believes uninitialized in sanitized code is often the library's own, and is not.
+  add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>)
 endif()
 
 if(HX_BUILD_FUZZ)
