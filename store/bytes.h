@@ -7,8 +7,9 @@
 
 namespace hx {
 
-// By memmove, though nothing overlaps: of memcpy the C library keeps an old version, which is what a
-// module that names no version is given, and which makes the reading of a blob take 1.4 times as long.
+// By memmove, though nothing overlaps: of memcpy the C library keeps an old version, which is what
+// a module that names no version is given, and which makes the reading of a blob take 1.4 times as
+// long.
 inline void copyBytes(void* to, const void* from, uint64_t count) {
   if (count != 0) __builtin_memmove(to, from, count);
 }

@@ -89,13 +89,15 @@ class TextMap {
   void printTotals() {
     output_.write("\n");
     for (std::size_t kind = 0; kind < hxcrate::kByteKinds; ++kind) {
-      const auto name = std::string(nameOf(static_cast<ByteKind>(kind)));
-      const std::string letter(1, kLooks[kind].letter);
-      const bool isColoured = output_.isTerminal();
-      output_.write(alignRight(map_.totals()[kind]) + "  " +
-                    (isColoured ? kLooks[kind].colour + letter + "\x1b[0m" : letter) + "  " + name +
-                    (name == kLooks[kind].meaning ? "" : std::string(", ") + kLooks[kind].meaning) +
-                    "\n");
+      const Look& look = kLooks[kind];
+      const std::string_view name = nameOf(static_cast<ByteKind>(kind));
+      std::string line = alignRight(map_.totals()[kind]) + "  ";
+      if (output_.isTerminal()) line += look.colour;
+      line += look.letter;
+      line += output_.isTerminal() ? "\x1b[0m  " : "  ";
+      line += name;
+      if (name != look.meaning) line.append(", ").append(look.meaning);
+      output_.write(line + "\n");
     }
     const auto& totals = map_.totals();
     const std::int64_t sum = std::accumulate(totals.begin(), totals.end(), std::int64_t{0});
