@@ -53,11 +53,10 @@ struct IndexSlot {
 // Finds the members of a large table by their whole hash (member_index.h). The chains stay what
 // they are; without memory for the slots they serve alone.
 struct MemberIndex {
-  IndexSlot* slots;        // null while the table is small; `mask` + 1 of them, a power of two
-  uint32_t mask;           // the low bits that choose a slot
-  uint32_t memberCount;    // in the table, also while there are no slots
-  uint32_t chainSearches;  // of a large table, since it might have had slots
-  Member* lastListed;      // by the last enumeration: the next one needs no search for it
+  IndexSlot* slots;      // null while the table is small; `mask` + 1 of them, a power of two
+  uint32_t mask;         // the low bits that choose a slot
+  uint32_t memberCount;  // in the table, also while there are no slots
+  Member* lastListed;    // by the last enumeration: the next one needs no search for it
 };
 
 struct ExtensionInstance {

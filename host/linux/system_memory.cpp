@@ -12,7 +12,7 @@ constexpr size_t kHugePage = 2 << 20;
 
 // Blocks from here on lie on huge pages where the system has them: that takes two thirds off the
 // making of a blob of 64 MiB, most of which is page faults otherwise. They have to begin on one.
-constexpr size_t kHugeFrom = 8 << 20;
+constexpr size_t kHugeFrom = kHugePage;
 
 void* mapMemory(size_t bytes, int flags) {
   flags |= MAP_PRIVATE | MAP_ANONYMOUS;
