@@ -9,14 +9,6 @@ namespace hx {
 
 namespace {
 
-// Where a walk over an item's chain stands.
-struct ChainPlace {
-  int64_t offset;  // of the record
-  int32_t index;
-  int64_t size;  // of all pages up to and with this one
-  DataChunk chunk;
-};
-
 // How many bytes of a page block are read: an item's only page may have been stored short.
 int64_t bytesToRead(const DataChunk& chunk, int32_t index) {
   return index == 0 ? chunk.used : chunk.capacity;
@@ -33,70 +25,51 @@ bool isSound(const ItemMember* item, const DataChunk& chunk, int32_t index) {
   return liesInside(item->parent, chunk.dataOffset, extent);
 }
 
-bool readPlace(const ItemMember* item, ChainPlace* place) {
-  if (!readChunk(item, place->offset, place->index, &place->chunk)) return false;
-  place->size += place->chunk.used;
-  return place->size <= INT32_MAX;
-}
+// A walk over an item's chain: where it stands, and the size of all pages up to there.
+struct ChainWalk {
+  const ItemMember* item;
+  ChunkPlace place;
+  int64_t size;
 
-// Goes on to the chain's end. Every full page needs a record and a block of its own, so a chain
-// longer than the file has room for goes in circles.
-bool walkToEnd(const ItemMember* item, ChainPlace* place) {
-  const int64_t perPage = kChunkSize + static_cast<int64_t>(item->parent->root->pageSize);
-  const int64_t mostPages = storedLength(item->parent) / perPage;
-  while (place->chunk.next != 0) {
-    if (place->index >= mostPages) return false;
-    place->offset = place->chunk.next;
-    ++place->index;
-    if (!readPlace(item, place)) return false;
+  bool stepTo(int64_t offset, int32_t index) {
+    if (!readChunk(item, offset, index, &place)) return false;
+    size += place.chunk.used;
+    return size <= INT32_MAX;
   }
-  return true;
-}
+
+  // Every full page needs a record and a block of its own, so a chain longer than the file has room
+  // for goes in circles.
+  bool goToEnd() {
+    const int64_t perPage = kChunkSize + static_cast<int64_t>(item->parent->root->pageSize);
+    const int64_t mostPages = storedLength(item->parent) / perPage;
+    while (place.chunk.next != 0) {
+      if (place.index >= mostPages || !stepTo(place.chunk.next, place.index + 1)) return false;
+    }
+    return true;
+  }
+};
 
 // The page that an open wants, and the item's size.
-PageBuf* loadWantedPage(const ItemMember* item, bool wantsFirst, ChainPlace* place,
-                        Status* status) {
+PageBuf* loadWantedPage(ChainWalk& walk, bool wantsFirst, Status* status) {
   *status = kUnreadable;
-  if (!readPlace(item, place)) return nullptr;
-  if (!wantsFirst) {
-    if (!walkToEnd(item, place)) return nullptr;
-    return loadPage(item, place->chunk, place->offset, place->index, nullptr, status);
-  }
-  PageBuf* page = loadPage(item, place->chunk, place->offset, 0, nullptr, status);
-  if (page == nullptr || walkToEnd(item, place)) return page;
-  freePage(item, page);
+  if (!walk.stepTo(static_cast<int64_t>(walk.item->firstChunkOffset), 0)) return nullptr;
+  if (!wantsFirst) return walk.goToEnd() ? loadPage(walk.item, walk.place, status) : nullptr;
+  PageBuf* page = loadPage(walk.item, walk.place, status);
+  if (page == nullptr || walk.goToEnd()) return page;
+  freePage(walk.item, page);
   *status = kUnreadable;
   return nullptr;
 }
 
 int32_t loadOnePage(ItemMember* item, bool wantsFirst) {
-  ChainPlace place = {static_cast<int64_t>(item->firstChunkOffset), 0, 0, {}};
+  ChainWalk walk = {item, {}, 0};
   Status status = kOk;
-  PageBuf* page = loadWantedPage(item, wantsFirst, &place, &status);
+  PageBuf* page = loadWantedPage(walk, wantsFirst, &status);
   if (page == nullptr) return status == kNoMemory ? -1 : status;
   item->firstPage = page;
   item->lastPage = page;
-  item->size = static_cast<int32_t>(place.size);
+  item->size = static_cast<int32_t>(walk.size);
   return 0;
-}
-
-// Points the page at its bytes in the blob, or reads them into a buffer of its own.
-Status fillPage(const ItemMember* item, PageBuf* page) {
-  if (const uint8_t* blob = openBlob(item->parent)) {
-    // An item without a byte has no place for its page; its dataOffset is 0. Nobody writes through
-    // the buffer of a blob's page.
-    page->buffer = const_cast<uint8_t*>(blob) + page->dataOffset;
-    return kOk;
-  }
-  if (page->buffer == nullptr) {
-    const auto pageSize = static_cast<uint64_t>(item->parent->root->pageSize);
-    page->buffer = static_cast<uint8_t*>(allocateBlock(item->pool, pageSize));
-  }
-  if (page->buffer == nullptr) return kNoMemory;
-  const DataChunk chunk{page->dataOffset, page->capacity, page->used, page->nextChunkOffset};
-  const int64_t count = bytesToRead(chunk, page->index);
-  if (count == 0 || readStored(item->parent, page->dataOffset, page->buffer, count)) return kOk;
-  return kUnreadable;
 }
 
 }  // namespace
@@ -109,36 +82,56 @@ extern "C" int32_t loadItem(ItemMember* item, uint32_t flags) {
 
 extern "C" int32_t loadItemFromMemory(ItemMember* item, uint32_t flags) {
   if (openBlob(item->parent) == nullptr) return kFileNotOpen;
-  DataChunk first = {};
+  ChunkPlace first = {};
   const auto offset = static_cast<int64_t>(item->firstChunkOffset);
   if (!readChunk(item, offset, 0, &first)) return kUnreadable;
-  const bool isOnlyPage = first.used < item->parent->root->pageSize;
+  const bool isOnlyPage = first.chunk.used < item->parent->root->pageSize;
   if (!isOnlyPage && !has(flags, kRead)) return 0;
   return loadOnePage(item, true);
 }
 
-bool readChunk(const ItemMember* item, int64_t offset, int32_t index, DataChunk* chunk) {
-  if (!readStored(item->parent, offset, chunk, kChunkSize)) return false;
-  translateStructure(item->parent, chunk, kChunkSize, DATACHUNK_map);
-  return isSound(item, *chunk, index);
+bool readChunk(const ItemMember* item, int64_t offset, int32_t index, ChunkPlace* place) {
+  place->offset = offset;
+  place->index = index;
+  if (!readStored(item->parent, offset, &place->chunk, kChunkSize)) return false;
+  translateStructure(item->parent, &place->chunk, kChunkSize, DATACHUNK_map);
+  return isSound(item, place->chunk, index);
 }
 
-PageBuf* loadPage(const ItemMember* item, const DataChunk& chunk, int64_t offset, int32_t index,
-                  PageBuf* spare, Status* status) {
-  *status = kNoMemory;
-  PageBuf* page = spare != nullptr ? spare : allocateRecord<PageBuf>(item->pool);
-  if (page == nullptr) return nullptr;
-  uint8_t* buffer = page->buffer;
-  *page = {};
-  page->buffer = buffer;
-  page->dataOffset = chunk.dataOffset;
-  page->capacity = chunk.capacity;
-  page->used = chunk.used;
-  page->nextChunkOffset = chunk.next;
-  page->chunkOffset = offset;
-  page->index = index;
-  *status = fillPage(item, page);
-  if (*status == kOk) return page;
+PageBuf* newPage(const ItemMember* item) {
+  auto* page = allocateRecord<PageBuf>(item->pool);
+  if (page == nullptr || isInBlob(item->parent)) return page;
+  const auto pageSize = static_cast<uint64_t>(item->parent->root->pageSize);
+  page->buffer = static_cast<uint8_t*>(allocateBlock(item->pool, pageSize));
+  if (page->buffer != nullptr) return page;
+  freeBlock(item->pool, page);
+  return nullptr;
+}
+
+void describePage(const ItemMember* item, PageBuf* page, const ChunkPlace& place) {
+  page->dataOffset = place.chunk.dataOffset;
+  page->capacity = place.chunk.capacity;
+  page->used = place.chunk.used;
+  page->nextChunkOffset = place.chunk.next;
+  page->chunkOffset = place.offset;
+  page->index = place.index;
+  // An item without a byte has no place for its page; its dataOffset is 0. Nobody writes through
+  // the buffer of a blob's page.
+  const uint8_t* blob = openBlob(item->parent);
+  if (blob != nullptr) page->buffer = const_cast<uint8_t*>(blob) + page->dataOffset;
+}
+
+Status fillPage(const ItemMember* item, PageBuf* page, const ChunkPlace& place) {
+  describePage(item, page, place);
+  const int64_t count = bytesToRead(place.chunk, place.index);
+  if (isInBlob(item->parent) || count == 0) return kOk;
+  return readStored(item->parent, page->dataOffset, page->buffer, count) ? kOk : kUnreadable;
+}
+
+PageBuf* loadPage(const ItemMember* item, const ChunkPlace& place, Status* status) {
+  PageBuf* page = newPage(item);
+  *status = page != nullptr ? fillPage(item, page, place) : kNoMemory;
+  if (*status == kOk || page == nullptr) return page;
   freePage(item, page);
   return nullptr;
 }
@@ -146,10 +139,10 @@ PageBuf* loadPage(const ItemMember* item, const DataChunk& chunk, int64_t offset
 Status loadFirstPage(ItemMember* item) {
   if (item->parent->root->file == nullptr) return kFileNotOpen;
   const auto offset = static_cast<int64_t>(item->firstChunkOffset);
-  DataChunk chunk = {};
-  if (!readChunk(item, offset, 0, &chunk)) return kUnreadable;
+  ChunkPlace first = {};
+  if (!readChunk(item, offset, 0, &first)) return kUnreadable;
   Status status = kOk;
-  PageBuf* page = loadPage(item, chunk, offset, 0, nullptr, &status);
+  PageBuf* page = loadPage(item, first, &status);
   if (page == nullptr) return status;
   page->next = item->firstPage;
   item->firstPage = page;

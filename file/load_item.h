@@ -22,15 +22,27 @@ HX_EXPORT int32_t loadItemFromMemory(ItemMember* item, uint32_t flags);
 
 }  // extern "C"
 
+// A record of an item's chain, and where.
+struct ChunkPlace {
+  int64_t offset;
+  int32_t index;
+  DataChunk chunk;
+};
+
 // The record at `offset`, the item's `index`-th, ready for use; false when it can't be read, when
 // its page does not lie in the file, or when it breaks the rules of a chain.
-bool readChunk(const ItemMember* item, int64_t offset, int32_t index, DataChunk* chunk);
+bool readChunk(const ItemMember* item, int64_t offset, int32_t index, ChunkPlace* place);
 
-// A page with the bytes that the record tells, in no list yet. Null with kNoMemory or kUnreadable.
-// `spare` is null or a page of the item that nobody uses any more and that becomes the new one, or
-// is freed on failure; not for page 0, which may be read short.
-PageBuf* loadPage(const ItemMember* item, const DataChunk& chunk, int64_t offset, int32_t index,
-                  PageBuf* spare, Status* status);
+// A page in no list yet, with room for its bytes unless they lie in a blob; null without memory.
+PageBuf* newPage(const ItemMember* item);
+
+// Makes a new page that of the record: without its bytes, which only a page of a blob has then, or
+// with them: kOk or kUnreadable.
+void describePage(const ItemMember* item, PageBuf* page, const ChunkPlace& place);
+Status fillPage(const ItemMember* item, PageBuf* page, const ChunkPlace& place);
+
+// A new page, filled; null with kNoMemory or kUnreadable.
+PageBuf* loadPage(const ItemMember* item, const ChunkPlace& place, Status* status);
 
 // Loads page 0 anew in front of the list of an item whose other pages are in memory.
 Status loadFirstPage(ItemMember* item);

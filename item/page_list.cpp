@@ -15,23 +15,17 @@ bool isDirty(const PageBuf* page) {
   return (page->flags & kPageDirty) != 0;
 }
 
-// The page, taken from the list, when nobody stands on it any more and it can be had again.
-PageBuf* leavePage(ItemMember* item, PageBuf* page) {
-  if (page->useCount > 0) --page->useCount;
-  if (page->useCount > 0 || !hasStorage(item) || isDirty(page)) return nullptr;
-  PageBuf** link = &item->firstPage;
-  while (*link != nullptr && *link != page)
-    link = &(*link)->next;
-  if (*link == nullptr) return nullptr;
-  *link = page->next;
-  return page;
-}
-
 }  // namespace
 
 extern "C" void decrementPageUseCount(ItemMember* item, PageBuf* page) {
-  PageBuf* left = leavePage(item, page);
-  if (left != nullptr) freePage(item, left);
+  if (page->useCount > 0) --page->useCount;
+  if (page->useCount > 0 || !hasStorage(item) || isDirty(page)) return;
+  PageBuf** link = &item->firstPage;
+  while (*link != nullptr && *link != page)
+    link = &(*link)->next;
+  if (*link == nullptr) return;
+  *link = page->next;
+  freePage(item, page);
 }
 
 void linkPageAfter(ItemMember* item, PageBuf* page, PageBuf* added) {
@@ -40,11 +34,10 @@ void linkPageAfter(ItemMember* item, PageBuf* page, PageBuf* added) {
   if (item->lastPage == page) item->lastPage = added;
 }
 
-PageBuf* moveHandle(ItemHandle* handle, PageBuf* page) {
+void moveHandle(ItemHandle* handle, PageBuf* page) {
   ++page->useCount;
-  PageBuf* left = leavePage(handle->item, handle->page);
+  decrementPageUseCount(handle->item, handle->page);
   handle->page = page;
-  return left;
 }
 
 // Also when the file is closed by now: an item with its first page alone in memory would be

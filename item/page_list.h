@@ -18,9 +18,8 @@ HX_EXPORT void decrementPageUseCount(ItemMember* item, PageBuf* page);
 // Puts a new page right after `page`.
 void linkPageAfter(ItemMember* item, PageBuf* page, PageBuf* added);
 
-// Moves a handle from its page to another one of the list. The page that it left when that is in
-// no list any more, for the caller to use or to free; else null.
-PageBuf* moveHandle(ItemHandle* handle, PageBuf* page);
+// Moves a handle from its page to another one of the list.
+void moveHandle(ItemHandle* handle, PageBuf* page);
 
 // Drops every page of the item that is also in the file or the blob; all of them or none.
 void dropStoredPages(ItemMember* item);

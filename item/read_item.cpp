@@ -1,6 +1,7 @@
 #include "item/read_item.h"
 
 #include "file/load_item.h"
+#include "file/storage.h"
 #include "item/page_list.h"
 #include "item/read_conversion.h"
 #include "store/bytes.h"
@@ -11,54 +12,140 @@ namespace hx {
 
 namespace {
 
-// A page that the handle has left, for the next one that it needs: a read of many pages takes and
-// clears memory once.
-class SparePage {
- public:
-  explicit SparePage(const ItemMember* item) : item_(item) {}
-  ~SparePage() { keep(nullptr); }
-  SparePage(const SparePage&) = delete;
-  SparePage& operator=(const SparePage&) = delete;
+// Where the bytes of a call go.
+struct Target {
+  uint8_t* place;     // of the next byte
+  int64_t wanted;     // bytes more; a negative length wants none
+  int64_t count = 0;  // bytes so far
 
-  PageBuf* take() {
-    PageBuf* page = page_;
-    page_ = nullptr;
-    return page;
+  void advance(int64_t bytes) {
+    place += bytes;
+    wanted -= bytes;
+    count += bytes;
   }
-  void keep(PageBuf* page) {
-    if (page_ != nullptr) freePage(item_, page_);
-    page_ = page;
+};
+
+// A handle's way from its page to the next one that it has to stand on. Whole pages in between that
+// nobody has in memory go to the target without a page being made of them.
+class PageWalk {
+ public:
+  PageWalk(ItemHandle* handle, Target& target)
+      : handle_(handle),
+        item_(handle->item),
+        pageSize_(handle->item->parent->root->pageSize),
+        blob_(openBlob(handle->item->parent)),
+        target_(target),
+        takenTo_(target.place) {}
+  ~PageWalk() {
+    if (spare_ != nullptr) freePage(item_, spare_);
+  }
+  PageWalk(const PageWalk&) = delete;
+  PageWalk& operator=(const PageWalk&) = delete;
+
+  // Under the lock. After a failure the handle is on the page before its position.
+  Status goOn() {
+    PageBuf* listed = listedPage(handle_->page->index + 1);
+    if (listed != nullptr) return standOn(listed);
+    Status status = find(handle_->page->nextChunkOffset, handle_->page->index + 1);
+    if (status != kOk) return status;
+    spare_ = newPage(item_);
+    if (spare_ == nullptr) return kNoMemory;
+    while (isTakenWhole()) {
+      if (!take()) return standOnTaken(kUnreadable);
+      listed = listedPage(place_.index + 1);
+      if (listed != nullptr) return standOn(listed);
+      status = find(place_.chunk.next, place_.index + 1);
+      if (status != kOk) return standOnTaken(status);
+    }
+    status = fillPage(item_, spare_, place_);
+    return status == kOk ? standOnSpare() : standOnTaken(status);
+  }
+
+  // Without the lock: nobody writes into a blob.
+  void copyTaken() {
+    const auto bytes = static_cast<uint64_t>(pageSize_);
+    for (int32_t i = 0; blob_ != nullptr && i < takenCount_; ++i, takenTo_ += bytes)
+      copyBytes(takenTo_, blob_ + taken_[i], bytes);
   }
 
  private:
-  const ItemMember* item_;
-  PageBuf* page_ = nullptr;
+  // Bounds how long one call keeps the lock.
+  static constexpr int32_t kMostTaken = 16;
+
+  PageBuf* listedPage(int32_t index) const {
+    PageBuf* next = handle_->page->next;
+    return next != nullptr && next->index == index ? next : nullptr;
+  }
+
+  Status find(int64_t offset, int32_t index) {
+    if (offset == 0) return kEndOfItem;
+    if (item_->parent->root->file == nullptr) return kFileNotOpen;
+    if (!readChunk(item_, offset, index, &place_)) return kUnreadable;
+    return place_.chunk.capacity == 0 ? kEndOfItem : kOk;
+  }
+
+  // Neither the call nor the item ends with the page.
+  bool isTakenWhole() const {
+    const int32_t left = item_->size - handle_->position;
+    return target_.wanted > pageSize_ && left > pageSize_ && takenCount_ < kMostTaken;
+  }
+
+  bool take() {
+    const int64_t from = place_.chunk.dataOffset;
+    if (blob_ == nullptr && !readStored(item_->parent, from, target_.place, pageSize_))
+      return false;
+    taken_[takenCount_++] = from;
+    lastTaken_ = place_;
+    handle_->position += pageSize_;
+    target_.advance(pageSize_);
+    return true;
+  }
+
+  // The page after those taken can't be had. The last of them is in the target.
+  Status standOnTaken(Status status) {
+    if (takenCount_ == 0) return status;
+    describePage(item_, spare_, lastTaken_);
+    if (blob_ == nullptr) {
+      copyBytes(spare_->buffer, target_.place - pageSize_, static_cast<uint64_t>(pageSize_));
+    }
+    standOnSpare();
+    return status;
+  }
+
+  Status standOnSpare() {
+    linkPageAfter(item_, handle_->page, spare_);
+    PageBuf* page = spare_;
+    spare_ = nullptr;
+    return standOn(page);
+  }
+
+  Status standOn(PageBuf* page) {
+    moveHandle(handle_, page);
+    return kOk;
+  }
+
+  ItemHandle* handle_;
+  ItemMember* item_;
+  int32_t pageSize_;
+  const uint8_t* blob_;
+  Target& target_;
+  ChunkPlace place_ = {};
+  PageBuf* spare_ = nullptr;  // in no list yet
+  uint8_t* takenTo_;
+  int64_t taken_[kMostTaken];  // where the bytes lie
+  int32_t takenCount_ = 0;
+  ChunkPlace lastTaken_ = {};
 };
 
-// The page after the handle's: shared when it is in memory, else loaded and put in the list.
-Status nextPage(const ItemHandle* handle, SparePage& spare, PageBuf** next) {
-  ItemMember* item = handle->item;
-  PageBuf* page = handle->page;
-  *next = page->next;
-  if (*next != nullptr && (*next)->index == page->index + 1) return kOk;
-  if (page->nextChunkOffset == 0) return kEndOfItem;
-  if (item->parent->root->file == nullptr) return kFileNotOpen;
-  DataChunk chunk;
-  const int32_t index = page->index + 1;
-  if (!readChunk(item, page->nextChunkOffset, index, &chunk)) return kUnreadable;
-  if (chunk.capacity == 0) return kEndOfItem;
-  Status status = kOk;
-  *next = loadPage(item, chunk, page->nextChunkOffset, index, spare.take(), &status);
-  if (*next != nullptr) linkPageAfter(item, page, *next);
-  return status;
+Status goOnLocked(const ItemHandle* handle, PageWalk& walk) {
+  const LockGuard lock(handle->item->extension->lock);
+  return lock.taken() ? walk.goOn() : kNotLocked;
 }
 
-Status moveOn(ItemHandle* handle, SparePage& spare) {
-  const LockGuard lock(handle->item->extension->lock);
-  if (!lock.taken()) return kNotLocked;
-  PageBuf* next = nullptr;
-  const Status status = nextPage(handle, spare, &next);
-  if (status == kOk) spare.keep(moveHandle(handle, next));
+Status moveOn(ItemHandle* handle, Target& target) {
+  PageWalk walk(handle, target);
+  const Status status = goOnLocked(handle, walk);
+  walk.copyTaken();
   return status;
 }
 
@@ -72,16 +159,15 @@ bool standsOnPosition(const ItemHandle* handle, int32_t pageSize) {
   return handle->position / pageSize == handle->page->index;
 }
 
-// Copies what the page still has of the wanted bytes and returns how many.
-int64_t copyFromPage(ItemHandle* handle, int32_t pageSize, uint8_t* to, int64_t wanted) {
+void copyFromPage(ItemHandle* handle, int32_t pageSize, Target& target) {
   const int32_t offset = handle->position % pageSize;
   const int32_t left = handle->item->size - handle->position;
-  int64_t count = wanted;
+  int64_t count = target.wanted;
   if (count > pageSize - offset) count = pageSize - offset;
   if (count > left) count = left;
-  copyBytes(to, handle->page->buffer + offset, static_cast<uint64_t>(count));
+  copyBytes(target.place, handle->page->buffer + offset, static_cast<uint64_t>(count));
   handle->position += static_cast<int32_t>(count);
-  return count;
+  target.advance(count);
 }
 
 // Copies stored bytes and leaves the handle on the page that holds its new position, also when
@@ -90,17 +176,16 @@ ReadResult readStoredBytes(ItemHandle* handle, uint8_t* to, int64_t wanted) {
   const ItemMember* item = handle->item;
   const int32_t pageSize = item->parent->root->pageSize;
   if (handle->position >= item->size) return {0, kEndOfItem};
-  int64_t count = 0;
-  SparePage spare(item);
+  Target target{to, wanted};
   for (;;) {
     if (!standsOnPosition(handle, pageSize)) {
-      const Status status = moveOn(handle, spare);
-      if (status == kEndOfItem && count >= wanted) return {count, kOk};
-      if (status != kOk) return {count, status};
+      const Status status = moveOn(handle, target);
+      if (status == kEndOfItem && target.wanted <= 0) return {target.count, kOk};
+      if (status != kOk) return {target.count, status};
     }
-    if (count >= wanted) return {count, kOk};
-    count += copyFromPage(handle, pageSize, to + count, wanted - count);
-    if (handle->position == item->size) return {count, count < wanted ? kEndOfItem : kOk};
+    if (target.wanted <= 0) return {target.count, kOk};
+    copyFromPage(handle, pageSize, target);
+    if (handle->position == item->size) return {target.count, target.wanted > 0 ? kEndOfItem : kOk};
   }
 }
 
