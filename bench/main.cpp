@@ -31,9 +31,8 @@ std::vector<EnginePtr> allEngines() {
   for (auto make :
        {makePlainFile, makePlainFiles, makeSqlite, makeLmdb, makeHdf5, makeGsf, makeZip})
     engines.push_back(make());
-  engines.push_back(makeHxcrate(4096));
-  engines.push_back(makeHxcrate(256));
-  engines.push_back(makeHxcrateMapped());
+  for (EnginePtr& engine : makeHxcrate())
+    engines.push_back(std::move(engine));
   engines.push_back(makeHxcrateSlot());
   return engines;
 }

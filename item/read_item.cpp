@@ -84,10 +84,10 @@ class PageWalk {
     return place_.chunk.capacity == 0 ? kEndOfItem : kOk;
   }
 
-  // Neither the call nor the item ends with the page.
+  // The call wants all of the page, with which the item does not end: there the handle stays.
   bool isTakenWhole() const {
     const int32_t left = item_->size - handle_->position;
-    return target_.wanted > pageSize_ && left > pageSize_ && takenCount_ < kMostTaken;
+    return target_.wanted >= pageSize_ && left > pageSize_ && takenCount_ < kMostTaken;
   }
 
   bool take() {

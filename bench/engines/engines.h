@@ -10,8 +10,8 @@ namespace bench {
 
 using EnginePtr = std::unique_ptr<Engine>;
 
-EnginePtr makeHxcrate(std::int32_t pageSize);
-EnginePtr makeHxcrateMapped();
+// This store, in the settings that its users choose from; the plain one first.
+std::vector<EnginePtr> makeHxcrate();
 EnginePtr makeHxcrateSlot();
 EnginePtr makePlainFile();
 EnginePtr makePlainFiles();

@@ -125,6 +125,8 @@ class HxImage : public Image {
 
 class HxInMemory : public InMemory {
  public:
+  explicit HxInMemory(std::int32_t pageSize) : store_(session_.createInMemory("image", pageSize)) {}
+
   void put(std::string_view name, Bytes bytes) override { putItem(store_, name, bytes); }
   std::unique_ptr<Image> makeImage() override {
     return std::make_unique<HxImage>(store_.makeBlob());
@@ -132,7 +134,7 @@ class HxInMemory : public InMemory {
 
  private:
   hxcrate::Session session_;
-  hxcrate::Store store_ = session_.createInMemory("image");
+  hxcrate::Store store_;
 };
 
 class Hxcrate : public Engine {
@@ -143,7 +145,9 @@ class Hxcrate : public Engine {
   std::unique_ptr<Session> openSession(Sync sync) override {
     return std::make_unique<HxSession>(sync, pageSize_, access_);
   }
-  std::unique_ptr<InMemory> createInMemory() override { return std::make_unique<HxInMemory>(); }
+  std::unique_ptr<InMemory> createInMemory() override {
+    return std::make_unique<HxInMemory>(pageSize_);
+  }
   std::unique_ptr<Reading> openImage(Bytes image) override {
     return std::make_unique<HxReading>(hxcrate::Session().openBlob(image, "image"));
   }
@@ -159,27 +163,27 @@ class Hxcrate : public Engine {
 
 }  // namespace
 
-EnginePtr makeHxcrate(std::int32_t pageSize) {
-  if (pageSize == 4096) {
-    return std::make_unique<Hxcrate>(
-        EngineInfo{"hxcrate", "abcdefghikl",
-                   "C++ API, pages of 4096 bytes. Sync off: Durability::none, on: "
-                   "Durability::full.",
-                   "hxcrate"},
-        pageSize, Access::file);
-  }
-  const std::string name = "hxcrate-" + std::to_string(pageSize);
-  return std::make_unique<Hxcrate>(
-      EngineInfo{name, "cdefgkn", "The same, pages of " + std::to_string(pageSize) + " bytes.",
-                 name},
-      pageSize, Access::file);
-}
-
-EnginePtr makeHxcrateMapped() {
-  return std::make_unique<Hxcrate>(
-      EngineInfo{"hxcrate-mapped", "bdefi",
-                 "Session::openMapped of a file with pages of 4096 bytes.", "hxcrate"},
-      4096, Access::mapped);
+std::vector<EnginePtr> makeHxcrate() {
+  std::vector<EnginePtr> engines;
+  const auto add = [&](std::int32_t pageSize, Access access, EngineInfo info) {
+    engines.push_back(std::make_unique<Hxcrate>(std::move(info), pageSize, access));
+  };
+  add(4096, Access::file,
+      {"hxcrate", "abcdefghikl",
+       "C++ API, pages of 4096 bytes. Sync off: Durability::none, on: Durability::full.",
+       "hxcrate"});
+  add(256, Access::file,
+      {"hxcrate-256", "cdefgkn", "Pages of 256 bytes, for small items.", "hxcrate-256"});
+  add(65536, Access::file, {"hxcrate-64k", "h", "Pages of 65536 bytes.", "hxcrate-64k"});
+  add(262144, Access::file,
+      {"hxcrate-256k", "abi", "Pages of 262144 bytes, for large items.", "hxcrate-256k"});
+  add(4096, Access::mapped,
+      {"hxcrate-mapped", "bdefi", "Session::openMapped, pages of 4096 bytes.", "hxcrate"});
+  add(256, Access::mapped,
+      {"hxcrate-mapped-256", "e", "The same, pages of 256 bytes.", "hxcrate-256"});
+  add(262144, Access::mapped,
+      {"hxcrate-mapped-256k", "bi", "The same, pages of 262144 bytes.", "hxcrate-256k"});
+  return engines;
 }
 
 }  // namespace bench

@@ -71,7 +71,7 @@ class HxcrateSlot : public Engine {
   }
 
  private:
-  EnginePtr maker_ = makeHxcrate(4096);
+  EnginePtr maker_ = std::move(makeHxcrate().front());
 };
 
 }  // namespace

@@ -25,6 +25,9 @@ constexpr int64_t kShortSkip = 8192;
 // A stretch that is read on grows by this multiple of itself.
 constexpr int64_t kGrowth = 4;
 
+// A copy of as much costs more than a system call.
+constexpr int64_t kReadPastFrom = 32 * 1024;
+
 int64_t chooseFrameCount(int64_t cacheBytes, int64_t blockBytes) {
   return std::clamp(cacheBytes / blockBytes, kFewestFrames, kMostFrames);
 }
@@ -86,15 +89,22 @@ bool BlockCache::flush() noexcept {
 bool BlockCache::readWithin(int64_t base, int64_t from, int64_t to, std::byte* out) {
   Frame* frame = current_;
   if (frame->base != base || !frame->holds(from, to)) {
-    const bool isWholeOnDisk = to - from == blockBytes_ && disk_.length() - base >= blockBytes_;
-    if (isWholeOnDisk && find(base) == nullptr) {
-      return disk_.read(base, out, blockBytes_, blockBytes_) == blockBytes_;
+    const Frame* found = find(base);
+    if (isReadPast(found, base, from, to)) {
+      return disk_.read(base + from, out, to - from, to - from) == to - from;
     }
     frame = frameOf(base);
     if (frame == nullptr || !load(*frame, from, to)) return false;
   }
   std::memcpy(out, frame->bytes.get() + from, toSize(to - from));
   return true;
+}
+
+// Many bytes that the disk has as well are not taken through memory.
+bool BlockCache::isReadPast(const Frame* frame, int64_t base, int64_t from, int64_t to) const {
+  const bool isLarge = to - from >= std::min(kReadPastFrom, blockBytes_);
+  const bool isOnDisk = base + to <= disk_.length();
+  return isLarge && isOnDisk && (frame == nullptr || !(frame->isDirty() || frame->holds(from, to)));
 }
 
 bool BlockCache::writeWithin(int64_t base, int64_t from, int64_t to, const std::byte* bytes) {

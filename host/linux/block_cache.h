@@ -66,6 +66,7 @@ class BlockCache {
 
   static constexpr int64_t kNoBlock = -1;
 
+  bool isReadPast(const Frame* frame, int64_t base, int64_t from, int64_t to) const;
   bool readWithin(int64_t base, int64_t from, int64_t to, std::byte* out);
   bool writeWithin(int64_t base, int64_t from, int64_t to, const std::byte* bytes);
   bool load(Frame& frame, int64_t from, int64_t to);
