@@ -36,10 +36,9 @@ std::span<const uint8_t> putAtEdge(std::span<const uint8_t> image) {
 
 // Besides what is read, a record in memory takes below ten times its ENTRY, and its name four
 // times.
-void expectLittleWork(const World& w, uint64_t imageSize, uint64_t mostReads, int64_t pageBytes) {
+void expectLittleWork(const World& w, uint64_t imageSize, uint64_t mostReads, uint64_t pageBytes) {
   EXPECT_LE(static_cast<uint64_t>(w.host.count("read")), mostReads) << "too much work";
-  EXPECT_LE(FakeHost::mostBytesIn(w.instance->pool),
-            16 * static_cast<int64_t>(imageSize) + 8192 + pageBytes);
+  EXPECT_LE(w.host.mostBytes, 16 * imageSize + 8192 + pageBytes);
   for (const auto& [what, offset, length] : w.host.events) {
     const bool isInside = offset + length <= static_cast<int64_t>(imageSize);
     EXPECT_TRUE(isInside || offset < kHeaderSize) << what << " at " << offset;
@@ -72,7 +71,7 @@ std::string readItem(World& w, Store* store, const Member* member, uint64_t imag
   EXPECT_EQ(handle->item->close(handle), 0);
   // A page is at least a record and a byte; walked once, then read as record and bytes.
   expectLittleWork(w, imageSize, 3 * (imageSize / (kChunkSize + 1)) + 4,
-                   3 * int64_t{store->root->pageSize});
+                   3 * static_cast<uint64_t>(store->root->pageSize));
   return "read " + std::to_string(w.status) + " " + bytes;
 }
 

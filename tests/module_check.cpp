@@ -8,8 +8,6 @@ namespace hx::fake {
 
 namespace {
 
-using Handles = std::vector<Handle>;
-
 void checkPages(const ItemMember* item) {
   const Store* root = item->parent->root;
   const bool isOnlyCopy = (root->flags & kNoFileStore) != 0 && !root->hasHadFile;
@@ -30,7 +28,7 @@ void checkHandle(const ItemHandle* handle, const Handles& handles) {
     page = page->next;
   ASSERT_NE(page, nullptr) << "a handle stands on a page that is not in the list";
   // A reader that closed leaves its count on the page, so there may be more than are standing.
-  const auto standsHere = [&](const Handle& other) { return other.raw->page == page; };
+  const auto standsHere = [&](const auto& other) { return other.second->page == page; };
   EXPECT_GE(page->useCount, std::count_if(handles.begin(), handles.end(), standsHere));
   const int64_t start = int64_t{page->index} * item->parent->root->pageSize;
   EXPECT_GE(handle->position, start);
@@ -91,7 +89,7 @@ void checkTree(const Store* root, const Handles& handles) {
   EXPECT_TRUE(root->openCount <= 0 || root->file != nullptr);
   EXPECT_TRUE(root->openCount != 0 || openFile(root) == nullptr) << "closed, but not its file";
   EXPECT_EQ(root->openHandles, std::count_if(handles.begin(), handles.end(), [&](const auto& h) {
-              return h.raw->item->parent->root == root;
+              return h.second->item->parent->root == root;
             }));
   checkMembers(root, handles);
 }

@@ -15,7 +15,7 @@ namespace {
 
 // The host counts what is left.
 TEST(Frame, TheFactoryGivesBackWhatItHasWhenTheHostRefuses) {
-  for (const uint32_t kind : {kServiceFault, kAllocateFault}) {
+  for (const std::string kind : {"service", "allocate"}) {
     for (int nth = 1; nth <= 5; ++nth) {
       FakeHost host;
       host.fail(kind, nth);
@@ -23,7 +23,7 @@ TEST(Frame, TheFactoryGivesBackWhatItHasWhenTheHostRefuses) {
       EXPECT_TRUE(hxmodver(&host, &major, &minor) == 0 && major == 6 && minor == 1);
       ExtensionInstance* instance = hx::hxcrate();
       // Without encodings, the fourth service, it works.
-      EXPECT_EQ(instance == nullptr, nth <= (kind == kServiceFault ? 3 : 1));
+      EXPECT_EQ(instance == nullptr, nth <= (kind == "service" ? 3 : 1));
       EXPECT_TRUE(instance == nullptr || instance->destroy(instance) == 0);
     }
   }
@@ -51,9 +51,9 @@ TEST(Frame, WithoutEncodingsTheIdentityIsZeroAndHeadersCarryIt) {
   w.run("open x UC; put x:a 10; close x");
   EXPECT_EQ(Bytes(w.image("x").begin(), w.image("x").begin() + 24), Bytes(24));
   w.run("open x U; get x:a =10; item r x:a R; convert r 5; shut r; close x");
-  World other(w.host.disk());
+  World other(w.host.files);
   other.run("open x R !13; open y UC; close y");  // nobody converts from an unknown encoding
-  World another(other.host.disk(), false);
+  World another(other.host.files, false);
   another.run("open y R !13");
 }
 
@@ -99,14 +99,14 @@ TEST(Frame, MembersOfALargeTable) {
   World w;
   w.run("open x UC; page x 1");
   for (int i = 0; i < 790; ++i) {
-    if (i == 257) w.host.fail(kAllocateFault, 1);
+    if (i == 257) w.host.fail("allocate", 1);
     const std::string item = "x:" + std::string(i % 50 == 0 ? "c*64" : "") + std::to_string(i);
     w.run("put " + item + " 1; get " + item);
-    EXPECT_EQ(w.host.fired() != 0, i >= 257);
+    EXPECT_EQ(w.host.fired != 0, i >= 257);
   }
   EXPECT_EQ(w.find("x")->memberIndex.mask, 2047u) << "it grew, and the checks saw all in it";
   w.run("close x");
-  World other(w.host.disk());
+  World other(w.host.files);
   other.run("open x U; get x:77 =1; list x =775");
   EXPECT_NE(other.find("x")->memberIndex.slots, nullptr);
 }
@@ -123,14 +123,15 @@ TEST(Frame, StoresLeaveALargeTable) {
 
 TEST(Frame, SpaceComesFromReleasedExtentsOfTheSameLengthOrTheEnd) {
   World w;
-  Store* store = w.open("x", "UC");
-  EXPECT_EQ(allocateDiskSpace(w.open("x:n", "UC"), 4096), 40);
+  w.run("open x UC; open x:n UC");
+  Store* store = w.find("x");
+  EXPECT_EQ(allocateDiskSpace(w.find("x:n"), 4096), 40);
   releaseDiskSpace(store, 1000, 24);
   releaseDiskSpace(store, 2000, 24);
   for (const auto& [length, offset] : {std::pair{96, 4136}, {24, 2000}, {24, 1000}})
     EXPECT_EQ(allocateDiskSpace(store, length), offset);
   EXPECT_EQ(store->freeList, nullptr);
-  w.host.fail(kAllocateFault, 1);
+  w.host.fail("allocate", 1);
   releaseDiskSpace(store, 3000, 0);
   EXPECT_EQ(store->freeList, nullptr) << "forgotten";
   releaseDiskSpace(store, 3000, 0);
