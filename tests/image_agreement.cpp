@@ -47,14 +47,13 @@ void expectLittleWork(const World& w, uint64_t imageSize, uint64_t mostReads, ui
 
 Store* openFile(World& w, std::span<const uint8_t> image) {
   w.image("x").assign(image.begin(), image.end());
-  Store* store = w.instance->openStore(w.instance, nullptr, U"x", 1, kRead, &w.status);
+  Store* store = w.openStore(nullptr, U"x", "R");
   expectLittleWork(w, image.size(), 2 * (image.size() / kEntrySize) + 4, 0);
   return store;
 }
 
 Store* openBlob(World& w, std::span<const uint8_t> image) {
-  Store* store = w.instance->openStoreFromMemory(w.instance, image.data(), image.size(), U"x", 1,
-                                                 kRead, &w.status);
+  Store* store = w.openBlob(image.data(), image.size(), U"x");
   expectLittleWork(w, image.size(), 0, 0);
   return store;
 }

@@ -75,13 +75,8 @@ TEST(Frame, PathOfAFile) {
 
 TEST(Frame, EnumeratesBucketsInOrder) {
   EXPECT_TRUE(hashName({U"ab", 2}) == 102038009u && hashName({U"abc", 3}) == 1486459893u);
-  EXPECT_EQ(bucketOf({U"a", 1}), 98928 % 63);
-  std::string end = "n";
-  while (bucketOf({widen(end).data(), static_cast<int32_t>(end.size())}) != 62)
-    end = "n" + std::to_string(std::stoi("0" + end.substr(1)) + 1);
   World w;
-  w.run("open x UC; list x; open x:e UC; put x:y 1; put x:" + end +
-        " 1; put x:a 1; list x a y e/ " + end);
+  w.run("open x UC; list x; open x:e UC; put x:y 1; put x:ad 1; put x:a 1; list x a y e/ ad");
   char32_t name[8] = {};
   int32_t length = 0, kind = 0;
   Store* store = w.find("x");
@@ -101,8 +96,7 @@ TEST(Frame, StoresEnterAndLeaveALargeTable) {
     std::vector<Store*> stores;
     const auto open = [&](uint32_t i, const char* flags) {
       const char32_t first[] = {i % 12 + 1};
-      const char32_t name[] = {first[0], i / 12 * 5 - hashName({first, 1})};
-      return w.instance->openStore(w.instance, nullptr, name, 2, flagsOf(flags), &w.status);
+      return w.openStore(nullptr, {first[0], i / 12 * 5 - hashName({first, 1})}, flags);
     };
     w.host.largestBlock = largestBlock;
     for (uint32_t i = 0; i < 1200; ++i) {

@@ -11,24 +11,11 @@ namespace {
 
 constexpr int32_t kSkipped = 1;
 
-bool isBlobName(const std::string& name) {
-  return name[0] >= 'A' && name[0] <= 'Z';
-}
-
 Member* named(const MemberTable& table, const std::string& name) {
   for (Member* member : chained(table)) {
     if (narrow(member) == name) return member;
   }
   return nullptr;
-}
-
-// The path of a nested store, with "/" behind it, or of an item inside its tree.
-std::string pathOf(const Store* store) {
-  return store->parent == nullptr ? "" : pathOf(store->parent) + narrow(store) + "/";
-}
-
-std::string pathOf(const ItemMember* item) {
-  return pathOf(item->parent) + narrow(item);
 }
 
 // The byte of an item at a place.
@@ -47,6 +34,18 @@ int32_t toNumber(const std::string& word) {
 }
 
 }  // namespace
+
+bool isBlobName(const std::string& name) {
+  return name[0] >= 'A' && name[0] <= 'Z';
+}
+
+std::string pathOf(const Store* store) {
+  return store->parent == nullptr ? "" : pathOf(store->parent) + narrow(store) + "/";
+}
+
+std::string pathOf(const ItemMember* item) {
+  return pathOf(item->parent) + narrow(item);
+}
 
 std::vector<Member*> chained(const MemberTable& table) {
   std::vector<Member*> members;
@@ -140,6 +139,25 @@ Bytes& World::image(const std::string& name) {
   return isBlobName(name) ? blobs_[name] : host.files[name];
 }
 
+// ---- calls of the instance
+
+Store* World::openStore(Store* parent, const std::u32string& name, const std::string& flags) {
+  const auto length = static_cast<int32_t>(name.size());
+  return instance->openStore(instance, parent, name.data(), length, flagsOf(flags), &status);
+}
+
+ItemHandle* World::openItem(Store* store, const std::u32string& name, const std::string& flags) {
+  const auto length = static_cast<int32_t>(name.size());
+  return instance->openItem(instance, store, name.data(), length, flagsOf(flags), &status);
+}
+
+Store* World::openBlob(const void* blob, uint64_t size, const std::u32string& name,
+                       const std::string& flags) {
+  const auto length = static_cast<int32_t>(name.size());
+  return instance->openStoreFromMemory(instance, blob, size, name.data(), length, flagsOf(flags),
+                                       &status);
+}
+
 // ---- scripts
 
 const std::map<std::string, World::Verb World::*> World::kVerbs = {
@@ -229,152 +247,22 @@ void World::arrange(const Words& words) {
   }
 }
 
-// ---- stores
-
-// What the model has to learn when a top-level store was opened, or was to be.
-void World::noteOpening(const std::string& path, uint32_t flags, bool existed, bool succeeded) {
-  const bool replaces = has(flags, kUpdate | kReplace);
-  const bool isLoaded = !replaces && !has(flags, kNoFile);
-  // The old file goes before the new store comes, whatever becomes of that.
-  const bool isGone = succeeded || host.files.count(path) == 0 || image(path).empty();
-  if (replaces && !has(flags, kNoFile) && isGone) {
-    saved_.erase(path);
-    unknown_.erase(path);
-  }
-  if (find(path) == nullptr) now_.erase(path);
-  const bool keepsTree = existed && !replaces && !(isLoaded && stale_.count(path) != 0);
-  if (!succeeded || keepsTree) return;
-  now_[path] = isLoaded && saved_.count(path) != 0 ? saved_[path] : Sizes();
-  stale_.erase(path);
-}
-
-void World::openStore(const Words& words) {
-  const size_t colon = words[1].rfind(':');
-  const bool isTop = colon == std::string::npos;
-  Store* parent = isTop ? nullptr : find(words[1].substr(0, colon));
-  if (!isTop && parent == nullptr) return skip();
-  const bool existed = find(words[1]) != nullptr;
-  const std::u32string name = widen(words[1].substr(isTop ? 0 : colon + 1));
-  const uint32_t flags = flagsOf(words[2]);
-  Store* store = instance->openStore(instance, parent, name.data(),
-                                     static_cast<int32_t>(name.size()), flags, &status);
-  EXPECT_TRUE(store != nullptr || status < kOk);
-  if (isTop) noteOpening(words[1], flags, existed, store != nullptr);
-  if (store == nullptr) return;
-  number = store->openCount;
-  if (!isTop) now_[narrow(store->root)].emplace(pathOf(store) + ".", 0);
-}
-
-void World::closeStore(const Words& words) {
-  const std::string& ref = words[1];
-  Store* store = find(ref);
-  if (store == nullptr) return skip();
-  const bool isUpdate = store->openCount == -1 && openFile(store) != nullptr;
-  store->closeStore(store);
-  if (forgetDropped(ref, store)) return;
-  number = store->openCount;
-  if (!isUpdate || number != 0) return;
-  stale_.erase(ref);
-  if (host.undone.count(ref) != 0) {
-    stale_.insert(ref);
-  } else if (unknown_.count(ref) == 0) {
-    saved_[ref] = now_[ref];
-  }
-}
-
-void World::deleteStore(const Words& words) {
-  Store* store = find(words[1]);
-  if (store == nullptr) return skip();
-  const bool hadFile = store->hasHadFile;
-  store->closeAndDeleteStore(store);
-  if (!forgetDropped(words[1], store)) {
-    number = store->openCount;
-  } else if (hadFile) {
-    saved_.erase(words[1]);
-    if (host.files.count(words[1]) != 0) unknown_.insert(words[1]);
-  }
-}
-
-// Whether the store is no more, or only as long as its handles are open.
-bool World::forgetDropped(const std::string& ref, const Store* store) {
-  if (host.blocks.count(store) != 0 && !store->condemned) return false;
-  blobStores_.erase(ref);
-  now_.erase(ref);
-  return true;
-}
-
-void World::makeBlob(const Words& words) {
-  Store* store = find(words[1]);
-  if (store == nullptr || !isQuiet(words[2])) return skip();
-  Pool* pool = host.createPool(&host, nullptr, 0, "Pool");
-  const size_t blocks = host.blocks.size();
-  uint64_t size = 99;
-  auto* made = static_cast<uint8_t*>(store->createBlobFromStore(store, &size, pool));
-  EXPECT_EQ(host.blocks.size(), blocks + (made == nullptr ? 0 : 1));
-  if (made != nullptr) {
-    blobs_[words[2]].assign(made, made + size);
-    saved_[words[2]] = now_[words[1]];
-    checkImage(blobs_[words[2]]);
-  }
-  status = made == nullptr ? kNoMemory : kOk;
-  number = static_cast<int64_t>(size);
-  pool->head.destroy(pool);
-}
-
-void World::loadBlob(const Words& words) {
-  if (blobs_.count(words[1]) == 0 || blobStores_.count(words[1]) != 0) return skip();
-  const Bytes& blob = blobs_[words[1]];
-  const std::u32string name = widen(words[1]);
-  Store* store =
-      instance->openStoreFromMemory(instance, blob.data(), blob.size(), name.data(),
-                                    static_cast<int32_t>(name.size()), flagsOf(words[2]), &status);
-  EXPECT_EQ(store == nullptr, status != kOk);
-  if (store == nullptr) return;
-  blobStores_[words[1]] = store;
-  now_[words[1]] = saved_[words[1]];
-}
-
-// Whether nobody has the file or the blob open.
-bool World::isQuiet(const std::string& name) {
-  const Store* store = find(name);
-  return store == nullptr ||
-         (!isBlobName(name) && store->openCount == 0 && store->openHandles == 0);
-}
-
-void World::copy(const Words& words) {
-  const bool isKnown = saved_.count(words[2]) != 0;
-  const bool isSafe = isKnown && isQuiet(words[1]) && isQuiet(words[2]);
-  if (!isStrict_ && !isSafe) return skip();
-  const Bytes from = image(words[2]);
-  image(words[1]) = words[0] == "copy" ? from : asBigEndian(from);
-  if (isKnown) saved_[words[1]] = Sizes(saved_[words[2]]);
-  stale_.insert(words[1]);
-}
-
-void World::grow(const Words& words) {
-  if (!isStrict_ && !isQuiet(words[1])) return skip();
-  image(words[1]).resize(image(words[1]).size() + static_cast<size_t>(toNumber(words[2])));
-  stale_.insert(words[1]);
-}
-
 // ---- items
 
 void World::openItem(const Words& words) {
   const size_t colon = words[2].rfind(':');
   Store* parent = find(words[2].substr(0, colon));
   if ((parent == nullptr && colon != 0) || handle(words[1]) != nullptr) return skip();
-  const std::u32string name = widen(words[2].substr(colon + 1));
-  const uint32_t flags = flagsOf(words[3]);
   const std::string top = words[2].substr(1, words[2].find('/') - 1);
   const bool existed = parent != nullptr || find(top) != nullptr;
-  ItemHandle* raw = instance->openItem(instance, parent, name.data(),
-                                       static_cast<int32_t>(name.size()), flags, &status);
+  ItemHandle* raw = openItem(parent, widen(words[2].substr(colon + 1)), words[3]);
   EXPECT_EQ(raw != nullptr, status == kOk);
   if (parent == nullptr) noteOpening(top, kRead, existed, status == kOk);
   if (raw == nullptr) return;
   number = raw->item->openCount;
   handles_[words[1]] = raw;
-  if (has(flags, kCreate)) now_[narrow(raw->item->parent->root)].emplace(pathOf(raw->item), 0);
+  if (has(flagsOf(words[3]), kCreate))
+    now_[narrow(raw->item->parent->root)].emplace(pathOf(raw->item), 0);
 }
 
 void World::write(const Words& words) {

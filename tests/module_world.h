@@ -57,6 +57,10 @@ std::string narrow(const Record* named) {
 
 // The members of a table in the order of their chains.
 std::vector<Member*> chained(const MemberTable& table);
+// The path of a nested store, with "/" behind it, or of an item inside its tree.
+std::string pathOf(const Store* store);
+std::string pathOf(const ItemMember* item);
+bool isBlobName(const std::string& name);
 uint32_t flagsOf(const std::string& letters);
 std::u32string widen(std::string word);
 
@@ -79,6 +83,12 @@ class World {
   // written to it last.
   void settle(bool comparesTrees = true);
 
+  // Calls that no model learns of; `flags` as in scripts.
+  Store* openStore(Store* parent, const std::u32string& name, const std::string& flags);
+  ItemHandle* openItem(Store* store, const std::u32string& name, const std::string& flags);
+  Store* openBlob(const void* blob, uint64_t size, const std::u32string& name,
+                  const std::string& flags = "R");
+
   Store* find(const std::string& ref);
   ItemHandle* handle(const std::string& name) const;
   Bytes& image(const std::string& name);  // of a file or a blob
@@ -91,7 +101,7 @@ class World {
   std::optional<int32_t> firstOutcome;  // the status of the statement in which a call failed first
 
  private:
-  using Verb = void(const Words&);
+  using Verb = void(const Words&);  // the function of a statement
   static const std::map<std::string, Verb World::*> kVerbs;
   Verb openStore, closeStore, deleteStore, makeBlob, loadBlob, copy, grow;
   Verb openItem, write, read, shut, useWhole, list, tree, ask, arrange;
