@@ -57,17 +57,15 @@ TEST(Format, ABlobIsReadWhereItLies) {
 // Names keep 64 low bytes, up to the first zero. Twins stay both, and are listed once.
 TEST(Format, NamesAreCut) {
   World w;
-  w.run(
-      "open x UC; put x:q*64 64; put x:q*65 1; open x:twin UC; put x:twin/q*65 1; put x:twin/q*66 "
-      "2");
+  w.run("open x UC; put x:q*64 6; put x:q*65 1; open x:t UC; put x:t/q*65 1; put x:t/q*66 2");
   for (const std::u32string name : {U"\u0141", U"b\u0100c", U"\u0080\u00ff", U"\u0001\n;= *"}) {
     ItemHandle* made = w.openItem(w.find("x"), name, "UC");
     EXPECT_EQ(made->item->close(made), 0);
   }
   w.run("close x");
   World other(w.host.files);
-  other.run("open x U; list x:twin =1; list x =6; get x:A =0; get x:b =0; get x:\x80\xff =0");
-  EXPECT_EQ(chained(other.find("x:twin")->members).size(), 2u);
+  other.run("open x U; list x:t =1; list x =6; get x:A =0; get x:b =0; get x:\x80\xff =0");
+  EXPECT_EQ(chained(other.find("x:t")->members).size(), 2u);
   other.run("close x");
   EXPECT_EQ(recordsOf(other.image("x")).size(), recordsOf(w.image("x")).size());
 }

@@ -80,7 +80,8 @@ TEST(Frame, EnumeratesBucketsInOrder) {
   char32_t name[8] = {};
   int32_t length = 0, kind = 0;
   Store* store = w.find("x");
-  EXPECT_EQ(store->getNextMember(store, U"xy", 2, name, &length, &kind), kOk) << "behind no member";
+  for (const auto& [absent, found] : {std::pair{U"xy", kOk}, {U"dh", kNotFound}})
+    EXPECT_EQ(store->getNextMember(store, absent, 2, name, &length, &kind), found) << "behind none";
   w.run("put x: 3");
   ItemHandle* nameless = w.instance->openItem(w.instance, store, nullptr, -7, kRead, &w.status);
   ASSERT_NE(nameless, nullptr) << "a negative length is an empty name";

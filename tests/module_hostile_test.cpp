@@ -1,11 +1,9 @@
 // Files and blobs that nobody wrote: each is opened both ways, and read, listed and updated as far
-// as it goes (tests/fuzzed.cpp bounds the work). Trees of any depth, on the smallest
-// stack.
+// as it goes (tests/fuzzed.cpp bounds the work). Trees of any depth, on the smallest stack.
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <sys/mman.h>
 
-#include <climits>
 #include <functional>
 
 #include "blob/create_blob.h"
@@ -120,9 +118,8 @@ void liveInDeepTree(int32_t levels) {
     deepest = w.openStore(store, std::u32string(static_cast<size_t>(levels) - 2, U'/'), "R");
     if (deepest != nullptr) deepest->closeStore(deepest);
     w.openStore(store, std::u32string(static_cast<size_t>(levels), U'/'), "R");
-    for (Member* level = store->members.buckets[0]; level != nullptr;
-         level = asStore(level)->members.buckets[0])
-      left |= asStore(level)->openCount;
+    for (Member* at = store->members.buckets[0]; at; at = asStore(at)->members.buckets[0])
+      left |= asStore(at)->openCount;
     w.openStore(nullptr, U"x", "U");
     blobSize = calcBlobSize(store);
     store->closeStore(store);
