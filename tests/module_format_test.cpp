@@ -54,6 +54,25 @@ TEST(Format, ABlobIsReadWhereItLies) {
   EXPECT_TRUE(full->useCount == 0 && full->next->useCount == 1) << "the writer stands on the next";
 }
 
+// Every store of the tree, each with items before and behind nested stores.
+TEST(Format, LinksOfADirectory) {
+  World w;
+  w.run("open x UC; page x 16; open x:n UC; open x:n/deep UC");
+  for (const std::string store : {"x:", "x:n/", "x:n/deep/"}) {
+    for (const std::string name : {"a", "b", "k", "z", ""})
+      w.run("put " + store + name + " 20");
+    w.run("open " + store + "m UC; open " + store + "last UC");
+  }
+  w.settle();
+  std::map<int64_t, int64_t> last;  // nested store written last, by its store
+  for (const auto& [kind, offset] : recordsOf(w.image("x"))) {
+    const std::string name = kind == 'e' ? nameAt(w.image("x"), offset) : "";
+    if (name.find_first_of("nmdl") != 0) continue;  // a nested store's begin so
+    const auto entry = recordAt<Entry>(w.image("x"), offset);
+    EXPECT_EQ(entry.previousLink, std::exchange(last[entry.parentLink], offset));
+  }
+}
+
 // Names keep 64 low bytes, up to the first zero. Twins stay both, and are listed once.
 TEST(Format, NamesAreCut) {
   World w;
