@@ -15,7 +15,7 @@ namespace {
 
 // The host counts what is left.
 TEST(Frame, TheFactoryGivesBackWhatItHasWhenTheHostRefuses) {
-  for (const uint32_t kind : {kServiceFault, kAllocateFault}) {
+  for (const std::string kind : {"service", "allocate"}) {
     for (int nth = 1; nth <= 5; ++nth) {
       FakeHost host;
       host.fail(kind, nth);
@@ -23,7 +23,7 @@ TEST(Frame, TheFactoryGivesBackWhatItHasWhenTheHostRefuses) {
       EXPECT_TRUE(hxmodver(&host, &major, &minor) == 0 && major == 6 && minor == 1);
       ExtensionInstance* instance = hx::hxcrate();
       // Without encodings, the fourth service, it works.
-      EXPECT_EQ(instance == nullptr, nth <= (kind == kServiceFault ? 3 : 1));
+      EXPECT_EQ(instance == nullptr, nth <= (kind == "service" ? 3 : 1));
       EXPECT_TRUE(instance == nullptr || instance->destroy(instance) == 0);
     }
   }
@@ -51,9 +51,9 @@ TEST(Frame, WithoutEncodingsTheIdentityIsZeroAndHeadersCarryIt) {
   w.run("open x UC; put x:a 10; close x");
   EXPECT_EQ(Bytes(w.image("x").begin(), w.image("x").begin() + 24), Bytes(24));
   w.run("open x U; get x:a =10; item r x:a R; convert r 5; shut r; close x");
-  World other(w.host.disk());
+  World other(w.host.files);
   other.run("open x R !13; open y UC; close y");  // nobody converts from an unknown encoding
-  World another(other.host.disk(), false);
+  World another(other.host.files, false);
   another.run("open y R !13");
 }
 
@@ -75,63 +75,67 @@ TEST(Frame, PathOfAFile) {
 
 TEST(Frame, EnumeratesBucketsInOrder) {
   EXPECT_TRUE(hashName({U"ab", 2}) == 102038009u && hashName({U"abc", 3}) == 1486459893u);
-  EXPECT_EQ(bucketOf({U"a", 1}), 98928 % 63);
-  std::string end = "n";
-  while (bucketOf({widen(end).data(), static_cast<int32_t>(end.size())}) != 62)
-    end = "n" + std::to_string(std::stoi("0" + end.substr(1)) + 1);
   World w;
-  w.run("open x UC; list x; open x:e UC; put x:y 1; put x:" + end +
-        " 1; put x:a 1; list x a y e/ " + end);
+  w.run("open x UC; list x; open x:e UC; put x:y 1; put x:ad 1; put x:a 1; list x a y e/ ad");
   char32_t name[8] = {};
   int32_t length = 0, kind = 0;
   Store* store = w.find("x");
-  EXPECT_EQ(store->getNextMember(store, U"xy", 2, name, &length, &kind), kOk) << "behind no member";
+  for (const auto& [absent, found] : {std::pair{U"xy", kOk}, {U"dh", kNotFound}})
+    EXPECT_EQ(store->getNextMember(store, absent, 2, name, &length, &kind), found) << "behind none";
   w.run("put x: 3");
   ItemHandle* nameless = w.instance->openItem(w.instance, store, nullptr, -7, kRead, &w.status);
   ASSERT_NE(nameless, nullptr) << "a negative length is an empty name";
   EXPECT_TRUE(nameless->item->size == 3 && nameless->item->close(nameless) == 0);
 }
 
-// Large tables that are searched have an index, unless the pool refuses it; names are found and
-// listed all the same. One name in fifty is cut by the format, so that a loaded table has that name
-// eleven times.
+// Twelve names in turn have one whole hash. Once a table is large and searched there is an index,
+// which the checks compare with the chains: without one, with one that can't grow, and that can.
+TEST(Frame, StoresEnterAndLeaveALargeTable) {
+  for (const uint64_t largestBlock :
+       {uint64_t{4'000}, uint64_t{10'000}, uint64_t{20'000}, UINT64_MAX}) {
+    World w;
+    std::vector<Store*> stores;
+    const auto open = [&](uint32_t i, const char* flags) {
+      const char32_t first[] = {i % 12 + 1};
+      return w.openStore(nullptr, {first[0], i / 12 * 5 - hashName({first, 1})}, flags);
+    };
+    w.host.largestBlock = largestBlock;
+    for (uint32_t i = 0; i < 1200; ++i) {
+      stores.push_back(open(i, "UCN"));
+      stores[i]->closeStore(stores[i]);
+      if (i % 100 == 99) w.run("mark");
+    }
+    for (uint32_t i = 0; i < 1200; i += 3) {
+      stores[i]->closeAndDeleteStore(stores[i]);
+      stores[i] = nullptr;
+    }
+    w.run("mark");
+    for (uint32_t i = 0; i < 1200; ++i)
+      ASSERT_EQ(open(i, "R"), stores[i]) << i;
+    EXPECT_TRUE(w.instance->storeIndex.slots != nullptr || largestBlock != UINT64_MAX);
+  }
+}
+
+// One name in fifty is cut by the format, so that the loaded table has that name seven times.
 TEST(Frame, MembersOfALargeTable) {
   World w;
   w.run("open x UC; page x 1");
-  for (int i = 0; i < 790; ++i) {
-    const std::string item = "x:" + std::string(i % 50 == 0 ? "c*64" : "") + std::to_string(i);
-    w.run("put " + item + " 1");
-    if (i == 255) w.host.fail(kAllocateFault, 1);
-    w.run("get " + item);
-    EXPECT_EQ(w.host.fired() != 0, i >= 255);
-  }
-  EXPECT_EQ(w.find("x")->memberIndex.mask, 2047u) << "it grew, and the checks saw all in it";
-  w.run("close x");
-  World other(w.host.disk());
-  other.run("open x U; get x:77 =1; list x =775");
-  EXPECT_NE(other.find("x")->memberIndex.slots, nullptr);
-}
-
-TEST(Frame, StoresLeaveALargeTable) {
-  World w;
-  for (int i = 0; i < 260; ++i)
-    w.run("open s" + std::to_string(i) + " UCN; close s" + std::to_string(i));
-  for (int i = 0; i < 260; i += 3)
-    w.run("delete s" + std::to_string(i) + "; open s" + std::to_string(i) + " R !1");
-  for (int i = 0; i < 260; ++i)
-    w.run("open s" + std::to_string(i) + (i % 3 == 0 ? " R !1" : " R"));
+  for (int i = 0; i < 350; ++i)
+    w.run("put x:" + std::string(i % 50 == 0 ? "c*64n" : "") + std::to_string(i) + " 1");
+  w.run("restart; open x U; get x:77 =1; list x =344");
 }
 
 TEST(Frame, SpaceComesFromReleasedExtentsOfTheSameLengthOrTheEnd) {
   World w;
-  Store* store = w.open("x", "UC");
-  EXPECT_EQ(allocateDiskSpace(w.open("x:n", "UC"), 4096), 40);
+  w.run("open x UC; open x:n UC");
+  Store* store = w.find("x");
+  EXPECT_EQ(allocateDiskSpace(w.find("x:n"), 4096), 40);
   releaseDiskSpace(store, 1000, 24);
   releaseDiskSpace(store, 2000, 24);
   for (const auto& [length, offset] : {std::pair{96, 4136}, {24, 2000}, {24, 1000}})
     EXPECT_EQ(allocateDiskSpace(store, length), offset);
   EXPECT_EQ(store->freeList, nullptr);
-  w.host.fail(kAllocateFault, 1);
+  w.host.fail("allocate", 1);
   releaseDiskSpace(store, 3000, 0);
   EXPECT_EQ(store->freeList, nullptr) << "forgotten";
   releaseDiskSpace(store, 3000, 0);

@@ -5,10 +5,6 @@
 
 namespace hx::fake {
 
-void putText(Bytes& image, size_t offset, const std::string& bytes) {
-  std::memcpy(image.data() + offset, bytes.data(), bytes.size());
-}
-
 Header headerOf(int64_t pageSizeCode, int64_t directoryOffset) {
   Header header = {{}, pageSizeCode, directoryOffset};
   fillIdentity(&header.encodingId, false);
@@ -24,7 +20,7 @@ Entry entryOf(int64_t parent, int64_t previous, int64_t next, int64_t first, con
 namespace {
 
 struct Field {
-  char kind;  // of StoredRecord; 'e' for both entries
+  char kind;  // of StoredRecord
   const char* name;
   size_t at;
   size_t width;
@@ -45,9 +41,8 @@ using UseField = std::function<void(const StoredRecord& record, const Field& fie
 
 void forEachField(const Bytes& image, const UseField& use) {
   for (const StoredRecord& record : recordsOf(image)) {
-    const bool isEntry = record.kind == 's' || record.kind == 'i';
     for (const Field& field : kFields) {
-      if (field.kind == (isEntry ? 'e' : record.kind)) use(record, field);
+      if (field.kind == record.kind) use(record, field);
     }
   }
 }
@@ -76,17 +71,10 @@ hxcrate::ByteView viewOf(const Bytes& image) {
 std::vector<StoredRecord> recordsOf(const Bytes& image) {
   const hxcrate::ByteView view = viewOf(image);
   hxcrate::Inspection inspection(view, {}, kNative);
-  const auto& members = inspection.members();
   std::vector<StoredRecord> records;
   inspection.walkPages({.onExtent = [&](const hxcrate::Extent& extent) {
     if (extent.kind > hxcrate::ByteKind::chunk) return;
-    if (extent.kind != hxcrate::ByteKind::entry) {
-      records.push_back({extent.kind == hxcrate::ByteKind::header ? 'h' : 'c', extent.offset, 0});
-      return;
-    }
-    const hxcrate::InspectedMember& member = members[extent.member];
-    records.push_back({member.kind == hxcrate::MemberKind::store ? 's' : 'i', extent.offset,
-                       extent.member == 0 ? 0 : members[member.container].entryOffset});
+    records.push_back({"hec"[static_cast<size_t>(extent.kind)], extent.offset});
   }});
   return records;
 }
@@ -97,8 +85,8 @@ std::string nameAt(const Bytes& image, int64_t entryOffset) {
 }
 
 int64_t entryOffset(const Bytes& image, const std::string& name) {
-  for (const auto& [kind, offset, parent] : recordsOf(image)) {
-    if ((kind == 's' || kind == 'i') && nameAt(image, offset) == name) return offset;
+  for (const auto& [kind, offset] : recordsOf(image)) {
+    if (kind == 'e' && nameAt(image, offset) == name) return offset;
   }
   ADD_FAILURE() << "no entry " << name;
   return 0;

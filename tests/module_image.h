@@ -15,9 +15,8 @@ namespace hx::fake {
 
 // A record of a file or a blob.
 struct StoredRecord {
-  char kind;  // 'h'eader, 's'tore's or 'i'tem's entry, 'c'hunk
+  char kind;  // 'h'eader, 'e'ntry, 'c'hunk
   int64_t offset;
-  int64_t parent;  // of an entry: that of the store it is in
 };
 
 template <typename Record>
@@ -42,7 +41,6 @@ void setField(Bytes& image, int64_t offset, Field Record::*field, Field value) {
   putRecord(image, offset, record);
 }
 
-void putText(Bytes& image, size_t offset, const std::string& bytes);
 Header headerOf(int64_t pageSizeCode, int64_t directoryOffset);
 Entry entryOf(int64_t parent, int64_t previous, int64_t next, int64_t first, const char* name);
 

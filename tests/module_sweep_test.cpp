@@ -1,9 +1,11 @@
 // Items in all sizes around the ends of pages, and sequences of operations that nobody thought of.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 
 #include "tests/fuzzed.h"
 #include "tests/module_world.h"
@@ -41,12 +43,11 @@ TEST(Sweeps, SizesAroundPageBoundaries) {
 }
 
 TEST(Sweeps, RandomOperations) {
-  uint32_t random = 1;
-  std::vector<uint8_t> bytes(100);
+  std::mt19937 random;
+  Bytes bytes(100);
   for (int sequence = 0; sequence < 300 && !HasFailure(); ++sequence) {
     SCOPED_TRACE(sequence);
-    for (uint8_t& byte : bytes)
-      byte = static_cast<uint8_t>((random = random * 1664525 + 1013904223) >> 24);
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<uint8_t>(random()); });
     expectSoundLife(bytes);
   }
 }

@@ -47,38 +47,22 @@
 namespace hx::fake {
 
 using Words = std::vector<std::string>;
-using Sizes = std::map<std::string, int32_t>;  // of items by their paths; nested stores end in "/"
+using Sizes = std::map<std::string, int32_t>;  // of items by their paths; "n/." is a store
+using Handles = std::map<std::string, ItemHandle*>;
 
 template <typename Record>
 std::string narrow(const Record* named) {
   return {named->name, named->name + named->nameLength};
 }
 
-// The path of an item or a nested store inside its tree, and the tree's own name.
-template <typename Record>
-std::string pathOf(const Record* member) {
-  std::string path = narrow(member);
-  for (const Store* store = member->parent; store->parent != nullptr; store = store->parent)
-    path = narrow(store) + "/" + path;
-  return path;
-}
-
-inline bool isForeign(const Store* store) {
-  const EncodingId& own = store->extension->encodingId;
-  return std::memcmp(&own, &store->encodingId, sizeof(own)) != 0;
-}
-
-// The byte of an item at a place.
-char byteAt(const ItemMember* item, int64_t place);
 // The members of a table in the order of their chains.
 std::vector<Member*> chained(const MemberTable& table);
+// The path of a nested store, with "/" behind it, or of an item inside its tree.
+std::string pathOf(const Store* store);
+std::string pathOf(const ItemMember* item);
+bool isBlobName(const std::string& name);
 uint32_t flagsOf(const std::string& letters);
-std::u32string widen(const std::string& word);
-
-struct Handle {
-  std::string name;
-  ItemHandle* raw;
-};
+std::u32string widen(std::string word);
 
 class World {
  public:
@@ -93,18 +77,22 @@ class World {
   // is left out.
   void run(const std::string& script, bool isStrict = true);
   void tryToRun(const std::string& script) { run(script, false); }
-  // Ends all failures and opens, and compares every file, as this instance and as a new one sees
-  // it, with what was written to it last.
+  // Ends all failures and opens.
+  void closeAll();
+  // Does so and compares every file, as this instance and as a new one sees it, with what was
+  // written to it last.
   void settle(bool comparesTrees = true);
 
+  // Calls that no model learns of; `flags` as in scripts.
+  Store* openStore(Store* parent, const std::u32string& name, const std::string& flags);
+  ItemHandle* openItem(Store* store, const std::u32string& name, const std::string& flags);
+  Store* openBlob(const void* blob, uint64_t size, const std::u32string& name,
+                  const std::string& flags = "R");
+
   Store* find(const std::string& ref);
-  Store* open(const std::string& ref, const std::string& flags);  // null: with a test failure
-  ItemHandle* handle(const std::string& name);
+  ItemHandle* handle(const std::string& name) const;
   Bytes& image(const std::string& name);  // of a file or a blob
-  Sizes contents(Store* store);           // reads everything
   bool hasHandles() const { return !handles_.empty(); }
-  int64_t blocks() const { return FakeHost::blocksIn(instance->pool); }
-  void closeAll();
 
   FakeHost host;
   ExtensionInstance* instance = nullptr;
@@ -113,44 +101,29 @@ class World {
   std::optional<int32_t> firstOutcome;  // the status of the statement in which a call failed first
 
  private:
-  using Verb = void (World::*)(const Words&);
-  static const std::map<std::string, Verb> kVerbs;
+  using Verb = void(const Words&);  // the function of a statement
+  static const std::map<std::string, Verb World::*> kVerbs;
+  Verb openStore, closeStore, deleteStore, makeBlob, loadBlob, copy, grow;
+  Verb openItem, write, read, shut, useWhole, list, tree, ask, arrange;
   void step(const std::string& statement, bool isStrict);
   void skip() { status = 1; }
-  void noteOpening(const std::string& path, uint32_t flags, bool existed, bool succeeded);
-  void openStore(const Words& words);
-  void closeStore(const Words& words);
-  void deleteStore(const Words& words);
-  bool forgetDropped(const std::string& ref, const Store* store);
-  void openItem(const Words& words);
-  void write(const Words& words);
-  void read(const Words& words);
-  void shut(const Words& words);
-  void put(const Words& words);
-  void get(const Words& words);
-  void list(const Words& words);
-  void tree(const Words& words);
-  void makeBlob(const Words& words);
-  void loadBlob(const Words& words);
   bool isQuiet(const std::string& name);
-  void copy(const Words& words);
-  void ask(const Words& words);      // size, pages, count
-  void arrange(const Words& words);  // page, grow, mark, fail, heal, refuse
-  void addContents(Store* store, const std::string& prefix, Sizes& sizes);
-  void check() const;
+  void noteOpening(const std::string& path, uint32_t flags, bool existed, bool succeeded);
+  bool forgetDropped(const std::string& ref, const Store* store);
+  Sizes contents(const std::string& ref);  // reads everything
 
   bool isStrict_ = true;
-  std::vector<Handle> handles_;
+  Handles handles_;
   std::map<std::string, Store*> blobStores_;
   std::map<std::string, Bytes> blobs_;
-  std::map<std::string, Sizes> now_;    // of every store that is cached or open, and of every blob
-  std::map<std::string, Sizes> saved_;  // of every file
+  std::map<std::string, Sizes> now_;    // of every store that is cached or open
+  std::map<std::string, Sizes> saved_;  // of every file and blob
   std::set<std::string> unknown_;       // files with contents that the model does not know
   std::set<std::string> stale_;         // whose file is not as the tree in memory says
 };
 
 // Complains where the records of a tree contradict each other or the handles that are open.
-void checkTree(const Store* root, const std::vector<Handle>& handles);
+void checkTree(const Store* root, const Handles& handles);
 void checkIndex(const MemberTable& table, const MemberIndex& index);
 
 }  // namespace hx::fake
