@@ -17,3 +17,12 @@ void expectAgreement(std::span<const uint8_t> image);
 void expectSoundLife(std::span<const uint8_t> bytes);
 
 }  // namespace hx::fake
+
+namespace hxtest {
+
+// Unpacks any bytes as a store file into a fresh directory with links in it, and throws
+// std::logic_error unless that ends with a documented exit code, within its quotas, and has touched
+// nothing but that directory.
+void expectContainedUnpack(std::span<const uint8_t> image);
+
+}  // namespace hxtest
