@@ -12,13 +12,12 @@ namespace hxtest {
 
 class CommandFixture : public testing::Test {
  protected:
-  // Runs the line in the temporary directory; out_ and err_ get what it prints.
+  // Runs the line in the temporary directory, up to what fails; out_ and err_ get what it prints.
   void expectRun(int code, const std::string& line) {
     const std::string bin = std::filesystem::path(HX_COMMAND_PATH).parent_path();
     const TemporaryDirectory said;
-    const std::string whole = "cd '" + directory_.path().string() + "' && PATH='" + bin +
-                              "':$PATH && {\n" + line + "\n} >'" + said / "out' 2>'" +
-                              said / "err'";
+    const std::string whole = "set -e; cd '" + directory_.path().string() + "'; PATH='" + bin +
+                              "':$PATH; {\n" + line + "\n} >'" + said / "out' 2>'" + said / "err'";
     const int status = std::system(whole.c_str());
     out_ = readFile(said / "out");
     err_ = readFile(said / "err");
