@@ -28,8 +28,9 @@ class CommandTest : public hxtest::CommandFixture {
     for (const std::size_t length : {0u, 1u, 4095u, 4096u, 4097u, 300000u})
       writeFile(directory_ / ("in/sizes/" + std::to_string(length)), makeBytes(length));
     fs::create_directories(directory_ / "in/empty/emptier");
-    for (const std::string name : {"a b", "new\nline", "\xff\x80", "-l", "back\\slash", "co:lon",
-                                   std::string(64, 'n').c_str()})
+    const std::string longest(64, 'n');
+    for (const std::string name :
+         {"a b", "new\nline", "\xff\x80", "-l", "back\\slash", "co:lon", longest.c_str()})
       writeFile(directory_ / ("in/names/" + name + "/" + name), name);
   }
 
