@@ -115,13 +115,12 @@ TEST_F(CommandTest, LeavesNothingBehindWhenItFails) {
 }
 
 TEST_F(CommandTest, UnpacksNothingOutsideWhateverTheFileHolds) {
-  int inputs = 0;
+  std::size_t made = 0;
   for (const auto& [name, image] : readTree(HX_SOURCE_DIR "/tests/corpus/unpack")) {
     const auto* bytes = reinterpret_cast<const std::uint8_t*>(image.data());
-    EXPECT_NO_THROW(hxtest::expectContainedUnpack({bytes, image.size()})) << name;
-    ++inputs;
+    EXPECT_NO_THROW(made += hxtest::expectContainedUnpack({bytes, image.size()})) << name;
   }
-  EXPECT_GE(inputs, 8) << "the corpus is missing";
+  EXPECT_GT(made, 10u) << "the corpus is missing, or can't be opened";
 }
 
 TEST_F(CommandTest, OverwritesOnlyWhenToldTo) {

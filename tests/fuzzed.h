@@ -1,6 +1,7 @@
 // What the fuzzer runs, and what replays its corpus. Every disagreement is a test failure.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -22,7 +23,7 @@ namespace hxtest {
 
 // Unpacks any bytes as a store file into a fresh directory with links in it, and throws
 // std::logic_error unless that ends with a documented exit code, within its quotas, and has touched
-// nothing but that directory.
-void expectContainedUnpack(std::span<const uint8_t> image);
+// nothing but that directory. Returns how many entries it made.
+std::size_t expectContainedUnpack(std::span<const uint8_t> image);
 
 }  // namespace hxtest

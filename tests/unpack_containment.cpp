@@ -39,7 +39,7 @@ int runSilently(std::vector<std::string> words) {
 }  // namespace
 
 // Beside the directory lies what its links lead to, under names that a store may well hold.
-void expectContainedUnpack(std::span<const std::uint8_t> image) {
+std::size_t expectContainedUnpack(std::span<const std::uint8_t> image) {
   const TemporaryDirectory directory("/dev/shm");
   writeFile(directory / "x.st", {image.begin(), image.end()});
   writeFile(directory / "outside/file", "not to be touched");
@@ -70,6 +70,7 @@ void expectContainedUnpack(std::span<const std::uint8_t> image) {
     sum += fs::is_regular_file(directory / path) ? bytes.size() : 0;
   }
   require(sum <= kMostBytes, std::to_string(sum) + " bytes were written");
+  return made.size();
 }
 
 }  // namespace hxtest
