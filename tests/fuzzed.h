@@ -1,6 +1,7 @@
 // What the fuzzer runs, and what replays its corpus. Every disagreement is a test failure.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <span>
 
@@ -17,3 +18,12 @@ void expectAgreement(std::span<const uint8_t> image);
 void expectSoundLife(std::span<const uint8_t> bytes);
 
 }  // namespace hx::fake
+
+namespace hxtest {
+
+// Unpacks any bytes as a store file into a fresh directory with links in it, and throws
+// std::logic_error unless that ends with a documented exit code, within its quotas, and has touched
+// nothing but that directory. Returns how many entries it made.
+std::size_t expectContainedUnpack(std::span<const uint8_t> image);
+
+}  // namespace hxtest

@@ -1,85 +1,63 @@
 // The reader of store files that shares nothing with the module, on good and on damaged images, and
 // the commands that stand on it.
 
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-
 #include <algorithm>
 #include <hxcrate/crate.hpp>
 #include <hxcrate/inspect.hpp>
-#include <map>
 #include <regex>
 
+#include "tests/command_fixture.h"
 #include "tests/module_image.h"
-#include "tests/temporary_directory.h"
 
 namespace hxcrate {
 namespace {
 
 using hx::DataChunk;
 using hx::Entry;
-using hx::Header;
 using hx::fake::Bytes;
-using hx::fake::entryOffset;
-using hx::fake::recordAt;
-using hx::fake::setField;
+using hx::fake::setNamedField;
 using hxtest::makeBytes;
 using hxtest::readFile;
 using hxtest::writeFile;
 
 using Contents = std::map<std::string, std::string>;  // by path; a store's are "/"
 
-constexpr std::int32_t kPageSize = 100;
+constexpr std::size_t kPageSize = 100;
 
-const Contents kTree = {{"empty", ""},       {"short", makeBytes(7)},  {"full", makeBytes(200)},
-                        {"s", "/"},          {"s/in", makeBytes(150)}, {"s/t", "/"},
-                        {"s/t/deep", "x"},   {"s/twin", "y"},          {"none", "/"},
-                        {"\xff\n", "bytes"}, {"z", makeBytes(333)}};
-
-Bytes toBytes(std::span<const std::byte> bytes) {
-  const auto* begin = reinterpret_cast<const std::uint8_t*>(bytes.data());
-  return {begin, begin + bytes.size()};
-}
+const Contents kTree = {{"empty", ""},
+                        {"short", makeBytes(7)},
+                        {"full", makeBytes(200)},
+                        {"s", "/"},
+                        {"s/in", makeBytes(350)},
+                        {"s/t", "/"},
+                        {"s/t/deep", "x"},
+                        {"s/twin", "y"},
+                        {"none", "/"},
+                        {"\xff\n&<", "bytes"},
+                        {"z", makeBytes(333)}};
 
 Bytes makeImage() {
   Session session;
   Store store = session.createInMemory("x.st", kPageSize);
-  for (const auto& [path, bytes] : kTree) {
-    if (bytes == "/") {
-      store.createStore(path).close();
-    } else {
-      store.create(path).write(bytes);
-    }
-  }
+  for (const auto& [path, bytes] : kTree)
+    bytes == "/" ? store.createStore(path).close() : store.create(path).write(bytes);
   const Blob blob = store.makeBlob();
-  return toBytes(blob.bytes());
+  const auto* begin = reinterpret_cast<const std::uint8_t*>(blob.bytes().data());
+  return {begin, begin + blob.bytes().size()};
 }
 
-void readInto(const Store& store, const std::string& prefix, Contents& contents) {
+// What the module reads. Throws what it refuses.
+Contents readContents(const Store& store) {
+  Contents contents;
   for (const Member& member : store.members()) {
-    const std::string path = prefix + member.name;
-    if (member.kind == MemberKind::store) {
-      contents[path] = "/";
-      readInto(store.openStore(member.name), path + "/", contents);
-    } else {
-      const std::vector<std::byte> bytes = store.read(member.name).readAll();
-      contents[path] = {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+    if (member.kind == MemberKind::item) {
+      contents[member.name] = store.read(member.name).readText();
+      continue;
     }
+    contents[member.name] = "/";
+    for (const auto& [path, bytes] : readContents(store.openStore(member.name)))
+      contents[member.name + "/" + path] = bytes;
   }
-}
-
-// What the module reads of a file. Throws what it refuses.
-Contents readContents(const std::string& path) {
-  Session session;
-  Contents contents;
-  readInto(session.open(path), "", contents);
-  return contents;
-}
-
-Contents readContents(const Bytes& image) {
-  Session session;
-  Contents contents;
-  readInto(session.openBlob(std::as_bytes(std::span(image)), "x.st"), "", contents);
   return contents;
 }
 
@@ -106,10 +84,12 @@ struct Look {
     }
   }
 
-  bool hasErrors() const { return std::any_of(findings.begin(), findings.end(), isError); }
-  bool hasNameless() const { return std::any_of(findings.begin(), findings.end(), isNameless); }
-  static bool isError(const Finding& finding) { return finding.severity == Severity::error; }
-  static bool isNameless(const Finding& finding) { return finding.reason.starts_with("it has no"); }
+  // The API passes over members without names.
+  bool isForApi() const {
+    return std::none_of(findings.begin(), findings.end(), [](const Finding& finding) {
+      return finding.severity == Severity::error || finding.reason.starts_with("it has no");
+    });
+  }
 
   void expectEveryByteOwnedOnce(const Bytes& image) {
     std::sort(extents.begin(), extents.end(),
@@ -124,251 +104,176 @@ struct Look {
   }
 };
 
-// Sets a field of a record and returns where the field is.
-template <typename Record, typename Field, typename Value>
-std::int64_t put(Bytes& image, std::int64_t record, Field Record::*field, Value value) {
-  setField(image, record, field, static_cast<Field>(value));
-  const Record layout{};
-  return record +
-         (reinterpret_cast<const char*>(&(layout.*field)) - reinterpret_cast<const char*>(&layout));
-}
-
-std::int64_t chunkOf(const Bytes& image, const std::string& name) {
-  return recordAt<Entry>(image, entryOffset(image, name)).firstLink;
-}
-
-struct Damage {
-  std::string place;
-  std::function<std::int64_t(Bytes&)> apply;  // returns where the finding is to be
-  std::string reason;                         // how it begins
-};
-
-const std::vector<Damage> kDamages = {
-    {"", [](Bytes& i) { return put(i, 0, &Header::pageSizeCode, INT64_MIN); },
-     "pageSizeCode is -9223372036854775808, not 0 or -1 to -2147483647"},
-    {"", [](Bytes& i) { return put(i, 0, &Header::directoryOffset, 39); },
-     "directoryOffset is 39, no place for a record: those are from 40 to "},
-    {"s/in", [](Bytes& i) { return put(i, entryOffset(i, "in"), &Entry::firstLink, INT64_MIN); },
-     "firstLink is -9223372036854775808, no place for a record"},
-    {"s",
-     [](Bytes& i) {
-       const std::int64_t top = recordAt<Header>(i, 0).directoryOffset;
-       return put(i, entryOffset(i, "s"), &Entry::firstLink, -top);
-     },
-     "firstLink is -"},
-    {"s/in", [](Bytes& i) { return put(i, entryOffset(i, "in"), &Entry::parentLink, 41); },
-     "parentLink is 41, not "},
-    {"short", [](Bytes& i) { return put(i, chunkOf(i, "short"), &DataChunk::capacity, 99); },
-     "capacity is 99, not 100, the page size"},
-    {"short", [](Bytes& i) { return put(i, chunkOf(i, "short"), &DataChunk::used, -1); },
-     "used is -1, not 0 to 100, the page size"},
-    {"z", [](Bytes& i) { return put(i, chunkOf(i, "z"), &DataChunk::used, 5); },
-     "used is 5, not 100, the page size, in a page that others follow"},
-    {"full", [](Bytes& i) { return put(i, chunkOf(i, "full"), &DataChunk::dataOffset, INT64_MAX); },
-     "dataOffset is 9223372036854775807, and 100 bytes from there are not in the file of "},
-    {"z", [](Bytes& i) { return put(i, chunkOf(i, "z"), &DataChunk::dataOffset, 30); },
-     "dataOffset is 30, and 100 bytes from there are not in the file"},
-    {"z", [](Bytes& i) { return put(i, chunkOf(i, "z"), &DataChunk::next, 2000000); },
-     "next is 2000000, no place for a record"},
-};
-
 TEST(InspectTest, SaysWhereADamageIsAndWhatWasExpected) {
-  for (const auto& [place, apply, reason] : kDamages) {
-    Bytes image = makeImage();
-    const std::int64_t offset = apply(image);
-    const Look look(image);
-    EXPECT_TRUE(std::any_of(look.findings.begin(), look.findings.end(),
-                            [&, &at = place, &why = reason](const Finding& finding) {
-                              return finding.place == at && finding.offset == offset &&
-                                     finding.reason.starts_with(why);
-                            }))
-        << place << ": " << reason;
+  struct Damage {
+    const char* place;
+    const char* field;
+    const char* value;
+    const char* reason;  // holds this
+  };
+  const Damage damages[] = {
+      {"", "header.pageSizeCode", "-9223372036854775808",
+       "pageSizeCode is -9223372036854775808, not 0 or -1 to -2147483647"},
+      {"", "header.directoryOffset", "39",
+       "directoryOffset is 39, no place for a record: those are from 40 to "},
+      {"s/in", "in.firstLink", "-9223372036854775808",
+       "firstLink is -9223372036854775808, no place for a record"},
+      {"s/in", "in.firstLink", "@x.st", " there belong to the store itself"},
+      {"s/in", "in.parentLink", "41", "parentLink is 41, not "},
+      {"short", "short/0.capacity", "99", "capacity is 99, not 100, the page size"},
+      {"short", "short/0.used", "-1", "used is -1, not 0 to 100, the page size"},
+      {"short", "short/0.used", "101", "used is 101, not 0 to 100, the page size"},
+      {"z", "z/0.used", "5", "used is 5, not 100, the page size, in a page that others follow"},
+      {"full", "full/0.dataOffset", "9223372036854775807",
+       "dataOffset is 9223372036854775807, and 100 bytes from there are not in the file of "},
+      {"z", "z/0.dataOffset", "30",
+       "dataOffset is 30, and 100 bytes from there are not in the file"},
+      {"z", "z/0.next", "2000000", "next is 2000000, no place for a record"},
+  };
+  const Bytes image = makeImage();
+  for (const auto& [place, field, value, reason] : damages) {
+    Bytes damaged = image;
+    setNamedField(damaged, field, value);
+    const auto change = std::mismatch(image.begin(), image.end(), damaged.begin()).first;
+    const auto at = change - image.begin();  // in the field
+    std::string found;
+    for (const Finding& finding : Look(damaged).findings) {
+      const bool isThere = finding.offset <= at && at < finding.offset + 8;
+      if (isThere && finding.place == place && finding.severity == Severity::error)
+        found += finding.reason + '\n';
+    }
+    EXPECT_NE(found.find(reason), std::string::npos) << field << ": " << reason << '\n' << found;
   }
 }
 
 TEST(InspectTest, WhatItFindsSoundTheModuleReads) {
   const Bytes image = makeImage();
-  ASSERT_FALSE(Look(image).hasErrors());
+  ASSERT_TRUE(Look(image).isForApi());
   ASSERT_EQ(Look(image).contents, kTree);
   int sound = 0;
   hx::fake::forEachDamage(image, [&](const Bytes& damaged) {
     Look look(damaged);
     look.expectEveryByteOwnedOnce(damaged);
-    // The API passes over members without names.
-    if (look.hasErrors() || look.hasNameless()) return;
+    if (!look.isForApi()) return;
     ++sound;
-    ASSERT_NO_THROW(ASSERT_EQ(readContents(damaged), look.contents));
+    Session session;
+    ASSERT_NO_THROW(ASSERT_EQ(
+        readContents(session.openBlob(std::as_bytes(std::span(damaged)), "x.st")), look.contents));
   });
   EXPECT_GT(sound, 100);
 }
 
-TEST(InspectTest, TurnsAFileIntoTheOtherByteOrderAndBack) {
-  const hxtest::TemporaryDirectory directory;
-  const Bytes image = makeImage();
-  const std::string native(image.begin(), image.end());
-  writeFile(directory / "x.st", native);
-  transcode(InspectedFile(directory / "x.st"), "hxmok1/be/utf-8", directory / "be.st");
-  transcode(InspectedFile(directory / "be.st"), "hxmok1/le/utf-8", directory / "le.st");
-  EXPECT_EQ(readFile(directory / "le.st"), native);
-  const std::string turned = readFile(directory / "be.st");
-  EXPECT_EQ(turned.size(), native.size());
-  EXPECT_EQ(readContents(directory / "be.st"), kTree);
-  EXPECT_EQ(Look(Bytes(turned.begin(), turned.end())).contents, kTree);
-
-  EXPECT_THROW(transcode(InspectedFile(directory / "x.st"), "hxmok1/be/utf-8", directory / "be.st"),
-               Error);
-  writeFile(directory / "cut.st", native.substr(0, native.size() - 1));
-  EXPECT_THROW(
-      transcode(InspectedFile(directory / "cut.st"), "hxmok1/be/utf-8", directory / "no.st"),
-      Error);
-  EXPECT_FALSE(std::filesystem::exists(directory / "no.st"));
-}
-
-// Runs the command and returns its exit code; `out` gets what it printed.
-int run(const std::string& words, std::string& out, const std::string& directory = "/") {
-  const std::string command =
-      "cd '" + directory + "' && " HX_COMMAND_PATH " " + words + " 2>/dev/null";
-  FILE* pipe = ::popen(command.c_str(), "r");
-  out.clear();
-  for (int c = 0; (c = std::fgetc(pipe)) != EOF;)
-    out += static_cast<char>(c);
-  const int status = ::pclose(pipe);
-  return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-}
-
-// Every tag that begins ends, in its turn.
-bool isWellFormed(const std::string& xml) {
-  const std::regex tag("<(/?)([a-z]+)[^<>]*?(/?)>");
-  std::vector<std::string> open;
-  for (std::sregex_iterator i(xml.begin(), xml.end(), tag), end; i != end; ++i) {
-    if ((*i)[1].length() == 0) open.push_back((*i)[2]);
-    if ((*i)[3].length() == 0 && (*i)[1].length() == 0) continue;
-    if (open.empty() || open.back() != (*i)[2]) return false;
-    open.pop_back();
+class InspectFileTest : public hxtest::CommandFixture {
+ protected:
+  void writeImage(const Bytes& image) {
+    writeFile(directory_ / "x.st", {image.begin(), image.end()});
   }
-  const std::string text = std::regex_replace(xml, tag, "");
-  return open.empty() && text.find_first_of("<>") == std::string::npos;
+
+  Contents readFileContents(const std::string& name) {
+    Session session;
+    return readContents(session.open(directory_ / name));
+  }
+};
+
+TEST_F(InspectFileTest, IsTurnedIntoTheOtherByteOrderAndBack) {
+  const auto turn = [&](const char* from, const char* order, const char* to) {
+    const std::string encoding = std::string("hxmok1/") + order + "/utf-8";
+    transcode(InspectedFile(directory_ / from), encoding, directory_ / to);
+  };
+  writeImage(makeImage());
+  turn("x.st", "be", "be.st");
+  turn("be.st", "le", "le.st");
+  expectRun(0, "cmp x.st le.st; head -c -1 x.st >cut.st");
+  EXPECT_EQ(readFileContents("be.st"), kTree);
+  const std::string turned = readFile(directory_ / "be.st");
+  EXPECT_EQ(Look(Bytes(turned.begin(), turned.end())).contents, kTree);
+  EXPECT_THROW(turn("x.st", "be", "be.st"), Error);
+  EXPECT_THROW(turn("cut.st", "be", "no.st"), Error);
+  expectPrinted(0, "ls", "be.st\ncut.st\nle.st\nx.st\n");
+}
+
+// Every tag that begins ends, in its turn, and text is text.
+bool isWellFormed(std::string xml) {
+  if (std::regex_search(xml, std::regex("&(?!#?\\w+;)"))) return false;
+  const std::regex element("<([a-z]+)[^<>]*(/>|>[^<>]*</\\1>)");
+  for (std::string before; before != xml;) {
+    before = xml;
+    xml = std::regex_replace(xml, element, "");
+  }
+  return xml.find_first_of("<>") == std::string::npos;
 }
 
 std::int64_t addAll(const std::string& text, const char* expression) {
-  std::int64_t sum = 0;
   const std::regex number(expression);
+  std::int64_t sum = 0;
   for (std::sregex_iterator i(text.begin(), text.end(), number), end; i != end; ++i)
     sum += std::stoll((*i)[1]);
   return sum;
 }
 
-TEST(InspectTest, CommandsCountEveryByteOnce) {
-  const hxtest::TemporaryDirectory directory;
-  const std::string path = directory / "x.st";
+TEST_F(InspectFileTest, HasEveryByteCountedOnceByTheCommands) {
   Bytes image = makeImage();
-  const std::int64_t length = static_cast<std::int64_t>(image.size());
+  const auto length = static_cast<std::int64_t>(image.size());
   for (const int code : {0, 1}) {
-    writeFile(path, {image.begin(), image.end()});
-    std::string out;
-    EXPECT_EQ(run("map --json " + path, out), code);
-    EXPECT_EQ(addAll(out, "\"length\": ([0-9]+)"), length);
-    EXPECT_EQ(run("map " + path, out), code);
-    EXPECT_EQ(addAll(out, "\n +([0-9]+)  [Hec#.-]  "), length);
-    EXPECT_EQ(run("map --svg - " + path, out), code);
-    EXPECT_TRUE(isWellFormed(out)) << out;
-    EXPECT_EQ(run("stat --json " + path, out), code);
-    EXPECT_NE(out.find("\"file\": " + std::to_string(length) + "}"), std::string::npos) << out;
-    if (code == 0) {
-      EXPECT_TRUE(out.starts_with("{\"store\": \"" + path +
-                                  "\", \"name\": \"x.st\", \"encoding\": \"hxmok1/le/utf-8\", "
-                                  "\"pageSize\": 100, \"stores\": 4, \"items\": 8, \"depth\": 3, "
-                                  "\"largest\": {\"path\": \"z\", \"size\": 333}, \"bytes\": "))
-          << out;
-    }
-    if (code == 0) put(image, chunkOf(image, "z"), &DataChunk::next, -5);
+    writeImage(image);
+    expectRun(code, "hxcrate map --json x.st");
+    EXPECT_EQ(addAll(out_, "\"length\": ([0-9]+)"), length);
+    expectRun(code, "hxcrate map x.st");
+    EXPECT_EQ(addAll(out_, "\n +([0-9]+)  [Hec#.-]  "), length);
+    expectRun(code, "hxcrate map --svg - x.st");
+    EXPECT_TRUE(isWellFormed(out_)) << out_;
+    expectRun(code, "hxcrate stat --json x.st");
+    EXPECT_NE(out_.find("\"file\": " + std::to_string(length) + "}"), std::string::npos) << out_;
+    if (code == 1) continue;
+    const char* const begin =
+        "{\"store\": \"x.st\", \"name\": \"x.st\", \"encoding\": \"hxmok1/le/utf-8\", "
+        "\"pageSize\": 100, \"stores\": 4, \"items\": 8, \"depth\": 3, "
+        "\"largest\": {\"path\": \"s/in\", \"size\": 350}, \"bytes\": ";
+    EXPECT_TRUE(out_.starts_with(begin)) << out_;
+    setNamedField(image, "z/0.next", "-5");
   }
 }
 
-TEST(InspectTest, CommandsAnswerWithTheRightExitCode) {
-  const hxtest::TemporaryDirectory directory;
+TEST_F(InspectFileTest, IsSalvagedAsFarAsItCanBeRead) {
   const Bytes image = makeImage();
-  writeFile(directory / "x.st", {image.begin(), image.end()});
-  writeFile(directory / "short", "no store");
-  writeFile(directory / "unknown", "??" + std::string(image.begin() + 2, image.end()));
-  const std::pair<const char*, int> cases[] = {
-      {"salvage x.st new.st", 0},
-      {"salvage x.st new.st", 4},
-      {"salvage absent no.st", 4},
-      {"salvage short no.st", 4},
-      {"salvage unknown no.st", 4},
-      {"salvage --encoding hxmok1/le/utf-8 unknown told.st", 0},
-      {"salvage --encoding other unknown no.st", 2},
-      {"salvage --page-size 0 x.st no.st", 2},
-      {"salvage x.st absent/no.st", 4},
-      {"check short", 4},
-      {"stat unknown", 4},
-      {"map --svg x.st x.st", 3},
+  const auto first = hx::fake::recordAt<Entry>(image, hx::fake::entryOffset(image, "z")).firstLink;
+  const auto second = hx::fake::recordAt<DataChunk>(image, first).next;
+  struct Loss {
+    const char* field;
+    const char* value;
+    std::function<void(Contents&)> apply;  // to the tree
   };
-  for (const auto& [words, code] : cases) {
-    std::string out;
-    EXPECT_EQ(run(words, out, directory.path()), code) << words;
-    EXPECT_EQ(out, "") << words;
-    EXPECT_FALSE(std::filesystem::exists(directory / "no.st")) << words;
-  }
-  EXPECT_EQ(readContents(directory / "told.st"), kTree);
-}
-
-struct Loss {
-  std::function<void(Bytes&)> apply;
-  // Makes of the tree what is kept; the image is the sound one.
-  std::function<void(Contents&, const Bytes&)> expect;
-};
-
-void moveToLostAndFound(Contents& tree, const std::string& path) {
-  tree["lost+found"] = "/";
-  tree["lost+found/" + path.substr(path.find('/') + 1)] = tree[path];
-  tree.erase(path);
-}
-
-const std::vector<Loss> kLosses = {
-    {[](Bytes&) {}, [](Contents&, const Bytes&) {}},
-    {[](Bytes& i) { put(i, chunkOf(i, "z"), &DataChunk::next, -5); },
-     [](Contents& tree, const Bytes& i) {
-       const auto rest = recordAt<DataChunk>(i, chunkOf(i, "z")).next;
-       tree["lost+found"] = "/";
-       tree["lost+found/item-at-" + std::to_string(rest)] = tree["z"].substr(kPageSize);
-       tree["z"].resize(kPageSize);
-     }},
-    {[](Bytes& i) { put(i, chunkOf(i, "short"), &DataChunk::capacity, 7); },
-     [](Contents& tree, const Bytes&) { tree.erase("short"); }},
-    {[](Bytes& i) { put(i, entryOffset(i, "s"), &Entry::firstLink, 9); },
-     [](Contents& tree, const Bytes&) {
-       for (const char* path : {"s/in", "s/t", "s/t/deep", "s/twin"})
-         moveToLostAndFound(tree, path);
-     }},
-    {[](Bytes& i) { put(i, 0, &Header::directoryOffset, -7); },
-     [](Contents& tree, const Bytes&) {
-       for (const auto& [path, bytes] : Contents(tree)) {
-         tree["x.st/" + path] = bytes;
-         tree.erase(path);
-       }
-       tree["x.st"] = "/";
-     }},
-};
-
-TEST(InspectTest, SalvagesAllThatCanBeRead) {
-  const hxtest::TemporaryDirectory directory;
-  const Bytes image = makeImage();
-  for (const Loss& loss : kLosses) {
-    SCOPED_TRACE(&loss - kLosses.data());
+  const Loss losses[] = {
+      {"z/0.capacity", "100", [](Contents&) {}},  // as it was
+      {"z/0.next", "-5",
+       [&](Contents& tree) {
+         tree["lost+found"] = "/";
+         tree["lost+found/item-at-" + std::to_string(second)] = tree["z"].substr(kPageSize);
+         tree["z"].resize(kPageSize);
+       }},
+      {"short/0.capacity", "7", [](Contents& tree) { tree.erase("short"); }},
+      {"s.firstLink", "9",
+       [](Contents& tree) {
+         tree["lost+found"] = "/";
+         for (const std::string path : {"in", "t", "t/deep", "twin"})
+           tree["lost+found/" + path] = tree.extract("s/" + path).mapped();
+       }},
+      {"header.directoryOffset", "-7",
+       [](Contents& tree) {
+         for (const auto& [path, bytes] : std::exchange(tree, {{"x.st", "/"}}))
+           tree["x.st/" + path] = bytes;
+       }},
+  };
+  for (const auto& [field, value, apply] : losses) {
+    SCOPED_TRACE(field);
     Bytes damaged = image;
-    loss.apply(damaged);
+    setNamedField(damaged, field, value);
+    writeImage(damaged);
     Contents expected = kTree;
-    loss.expect(expected, image);
-    writeFile(directory / "x.st", {damaged.begin(), damaged.end()});
-    std::filesystem::remove(directory / "new.st");
-    std::string out;
-    const std::string words = "salvage " + (directory / "x.st") + " " + (directory / "new.st");
-    EXPECT_EQ(run(words, out), expected == kTree ? 0 : 5) << out;
-    EXPECT_EQ(out.empty(), expected == kTree);
-    EXPECT_EQ(readContents(directory / "new.st"), expected);
-    EXPECT_EQ(run(words, out), 4) << "it is there already";
+    apply(expected);
+    expectRun(expected == kTree ? 0 : 5, "rm -f new.st; hxcrate salvage x.st new.st");
+    EXPECT_EQ(out_.empty(), expected == kTree);
+    EXPECT_EQ(readFileContents("new.st"), expected);
   }
 }
 

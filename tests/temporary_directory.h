@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <map>
 #include <stdexcept>
 #include <string>
 
@@ -44,6 +45,20 @@ inline std::string readFile(const std::filesystem::path& path) {
 inline void writeFile(const std::filesystem::path& path, const std::string& bytes) {
   std::filesystem::create_directories(path.parent_path());
   std::ofstream(path, std::ios::binary) << bytes;
+}
+
+// Everything below a directory by its path: a file's bytes, "/" for a directory, "->" and where it
+// leads for a link. Nothing when there is no such directory.
+inline std::map<std::string, std::string> readTree(const std::filesystem::path& root) {
+  std::map<std::string, std::string> tree;
+  std::error_code absent;
+  for (const auto& entry : std::filesystem::recursive_directory_iterator(root, absent)) {
+    std::string& bytes = tree[std::filesystem::relative(entry.path(), root).string()];
+    bytes = entry.is_symlink()     ? "->" + std::filesystem::read_symlink(entry.path()).string()
+            : entry.is_directory() ? "/"
+                                   : readFile(entry.path());
+  }
+  return tree;
 }
 
 // `length` bytes without a short period, the same for the same `seed`.

@@ -1,5 +1,5 @@
-// Several threads in one store, and two sessions on one file: what each reads is compared, and the
-// thread sanitizer looks for races. `./dev threads` repeats this for as long as it is told.
+// Several threads in one store, and sessions of their own on its file: what each reads is compared,
+// and the thread sanitizer looks for races. `./dev threads` repeats this for as long as it is told.
 #include <gtest/gtest.h>
 
 #include <hxcrate/crate.hpp>
@@ -14,15 +14,6 @@ namespace hxcrate {
 namespace {
 
 constexpr int kRounds = 60;
-
-// What one thread works on: `own` is a name that no other thread uses.
-struct Place {
-  Session& session;
-  Store& store;
-  std::string own;
-};
-
-using Work = void (*)(const Place& place);
 
 // The bytes of an item from one place to another.
 std::string bytesOf(const std::string& name, std::int64_t from, std::int64_t to) {
@@ -46,12 +37,26 @@ void readItem(const Store& store, const std::string& name) {
   }
 }
 
+// What one thread works on: `own` is a name that no other thread uses.
+struct Place {
+  Session& session;
+  Store& store;
+  std::string own;
+};
+
+using Work = void (*)(const Place& place);  // in a round
+
 void readShared(const Place& place) {
   readItem(place.store, "a");
 }
 
 void readOwn(const Place& place) {
   readItem(place.store, place.own);
+}
+
+void readElsewhere(const Place& place) {
+  static thread_local Session elsewhere;
+  readItem(elsewhere.open(place.store.path()), "a");
 }
 
 void appendOwn(const Place& place) {
@@ -81,39 +86,28 @@ void convertShared(const Place& place) {
     ASSERT_EQ(numbers[i], bytes[2 * i] << 8 | bytes[2 * i + 1]);
 }
 
-void runTogether(const std::vector<std::pair<Place, Work>>& threads) {
-  std::latch start(std::ssize(threads));
-  std::vector<std::thread> running;
-  for (const auto& [place, work] : threads) {
-    running.emplace_back([&start, place = place, work = work] {
-      start.arrive_and_wait();
-      for (int round = 0; round < kRounds && !testing::Test::HasFailure(); ++round)
-        work(place);
-    });
-  }
-  for (std::thread& thread : running)
-    thread.join();
-}
-
 class Threads : public testing::Test {
  protected:
-  Threads() {
-    fill(session_.open(path_, Mode::create, {.pageSize = 64})).close();
-    transcode(InspectedFile(path_), "hxmok1/be/utf-8", foreign_);
-  }
-
-  Store fill(Store store) {
+  static Store fill(Store store) {
     for (const char* name : {"a", "p", "q"})
       append(store, name, 900);
     return store;
   }
 
   // The threads are called p, q, r and s.
-  void work(Store store, const std::vector<Work>& works) {
-    std::vector<std::pair<Place, Work>> threads;
-    for (const Work& work : works)
-      threads.push_back({{session_, store, std::string(1, "pqrs"[&work - works.data()])}, work});
-    runTogether(threads);
+  void runTogether(Store store, const std::vector<Work>& works) {
+    std::latch start(std::ssize(works));
+    std::vector<std::thread> running;
+    for (const Work work : works) {
+      const Place place{session_, store, std::string(1, "pqrs"[running.size()])};
+      running.emplace_back([&start, work, place] {
+        start.arrive_and_wait();
+        for (int round = 0; round < kRounds && !testing::Test::HasFailure(); ++round)
+          work(place);
+      });
+    }
+    for (std::thread& thread : running)
+      thread.join();
     for (const char* name : {"a", "p", "q"})
       readItem(store, name);
     store.close();
@@ -123,27 +117,23 @@ class Threads : public testing::Test {
 
   const hxtest::TemporaryDirectory directory_;
   const std::string path_ = directory_ / "x.st";
-  const std::string foreign_ = directory_ / "foreign.st";
   Session session_;
 };
 
 TEST_F(Threads, WorkTogetherInOneStore) {
-  work(session_.open(path_), {readShared, readShared, readShared});
-  work(session_.open(path_), {readOwn, readOwn, readShared});
-  work(session_.open(path_, Mode::update), {appendOwn, readShared, appendOwn});
-  work(fill(session_.createInMemory("m", 64)), {appendOwn, readShared, appendOwn, listMembers});
-  work(session_.open(path_, Mode::update), {createMembers, listMembers, createMembers});
-  work(session_.open(path_, Mode::update), {appendOwn, createMembers, listMembers, readShared});
-  work(session_.open(foreign_), {convertShared, convertShared, convertShared});
-}
-
-TEST_F(Threads, TwoSessionsReadOneFile) {
-  Session other;
-  Store first = session_.open(path_);
-  Store second = other.open(path_);
-  runTogether({{{session_, first, "p"}, readOwn},
-               {{other, second, "p"}, readOwn},
-               {{other, second, "q"}, readShared}});
+  const std::string foreign = directory_ / "foreign.st";
+  fill(session_.open(path_, Mode::create, {.pageSize = 64})).close();
+  transcode(InspectedFile(path_), "hxmok1/be/utf-8", foreign);
+  runTogether(session_.open(path_), {readShared, readShared, readShared});
+  runTogether(session_.open(path_), {readOwn, readOwn, readShared});
+  runTogether(session_.open(path_), {readOwn, readElsewhere, readElsewhere});
+  runTogether(session_.open(path_, Mode::update), {appendOwn, readShared, appendOwn});
+  runTogether(fill(session_.createInMemory("m", 64)),
+              {appendOwn, readShared, appendOwn, listMembers});
+  runTogether(session_.open(path_, Mode::update), {createMembers, listMembers, createMembers});
+  runTogether(session_.open(path_, Mode::update),
+              {appendOwn, createMembers, listMembers, readShared});
+  runTogether(session_.open(foreign), {convertShared, convertShared, convertShared});
 }
 
 }  // namespace
