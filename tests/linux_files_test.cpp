@@ -13,7 +13,7 @@
 
 #include "host/file_io.h"
 #include "host/linux/path_codec.h"
-#include "tests/crash_states.h"
+#include "tests/crash_session.h"
 #include "tests/temporary_directory.h"
 
 namespace hxtest {

@@ -6,7 +6,7 @@
 #include <thread>
 
 #include "host/linux/failure_log.h"
-#include "tests/crash_states.h"
+#include "tests/crash_session.h"
 #include "tests/temporary_directory.h"
 
 namespace hxtest {
@@ -24,8 +24,6 @@ constexpr uint32_t kReplaceAll = kUpdate | kCreate | hx::kReplace;
 // An update of the simulated store, what was found before and what it leaves.
 class LinuxFaultTest : public testing::Test {
  protected:
-  void run(CrashSession& session) { runCrashStep(session, scenario_.steps[2]); }
-
   // The disk when the process dies with the file's new bytes written and the journal still there.
   DiskImage interrupted() {
     SimulatedDisk disk(before_);
@@ -36,14 +34,13 @@ class LinuxFaultTest : public testing::Test {
       }
     };
     CrashSession session(hostOver(disk));
-    run(session);
+    session.update(2);
     return image;
   }
 
-  const CrashScenario& scenario_ = crashScenarios()[1];
-  const DiskImage before_ = diskBefore(scenario_, 2);
+  const DiskImage before_ = diskBefore(2);
   const std::string textBefore_ = lookAt(before_);
-  const std::string textAfter_ = lookAt(diskBefore(scenario_, 3));
+  const std::string textAfter_ = lookAt(diskBefore(3));
 };
 
 // The journal's bytes and its name; the file's bytes; and that the journal's name is gone.
@@ -60,7 +57,7 @@ TEST_F(LinuxFaultTest, AnUpdateCostsFourSyncsAndNothingWhenNothingChanges) {
       HostOptions options = hostOver(disk);
       options.durability = durability;
       CrashSession session(options);
-      changes ? run(session) : void(session.look(kCrashStore, kUpdate));
+      changes ? void(session.update(2)) : void(session.look(kCrashStore, kUpdate));
       EXPECT_EQ(syncs, changes && durability == Durability::full ? "/s-journal / /s / " : "");
       EXPECT_EQ(writes, changes);
     }
