@@ -79,10 +79,9 @@ class SimulatedDisk : public hxhost::FileOps {
   bool failsEverAfter = false;
   int failure = EIO;
   bool hasFired = false;
-  bool isReadOnly = false;              // opens for writing fail with EACCES
-  bool fallsShort = false;              // transfers deliver at most half of what was asked for
-  bool hasBecomeDevice = false;         // what is opened is not what was there a moment ago
-  int64_t capacity = int64_t{1} << 60;  // bytes of all files; beyond it ENOSPC
+  bool isReadOnly = false;       // opens for writing fail with EACCES
+  bool fallsShort = false;       // transfers deliver at most half of what was asked for
+  bool hasBecomeDevice = false;  // what is opened is not what was there a moment ago
 
   // Called before each operation that gets through to the disk.
   std::function<void(const DiskStep&)> watch;
@@ -131,8 +130,7 @@ class SimulatedDisk : public hxhost::FileOps {
 
   int64_t writeAt(int file, const void* bytes, size_t count, int64_t offset) override {
     if (fails(DiskOperation::kWrite, pathOf(file))) return -failure;
-    const int64_t taken = std::min(transferred(count), room(file) - offset);
-    if (taken <= 0) return -ENOSPC;
+    const int64_t taken = transferred(count);
     const auto* from = static_cast<const uint8_t*>(bytes);
     change({DiskOperation::kWrite, openings_.at(file).inode, "", static_cast<size_t>(offset),
             DiskBytes(from, from + taken)});
@@ -223,14 +221,6 @@ class SimulatedDisk : public hxhost::FileOps {
 
   int64_t transferred(size_t count) const {
     return static_cast<int64_t>(fallsShort ? (count + 1) / 2 : count);
-  }
-
-  // How long that file can be.
-  int64_t room(int file) const {
-    int64_t room = capacity;
-    for (const auto& [path, inode] : live_.names)
-      room -= inode == openings_.at(file).inode ? 0 : std::ssize(live_.inodes.at(inode));
-    return std::max(room, std::ssize(bytesOf(file)));
   }
 
   void change(const DiskChange& done) {
