@@ -169,24 +169,22 @@ TEST_F(LinuxEncodingTest, WholeNamesAreLoadedAndKnownIdentitiesConvert) {
 
 TEST_F(LinuxEncodingTest, RecordsTurnFieldByFieldAndOnlyWhenTheMapFits) {
   const std::string text = "abcdefghijklmnop";
-  const struct {
-    const char* name;
-    std::string map;      // before its end
-    std::string swapped;  // the text itself where the map does not fit
-  } cases[] = {{"integers", "\0\0\0\x9\1\0\0\x19\2\0\0\x1b"s, "hgfedcbalkjiponm"},
-               {"characters", "\0\0\0\x9\x8\0\x40\6\1\0\0\x19"s, "abcdefghponmlkji"},
-               {"none", "\0\0\0\x9"s, text},
-               {"too short", "\0\0\0\x9\1\0\0\x19"s, text},
-               {"too long", "\0\0\0\x9\xff\0\0\x19"s, text},
-               {"terminated early", "\0\0\0\x9\2\0\0\x19\0\0\0\0"s, text},
-               {"empty field", "\0\0\0\x9\0\0\0\x19\2\0\0\x19"s, text},
-               {"unknown type", "\0\0\0\x9\1\0\0\x19\1\0\0\x77"s, text},
-               {"begins twice", "\0\0\0\x9\0\0\0\x9\2\0\0\x19"s, text},
-               {"does not begin", "\1\0\0\x19\2\0\0\x19"s, text}};
-  for (const auto& c : cases) {
-    const std::string map = c.map + "\0\0\0\xa\0\0\0\0"s;
-    EXPECT_EQ(convertedBy(swapping_, map.data(), text), c.swapped) << c.name;
-    EXPECT_EQ(convertedBy(copying_, map.data(), text), text) << c.name;
+  const std::string begin = "\0\0\0\x9"s;
+  const std::pair<std::string, std::string> cases[] = {
+      {begin + "\1\0\0\x19\2\0\0\x1b"s, "hgfedcbalkjiponm"},
+      {begin + "\x8\0\x40\6\1\0\0\x19"s, "abcdefghponmlkji"},
+      {begin, text},
+      {begin + "\1\0\0\x19"s, text},            // too short
+      {begin + "\xff\0\0\x19"s, text},          // too long
+      {begin + "\2\0\0\x19\0\0\0\0"s, text},    // another end
+      {begin + "\0\0\0\x19\2\0\0\x19"s, text},  // an empty field
+      {begin + "\1\0\0\x19\1\0\0\x77"s, text},  // an unknown type
+      {begin + begin + "\2\0\0\x19"s, text},
+      {"\1\0\0\x19\2\0\0\x19"s, text}};
+  for (const auto& [fields, swapped] : cases) {
+    const std::string map = fields + "\0\0\0\xa\0\0\0\0"s;
+    EXPECT_EQ(convertedBy(swapping_, map.data(), text), swapped);
+    EXPECT_EQ(convertedBy(copying_, map.data(), text), text);
   }
   const auto endless = std::to_array<char>({0, 0, 0, 9, 2, 0, 0, 0x19, 1, 0, 0, 0x19});
   EXPECT_EQ(convertedBy(swapping_, endless.data(), text), text);
