@@ -40,15 +40,12 @@ class File {
     return seek(position) == position &&
            handle->write(handle, bytes.data(), std::ssize(bytes), 0, 0, 0) == 0;
   }
-  // Up to `count` bytes, in as many calls as it takes.
+  // Up to `count` bytes; none when that failed.
   Bytes read(int64_t count) {
     Bytes bytes(static_cast<size_t>(count));
-    int64_t done = 0;
-    for (hx::ReadRequest request{}; done < count; done += request.count) {
-      request = {bytes.data() + done, count - done};
-      if (handle->read(handle, &request, &request.count, 0, 0, 0) != 0) break;
-    }
-    bytes.resize(static_cast<size_t>(done));
+    hx::ReadRequest request{bytes.data(), count};
+    if (handle->read(handle, &request, &count, 0, 0, 0) != 0) count = 0;
+    bytes.resize(static_cast<size_t>(count));
     return bytes;
   }
   Bytes readAt(int64_t position, int64_t count) {
