@@ -9,6 +9,7 @@
 #include <span>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "host/encoding.h"
@@ -196,32 +197,27 @@ TEST_F(LinuxEncodingTest, RecordsTurnFieldByFieldAndOnlyWhenTheMapFits) {
 }
 
 TEST_F(LinuxEncodingTest, ItemBytesTurnAsTheArgumentSays) {
-  const struct {
-    int32_t kind;
-    int64_t wanted;
-    uint32_t measured;
-    std::string stored;
-    int64_t room;
-    std::string delivered;  // empty: refused
-  } cases[] = {{hx::HX_CONVERT_TEXT, 7, 7, "abcdefg", 7, "abcdefg"},
-               {hx::HX_CONVERT_ELEMENTS2, 7, 6, "abcdefg", 7, "badcfeg"},
-               {hx::HX_CONVERT_ELEMENTS4, -4, 0, "abcdefghij", 10, "dcbahgfeij"},
-               {hx::HX_CONVERT_ELEMENTS8, 23, 16, "abcdefghijk", 11, "hgfedcbaijk"},
-               {hx::HX_CONVERT_ELEMENTS8, 7, 0, "abc", 3, "abc"},
-               {hx::HX_CONVERT_ELEMENTS4, int64_t{1} << 40, 0xfffffffc, "abcd", 4, "dcba"},
-               {hx::HX_CONVERT_TEXT, 1, 1, "abcd", 3, ""},
-               {0, 8, 0, "abcd", 4, ""},
-               {-8, 8, 0, "abcd", 4, ""}};
-  for (const auto& c : cases) {
-    hx::ItemConversion argument{c.kind, 0};
-    EXPECT_EQ(swapping_->measure(swapping_, &argument, nullptr, c.wanted), c.measured) << c.kind;
-    std::string out(c.stored.size(), '?');
+  // The argument; what is asked for, and what that measures; the bytes, and the room for them; what
+  // is delivered, nothing when it is refused.
+  const std::tuple<int32_t, int64_t, uint32_t, std::string, int64_t, std::string> cases[] = {
+      {hx::HX_CONVERT_TEXT, 7, 7, "abcdefg", 7, "abcdefg"},
+      {hx::HX_CONVERT_ELEMENTS2, 7, 6, "abcdefg", 7, "badcfeg"},
+      {hx::HX_CONVERT_ELEMENTS4, -4, 0, "abcdefghij", 10, "dcbahgfeij"},
+      {hx::HX_CONVERT_ELEMENTS8, 23, 16, "abcdefghijk", 11, "hgfedcbaijk"},
+      {hx::HX_CONVERT_ELEMENTS8, 7, 0, "abc", 3, "abc"},
+      {hx::HX_CONVERT_ELEMENTS4, int64_t{1} << 40, 0xfffffffc, "abcd", 4, "dcba"},
+      {hx::HX_CONVERT_TEXT, 1, 1, "abcd", 3, ""},
+      {0, 8, 0, "abcd", 4, ""},
+      {-8, 8, 0, "abcd", 4, ""}};
+  for (const auto& [kind, wanted, measured, stored, room, delivered] : cases) {
+    hx::ItemConversion argument{kind, 0};
+    EXPECT_EQ(swapping_->measure(swapping_, &argument, nullptr, wanted), measured) << kind;
+    std::string out(stored.size(), '?');
     uint32_t count = 99;
-    const int32_t result =
-        swapping_->convert(swapping_, &argument, c.stored.data(), std::ssize(c.stored), out.data(),
-                           c.room, nullptr, &count);
-    EXPECT_EQ(result == 0, !c.delivered.empty()) << c.kind;
-    EXPECT_EQ(out.substr(0, count), c.delivered) << c.kind;
+    const int32_t result = swapping_->convert(
+        swapping_, &argument, stored.data(), std::ssize(stored), out.data(), room, nullptr, &count);
+    EXPECT_EQ(result == 0, !delivered.empty()) << kind;
+    EXPECT_EQ(out.substr(0, count), delivered) << kind;
   }
   uint32_t count = 99;
   char out[] = "????";
