@@ -24,9 +24,8 @@ using hxhost::HostOptions;
 
 // Every state in which a power cut can leave the disk while the store is being updated: each is
 // opened by the real module on the real host, and must hold the store as it was before the update
-// or as it is after it.
-// Small numbers of unsynced changes are combined in every way, of more a sample; some of the states
-// that are to be rolled back are cut again then. Longer searches combine more.
+// or as it is after it. Few unsynced changes are combined in every way, of more a sample is; some
+// of the states that are to be rolled back are cut again then. Longer searches combine more.
 class CrashExplorer {
  public:
   explicit CrashExplorer(Durability durability, bool isLong = false)
