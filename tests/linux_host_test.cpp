@@ -193,7 +193,7 @@ TEST_F(LinuxEncodingTest, RecordsTurnFieldByFieldAndOnlyWhenTheMapFits) {
   char out[] = "????";
   EXPECT_NE(copying_->convertRecord(copying_, nullptr, text.data(), 16, out, 4), 0);
   EXPECT_STREQ(out, "abcd");
-  EXPECT_NE(swapping_->convertRecord(swapping_, nullptr, text.data(), -1, out, 4), 0);
+  EXPECT_NE(copying_->convertRecord(copying_, nullptr, text.data(), -1, out, 4), 0);
 }
 
 TEST_F(LinuxEncodingTest, ItemBytesTurnAsTheArgumentSays) {
