@@ -1,7 +1,9 @@
 // A disk in memory that knows what a power cut would leave of it, and that fails on demand.
 #pragma once
 
+#include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <random>
@@ -26,30 +28,45 @@ struct DiskImage {
   }
 };
 
-enum class ChangeKind { kWrite, kTruncate, kCreate, kUnlink };
-
-// Something that was done and is not yet synced.
-struct DiskChange {
-  ChangeKind kind;
-  uint64_t inode;
-  std::string path;  // of kCreate and kUnlink
-  int64_t offset;    // of kWrite; the new length of kTruncate
-  DiskBytes bytes;
-};
-
-// What becomes of a change in a power cut: a torn write keeps some of its sectors, and its length.
-enum class Fate { kKept, kDropped, kTorn };
-
-// kLook leaves the disk as it is, kChange is what has no name of its own here.
-enum class DiskOperation { kLook, kRead, kWrite, kChange, kUnlink, kSync, kSyncDirectory };
+// kLook leaves the disk as it is; so does kOpen unless it creates.
+enum class DiskOperation { kLook, kRead, kWrite, kTruncate, kOpen, kUnlink, kSync, kSyncDirectory };
 
 struct DiskStep {
   DiskOperation operation;
   std::string path;  // empty for a file that has no name any more
 
-  bool changesDisk() const { return operation > DiskOperation::kRead; }
+  bool changesDisk() const { return operation >= DiskOperation::kWrite; }
   bool isSync() const { return operation >= DiskOperation::kSync; }
 };
+
+// Something that was done and is not yet synced.
+struct DiskChange {
+  DiskOperation operation;  // kOpen for a creation
+  uint64_t inode;
+  std::string path;   // of creations and removals
+  size_t offset = 0;  // of a write; the new length of a truncation
+  DiskBytes bytes = {};
+
+  // A write is whole, or torn where `tearing` chooses.
+  void applyTo(DiskImage& image, std::mt19937* tearing = nullptr) const {
+    constexpr size_t kSector = 512;
+    DiskBytes& file = image.inodes[inode];
+    if (operation == DiskOperation::kOpen) image.names[path] = inode;
+    if (operation == DiskOperation::kUnlink) image.names.erase(path);
+    if (operation == DiskOperation::kTruncate) file.resize(offset);
+    if (operation != DiskOperation::kWrite) return;
+    file.resize(std::max(file.size(), offset + bytes.size()));
+    for (size_t i = 0; i < bytes.size();) {
+      const size_t count = std::min(bytes.size() - i, kSector - (offset + i) % kSector);
+      const bool isLost = tearing != nullptr && (*tearing)() % 2 != 0;
+      if (!isLost) std::memcpy(file.data() + offset + i, bytes.data() + i, count);
+      i += count;
+    }
+  }
+};
+
+// What becomes of a change in a power cut: a torn write keeps some of its sectors, and its length.
+enum class Fate { kKept, kDropped, kTorn };
 
 // Only a file's sync puts its bytes and its length on disk, only the directory's sync puts names
 // there. One thread at a time.
@@ -62,10 +79,9 @@ class SimulatedDisk : public hxhost::FileOps {
   bool failsEverAfter = false;
   int failure = EIO;
   bool hasFired = false;
-  bool isReadOnly = false;              // opens for writing fail with EACCES
-  bool fallsShort = false;              // transfers deliver at most half of what was asked for
-  bool hasBecomeDevice = false;         // what is opened is not what was there a moment ago
-  int64_t capacity = int64_t{1} << 60;  // bytes of all files; beyond it ENOSPC
+  bool isReadOnly = false;       // opens for writing fail with EACCES
+  bool fallsShort = false;       // transfers deliver at most half of what was asked for
+  bool hasBecomeDevice = false;  // what is opened is not what was there a moment ago
 
   // Called before each operation that gets through to the disk.
   std::function<void(const DiskStep&)> watch;
@@ -73,35 +89,150 @@ class SimulatedDisk : public hxhost::FileOps {
   const std::vector<DiskChange>& pending() const { return pending_; }
   const DiskImage& live() const { return live_; }
   const DiskImage& synced() const { return synced_; }
-  // Fates by the index of the pending change; `random` chooses the sectors of the torn ones.
-  DiskImage afterPowerCut(const std::vector<Fate>& fates, std::mt19937& random) const;
 
-  int open(const std::string& path, hxhost::OpenMode mode) override;
-  int close(int file) override;
-  int64_t readAt(int file, void* out, size_t count, int64_t offset) override;
-  int64_t writeAt(int file, const void* bytes, size_t count, int64_t offset) override;
-  int inspect(int file, hxhost::FileInfo& info) override;
-  int inspectPath(const std::string& path, hxhost::FileInfo& info) override;
-  int truncate(int file, int64_t size) override;
-  int sync(int file) override;
-  int lock(int file, hxhost::LockKind kind) override;
-  int copyAccess(int from, int to) override;
-  int syncDirectory(const std::string& path) override;
-  int remove(const std::string& path) override;
-  int resolve(const std::string& path, std::string& resolved) override;
+  // Fates by the index of the pending change; `random` chooses the sectors of the torn ones.
+  DiskImage afterPowerCut(const std::vector<Fate>& fates, std::mt19937& random) const {
+    DiskImage image = synced_;
+    for (size_t i = 0; i < pending_.size(); ++i) {
+      if (fates[i] == Fate::kDropped) continue;
+      pending_[i].applyTo(image, fates[i] == Fate::kTorn ? &random : nullptr);
+    }
+    return image;
+  }
+
+  int open(const std::string& path, hxhost::OpenMode mode) override {
+    using hxhost::OpenMode;
+    if (fails(DiskOperation::kOpen, path)) return -failure;
+    if (isReadOnly && mode != OpenMode::kRead) return -EACCES;
+    const bool isNew = mode == OpenMode::kCreateNew || mode == OpenMode::kCreatePrivate;
+    if (live_.has(path) && isNew) return -EEXIST;
+    if (!live_.has(path)) {
+      if (!isNew && mode != OpenMode::kCreate) return -ENOENT;
+      const uint64_t last = live_.inodes.empty() ? 0 : live_.inodes.rbegin()->first;
+      change({DiskOperation::kOpen, last + 1, path});
+    }
+    openings_[++lastOpening_] = {live_.names[path], hxhost::LockKind::kNone};
+    return lastOpening_;
+  }
+
+  int close(int file) override {
+    openings_.erase(file);
+    return fails(DiskOperation::kLook) ? -failure : 0;
+  }
+
+  int64_t readAt(int file, void* out, size_t count, int64_t offset) override {
+    if (fails(DiskOperation::kRead, pathOf(file))) return -failure;
+    const DiskBytes& bytes = bytesOf(file);
+    const int64_t got = std::clamp<int64_t>(std::ssize(bytes) - offset, 0, transferred(count));
+    if (got > 0) std::memcpy(out, bytes.data() + offset, static_cast<size_t>(got));
+    return got;
+  }
+
+  int64_t writeAt(int file, const void* bytes, size_t count, int64_t offset) override {
+    if (fails(DiskOperation::kWrite, pathOf(file))) return -failure;
+    const int64_t taken = transferred(count);
+    const auto* from = static_cast<const uint8_t*>(bytes);
+    change({DiskOperation::kWrite, openings_.at(file).inode, "", static_cast<size_t>(offset),
+            DiskBytes(from, from + taken)});
+    return taken;
+  }
+
+  int inspect(int file, hxhost::FileInfo& info) override {
+    if (fails(DiskOperation::kLook)) return -failure;
+    info = {!hasBecomeDevice, false, std::ssize(bytesOf(file)), 1, openings_.at(file).inode};
+    return 0;
+  }
+
+  int inspectPath(const std::string& path, hxhost::FileInfo& info) override {
+    if (fails(DiskOperation::kLook)) return -failure;
+    if (!live_.has(path)) return -ENOENT;
+    info = {true, false, std::ssize(live_.at(path)), 1, live_.names.at(path)};
+    return 0;
+  }
+
+  int truncate(int file, int64_t size) override {
+    if (fails(DiskOperation::kTruncate, pathOf(file))) return -failure;
+    change({DiskOperation::kTruncate, openings_.at(file).inode, "", static_cast<size_t>(size)});
+    return 0;
+  }
+
+  int sync(int file) override {
+    if (fails(DiskOperation::kSync, pathOf(file))) return -failure;
+    const uint64_t inode = openings_.at(file).inode;
+    settle([=](const DiskChange& done) { return done.inode == inode && done.path.empty(); });
+    return 0;
+  }
+
+  int lock(int file, hxhost::LockKind kind) override {
+    using hxhost::LockKind;
+    if (fails(DiskOperation::kLook)) return -failure;
+    Opening& own = openings_.at(file);
+    for (const auto& [number, other] : openings_) {
+      if (number == file || other.inode != own.inode || other.lock == LockKind::kNone) continue;
+      const bool sharesIt = kind == LockKind::kShared && other.lock == LockKind::kShared;
+      if (kind != LockKind::kNone && !sharesIt) return -EAGAIN;
+    }
+    own.lock = kind;
+    return 0;
+  }
+
+  int copyAccess(int, int) override { return fails(DiskOperation::kLook) ? -failure : 0; }
+
+  int syncDirectory(const std::string& path) override {
+    if (fails(DiskOperation::kSyncDirectory, path)) return -failure;
+    settle([](const DiskChange& done) { return !done.path.empty(); });
+    return 0;
+  }
+
+  int remove(const std::string& path) override {
+    if (fails(DiskOperation::kUnlink, path)) return -failure;
+    if (!live_.has(path)) return -ENOENT;
+    change({DiskOperation::kUnlink, live_.names.at(path), path});
+    return 0;
+  }
+
+  int resolve(const std::string& path, std::string& resolved) override {
+    if (fails(DiskOperation::kLook)) return -failure;
+    resolved = path;
+    return live_.has(path) ? 0 : -ENOENT;
+  }
 
  private:
   struct Opening {
     uint64_t inode;
-    hxhost::LockKind lock = hxhost::LockKind::kNone;
+    hxhost::LockKind lock;
   };
 
-  bool begin(const DiskStep& step);
-  std::string pathOf(uint64_t inode) const;
-  int64_t transferred(size_t count) const;
-  int64_t room(uint64_t inode) const;
-  void change(DiskChange change);
-  void settle(const std::function<bool(const DiskChange&)>& isMeant);
+  bool fails(DiskOperation operation, const std::string& path = "") {
+    const bool isMeant = failAt == 0 || (failAt < 0 && hasFired && failsEverAfter);
+    if (failAt >= 0) --failAt;
+    hasFired |= isMeant;
+    if (!isMeant && watch) watch({operation, path});
+    return isMeant;
+  }
+
+  const DiskBytes& bytesOf(int file) const { return live_.inodes.at(openings_.at(file).inode); }
+
+  std::string pathOf(int file) const {
+    for (const auto& [path, inode] : live_.names)
+      if (inode == openings_.at(file).inode) return path;
+    return "";
+  }
+
+  int64_t transferred(size_t count) const {
+    return static_cast<int64_t>(fallsShort ? (count + 1) / 2 : count);
+  }
+
+  void change(const DiskChange& done) {
+    done.applyTo(live_);
+    pending_.push_back(done);
+  }
+
+  void settle(const std::function<bool(const DiskChange&)>& isMeant) {
+    for (const DiskChange& done : pending_)
+      if (isMeant(done)) done.applyTo(synced_);
+    std::erase_if(pending_, isMeant);
+  }
 
   DiskImage live_, synced_;
   std::vector<DiskChange> pending_;

@@ -14,9 +14,8 @@ namespace hxtest {
 
 class TemporaryDirectory {
  public:
-  TemporaryDirectory() : TemporaryDirectory("") {}
   // In the directory `wanted`, if that is there.
-  explicit TemporaryDirectory(const std::filesystem::path& wanted) {
+  explicit TemporaryDirectory(const std::filesystem::path& wanted = "") {
     namespace fs = std::filesystem;
     const fs::path where = fs::is_directory(wanted) ? wanted : fs::temp_directory_path();
     std::string name = (where / "hxtest-XXXXXX").string();
