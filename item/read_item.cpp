@@ -63,8 +63,9 @@ class PageWalk {
 
   // Without the lock: nobody writes into a blob.
   void copyTaken() {
+    if (blob_ == nullptr) return;
     const auto bytes = static_cast<uint64_t>(pageSize_);
-    for (int32_t i = 0; blob_ != nullptr && i < takenCount_; ++i, takenTo_ += bytes)
+    for (int32_t i = 0; i < takenCount_; ++i, takenTo_ += bytes)
       copyBytes(takenTo_, blob_ + taken_[i], bytes);
   }
 
