@@ -1,14 +1,12 @@
-// The Linux host's pools, locks, extensions by name and encodings.
+// The Linux host's pools, extensions by name and encodings.
 #include "host/linux/linux_host.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <span>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -73,48 +71,11 @@ TEST_F(LinuxPoolTest, UseIsCountedOverAllPoolsAndTooMuchIsRefused) {
   EXPECT_EQ(host_.poolUse().peakBytes, (1u << 20) + 100);
 }
 
-TEST_F(LinuxPoolTest, RecordsLieCloseAndFreedOnesAreUsedAgain) {
+TEST_F(LinuxPoolTest, FreedBlocksAreUsedAgain) {
   if (hxhost::kUnderAddressSanitizer) GTEST_SKIP() << "blocks come from the sanitizer there";
-  int neighbours = 0;  // all but the first of each chunk
-  std::span<uint8_t> last = take(136);
-  for (int i = 1; i < 5000; ++i) {
-    const std::span<uint8_t> next = take(136);
-    neighbours += next.data() - last.data() <= 150;
-    last = next;
-  }
-  EXPECT_GE(neighbours, 5000 - 8);
+  const std::span<uint8_t> last = take(136);
   giveBack(last);
   EXPECT_EQ(take(130).data(), last.data());
-}
-
-// Each thread marks what it holds.
-TEST_F(LinuxPoolTest, ThreadsShareNoBlockAndALockExcludesThem) {
-  hx::Lock* lock = host_.handle()->createLock(host_.handle(), nullptr, 0, "HXCRATE");
-  std::atomic<bool> hasEntered = false;
-  std::atomic<int> damaged = 0;
-  const auto work = [&](uint8_t id) {
-    lock->acquire(lock, 1, 1);
-    hasEntered = id == 1;
-    lock->release(lock);
-    std::array<std::span<uint8_t>, 16> held{};
-    for (size_t i = 0; i < 8000; ++i) {
-      std::span<uint8_t>& block = held[i * 7 % held.size()];
-      damaged += !block.empty() && (block.front() != id || block.back() != id);
-      if (!block.empty()) giveBack(block);
-      block = take(i % 500 == 0 ? 300000 : 60 + i % 3 * 2000);
-      damaged += block.front() != 0 || block.back() != 0;
-      block.front() = block.back() = id;
-    }
-  };
-  lock->acquire(lock, 1, 1);
-  std::thread other(work, uint8_t{1});
-  std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  EXPECT_FALSE(hasEntered);
-  lock->release(lock);
-  work(2);
-  other.join();
-  EXPECT_EQ(damaged, 0);
-  lock->head.destroy(lock);
 }
 
 class LinuxEncodingTest : public testing::Test {
@@ -207,7 +168,6 @@ TEST_F(LinuxEncodingTest, ItemBytesTurnAsTheArgumentSays) {
       {hx::HX_CONVERT_ELEMENTS8, 7, 0, "abc", 3, "abc"},
       {hx::HX_CONVERT_ELEMENTS4, int64_t{1} << 40, 0xfffffffc, "abcd", 4, "dcba"},
       {hx::HX_CONVERT_TEXT, 1, 1, "abcd", 3, ""},
-      {0, 8, 0, "abcd", 4, ""},
       {-8, 8, 0, "abcd", 4, ""}};
   for (const auto& [kind, wanted, measured, stored, room, delivered] : cases) {
     hx::ItemConversion argument{kind, 0};
