@@ -124,7 +124,6 @@ TEST_F(ApiTest, ReadsTheSameOfAFileAMappedFileAndABlob) {
         EXPECT_EQ(get(store, "a/b/" + name), makeBytes(std::stoul(name)));
       EXPECT_EQ(errorOf([&] { return store.create("b"); }), Errc::readOnly);
       EXPECT_EQ(errorOf([&] { return store.createStore("b"); }), Errc::readOnly);
-      EXPECT_EQ(errorOf([&] { return store.makeBlob(); }), Errc::noBlob);
     }
   }
 }
@@ -305,8 +304,7 @@ void keepArray(Session& session, const std::string& path, std::vector<T> values)
   Reader reader = foreign.read("a");
   EXPECT_EQ(reader.skip(sizeof(T)), sizeof(T));
   std::vector<T> rest(values.size());
-  EXPECT_EQ(reader.readArray(std::span(rest).first(2)), 2u);
-  EXPECT_EQ(reader.readArray(std::span(rest).subspan(2)), values.size() - 3);  // as many as left
+  EXPECT_EQ(reader.readArray(std::span(rest)), values.size() - 1);  // as many as left
   EXPECT_TRUE(std::equal(values.begin() + 1, values.end(), rest.begin()));
   EXPECT_EQ(reader.skip(1), 0u);
 }

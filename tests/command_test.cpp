@@ -168,7 +168,6 @@ TEST_F(CommandTest, UnpacksWhatIsAskedForAndNoMore) {
       {0, "a/b z", "a a/b a/b/1 a/b/22 z "},
       {0, "a/b/1 a/b/1", "a a/b a/b/1 "},
       {4, "z absent", ""},
-      {0, "--dry-run", ""},
       {5, "--max-entries 3", "a a/b a/b/1 "},
       {0, "--max-entries 7 --max-bytes 17", "a a/b a/b/1 a/b/22 a/c ab z "},
       {5, "--max-bytes 16", "a a/b a/b/1 a/b/22 a/c ab "},
