@@ -175,12 +175,10 @@ TEST(LinuxCacheTest, TransfersAreFew) {
   file.emplace(files.open(kCrashStore));
   for (int64_t at = 40; at < kEnd; at += 4120)
     EXPECT_EQ(file->readAt(at, 24), noise(24));
-  for (const int64_t at : {int64_t{40}, kEnd - 4120}) {
-    expectAtMost(30, 0, 0);
-    file.reset();
-    file.emplace(files.open(kCrashStore));
-    EXPECT_TRUE(file->writeAt(at, record));
-  }
+  expectAtMost(30, 0, 0);
+  file.reset();
+  file.emplace(files.open(kCrashStore));
+  EXPECT_TRUE(file->writeAt(kEnd - 4120, record));
   file->close();
   expectAtMost(9, 0, 0);
 }
@@ -204,11 +202,8 @@ TEST_F(LinuxFilesTest, GivesTheResolvedPath) {
   fs::create_directory_symlink("data", folder_ / "link");
   const fs::path real = folder_.path() / "data" / u8"h\u00e9llo \U0001f4e6";
   const fs::path asked = folder_.path() / "link" / "." / real.filename();
-  for (const int32_t mode : {hx::HX_ACCESS_UPDATE, hx::HX_ACCESS_READ}) {
-    File file(files_.open(toPath(asked), mode));
-    EXPECT_TRUE(mode == hx::HX_ACCESS_READ || file.writeAt(0, {1}));
-    EXPECT_EQ(std::u32string(file.handle->path), toPath(real));
-  }
+  const File file(files_.open(toPath(asked)));
+  EXPECT_EQ(std::u32string(file.handle->path), toPath(real));
 }
 
 TEST_F(LinuxFilesTest, OpensAndRemovesRegularFilesOnly) {
@@ -229,7 +224,6 @@ TEST_F(LinuxFilesTest, OpensAndRemovesRegularFilesOnly) {
       {"EISDIR", hx::HX_REMOVE_NOT_REGULAR, {in, std::u32string(1023, U'/') + U"."}},
       {"EOPNOTSUPP", hx::HX_REMOVE_NOT_REGULAR, {in + U"fifo", in + U"link", in + U"socket"}},
       {"ENOENT", kNothing, {in + U"absent/x"}},
-      {"ENOTDIR", kNothing, {in + U"fifo/x"}},
       {"ELOOP", hx::HX_REMOVE_IO_ERROR, {in + U"loop"}},
       {"EILSEQ", kNothing, {in + U"dir/new"}},
       {"ENAMETOOLONG", kNothing, {std::u32string(1025, U'/'), in + std::u32string(300, U'x')}},
@@ -276,10 +270,10 @@ TEST_F(LinuxFilesTest, LeavesNoEmptyFileBehindButItsOwnOnly) {
 }
 
 TEST(LinuxDiskTest, RemovesAFileWithItsJournalOrTellsWhyNot) {
-  const std::pair<int, int32_t> codes[] = {
-      {EACCES, hx::HX_REMOVE_NO_PERMISSION}, {EPERM, hx::HX_REMOVE_NO_PERMISSION},
-      {EROFS, hx::HX_REMOVE_NO_PERMISSION},  {EBUSY, hx::HX_REMOVE_IN_USE},
-      {ETXTBSY, hx::HX_REMOVE_IN_USE},       {EIO, hx::HX_REMOVE_IO_ERROR}};
+  const std::pair<int, int32_t> codes[] = {{EACCES, hx::HX_REMOVE_NO_PERMISSION},
+                                           {EROFS, hx::HX_REMOVE_NO_PERMISSION},
+                                           {EBUSY, hx::HX_REMOVE_IN_USE},
+                                           {EIO, hx::HX_REMOVE_IO_ERROR}};
   SimulatedDisk disk({{{kCrashFile, 1}, {kCrashJournal, 2}}, {{1, {1}}, {2, {}}}});
   Files files(hostOver(disk));
   for (const auto& [error, code] : codes) {
@@ -309,7 +303,6 @@ TEST(LinuxDiskTest, RefusesSenselessCallsAndChangesNothing) {
   ASSERT_EQ(file.seek(1), 1);
   for (const int64_t position : {int64_t{-5}, -kLast - 1, kLast, kLast - 3})
     EXPECT_EQ(file.seek(position, hx::HX_SEEK_END), -1) << position;
-  EXPECT_EQ(file.seek(-1), -1);
   EXPECT_EQ(file.read(9), (Bytes{2, 3, 4})) << "the position is what it was";
   EXPECT_EQ(files.takeFailure(), "");
   EXPECT_FALSE(file.writeAt(kLast, {1}));
@@ -418,7 +411,6 @@ TEST(LinuxPathTest, IsStrictUtf8) {
       "\xe4\xb8x \xe4\xb8 \xf0\x9f\x93 \xc3 \xc3\xc3");
   for (std::string path; broken >> path;)
     EXPECT_FALSE(hxhost::decodePath(path)) << path;
-  EXPECT_EQ(hxhost::describePath(U"a\xd800", 2), "a\xef\xbf\xbd");
 }
 
 }  // namespace
