@@ -175,12 +175,10 @@ TEST(LinuxCacheTest, TransfersAreFew) {
   file.emplace(files.open(kCrashStore));
   for (int64_t at = 40; at < kEnd; at += 4120)
     EXPECT_EQ(file->readAt(at, 24), noise(24));
-  for (const int64_t at : {int64_t{40}, kEnd - 4120}) {
-    expectAtMost(30, 0, 0);
-    file.reset();
-    file.emplace(files.open(kCrashStore));
-    EXPECT_TRUE(file->writeAt(at, record));
-  }
+  expectAtMost(30, 0, 0);
+  file.reset();
+  file.emplace(files.open(kCrashStore));
+  EXPECT_TRUE(file->writeAt(kEnd - 4120, record));
   file->close();
   expectAtMost(9, 0, 0);
 }
@@ -204,11 +202,8 @@ TEST_F(LinuxFilesTest, GivesTheResolvedPath) {
   fs::create_directory_symlink("data", folder_ / "link");
   const fs::path real = folder_.path() / "data" / u8"h\u00e9llo \U0001f4e6";
   const fs::path asked = folder_.path() / "link" / "." / real.filename();
-  for (const int32_t mode : {hx::HX_ACCESS_UPDATE, hx::HX_ACCESS_READ}) {
-    File file(files_.open(toPath(asked), mode));
-    EXPECT_TRUE(mode == hx::HX_ACCESS_READ || file.writeAt(0, {1}));
-    EXPECT_EQ(std::u32string(file.handle->path), toPath(real));
-  }
+  const File file(files_.open(toPath(asked)));
+  EXPECT_EQ(std::u32string(file.handle->path), toPath(real));
 }
 
 TEST_F(LinuxFilesTest, OpensAndRemovesRegularFilesOnly) {
@@ -229,7 +224,6 @@ TEST_F(LinuxFilesTest, OpensAndRemovesRegularFilesOnly) {
       {"EISDIR", hx::HX_REMOVE_NOT_REGULAR, {in, std::u32string(1023, U'/') + U"."}},
       {"EOPNOTSUPP", hx::HX_REMOVE_NOT_REGULAR, {in + U"fifo", in + U"link", in + U"socket"}},
       {"ENOENT", kNothing, {in + U"absent/x"}},
-      {"ENOTDIR", kNothing, {in + U"fifo/x"}},
       {"ELOOP", hx::HX_REMOVE_IO_ERROR, {in + U"loop"}},
       {"EILSEQ", kNothing, {in + U"dir/new"}},
       {"ENAMETOOLONG", kNothing, {std::u32string(1025, U'/'), in + std::u32string(300, U'x')}},
@@ -245,12 +239,6 @@ TEST_F(LinuxFilesTest, OpensAndRemovesRegularFilesOnly) {
     }
   }
   EXPECT_TRUE(fs::is_empty(latin) && fs::is_empty(deep) && fs::exists(folder_ / "fifo"));
-  EXPECT_FALSE(opens(path_, hx::HX_ACCESS_READ));
-  EXPECT_EQ(files_.takeFailure(), "open ENOENT");
-  for (const int32_t mode : {0, 2, 4}) {
-    EXPECT_FALSE(opens(path_, mode));
-    EXPECT_EQ(files_.takeFailure(), "open EINVAL");
-  }
   const fs::path tooLong = folder_ / std::string(250, 'x');
   writeFile(tooLong, "1");
   EXPECT_TRUE(opens(tooLong, hx::HX_ACCESS_READ));
@@ -282,10 +270,10 @@ TEST_F(LinuxFilesTest, LeavesNoEmptyFileBehindButItsOwnOnly) {
 }
 
 TEST(LinuxDiskTest, RemovesAFileWithItsJournalOrTellsWhyNot) {
-  const std::pair<int, int32_t> codes[] = {
-      {EACCES, hx::HX_REMOVE_NO_PERMISSION}, {EPERM, hx::HX_REMOVE_NO_PERMISSION},
-      {EROFS, hx::HX_REMOVE_NO_PERMISSION},  {EBUSY, hx::HX_REMOVE_IN_USE},
-      {ETXTBSY, hx::HX_REMOVE_IN_USE},       {EIO, hx::HX_REMOVE_IO_ERROR}};
+  const std::pair<int, int32_t> codes[] = {{EACCES, hx::HX_REMOVE_NO_PERMISSION},
+                                           {EROFS, hx::HX_REMOVE_NO_PERMISSION},
+                                           {EBUSY, hx::HX_REMOVE_IN_USE},
+                                           {EIO, hx::HX_REMOVE_IO_ERROR}};
   SimulatedDisk disk({{{kCrashFile, 1}, {kCrashJournal, 2}}, {{1, {1}}, {2, {}}}});
   Files files(hostOver(disk));
   for (const auto& [error, code] : codes) {
@@ -315,15 +303,6 @@ TEST(LinuxDiskTest, RefusesSenselessCallsAndChangesNothing) {
   ASSERT_EQ(file.seek(1), 1);
   for (const int64_t position : {int64_t{-5}, -kLast - 1, kLast, kLast - 3})
     EXPECT_EQ(file.seek(position, hx::HX_SEEK_END), -1) << position;
-  for (const int32_t whence : {-1, 1, 3})
-    EXPECT_EQ(file.seek(0, whence), -1) << whence;
-  EXPECT_EQ(file.seek(-1), -1);
-  hx::FileHandle* handle = file.handle;
-  uint8_t byte = 0;
-  for (hx::ReadRequest request : {hx::ReadRequest{&byte, 0}, {&byte, -1}, {nullptr, 1}})
-    EXPECT_NE(handle->read(handle, &request, &request.count, 0, 0, 0), 0);
-  EXPECT_NE(handle->write(handle, &byte, -1, 0, 0, 0), 0);
-  EXPECT_NE(handle->write(handle, nullptr, 1, 0, 0, 0), 0);
   EXPECT_EQ(file.read(9), (Bytes{2, 3, 4})) << "the position is what it was";
   EXPECT_EQ(files.takeFailure(), "");
   EXPECT_FALSE(file.writeAt(kLast, {1}));
@@ -352,6 +331,9 @@ bool survives(SimulatedDisk& disk, int64_t cacheBytes, unsigned seed) {
   lookAt(repaired);
   const Bytes found = repaired.live().at(kCrashFile);
   EXPECT_TRUE(found == after || (failure && found == before));
+  SimulatedDisk cutOff(disk.synced());
+  lookAt(cutOff);
+  EXPECT_TRUE(failure || cutOff.live().at(kCrashFile) == after) << "not told, but not durable";
   const bool mayLeaveEmpty = !isBack && disk.failsEverAfter;
   EXPECT_TRUE(mayLeaveEmpty || repaired.live().has(kCrashFile) == !found.empty());
   return isBack;
@@ -378,38 +360,6 @@ TEST(LinuxLossTest, AnErrorAtAnyOperationIsToldAndLeavesAllOrNothing) {
   }
 }
 
-// What the failures of a small update are called and what the file then is, as one operation of the
-// disk after the other fails.
-TEST(LinuxLossTest, EveryFailureIsToldByItsName) {
-  for (const bool failsEverAfter : {false, true}) {
-    std::string story;
-    bool isOver = false;
-    for (int64_t failAt = 0; !isOver; ++failAt) {
-      SimulatedDisk disk(diskWith({1}));
-      disk.failAt = failAt;
-      disk.failsEverAfter = failsEverAfter;
-      Files files(hostOver(disk));
-      File file(files.open(kCrashStore));
-      if (file.handle != nullptr) file.writeAt(0, {2});
-      file.close();
-      isOver = !disk.hasFired;
-      SimulatedDisk repaired(disk.live());
-      lookAt(repaired);
-      std::string line = repaired.live().at(kCrashFile) == Bytes{2} ? "new" : "old";
-      for (std::string told = files.takeFailure(); !told.empty(); told = files.takeFailure())
-        line += ", " + told;
-      if (!story.ends_with(line + "\n")) story += line + "\n";
-    }
-    EXPECT_EQ(story, "old, open EIO\nold, roll back EIO\nold, read EIO at 0 undone\n"s +
-                         (failsEverAfter ? "old, write EIO at 0 undone\n"
-                                           "old, write EIO at 0, roll back EIO\n"
-                                           "old, sync EIO, roll back EIO\nold, commit EIO\n"
-                                         : "old, write EIO at 0 undone\nold, sync EIO undone\n"
-                                           "old, commit EIO undone\n") +
-                         "new, commit EIO\nnew, close EIO\nnew\n");
-  }
-}
-
 // A reader goes on to an update and back; the update may fail when it already excludes others.
 TEST(LinuxDiskTest, WhoReadOnSharesAgainAfterAnUpdate) {
   for (const int64_t failAt : {-1, 3, 4}) {
@@ -425,12 +375,6 @@ TEST(LinuxDiskTest, WhoReadOnSharesAgainAfterAnUpdate) {
       EXPECT_NE(File(others.open(kCrashStore, hx::HX_ACCESS_READ)).handle, nullptr) << failAt;
     }
   }
-  SimulatedDisk disk(diskWith({1, 2, 3}));
-  disk.isReadOnly = true;
-  Files files(hostOver(disk));
-  const File reader(files.open(kCrashStore, hx::HX_ACCESS_READ));
-  EXPECT_EQ(files.open(kCrashStore), nullptr);
-  EXPECT_EQ(files.takeFailure(), "open EACCES");
 }
 
 TEST(LinuxDiskTest, ReadFailuresAreThoseOfBytesAskedFor) {
@@ -448,12 +392,10 @@ TEST(LinuxDiskTest, ReadFailuresAreThoseOfBytesAskedFor) {
   EXPECT_EQ(files.takeFailure(), "") << "the first alone";
 }
 
-TEST_F(LinuxFilesTest, SystemFilesTruncateAndSync) {
+TEST_F(LinuxFilesTest, SystemFilesSyncAndStayOutOfOtherPrograms) {
   const auto ops = hxhost::makeSystemFileOps();
   const int file = ops->open(path_, hxhost::OpenMode::kCreateNew);
   EXPECT_EQ(fcntl(file, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-  EXPECT_EQ(ops->writeAt(file, "abcdef", 6, 0) + ops->truncate(file, 2), 6);
-  EXPECT_EQ(readFile(path_), "ab");
   EXPECT_EQ(ops->sync(file) + ops->close(file), 0);
   EXPECT_EQ(ops->sync(file), -EBADF);
 }
@@ -469,7 +411,6 @@ TEST(LinuxPathTest, IsStrictUtf8) {
       "\xe4\xb8x \xe4\xb8 \xf0\x9f\x93 \xc3 \xc3\xc3");
   for (std::string path; broken >> path;)
     EXPECT_FALSE(hxhost::decodePath(path)) << path;
-  EXPECT_EQ(hxhost::describePath(U"a\xd800", 2), "a\xef\xbf\xbd");
 }
 
 }  // namespace

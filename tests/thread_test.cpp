@@ -130,9 +130,8 @@ TEST_F(Threads, WorkTogetherInOneStore) {
   runTogether(session_.open(path_, Mode::update), {appendOwn, readShared, appendOwn});
   runTogether(fill(session_.createInMemory("m", 64)),
               {appendOwn, readShared, appendOwn, listMembers});
-  runTogether(session_.open(path_, Mode::update), {createMembers, listMembers, createMembers});
   runTogether(session_.open(path_, Mode::update),
-              {appendOwn, createMembers, listMembers, readShared});
+              {appendOwn, createMembers, createMembers, listMembers});
   runTogether(session_.open(foreign), {convertShared, convertShared, convertShared});
 }
 
