@@ -133,7 +133,7 @@ class PageWalk {
   ChunkPlace place_ = {};
   PageBuf* spare_ = nullptr;  // in no list yet
   uint8_t* takenTo_;
-  int64_t taken_[kMostTaken];  // where the bytes lie
+  int64_t taken_[kMostTaken] = {};  // where the bytes lie
   int32_t takenCount_ = 0;
   ChunkPlace lastTaken_ = {};
 };
