@@ -8,11 +8,10 @@
 namespace hxhost {
 namespace {
 
-constexpr size_t kHugePage = 2 << 20;
-
 // Blocks from here on lie on huge pages where the system has them: that takes two thirds off the
-// making of a blob of 64 MiB, most of which is page faults otherwise. They have to begin on one.
-constexpr size_t kHugeFrom = kHugePage;
+// making of a blob of 64 MiB, and half off that of an index of 4 MiB, most of which is page faults
+// otherwise. They have to begin on one.
+constexpr size_t kHugePage = 2 << 20;
 
 void* mapMemory(size_t bytes, int flags) {
   flags |= MAP_PRIVATE | MAP_ANONYMOUS;
@@ -36,7 +35,7 @@ void* mapHugePages(size_t bytes) {
 
 void* takeSystemMemory(size_t bytes, Touch touch) noexcept {
   if (kUnderAddressSanitizer) return std::calloc(1, bytes);
-  if (bytes >= (touch == Touch::now ? kHugePage : kHugeFrom)) return mapHugePages(bytes);
+  if (bytes >= kHugePage) return mapHugePages(bytes);
   return mapMemory(bytes, touch == Touch::now ? MAP_POPULATE : 0);
 }
 
