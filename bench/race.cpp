@@ -100,6 +100,18 @@ void appendRows(const Case& one, const std::vector<Racer>& racers, Results& resu
   }
 }
 
+void runCase(const Case& one, const Engines& engines, const RaceSettings& settings,
+             Progress& progress, Results& results) {
+  progress.startCase(one);
+  std::vector<Racer> racers;
+  for (std::size_t i = 0; i < engines.size(); ++i)
+    if (engines[i]->takesPart(one.workload))
+      racers.push_back({i, settings.rounds, std::vector<Cell>(one.metrics.size())});
+  if (racers.empty()) return;
+  runRounds(one, engines, racers, settings, progress);
+  appendRows(one, racers, results);
+}
+
 }  // namespace
 
 Results race(const std::vector<Case>& cases, const Engines& engines, const RaceSettings& settings) {
@@ -110,16 +122,12 @@ Results race(const std::vector<Case>& cases, const Engines& engines, const RaceS
   std::filesystem::create_directory(settings.directory / "kept");
   const auto began = std::chrono::steady_clock::now();
   Progress progress(cases.size());
-  for (const Case& one : cases) {
-    progress.startCase(one);
-    std::vector<Racer> racers;
-    for (std::size_t i = 0; i < engines.size(); ++i)
-      if (engines[i]->takesPart(one.workload))
-        racers.push_back({i, settings.rounds, std::vector<Cell>(one.metrics.size())});
-    if (racers.empty()) continue;
-    runRounds(one, engines, racers, settings, progress);
-    appendRows(one, racers, results);
-  }
+  for (const bool cold : {false, true})
+    for (const Case& one : cases)
+      if (one.leavesMemoryCold == cold) runCase(one, engines, settings, progress, results);
+  std::stable_sort(results.rows.begin(), results.rows.end(), [](const Row& left, const Row& right) {
+    return left.workload < right.workload;
+  });
   results.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - began).count();
   return results;
 }

@@ -1,7 +1,6 @@
 #include "bench/run.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -80,18 +79,6 @@ void settle(const std::filesystem::path& directory) {
   require(::syncfs(open.number()) == 0, "syncfs failed");
 }
 
-// As much memory as a turn uses, for most of them.
-constexpr std::size_t kTouchedBytes = std::size_t{768} << 20;
-
-// A virtual machine gives free memory back to its host, and whoever takes it next waits over ten
-// times as long for it. This way nobody's figure depends on what ran before.
-void touchMemory() {
-  void* memory = ::mmap(nullptr, kTouchedBytes, PROT_READ | PROT_WRITE,
-                        MAP_PRIVATE | MAP_ANONYMOUS | MAP_POPULATE, -1, 0);
-  require(memory != MAP_FAILED, "no memory to start from");
-  ::munmap(memory, kTouchedBytes);
-}
-
 void makeEmptyFile(const std::filesystem::path& path) {
   const FileDescriptor made(path.string(), O_WRONLY | O_CREAT);
 }
@@ -123,7 +110,6 @@ Outcome runInChild(Engine& engine, const Place& place, const std::function<void(
   std::filesystem::remove_all(place.fresh);
   std::filesystem::create_directory(place.fresh);
   settle(place.fresh);
-  touchMemory();
   int ends[2];
   require(::pipe2(ends, O_CLOEXEC) == 0, "pipe failed");
   const pid_t child = ::fork();

@@ -8,6 +8,7 @@ namespace {
 
 constexpr std::size_t kReopened = 20;
 constexpr std::size_t kAdded = 5;
+constexpr std::size_t kManyItems = 1000000;  // 4 GB of file with pages of 4096 bytes
 
 void create(const Run& run, std::size_t count, Sync sync) {
   requireMeasurable(run.engine(), count);
@@ -98,7 +99,8 @@ void addCreateCases(const Scale& scale, std::vector<Case>& cases) {
       cases.push_back({'c',
                        {{"c-" + number + "-" + onOff, number + " created, sync " + onOff,
                          kMillionsPerSecond, static_cast<double>(count)}},
-                       [=](const Run& run) { create(run, count, sync); }});
+                       [=](const Run& run) { create(run, count, sync); },
+                       count >= kManyItems});
     }
   }
 }
