@@ -132,11 +132,11 @@ std::shared_ptr<Tree> openBytes(std::shared_ptr<Engine> engine, std::span<const 
   const std::u32string wide = widenName(name);
   std::int32_t status = hx::kOk;
   hx::ExtensionInstance* module = engine->module();
-  hx::Store* root =
-      module->openStoreFromMemory(module, bytes.data(), bytes.size(), wide.data(),
-                                  static_cast<std::int32_t>(wide.size()), hx::kRead, &status);
+  OpenedRoot root(module->openStoreFromMemory(module, bytes.data(), bytes.size(), wide.data(),
+                                              static_cast<std::int32_t>(wide.size()), hx::kRead,
+                                              &status));
   if (root == nullptr) throw Error(static_cast<Errc>(status), name, "");
-  return std::make_shared<Tree>(std::move(engine), root, name, false, std::move(owner));
+  return std::make_shared<Tree>(std::move(engine), std::move(root), name, false, std::move(owner));
 }
 
 }  // namespace
@@ -157,8 +157,8 @@ Store Session::open(const std::string& path, Mode mode, OpenOptions options) {
   std::shared_ptr<Tree> tree;
   {
     const std::lock_guard guard(engine_->openingMutex());
-    hx::Store* root = FileOpener(*engine_, path, options).open(mode);
-    tree = std::make_shared<Tree>(engine_, root, path, mode != Mode::read);
+    OpenedRoot root(FileOpener(*engine_, path, options).open(mode));
+    tree = std::make_shared<Tree>(engine_, std::move(root), path, mode != Mode::read);
   }
   Store store(tree, tree->root(), "");
   const std::error_code damage = store.damage();
@@ -174,13 +174,13 @@ Store Session::createInMemory(const std::string& name, std::int32_t pageSize) {
       widenName(std::to_string(engine_->numberStoreInMemory()) + "/" + name);
   std::int32_t status = hx::kOk;
   hx::ExtensionInstance* module = engine_->module();
-  hx::Store* root =
+  OpenedRoot root(
       module->openStore(module, nullptr, wide.data(), static_cast<std::int32_t>(wide.size()),
-                        hx::kUpdate | hx::kCreate | hx::kExclusive | hx::kNoFile, &status);
+                        hx::kUpdate | hx::kCreate | hx::kExclusive | hx::kNoFile, &status));
   if (root == nullptr) throw Error(static_cast<Errc>(status), name, "");
-  if (pageSize != 0) root->setPageSize(root, pageSize);
-  const auto tree = std::make_shared<Tree>(engine_, root, name, true);
-  return {tree, root, ""};
+  if (pageSize != 0) root->setPageSize(root.get(), pageSize);
+  const auto tree = std::make_shared<Tree>(engine_, std::move(root), name, true);
+  return {tree, tree->root(), ""};
 }
 
 Store Session::openBlob(std::span<const std::byte> bytes, const std::string& name) {

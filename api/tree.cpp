@@ -18,14 +18,14 @@ std::string resolvePath(hx::Store* root) {
 
 }  // namespace
 
-Tree::Tree(std::shared_ptr<Engine> engine, hx::Store* root, std::string path, bool writable,
+Tree::Tree(std::shared_ptr<Engine> engine, OpenedRoot root, std::string path, bool writable,
            std::shared_ptr<const void> bytes)
     : engine_(std::move(engine)),
       bytes_(std::move(bytes)),
-      root_(root),
       path_(std::move(path)),
-      filePath_(resolvePath(root)),
-      writable_(writable) {}
+      filePath_(resolvePath(root.get())),
+      writable_(writable),
+      root_(root.release()) {}
 
 Tree::~Tree() {
   engine_->reportFailureOf(path_, [this] { close(); });

@@ -11,12 +11,18 @@
 
 namespace hxcrate {
 
+// Closes what the module opened, until a Tree does.
+struct RootCloser {
+  void operator()(hx::Store* root) const { root->closeStore(root); }
+};
+using OpenedRoot = std::unique_ptr<hx::Store, RootCloser>;
+
 // One opening of a store file, a store in memory or a blob, shared by everything that was opened
 // through it. The last to go closes it.
 class Tree {
  public:
   // Takes over the opening of `root`, and a share in the `bytes` that it was opened from.
-  Tree(std::shared_ptr<Engine> engine, hx::Store* root, std::string path, bool writable,
+  Tree(std::shared_ptr<Engine> engine, OpenedRoot root, std::string path, bool writable,
        std::shared_ptr<const void> bytes = nullptr);
   ~Tree();
   Tree(const Tree&) = delete;
@@ -42,10 +48,10 @@ class Tree {
  private:
   std::shared_ptr<Engine> engine_;
   std::shared_ptr<const void> bytes_;
-  hx::Store* root_;  // null when closed
   std::string path_;
   std::string filePath_;  // as the file service names it; empty without a file
   bool writable_;
+  hx::Store* root_;  // null when closed; taken over last, when nothing can fail any more
 };
 
 }  // namespace hxcrate
