@@ -44,6 +44,7 @@ constexpr Target kTargets[] = {
     {{"h-read", "hxcrate"}, {"h-read", "plain"}, 1.3},
     {{"h-read", "hxcrate-64k"}, {"h-read", "plain"}, 1.3},
     {{"i-two", "hxcrate"}, {"i-one", "hxcrate"}, 1 / 1.5},
+    {{"i-two", "hxcrate-sessions"}, {"i-one", "hxcrate-sessions"}, 1 / 1.5},
     {{"i-two", "hxcrate-mapped-256k"}, {"i-one", "hxcrate-mapped-256k"}, 1 / 1.5},
     {{"k-made-off", "hxcrate"}, kNone, 3.5},
     {{"k-walked-off", "hxcrate"}, kNone, 3},

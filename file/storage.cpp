@@ -83,7 +83,10 @@ bool readStored(const Store* store, int64_t offset, void* to, int64_t length) {
 
 void writeStored(const Store* store, int64_t offset, const void* from, int64_t length) {
   FileHandle* file = openFile(store);
-  if (file == nullptr || !seekFile(file, offset)) return;
+  if (file == nullptr) return;
+  int64_t& meantLength = store->root->stamp.length;
+  if (meantLength < offset + length) meantLength = offset + length;
+  if (!seekFile(file, offset)) return;
   file->write(file, from, length, 0, 0, 0);
 }
 

@@ -29,10 +29,11 @@ bool Conversion::applies() const {
 }
 
 Status Conversion::prepare(const void* buffer, int32_t length) {
+  Store* store = handle_->item->parent;
   Converter* converter = nullptr;
-  const Status status =
-      obtainConverter(handle_->item->parent, instanceToStoreConverter, &converter);
+  const Status status = obtainConverter(store, instanceToStoreConverter, &converter);
   if (status != kOk) return status;
+  toInstance_ = store->root->storeToInstanceConverter;
   storedLength_ = converter->measure(converter, argument_, buffer, length);
   if (storedLength_ == 0) return kNoMemory;
   const auto size = static_cast<uint64_t>(storedLength_);
@@ -41,14 +42,15 @@ Status Conversion::prepare(const void* buffer, int32_t length) {
 }
 
 Status Conversion::convert(int64_t count, void* buffer, int32_t length, uint32_t* converted) {
-  Converter* converter = nullptr;
-  const Status status =
-      obtainConverter(handle_->item->parent, storeToInstanceConverter, &converter);
-  if (status != kOk) return status;
+  if (toInstance_ == nullptr) {
+    Store* store = handle_->item->parent;
+    const Status status = obtainConverter(store, storeToInstanceConverter, &toInstance_);
+    if (status != kOk) return status;
+  }
   const void* storedAddress = stored_;
   uint32_t result = 0;
-  const int32_t failure = converter->convert(converter, argument_, stored_, count, buffer, length,
-                                             &storedAddress, &result);
+  const int32_t failure = toInstance_->convert(toInstance_, argument_, stored_, count, buffer,
+                                               length, &storedAddress, &result);
   if (failure != 0) return kNoMemory;
   *converted = result;
   return kOk;

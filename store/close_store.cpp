@@ -18,9 +18,7 @@ void writeBack(Store* store) {
   writeDirectory(store, 0, 0);
   store->dirty &= ~1u;
   writeStored(store, 0, &header, kHeaderSize);
-  // What the file is meant to be now, not what it is: a write that failed shows at the next open.
   copyBytes(store->stamp.header, &header, sizeof(header));
-  store->stamp.length = store->fileEnd;
 }
 
 void countOff(Store* store) {

@@ -241,9 +241,9 @@ extern "C" Store* hxcrateOpenStore(ExtensionInstance* instance, Store* parent, c
   if (contradictory(flags)) return nullptr;
   const Name path = makeName(name, length);
   if (parent == nullptr) return openOne(instance, nullptr, path, flags, status);
-  fixPageSize(parent);
   PathWalk stores(instance, parent);
   *status = stores.walk(path);
+  fixPageSize(stores.container());  // also for a name that is too long
   if (*status != kOk) return nullptr;
   return openOne(instance, stores.container(), stores.lastName(), flags, status);
 }

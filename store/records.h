@@ -92,8 +92,9 @@ enum RecordFlag : uint32_t {
   kNoFileStore = 4,   // store: created in memory only
 };
 
-// What a closed store's file looked like when it was last closed here. A file that looks otherwise
-// when the store is reopened was changed meanwhile, and the cached tree is not trusted.
+// What a closed store's file was meant to look like when it was last closed here: its header, and
+// its length with every write that was tried, so that one which failed shows as well. A file that
+// looks otherwise when the store is reopened is not that of the cached tree.
 struct FileStamp {
   uint8_t header[40];
   int64_t length;
@@ -141,7 +142,7 @@ struct Store {
   int32_t openHandles;  // item handles open in the tree; while there are any it is not purged
   bool hasHadFile;      // a file was opened for it at least once; never true in a blob's tree
   bool condemned;       // dropped while handles were open: the last handle's close purges it
-  FileStamp stamp;      // valid while the store is cached and closed
+  FileStamp stamp;      // its header is valid while the store is cached and closed
 };
 
 // An item of a store.

@@ -177,6 +177,9 @@ std::vector<EnginePtr> makeHxcrate() {
   add(65536, Access::file, {"hxcrate-64k", "h", "Pages of 65536 bytes.", "hxcrate-64k"});
   add(262144, Access::file,
       {"hxcrate-256k", "abi", "Pages of 262144 bytes, for large items.", "hxcrate-256k"});
+  add(4096, Access::file,
+      {"hxcrate-sessions", "i", "A session for each thread, pages of 4096 bytes.", "hxcrate",
+       Threads::ownSession});
   add(4096, Access::mapped,
       {"hxcrate-mapped", "bdefi", "Session::openMapped, pages of 4096 bytes.", "hxcrate"});
   add(256, Access::mapped,
