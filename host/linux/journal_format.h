@@ -64,6 +64,11 @@ uint64_t journalChecksum(uint64_t seed, const void* bytes, size_t count);
 uint64_t checksumOf(const JournalHeader& header);
 uint64_t checksumOf(const JournalRecord& record, const void* block, uint64_t salt);
 
+// Whether the first `count` bytes of a file, the rest of the header being zero, can be what an
+// update left there: nothing, a header that a power cut kept from the disk, or a part of one at
+// least.
+bool canBeJournal(const JournalHeader& header, size_t count);
+
 // Whether it was written whole, in any version.
 bool isWhole(const JournalHeader& header);
 

@@ -26,10 +26,12 @@ int openJournal(FileOps& ops, const std::string& path, Descriptor& journal) {
   return info.isRegular ? 0 : ENOTSUP;
 }
 
-// A header that is not there whole is all zeros.
+// A header that is not there whole is all zeros. ESTALE for what nobody left there as a journal.
 int readHeader(FileOps& ops, int journal, JournalHeader& header) {
+  header = {};
   const Transfer transfer = readAll(ops, journal, &header, kJournalHeaderBytes, 0);
   if (transfer.error != 0) return transfer.error;
+  if (!canBeJournal(header, static_cast<size_t>(transfer.count))) return ESTALE;
   if (transfer.count < kJournalHeaderBytes || !isWhole(header)) header = {};
   return 0;
 }
@@ -114,6 +116,14 @@ int recoverFile(FileOps& ops, RegularFile& file, Durability durability) {
     if (error != 0) return error;
   }
   return -ops.remove(path);
+}
+
+int clearJournal(FileOps& ops, RegularFile& file, Durability durability) {
+  if (recoverFile(ops, file, durability) == 0) return 0;
+  RegularFile next;
+  next.path = file.path;
+  JournalState state{};
+  return examineJournal(ops, next, state);
 }
 
 int applyJournal(FileOps& ops, int journal, RegularFile& file, Durability durability) noexcept {

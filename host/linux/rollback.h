@@ -17,7 +17,7 @@ enum class JournalState {
 // What lies under the journal's name beside the open file, of which `info` must be current. What it
 // says holds only while nobody updates the file. An errno when that can't be told, or must be told
 // to somebody:
-//   ESTALE   it belongs to another file than this one, or this one was cut since
+//   ESTALE   it is none, or belongs to another file than this one, or this one was cut since
 //   ENOTSUP  it is no regular file, or a journal of a version that this host does not know
 int examineJournal(FileOps& ops, const RegularFile& file, JournalState& state);
 
@@ -25,6 +25,11 @@ int examineJournal(FileOps& ops, const RegularFile& file, JournalState& state);
 // errno. The file is locked exclusively and open for writing, and absent from its path afterwards
 // when the update had created it.
 int recoverFile(FileOps& ops, RegularFile& file, Durability durability);
+
+// The same for a file that is to be removed: it must not be left as half an update when only its
+// journal's removal reaches the disk. 0 also for a journal that can't be applied but may stay: to
+// the empty file that is created there next it has nothing to say.
+int clearJournal(FileOps& ops, RegularFile& file, Durability durability);
 
 // Rolls the file back by an open journal, and puts the result on disk; 0 or an errno.
 int applyJournal(FileOps& ops, int journal, RegularFile& file, Durability durability) noexcept;
