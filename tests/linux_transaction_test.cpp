@@ -100,6 +100,10 @@ TEST(LinuxFaultTest, AJournalIsAppliedToItsOwnFileOnlyAndGoesWithIt) {
          image.names[kCrashFile] = 50;
        },
        "absent", true},
+      {"recreated under its number", [](auto& image, auto&, auto&) { image.birth = 2; }, "absent",
+       true},
+      {"of a birth that is no longer told", [](auto& image, auto&, auto&) { image.birth = 0; },
+       before, false},
       {"cut", [](auto&, auto& file, auto&) { file.resize(3000); }, "absent", true},
       {"emptied", [](auto&, auto& file, auto&) { file.clear(); }, "absent", false},
       {"removed", [](auto& image, auto&, auto&) { image.names.erase(kCrashFile); }, "absent", true},

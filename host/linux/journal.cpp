@@ -67,6 +67,7 @@ int Journal::begin() {
   header.flags = file_.wasCreated ? uint32_t{kFileCreated} : 0;
   header.fileLength = formerLength_;
   header.inode = file_.info.inode;
+  header.birth = file_.info.birth;
   header.salt = salt_;
   header.checksum = checksumOf(header);
   append(&header, sizeof(header));

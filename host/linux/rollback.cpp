@@ -36,12 +36,18 @@ int readHeader(FileOps& ops, int journal, JournalHeader& header) {
   return 0;
 }
 
+// A birth that the system did not know then, or does not now, tells nothing.
+bool isOf(const JournalHeader& header, const FileInfo& file) {
+  const bool isBirthKnown = header.birth != 0 && file.birth != 0;
+  return header.inode == file.inode && (!isBirthKnown || header.birth == file.birth);
+}
+
 // An empty file can't be the rest of one that was longer, since updates never shorten a file: it
 // was made anew. One that the update created may well be empty still.
 int judge(const JournalHeader& header, const RegularFile& file, JournalState& state) {
   state = JournalState::kSpent;
   if (!isWhole(header)) return 0;
-  const bool isOfThisFile = header.inode == file.info.inode;
+  const bool isOfThisFile = isOf(header, file.info);
   const bool wasCreated = (header.flags & kFileCreated) != 0;
   if (file.info.size == 0 && !(isOfThisFile && wasCreated)) return 0;
   if (header.version != kJournalVersion) return ENOTSUP;
