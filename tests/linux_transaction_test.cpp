@@ -60,11 +60,16 @@ TEST(LinuxFaultTest, ReadersRollBackOnlyWhatTheyMayWrite) {
   for (const auto& [isReadOnly, found] :
        {std::pair(true, "absent"s), {false, before}, {true, before}}) {
     disk.isReadOnly = isReadOnly;
-    CrashSession first(hostOver(disk));
+    HostOptions careless = hostOver(disk);
+    careless.durability = Durability::none;
+    CrashSession first(careless);
     hx::Store* store = first.open(kCrashStore, kRead);
     EXPECT_EQ(lookAt(disk), found) << "readers share also after it";
     if (store != nullptr) first.close(store);
   }
+  DiskImage afterCut = disk.synced();
+  afterCut.names.erase(kCrashJournal);
+  EXPECT_EQ(lookAt(afterCut), before) << "on disk before the journal goes, whoever rolls back";
 }
 
 TEST(LinuxFaultTest, ARollbackThatFailsIsMadeUpFor) {

@@ -135,7 +135,7 @@ int Journal::putOnDisk() noexcept {
 int Journal::rollBack(RegularFile& file) noexcept {
   if (!exists()) return 0;
   if (wasOnDisk()) {
-    const int error = applyJournal(ops_, journal_.number(), file, durability_);
+    const int error = applyJournal(ops_, journal_.number(), file);
     if (error != 0) return error;
   }
   return remove();

@@ -34,7 +34,7 @@ struct FileFailure {
 // What an update is safe against.
 enum class Durability {
   full,  // the death of the process, and of the machine
-  none   // of the process alone: nothing waits for the disk
+  none   // of the process alone: nothing waits for the disk but a rollback
 };
 
 // Memory of all pools of a host. Bytes are those asked for, without the allocator's own.

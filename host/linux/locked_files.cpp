@@ -124,7 +124,7 @@ FileOutcome LockedFiles::lockAndRecover(RegularFile& file) {
   int error = acquire(file, LockKind::kExclusive);
   if (error == 0) error = checkStillThere(*ops_, file);
   if (error != 0) return {error};
-  error = recoverFile(*ops_, file, durability_);
+  error = recoverFile(*ops_, file);
   if (error == 0) error = checkStillThere(*ops_, file);
   return {error, "roll back"};
 }
@@ -160,7 +160,7 @@ int LockedFiles::tryRemove(const std::string& path) {
   error = openRegularFile(*ops_, path, Purpose::kRemove, file);
   if (error == 0) error = acquire(file, LockKind::kExclusive);
   if (error == 0) error = checkStillThere(*ops_, file);
-  if (error == 0) error = clearJournal(*ops_, file, durability_);
+  if (error == 0) error = clearJournal(*ops_, file);
   if (error == 0) error = checkStillThere(*ops_, file);
   return error != 0 ? error : removeLocked(file);
 }

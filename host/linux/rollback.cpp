@@ -85,17 +85,15 @@ int restoreBlocks(FileOps& ops, int journal, const JournalHeader& header, int fi
 }
 
 // A created file is emptied first: its name may outlive a power cut that its journal's does not,
-// and an empty file is no store.
-int restoreLength(FileOps& ops, const JournalHeader& header, RegularFile& file,
-                  Durability durability) {
+// and an empty file is no store. Whoever rolls back waits for the disk, whatever its own updates
+// do: the journal, which goes next, may be of one that was to survive a power cut.
+int restoreFile(FileOps& ops, const JournalHeader& header, RegularFile& file) {
   const int number = file.descriptor.number();
   if (const int result = ops.inspect(number, file.info); result < 0) return -result;
   if (file.info.size > header.fileLength) {
     if (const int result = ops.truncate(number, header.fileLength); result < 0) return -result;
   }
-  if (durability == Durability::full) {
-    if (const int result = ops.sync(number); result < 0) return -result;
-  }
+  if (const int result = ops.sync(number); result < 0) return -result;
   if ((header.flags & kFileCreated) == 0) return 0;
   const int error = inspectAgain(ops, file);
   if (error != 0) return error == ENOENT ? 0 : error;
@@ -110,7 +108,7 @@ int examineJournal(FileOps& ops, const RegularFile& file, JournalState& state) {
   return error != 0 ? error : examineOpened(ops, journal, file, state);
 }
 
-int recoverFile(FileOps& ops, RegularFile& file, Durability durability) {
+int recoverFile(FileOps& ops, RegularFile& file) {
   const std::string path = journalPathOf(file.path);
   Descriptor journal;
   JournalState state{};
@@ -118,26 +116,26 @@ int recoverFile(FileOps& ops, RegularFile& file, Durability durability) {
   if (error == 0) error = examineOpened(ops, journal, file, state);
   if (error != 0 || state == JournalState::kNone) return error;
   if (state == JournalState::kHot) {
-    error = applyJournal(ops, journal.number(), file, durability);
+    error = applyJournal(ops, journal.number(), file);
     if (error != 0) return error;
   }
   return -ops.remove(path);
 }
 
-int clearJournal(FileOps& ops, RegularFile& file, Durability durability) {
-  if (recoverFile(ops, file, durability) == 0) return 0;
+int clearJournal(FileOps& ops, RegularFile& file) {
+  if (recoverFile(ops, file) == 0) return 0;
   RegularFile next;
   next.path = file.path;
   JournalState state{};
   return examineJournal(ops, next, state);
 }
 
-int applyJournal(FileOps& ops, int journal, RegularFile& file, Durability durability) noexcept {
+int applyJournal(FileOps& ops, int journal, RegularFile& file) noexcept {
   JournalHeader header{};
   if (const int error = readHeader(ops, journal, header); error != 0) return error;
   if (!isWhole(header)) return EIO;
   const int error = restoreBlocks(ops, journal, header, file.descriptor.number());
-  return error != 0 ? error : restoreLength(ops, header, file, durability);
+  return error != 0 ? error : restoreFile(ops, header, file);
 }
 
 }  // namespace hxhost

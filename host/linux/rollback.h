@@ -3,7 +3,6 @@
 // nothing.
 #pragma once
 
-#include "host/linux/linux_host.h"
 #include "host/linux/regular_file.h"
 
 namespace hxhost {
@@ -24,14 +23,14 @@ int examineJournal(FileOps& ops, const RegularFile& file, JournalState& state);
 // Removes a journal that is beside the file, after rolling the file back when it is hot; 0 or an
 // errno. The file is locked exclusively and open for writing, and absent from its path afterwards
 // when the update had created it.
-int recoverFile(FileOps& ops, RegularFile& file, Durability durability);
+int recoverFile(FileOps& ops, RegularFile& file);
 
 // The same for a file that is to be removed: it must not be left as half an update when only its
 // journal's removal reaches the disk. 0 also for a journal that can't be applied but may stay: to
 // the empty file that is created there next it has nothing to say.
-int clearJournal(FileOps& ops, RegularFile& file, Durability durability);
+int clearJournal(FileOps& ops, RegularFile& file);
 
 // Rolls the file back by an open journal, and puts the result on disk; 0 or an errno.
-int applyJournal(FileOps& ops, int journal, RegularFile& file, Durability durability) noexcept;
+int applyJournal(FileOps& ops, int journal, RegularFile& file) noexcept;
 
 }  // namespace hxhost
