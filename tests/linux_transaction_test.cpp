@@ -131,6 +131,16 @@ TEST(LinuxFaultTest, AJournalIsAppliedToItsOwnFileOnlyAndGoesWithIt) {
        },
        "absent", true, true},
       {"a store", [](auto&, auto& file, auto& journal) { journal = file; }, "absent", true, true},
+      {"of another user",
+       [](auto& image, auto&, auto&) {
+         image.owners = {{image.names[kCrashFile], 7001}, {image.names[kCrashJournal], 7002}};
+       },
+       "absent", true, true},
+      {"of the store's owner",
+       [](auto& image, auto&, auto&) {
+         image.owners = {{image.names[kCrashFile], 7001}, {image.names[kCrashJournal], 7001}};
+       },
+       before, false},
       {"zeros first", [](auto&, auto&, auto& journal) { std::fill_n(journal.begin(), 8, 0); },
        "absent", true, true}};
   for (const auto& c : cases) {

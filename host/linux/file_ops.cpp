@@ -56,6 +56,7 @@ int inspectAt(int file, const char* path, int flags, FileInfo& info) {
           static_cast<int64_t>(status.stx_size),
           makedev(status.stx_dev_major, status.stx_dev_minor),
           status.stx_ino,
+          status.stx_uid,
           birthOf(status)};
   return 0;
 }

@@ -29,6 +29,7 @@ struct FileInfo {
   int64_t size;  // bytes
   uint64_t device;
   uint64_t inode;
+  uint32_t owner;
   int64_t birth;  // nanoseconds since 1970; 0 where the system does not know
 };
 

@@ -1,5 +1,7 @@
 #include "host/linux/rollback.h"
 
+#include <unistd.h>
+
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -11,8 +13,8 @@ namespace hxhost {
 namespace {
 
 // 0 also when there is none: then nothing is open.
-int openJournal(FileOps& ops, const std::string& path, Descriptor& journal) {
-  FileInfo info{};
+int openJournal(FileOps& ops, const std::string& path, RegularFile& journal) {
+  FileInfo& info = journal.info;
   const int looked = ops.inspectPath(path, info);
   if (looked == -ENOENT || looked == -ENAMETOOLONG) return 0;
   if (looked < 0) return -looked;
@@ -20,7 +22,7 @@ int openJournal(FileOps& ops, const std::string& path, Descriptor& journal) {
   const int number = ops.open(path, OpenMode::kRead);
   if (number == -ENOENT) return 0;
   if (number < 0) return -number;
-  journal = Descriptor(ops, number);
+  journal.descriptor = Descriptor(ops, number);
   const int result = ops.inspect(number, info);
   if (result < 0) return -result;
   return info.isRegular ? 0 : ENOTSUP;
@@ -42,27 +44,34 @@ bool isOf(const JournalHeader& header, const FileInfo& file) {
   return header.inode == file.inode && (!isBirthKnown || header.birth == file.birth);
 }
 
+// Where everybody may create files, anybody could put a journal of his own beside a store.
+bool isTrusted(const FileInfo& journal, const FileInfo& file) {
+  return journal.owner == file.owner || journal.owner == ::geteuid() || journal.owner == 0;
+}
+
 // An empty file can't be the rest of one that was longer, since updates never shorten a file: it
 // was made anew. One that the update created may well be empty still.
-int judge(const JournalHeader& header, const RegularFile& file, JournalState& state) {
+int judge(const JournalHeader& header, const FileInfo& journal, const FileInfo& file,
+          JournalState& state) {
   state = JournalState::kSpent;
   if (!isWhole(header)) return 0;
-  const bool isOfThisFile = isOf(header, file.info);
+  if (!isTrusted(journal, file)) return ESTALE;
+  const bool isOfThisFile = isOf(header, file);
   const bool wasCreated = (header.flags & kFileCreated) != 0;
-  if (file.info.size == 0 && !(isOfThisFile && wasCreated)) return 0;
+  if (file.size == 0 && !(isOfThisFile && wasCreated)) return 0;
   if (header.version != kJournalVersion) return ENOTSUP;
-  if (!isOfThisFile || file.info.size < header.fileLength) return ESTALE;
+  if (!isOfThisFile || file.size < header.fileLength) return ESTALE;
   state = JournalState::kHot;
   return 0;
 }
 
-int examineOpened(FileOps& ops, const Descriptor& journal, const RegularFile& file,
+int examineOpened(FileOps& ops, const RegularFile& journal, const RegularFile& file,
                   JournalState& state) {
   state = JournalState::kNone;
-  if (!journal.isOpen()) return 0;
+  if (!journal.descriptor.isOpen()) return 0;
   JournalHeader header{};
-  const int error = readHeader(ops, journal.number(), header);
-  return error != 0 ? error : judge(header, file, state);
+  const int error = readHeader(ops, journal.descriptor.number(), header);
+  return error != 0 ? error : judge(header, journal.info, file.info, state);
 }
 
 // Puts the blocks back, up to the first record that is not whole.
@@ -103,20 +112,20 @@ int restoreFile(FileOps& ops, const JournalHeader& header, RegularFile& file) {
 }  // namespace
 
 int examineJournal(FileOps& ops, const RegularFile& file, JournalState& state) {
-  Descriptor journal;
+  RegularFile journal;
   const int error = openJournal(ops, journalPathOf(file.path), journal);
   return error != 0 ? error : examineOpened(ops, journal, file, state);
 }
 
 int recoverFile(FileOps& ops, RegularFile& file) {
   const std::string path = journalPathOf(file.path);
-  Descriptor journal;
+  RegularFile journal;
   JournalState state{};
   int error = openJournal(ops, path, journal);
   if (error == 0) error = examineOpened(ops, journal, file, state);
   if (error != 0 || state == JournalState::kNone) return error;
   if (state == JournalState::kHot) {
-    error = applyJournal(ops, journal.number(), file);
+    error = applyJournal(ops, journal.descriptor.number(), file);
     if (error != 0) return error;
   }
   return -ops.remove(path);
