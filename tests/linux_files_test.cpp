@@ -389,7 +389,18 @@ TEST(LinuxDiskTest, ReadFailuresAreThoseOfBytesAskedFor) {
   EXPECT_TRUE(file.read(900).empty());
   EXPECT_TRUE(file.read(900).empty());
   EXPECT_EQ(files.takeFailure(), "read EIO at 900");
-  EXPECT_EQ(files.takeFailure(), "") << "the first alone";
+  EXPECT_EQ(files.takeFailure(), "") << "the first alone that waits";
+  EXPECT_TRUE(file.read(900).empty());
+  EXPECT_EQ(files.takeFailure(), "read EIO at 900") << "who asks after each call learns of each";
+  disk.failsEverAfter = false;
+  file.close();
+  File updated(files.open(kCrashStore));
+  disk.failAt = 0;
+  disk.failsEverAfter = true;
+  for (const int64_t position : {700, 800}) {
+    EXPECT_TRUE(updated.readAt(position, 900).empty());
+    EXPECT_EQ(files.takeFailure(), "read EIO at 700") << "it took the whole update with it";
+  }
 }
 
 TEST_F(LinuxFilesTest, SystemFilesSyncAndStayOutOfOtherPrograms) {

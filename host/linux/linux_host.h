@@ -70,11 +70,12 @@ class LinuxHost {
   PoolUse poolUse() const;
 
   // The oldest failure, or the oldest of that path, which is forgotten: an open or a removal that
-  // failed, and of an open file the first read that failed and the first of everything else. A read
-  // that fails in an update is as bad as a lost write. 64 are
-  // kept, and the oldest goes first. Only what the disk or the system refused counts, and writes
-  // that were lost; an absent file counts for an open, not for a removal. A lost write is told
-  // again at the end of its update, since it takes the whole update with it.
+  // failed, and of an open file each failure that came when none of it was waiting to be taken,
+  // reads and everything else apart. Of an update it is always the first, told anew by each later
+  // call and at the end, since it takes the whole update with it; a read that fails there is as bad
+  // as a lost write. 64 are kept, and the oldest goes first. Only what the disk or the system
+  // refused counts, and writes that were lost; an absent file counts for an open, not for a
+  // removal.
   std::optional<FileFailure> takeFileFailure();
   std::optional<FileFailure> takeFileFailure(std::string_view path);
 
