@@ -288,9 +288,14 @@ TEST(LinuxDiskTest, RemovesAFileWithItsJournalOrTellsWhyNot) {
   EXPECT_EQ(files.open(kCrashStore), nullptr);
   EXPECT_EQ(files.takeFailure(), "open EOPNOTSUPP");
   disk.hasBecomeDevice = false;
+  disk.watch = [&](const DiskStep& step) {
+    EXPECT_TRUE(step.operation != DiskOperation::kSyncDirectory || disk.live().names.empty());
+    if (step.operation != DiskOperation::kSyncDirectory) return;
+    disk.open(kCrashJournal, hxhost::OpenMode::kCreatePrivate);
+  };
   EXPECT_EQ(files.remove(kCrashStore), 0);
-  EXPECT_TRUE(disk.live().names.empty());
-  EXPECT_FALSE(disk.synced().has(kCrashFile)) << "first, so that no half update is left";
+  EXPECT_TRUE(disk.live().has(kCrashJournal)) << "it is the next file's";
+  EXPECT_FALSE(disk.synced().has(kCrashFile));
   EXPECT_GT(files.remove(kCrashStore), 0);
   EXPECT_EQ(files.takeFailure(), "") << "an absent file is no failure";
 }
@@ -389,7 +394,18 @@ TEST(LinuxDiskTest, ReadFailuresAreThoseOfBytesAskedFor) {
   EXPECT_TRUE(file.read(900).empty());
   EXPECT_TRUE(file.read(900).empty());
   EXPECT_EQ(files.takeFailure(), "read EIO at 900");
-  EXPECT_EQ(files.takeFailure(), "") << "the first alone";
+  EXPECT_EQ(files.takeFailure(), "") << "the first alone that waits";
+  EXPECT_TRUE(file.read(900).empty());
+  EXPECT_EQ(files.takeFailure(), "read EIO at 900") << "who asks after each call learns of each";
+  disk.failsEverAfter = false;
+  file.close();
+  File updated(files.open(kCrashStore));
+  disk.failAt = 0;
+  disk.failsEverAfter = true;
+  for (const int64_t position : {700, 800}) {
+    EXPECT_TRUE(updated.readAt(position, 900).empty());
+    EXPECT_EQ(files.takeFailure(), "read EIO at 700") << "it took the whole update with it";
+  }
 }
 
 TEST_F(LinuxFilesTest, SystemFilesSyncAndStayOutOfOtherPrograms) {

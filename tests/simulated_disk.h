@@ -20,6 +20,8 @@ using DiskBytes = std::vector<uint8_t>;
 struct DiskImage {
   std::map<std::string, uint64_t> names;
   std::map<uint64_t, DiskBytes> inodes;
+  int64_t birth = 1;                         // of every file, as the system tells it
+  std::map<uint64_t, uint32_t> owners = {};  // of the inodes that are not root's
 
   bool has(const std::string& path) const { return names.count(path) != 0; }
   // Empty when there is none.
@@ -139,14 +141,26 @@ class SimulatedDisk : public hxhost::FileOps {
 
   int inspect(int file, hxhost::FileInfo& info) override {
     if (fails(DiskOperation::kLook)) return -failure;
-    info = {!hasBecomeDevice, false, std::ssize(bytesOf(file)), 1, openings_.at(file).inode};
+    info = {!hasBecomeDevice,
+            false,
+            std::ssize(bytesOf(file)),
+            1,
+            openings_.at(file).inode,
+            ownerOf(openings_.at(file).inode),
+            live_.birth};
     return 0;
   }
 
   int inspectPath(const std::string& path, hxhost::FileInfo& info) override {
     if (fails(DiskOperation::kLook)) return -failure;
     if (!live_.has(path)) return -ENOENT;
-    info = {true, false, std::ssize(live_.at(path)), 1, live_.names.at(path)};
+    info = {true,
+            false,
+            std::ssize(live_.at(path)),
+            1,
+            live_.names.at(path),
+            ownerOf(live_.names.at(path)),
+            live_.birth};
     return 0;
   }
 
@@ -217,6 +231,11 @@ class SimulatedDisk : public hxhost::FileOps {
     for (const auto& [path, inode] : live_.names)
       if (inode == openings_.at(file).inode) return path;
     return "";
+  }
+
+  uint32_t ownerOf(uint64_t inode) const {
+    const auto found = live_.owners.find(inode);
+    return found == live_.owners.end() ? 0 : found->second;
   }
 
   int64_t transferred(size_t count) const {

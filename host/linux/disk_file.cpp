@@ -67,10 +67,14 @@ bool DiskFile::write(int64_t offset, const void* bytes, int64_t count) noexcept 
 
 void DiskFile::noteFailure(int error, const char* operation, int64_t offset) noexcept {
   const bool isRead = std::string_view(operation) == "read" && !isWritable();
-  if (isRead ? hasFailedRead_ : loss_.has_value()) return;
-  const FailureTicket ticket = failures_.record({error, operation, offset}, path());
-  hasFailedRead_ |= isRead;
-  if (!isRead) loss_ = ticket;
+  std::optional<FailureTicket>& last = isRead ? failedRead_ : loss_;
+  if (last && failures_.holds(*last)) return;
+  const FailureTicket failure{error, operation, offset};
+  last = failures_.record(loss_ && !isRead ? *loss_ : failure, path());
+}
+
+void DiskFile::noteRefusal() noexcept {
+  if (loss_) noteFailure(loss_->error, loss_->operation, loss_->offset);
 }
 
 void DiskFile::endUpdate() noexcept {

@@ -57,9 +57,13 @@ class DiskFile {
   void stopWriting() { hasLostWrite_ = true; }
   bool hasLostWrite() const { return hasLostWrite_; }
 
-  // Keeps a failure for the host: the first "read", and the first of all others; of an update the
-  // first of all, which takes the update with it.
+  // Keeps a failure for the host, unless the last one of this file waits to be taken still: so the
+  // log is not filled by one bad disk. A "read" and all others wait apart. In place of all that
+  // follows in an update its first is kept again, which takes the update with it.
   void noteFailure(int error, const char* operation, int64_t offset) noexcept;
+
+  // The same for a call that was refused because bytes were lost.
+  void noteRefusal() noexcept;
 
  private:
   void endUpdate() noexcept;
@@ -74,9 +78,9 @@ class DiskFile {
   Journal journal_;
   const int64_t formerLength_;
   int64_t length_;
-  bool hasFailedRead_ = false;
   bool hasLostWrite_ = false;
-  std::optional<FailureTicket> loss_;  // of the first failure that is no reader's
+  std::optional<FailureTicket> failedRead_;  // a reader's last that was kept
+  std::optional<FailureTicket> loss_;        // the first that is no reader's
 };
 
 }  // namespace hxhost

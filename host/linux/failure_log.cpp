@@ -26,17 +26,16 @@ FailureTicket FailureLog::record(FailureTicket failure, std::string_view path) n
 
 void FailureLog::conclude(const FailureTicket& ticket, std::string_view path,
                           bool rolledBack) noexcept {
-  const auto isMeant = [&](const Entry& entry) { return entry.number == ticket.number; };
-  uint64_t number = ticket.number;
-  std::unique_lock guard(mutex_);
-  if (std::none_of(entries_.begin(), entries_.end(), isMeant)) {
-    guard.unlock();
-    number = record(ticket, path).number;
-    guard.lock();
+  const FailureTicket kept = holds(ticket) ? ticket : record(ticket, path);
+  const std::lock_guard guard(mutex_);
+  if (const auto entry = find(kept); entry != entries_.end()) {
+    entry->failure.rolledBack = rolledBack;
   }
-  for (Entry& entry : entries_) {
-    if (entry.number == number) entry.failure.rolledBack = rolledBack;
-  }
+}
+
+bool FailureLog::holds(const FailureTicket& ticket) noexcept {
+  const std::lock_guard guard(mutex_);
+  return find(ticket) != entries_.end();
 }
 
 std::optional<FileFailure> FailureLog::take() {
@@ -48,6 +47,11 @@ std::optional<FileFailure> FailureLog::take(std::string_view path) {
   const std::lock_guard guard(mutex_);
   return take(std::find_if(entries_.begin(), entries_.end(),
                            [&](const Entry& entry) { return entry.failure.path == path; }));
+}
+
+std::list<FailureLog::Entry>::iterator FailureLog::find(const FailureTicket& ticket) {
+  return std::find_if(entries_.begin(), entries_.end(),
+                      [&](const Entry& entry) { return entry.number == ticket.number; });
 }
 
 std::optional<FileFailure> FailureLog::take(std::list<Entry>::iterator entry) {

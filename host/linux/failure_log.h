@@ -25,6 +25,9 @@ class FailureLog {
   // memory for the path it is kept without it; without any memory not at all.
   FailureTicket record(FailureTicket failure, std::string_view path) noexcept;
 
+  // Whether it is kept still: nobody has taken it, and it was not one too many.
+  bool holds(const FailureTicket& ticket) noexcept;
+
   // Says of a failure whether its file was rolled back. One that was taken already is kept anew: it
   // was taken by somebody who did not know yet that the whole update is lost.
   void conclude(const FailureTicket& ticket, std::string_view path, bool rolledBack) noexcept;
@@ -40,6 +43,7 @@ class FailureLog {
   };
 
   std::optional<FileFailure> take(std::list<Entry>::iterator entry);
+  std::list<Entry>::iterator find(const FailureTicket& ticket);
 
   std::mutex mutex_;
   std::list<Entry> entries_;  // the oldest first

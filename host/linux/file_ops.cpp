@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -42,9 +43,22 @@ short lockType(LockKind kind) {
   return kind == LockKind::kShared ? F_RDLCK : F_WRLCK;
 }
 
-FileInfo toFileInfo(const struct stat& status) {
-  return {S_ISREG(status.st_mode), S_ISDIR(status.st_mode), status.st_size, status.st_dev,
-          status.st_ino};
+int64_t birthOf(const struct statx& status) {
+  if ((status.stx_mask & STATX_BTIME) == 0) return 0;
+  return status.stx_btime.tv_sec * 1'000'000'000 + status.stx_btime.tv_nsec;
+}
+
+int inspectAt(int file, const char* path, int flags, FileInfo& info) {
+  struct statx status {};
+  if (::statx(file, path, flags, STATX_BASIC_STATS | STATX_BTIME, &status) != 0) return -errno;
+  info = {S_ISREG(status.stx_mode),
+          S_ISDIR(status.stx_mode),
+          static_cast<int64_t>(status.stx_size),
+          makedev(status.stx_dev_major, status.stx_dev_minor),
+          status.stx_ino,
+          status.stx_uid,
+          birthOf(status)};
+  return 0;
 }
 
 class SystemFileOps : public FileOps {
@@ -68,17 +82,11 @@ class SystemFileOps : public FileOps {
   }
 
   int inspect(int file, FileInfo& info) override {
-    struct stat status {};
-    if (::fstat(file, &status) != 0) return -errno;
-    info = toFileInfo(status);
-    return 0;
+    return inspectAt(file, "", AT_EMPTY_PATH, info);
   }
 
   int inspectPath(const std::string& path, FileInfo& info) override {
-    struct stat status {};
-    if (::lstat(path.c_str(), &status) != 0) return -errno;
-    info = toFileInfo(status);
-    return 0;
+    return inspectAt(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, info);
   }
 
   int truncate(int file, int64_t size) override {

@@ -29,6 +29,8 @@ struct FileInfo {
   int64_t size;  // bytes
   uint64_t device;
   uint64_t inode;
+  uint32_t owner;
+  int64_t birth;  // nanoseconds since 1970; 0 where the system does not know
 };
 
 // Every operation returns -errno when it fails. They may be called by several threads at once and

@@ -67,6 +67,7 @@ int Journal::begin() {
   header.flags = file_.wasCreated ? uint32_t{kFileCreated} : 0;
   header.fileLength = formerLength_;
   header.inode = file_.info.inode;
+  header.birth = file_.info.birth;
   header.salt = salt_;
   header.checksum = checksumOf(header);
   append(&header, sizeof(header));
@@ -134,7 +135,7 @@ int Journal::putOnDisk() noexcept {
 int Journal::rollBack(RegularFile& file) noexcept {
   if (!exists()) return 0;
   if (wasOnDisk()) {
-    const int error = applyJournal(ops_, journal_.number(), file, durability_);
+    const int error = applyJournal(ops_, journal_.number(), file);
     if (error != 0) return error;
   }
   return remove();

@@ -40,6 +40,12 @@ uint64_t checksumOf(const JournalRecord& record, const void* block, uint64_t sal
   return journalChecksum(state, block, static_cast<size_t>(record.length));
 }
 
+bool canBeJournal(const JournalHeader& header, size_t count) {
+  const JournalHeader nothing{};
+  return std::memcmp(&header, &nothing, count) == 0 ||
+         std::memcmp(&header, &kJournalMagic, std::min(count, sizeof(kJournalMagic))) == 0;
+}
+
 bool isWhole(const JournalHeader& header) {
   return header.magic == kJournalMagic && header.checksum == checksumOf(header) &&
          header.fileLength >= 0;

@@ -27,21 +27,25 @@ enum JournalFlag : uint32_t {
 //    12   4   flags       JournalFlag
 //    16   8   fileLength  bytes, before the update
 //    24   8   inode       of the file: a journal beside another one is not applied
-//    32   8   salt        of the records' checksums: a record of an earlier journal is none of this
-//    40   8   checksum    of the 40 bytes before
-//    48  464              zero
+//    32   8   birth       of the file, in nanoseconds since 1970: inode numbers are used again; 0
+//    when
+//                         the system did not know
+//    40   8   salt        of the records' checksums: a record of an earlier journal is none of this
+//    48   8   checksum    of the 48 bytes before
+//    56  456              zero
 struct JournalHeader {
   uint64_t magic;
   uint32_t version;
   uint32_t flags;
   int64_t fileLength;
   uint64_t inode;
+  int64_t birth;
   uint64_t salt;
   uint64_t checksum;
-  uint8_t padding[464];
+  uint8_t padding[456];
 };
 static_assert(sizeof(JournalHeader) == kJournalHeaderBytes);
-static_assert(offsetof(JournalHeader, checksum) == 40);
+static_assert(offsetof(JournalHeader, checksum) == 48);
 
 //   off width field     rule
 //     0   8   offset    of the block in the file, a multiple of kJournalBlockBytes
@@ -63,6 +67,11 @@ std::string journalPathOf(const std::string& path);
 uint64_t journalChecksum(uint64_t seed, const void* bytes, size_t count);
 uint64_t checksumOf(const JournalHeader& header);
 uint64_t checksumOf(const JournalRecord& record, const void* block, uint64_t salt);
+
+// Whether the first `count` bytes of a file, the rest of the header being zero, can be what an
+// update left there: nothing, a header that a power cut kept from the disk, or a part of one at
+// least.
+bool canBeJournal(const JournalHeader& header, size_t count);
 
 // Whether it was written whole, in any version.
 bool isWhole(const JournalHeader& header);

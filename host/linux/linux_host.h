@@ -18,8 +18,8 @@ struct HostServices;
 
 // A file operation that failed.
 struct FileFailure {
-  int error;  // errno; EBUSY when somebody else has the file open, ESTALE when another file's
-              // journal lies beside it
+  int error;  // errno; EBUSY when somebody else has the file open, ESTALE when
+              // what lies beside it under its journal's name is not its journal
   // "open" and "remove"; "read" and "write"; of an update's end "sync" (its bytes), "commit" (its
   // journal's removal) and "close"; "roll back" (to what a file was before an update)
   std::string operation;
@@ -34,7 +34,7 @@ struct FileFailure {
 // What an update is safe against.
 enum class Durability {
   full,  // the death of the process, and of the machine
-  none   // of the process alone: nothing waits for the disk
+  none   // of the process alone: nothing waits for the disk but a rollback
 };
 
 // Memory of all pools of a host. Bytes are those asked for, without the allocator's own.
@@ -70,11 +70,12 @@ class LinuxHost {
   PoolUse poolUse() const;
 
   // The oldest failure, or the oldest of that path, which is forgotten: an open or a removal that
-  // failed, and of an open file the first read that failed and the first of everything else. A read
-  // that fails in an update is as bad as a lost write. 64 are
-  // kept, and the oldest goes first. Only what the disk or the system refused counts, and writes
-  // that were lost; an absent file counts for an open, not for a removal. A lost write is told
-  // again at the end of its update, since it takes the whole update with it.
+  // failed, and of an open file each failure that came when none of it was waiting to be taken,
+  // reads and everything else apart. Of an update it is always the first, told anew by each later
+  // call and at the end, since it takes the whole update with it; a read that fails there is as bad
+  // as a lost write. 64 are kept, and the oldest goes first. Only what the disk or the system
+  // refused counts, and writes that were lost; an absent file counts for an open, not for a
+  // removal.
   std::optional<FileFailure> takeFileFailure();
   std::optional<FileFailure> takeFileFailure(std::string_view path);
 

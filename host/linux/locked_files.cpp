@@ -5,7 +5,6 @@
 #include <thread>
 #include <utility>
 
-#include "host/linux/journal_format.h"
 #include "host/linux/rollback.h"
 
 namespace hxhost {
@@ -125,7 +124,7 @@ FileOutcome LockedFiles::lockAndRecover(RegularFile& file) {
   int error = acquire(file, LockKind::kExclusive);
   if (error == 0) error = checkStillThere(*ops_, file);
   if (error != 0) return {error};
-  error = recoverFile(*ops_, file, durability_);
+  error = recoverFile(*ops_, file);
   if (error == 0) error = checkStillThere(*ops_, file);
   return {error, "roll back"};
 }
@@ -161,20 +160,18 @@ int LockedFiles::tryRemove(const std::string& path) {
   error = openRegularFile(*ops_, path, Purpose::kRemove, file);
   if (error == 0) error = acquire(file, LockKind::kExclusive);
   if (error == 0) error = checkStillThere(*ops_, file);
+  if (error == 0) error = clearJournal(*ops_, file);
+  if (error == 0) error = checkStillThere(*ops_, file);
   return error != 0 ? error : removeLocked(file);
 }
 
-// The file goes first, on disk too: without its journal, half an update would pass for a store. And
-// whoever creates the next file there must not find the old one again after a power cut, beside a
-// journal that tells of the new one.
+// Whoever creates the next file there must not find the old one again after a power cut, beside a
+// journal that tells of the new one. And once the name is free that journal may be there already:
+// so none is touched from here on.
 int LockedFiles::removeLocked(const RegularFile& file) {
   if (const int result = ops_->remove(file.path); result < 0) return -result;
-  if (durability_ == Durability::full) {
-    const int result = ops_->syncDirectory(directoryOf(file.path));
-    if (result < 0) return -result;
-  }
-  const int result = ops_->remove(journalPathOf(file.path));
-  return result == -ENOENT || result == -ENAMETOOLONG ? 0 : -result;
+  if (durability_ != Durability::full) return 0;
+  return -ops_->syncDirectory(directoryOf(file.path));
 }
 
 int LockedFiles::release(LockedFile& locked, bool wasUpdate) noexcept {

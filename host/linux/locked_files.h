@@ -73,8 +73,8 @@ class LockedFiles : public std::enable_shared_from_this<LockedFiles> {
   // std::bad_alloc.
   FileOutcome open(const std::string& path, bool forUpdate, FileLease& lease);
 
-  // Removes the regular file at `path`, which must be writable, and its journal. May throw
-  // std::bad_alloc.
+  // Removes the regular file at `path`, which must be writable, and its journal; ESTALE when what
+  // lies under the journal's name is none. May throw std::bad_alloc.
   int remove(const std::string& path);
 
  private:

@@ -59,7 +59,8 @@ OpenFile::~OpenFile() {
 
 int32_t OpenFile::readOn(hx::ReadRequest& request, int64_t& count) noexcept {
   if (request.destination == nullptr || request.count <= 0) return kFailed;
-  if (position_ >= cache_.size() || disk_.hasLostWrite()) return kFailed;
+  if (disk_.hasLostWrite()) return refuse();
+  if (position_ >= cache_.size()) return kFailed;
   const int64_t delivered = cache_.read(position_, request.destination, request.count);
   if (delivered == 0) return kFailed;
   position_ += delivered;
@@ -75,13 +76,18 @@ int32_t OpenFile::writeOn(const void* source, int64_t count) noexcept {
     if (disk_.isWritable()) disk_.stopWriting();
     return kFailed;
   }
-  if (disk_.hasLostWrite()) return kFailed;
+  if (disk_.hasLostWrite()) return refuse();
   if (!cache_.write(position_, source, count)) {
     disk_.stopWriting();  // also when the bytes were lost for want of their neighbours on disk
     return kFailed;
   }
   position_ += count;
   return kDone;
+}
+
+int32_t OpenFile::refuse() noexcept {
+  disk_.noteRefusal();
+  return kFailed;
 }
 
 int32_t OpenFile::moveTo(int64_t& position, int32_t whence) noexcept {

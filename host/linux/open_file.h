@@ -30,6 +30,8 @@ class OpenFile : public hx::FileHandle {
   int32_t moveTo(int64_t& position, int32_t whence) noexcept;
 
  private:
+  int32_t refuse() noexcept;
+
   DiskFile disk_;
   const std::shared_ptr<BlockShelf> shelf_;  // outlives the cache, and the service perhaps
   BlockCache cache_;

@@ -1,5 +1,7 @@
 #include "host/linux/rollback.h"
 
+#include <unistd.h>
+
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -11,8 +13,8 @@ namespace hxhost {
 namespace {
 
 // 0 also when there is none: then nothing is open.
-int openJournal(FileOps& ops, const std::string& path, Descriptor& journal) {
-  FileInfo info{};
+int openJournal(FileOps& ops, const std::string& path, RegularFile& journal) {
+  FileInfo& info = journal.info;
   const int looked = ops.inspectPath(path, info);
   if (looked == -ENOENT || looked == -ENAMETOOLONG) return 0;
   if (looked < 0) return -looked;
@@ -20,41 +22,56 @@ int openJournal(FileOps& ops, const std::string& path, Descriptor& journal) {
   const int number = ops.open(path, OpenMode::kRead);
   if (number == -ENOENT) return 0;
   if (number < 0) return -number;
-  journal = Descriptor(ops, number);
+  journal.descriptor = Descriptor(ops, number);
   const int result = ops.inspect(number, info);
   if (result < 0) return -result;
   return info.isRegular ? 0 : ENOTSUP;
 }
 
-// A header that is not there whole is all zeros.
+// A header that is not there whole is all zeros. ESTALE for what nobody left there as a journal.
 int readHeader(FileOps& ops, int journal, JournalHeader& header) {
+  header = {};
   const Transfer transfer = readAll(ops, journal, &header, kJournalHeaderBytes, 0);
   if (transfer.error != 0) return transfer.error;
+  if (!canBeJournal(header, static_cast<size_t>(transfer.count))) return ESTALE;
   if (transfer.count < kJournalHeaderBytes || !isWhole(header)) header = {};
   return 0;
 }
 
+// A birth that the system did not know then, or does not now, tells nothing.
+bool isOf(const JournalHeader& header, const FileInfo& file) {
+  const bool isBirthKnown = header.birth != 0 && file.birth != 0;
+  return header.inode == file.inode && (!isBirthKnown || header.birth == file.birth);
+}
+
+// Where everybody may create files, anybody could put a journal of his own beside a store.
+bool isTrusted(const FileInfo& journal, const FileInfo& file) {
+  return journal.owner == file.owner || journal.owner == ::geteuid() || journal.owner == 0;
+}
+
 // An empty file can't be the rest of one that was longer, since updates never shorten a file: it
 // was made anew. One that the update created may well be empty still.
-int judge(const JournalHeader& header, const RegularFile& file, JournalState& state) {
+int judge(const JournalHeader& header, const FileInfo& journal, const FileInfo& file,
+          JournalState& state) {
   state = JournalState::kSpent;
   if (!isWhole(header)) return 0;
-  const bool isOfThisFile = header.inode == file.info.inode;
+  if (!isTrusted(journal, file)) return ESTALE;
+  const bool isOfThisFile = isOf(header, file);
   const bool wasCreated = (header.flags & kFileCreated) != 0;
-  if (file.info.size == 0 && !(isOfThisFile && wasCreated)) return 0;
+  if (file.size == 0 && !(isOfThisFile && wasCreated)) return 0;
   if (header.version != kJournalVersion) return ENOTSUP;
-  if (!isOfThisFile || file.info.size < header.fileLength) return ESTALE;
+  if (!isOfThisFile || file.size < header.fileLength) return ESTALE;
   state = JournalState::kHot;
   return 0;
 }
 
-int examineOpened(FileOps& ops, const Descriptor& journal, const RegularFile& file,
+int examineOpened(FileOps& ops, const RegularFile& journal, const RegularFile& file,
                   JournalState& state) {
   state = JournalState::kNone;
-  if (!journal.isOpen()) return 0;
+  if (!journal.descriptor.isOpen()) return 0;
   JournalHeader header{};
-  const int error = readHeader(ops, journal.number(), header);
-  return error != 0 ? error : judge(header, file, state);
+  const int error = readHeader(ops, journal.descriptor.number(), header);
+  return error != 0 ? error : judge(header, journal.info, file.info, state);
 }
 
 // Puts the blocks back, up to the first record that is not whole.
@@ -77,17 +94,15 @@ int restoreBlocks(FileOps& ops, int journal, const JournalHeader& header, int fi
 }
 
 // A created file is emptied first: its name may outlive a power cut that its journal's does not,
-// and an empty file is no store.
-int restoreLength(FileOps& ops, const JournalHeader& header, RegularFile& file,
-                  Durability durability) {
+// and an empty file is no store. Whoever rolls back waits for the disk, whatever its own updates
+// do: the journal, which goes next, may be of one that was to survive a power cut.
+int restoreFile(FileOps& ops, const JournalHeader& header, RegularFile& file) {
   const int number = file.descriptor.number();
   if (const int result = ops.inspect(number, file.info); result < 0) return -result;
   if (file.info.size > header.fileLength) {
     if (const int result = ops.truncate(number, header.fileLength); result < 0) return -result;
   }
-  if (durability == Durability::full) {
-    if (const int result = ops.sync(number); result < 0) return -result;
-  }
+  if (const int result = ops.sync(number); result < 0) return -result;
   if ((header.flags & kFileCreated) == 0) return 0;
   const int error = inspectAgain(ops, file);
   if (error != 0) return error == ENOENT ? 0 : error;
@@ -97,31 +112,39 @@ int restoreLength(FileOps& ops, const JournalHeader& header, RegularFile& file,
 }  // namespace
 
 int examineJournal(FileOps& ops, const RegularFile& file, JournalState& state) {
-  Descriptor journal;
+  RegularFile journal;
   const int error = openJournal(ops, journalPathOf(file.path), journal);
   return error != 0 ? error : examineOpened(ops, journal, file, state);
 }
 
-int recoverFile(FileOps& ops, RegularFile& file, Durability durability) {
+int recoverFile(FileOps& ops, RegularFile& file) {
   const std::string path = journalPathOf(file.path);
-  Descriptor journal;
+  RegularFile journal;
   JournalState state{};
   int error = openJournal(ops, path, journal);
   if (error == 0) error = examineOpened(ops, journal, file, state);
   if (error != 0 || state == JournalState::kNone) return error;
   if (state == JournalState::kHot) {
-    error = applyJournal(ops, journal.number(), file, durability);
+    error = applyJournal(ops, journal.descriptor.number(), file);
     if (error != 0) return error;
   }
   return -ops.remove(path);
 }
 
-int applyJournal(FileOps& ops, int journal, RegularFile& file, Durability durability) noexcept {
+int clearJournal(FileOps& ops, RegularFile& file) {
+  if (recoverFile(ops, file) == 0) return 0;
+  RegularFile next;
+  next.path = file.path;
+  JournalState state{};
+  return examineJournal(ops, next, state);
+}
+
+int applyJournal(FileOps& ops, int journal, RegularFile& file) noexcept {
   JournalHeader header{};
   if (const int error = readHeader(ops, journal, header); error != 0) return error;
   if (!isWhole(header)) return EIO;
   const int error = restoreBlocks(ops, journal, header, file.descriptor.number());
-  return error != 0 ? error : restoreLength(ops, header, file, durability);
+  return error != 0 ? error : restoreFile(ops, header, file);
 }
 
 }  // namespace hxhost
