@@ -81,7 +81,8 @@ std::string describe(const FileFailure& failure) {
   if (failure.offset >= 0) text += " at byte " + std::to_string(failure.offset);
   // By its number: the system's category knows no condition for it.
   const bool isJournal = failure.reason.value() == ESTALE;
-  text += ": " + (isJournal ? "the journal beside it is another file's" : failure.reason.message());
+  text += ": " + (isJournal ? "the -journal file beside it does not belong to it"
+                            : failure.reason.message());
   if (failure.rolledBack) text += "; the store is as it was";
   return text;
 }
