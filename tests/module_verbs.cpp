@@ -25,6 +25,9 @@ void World::openStore(const Words& words) {
   const bool isTop = colon == std::string::npos;
   Store* parent = isTop ? nullptr : find(words[1].substr(0, colon));
   if (!isTop && parent == nullptr) return skip();
+  const bool needsNoFile = !isTop || has(flagsOf(words[2]), kNoFile);
+  if (!isStrict_ && needsNoFile && isDoubtful(isTop ? words[1] : narrow(parent->root)))
+    return skip();
   const bool existed = find(words[1]) != nullptr;
   Store* store = openStore(parent, widen(words[1].substr(isTop ? 0 : colon + 1)), words[2]);
   EXPECT_TRUE(store != nullptr || status < kOk);
@@ -32,6 +35,13 @@ void World::openStore(const Words& words) {
   if (store == nullptr) return;
   number = store->openCount;
   if (!isTop) now_[narrow(store->root)].emplace(pathOf(store) + ".", 0);
+}
+
+// Whether the last update of the closed store was undone. If that was to change nothing the tree in
+// memory stays, else it goes; the model can't tell, so nothing is added to such a tree.
+bool World::isDoubtful(const std::string& path) {
+  const Store* store = find(path);
+  return store != nullptr && store->openCount == 0 && host.undone.count(path) != 0;
 }
 
 void World::closeStore(const Words& words) {

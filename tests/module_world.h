@@ -108,6 +108,7 @@ class World {
   void step(const std::string& statement, bool isStrict);
   void skip() { status = 1; }
   bool isQuiet(const std::string& name);
+  bool isDoubtful(const std::string& path);
   void noteOpening(const std::string& path, uint32_t flags, bool existed, bool succeeded);
   bool forgetDropped(const std::string& ref, const Store* store);
   Sizes contents(const std::string& ref);  // reads everything
