@@ -60,7 +60,8 @@ std::optional<FileFailure> Engine::takeFailure(const std::string& path) {
 }
 
 // Of the open, or of the reading that the open did.
-void Engine::failOpening(const std::string& path, const std::u32string& wide, Errc code) {
+void Engine::failOpening(const std::string& path, const std::u32string& wide, Errc code,
+                         bool mayCreate) {
   const std::string asked = hxhost::describePath(wide.data(), static_cast<int64_t>(wide.size()));
   std::optional<FileFailure> failure = takeFailure(asked);
   if (!failure) {
@@ -69,7 +70,8 @@ void Engine::failOpening(const std::string& path, const std::u32string& wide, Er
   }
   if (code == Errc::notFound) code = failure ? Errc::fileNotOpen : Errc::notAStore;
   if (!failure) throw Error(code, path, "");
-  if (failure->reason == std::errc::no_such_file_or_directory) {
+  if (failure->reason == std::errc::file_exists) throw Error(Errc::exists, path, "");
+  if (failure->reason == std::errc::no_such_file_or_directory && !mayCreate) {
     throw Error(Errc::notFound, path, "");
   }
   if (failure->reason == std::errc::device_or_resource_busy) code = Errc::storeInUse;

@@ -41,9 +41,14 @@ class Engine {
   // oldest. All of them are forgotten; the loss of an update is told anew at its end.
   std::optional<FileFailure> takeFailure(const std::string& path);
 
+  // From now on, or no longer, an open for an update makes its file or fails with `exists`. With
+  // openingMutex held.
+  void takeOnlyNewFiles(bool onlyNew) { host_.takeOnlyNewFiles(onlyNew); }
+
   // Throws why the file service did not open the file `wide`, which was asked for as `path`: `code`
-  // unless there is no such file.
-  [[noreturn]] void failOpening(const std::string& path, const std::u32string& wide, Errc code);
+  // unless there is no such file, or one where it was to be made; `mayCreate`: that it was.
+  [[noreturn]] void failOpening(const std::string& path, const std::u32string& wide, Errc code,
+                                bool mayCreate = false);
 
   // A number that no other store in memory has.
   unsigned numberStoreInMemory() { return storesInMemory_++; }

@@ -1,8 +1,6 @@
 #include "hxcrate/session.hpp"
 
-#include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <utility>
@@ -20,6 +18,18 @@ namespace {
 std::error_code lastSystemError() {
   return {errno, std::system_category()};
 }
+
+// While it lives, the files that the engine opens for an update are made by that.
+class OnlyNewFiles {
+ public:
+  explicit OnlyNewFiles(Engine& engine) : engine_(engine) { engine_.takeOnlyNewFiles(true); }
+  ~OnlyNewFiles() { engine_.takeOnlyNewFiles(false); }
+  OnlyNewFiles(const OnlyNewFiles&) = delete;
+  OnlyNewFiles& operator=(const OnlyNewFiles&) = delete;
+
+ private:
+  Engine& engine_;
+};
 
 // One call of Session::open, with the engine's opening mutex held.
 class FileOpener {
@@ -52,8 +62,9 @@ class FileOpener {
 
   hx::Store* require(std::uint32_t flags) {
     hx::Store* store = attempt(flags);
+    mayCreate_ = (flags & hx::kCreate) != 0;
     if (store == nullptr) fail();
-    if ((flags & hx::kCreate) != 0) fixPageSize(store);
+    if (mayCreate_) fixPageSize(store);
     return store;
   }
 
@@ -73,31 +84,13 @@ class FileOpener {
     return require(hx::kUpdate | hx::kCreate);
   }
 
-  // The module takes a file that is too short for a store as none. So the file is made here, where
-  // a file of any kind is an obstacle.
+  // A file of any kind is an obstacle, also one that somebody makes while this one is made. What
+  // the module remembers of a file that was removed meanwhile is none, hence the replacing.
   hx::Store* create() {
-    const int file = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
-    if (file < 0) {
-      if (errno == EEXIST) throw Error(Errc::exists, path_, "");
-      throw Error(Errc::fileNotOpen, path_, "",
-                  FileFailure{"create", path_, -1, lastSystemError()});
-    }
-    ::close(file);
-    try {
-      return createInEmptyFile();
-    } catch (...) {
-      ::unlink(path_.c_str());
-      throw;
-    }
-  }
-
-  // "Exists" is here what the module remembers of a file that somebody removed meanwhile.
-  hx::Store* createInEmptyFile() {
-    hx::Store* store = attempt(hx::kUpdate | hx::kCreate | hx::kExclusive);
-    if (store == nullptr && status_ != hx::kExists) fail();
-    if (store == nullptr) return require(hx::kUpdate | hx::kCreate | hx::kReplace);
-    fixPageSize(store);
-    return store;
+    struct stat status {};
+    if (::lstat(path_.c_str(), &status) == 0) throw Error(Errc::exists, path_, "");
+    const OnlyNewFiles guard(engine_);
+    return require(hx::kUpdate | hx::kCreate | hx::kReplace);
   }
 
   // Nobody else can have opened anything in the store yet. One that exists keeps its page size.
@@ -112,7 +105,9 @@ class FileOpener {
     throw Error(Errc::fileNotOpen, path_, "", FileFailure{"stat", path_, -1, lastSystemError()});
   }
 
-  [[noreturn]] void fail() { engine_.failOpening(path_, wide_, static_cast<Errc>(status_)); }
+  [[noreturn]] void fail() {
+    engine_.failOpening(path_, wide_, static_cast<Errc>(status_), mayCreate_);
+  }
 
   std::int32_t length() const { return static_cast<std::int32_t>(wide_.size()); }
 
@@ -121,6 +116,7 @@ class FileOpener {
   std::u32string wide_;
   OpenOptions options_;
   std::int32_t status_ = 0;
+  bool mayCreate_ = false;
 };
 
 constexpr std::size_t kShortestStore = 40;  // a header

@@ -195,6 +195,29 @@ TEST_F(ApiTest, OpensAsTheModeSaysAndLeavesWhatItRefuses) {
   }
 }
 
+// Whoever makes a file, and fails for another who was quicker, leaves the other's store alone.
+TEST_F(ApiTest, MakesNoFileAwayFromWhoeverElseDoes) {
+  for (int round = 0; round < 300; ++round) {
+    std::filesystem::remove(path_);
+    const auto make = [&](Mode mode, const char* item, bool& made) {
+      Session session({.durability = Durability::none});
+      std::error_code error;
+      Store store = session.open(path_, mode, error);
+      if (error) return;
+      append(store, item, item);
+      store.close();
+      made = true;
+    };
+    bool mine = false, others = false;
+    std::thread other([&] { make(Mode::openOrCreate, "b", others); });
+    make(Mode::create, "a", mine);
+    other.join();
+    ASSERT_EQ(std::filesystem::exists(path_), mine || others) << round;
+    EXPECT_TRUE(!mine || get(session_.open(path_), "a") == "a");
+    EXPECT_TRUE(!others || get(session_.open(path_), "b") == "b");
+  }
+}
+
 // The path is kept when the working directory changes, what the file held is not when it is
 // removed.
 TEST_F(ApiTest, FindsAFileWhereItWasAndMakesItAnewWhenItIsGone) {

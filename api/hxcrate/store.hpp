@@ -150,8 +150,9 @@ class [[nodiscard]] Store {
   // OpenOptions::acceptDamaged alone.
   std::error_code damage() const;
 
-  // Closes; does nothing when closed. For a store file the last close of an update writes the
-  // directory: a failure to do that is thrown here, and the store counts as closed. Throws
+  // Closes; does nothing when closed. The last close of a store file that is being updated ends the
+  // update, be it that of one who only reads it in this session; a failure of that is thrown here,
+  // and the store counts as closed. Throws
   // membersOpen, and stays open, while members opened through it are.
   void close();
   void close(std::error_code& error) noexcept {

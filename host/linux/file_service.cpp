@@ -19,17 +19,19 @@ constexpr int32_t kNothingThere = 1;  // nor can there be, when the path is none
 constexpr size_t kKeptBytes = 2 * 1024 * 1024;
 
 struct FileService : hx::FileIo {
-  FileService(const HostOptions& options, FailureLog& failureLog)
+  FileService(const HostOptions& options, const std::atomic<bool>& newOnly, FailureLog& failureLog)
       : hx::FileIo{},
         files(std::make_shared<LockedFiles>(options.fileOps, options.durability, options.lockWait)),
         cacheBytesPerFile(options.cacheBytesPerFile),
         shelf(std::make_shared<BlockShelf>(
             static_cast<size_t>(BlockCache::blockBytesFor(options.cacheBytesPerFile)), kKeptBytes)),
+        onlyNew(newOnly),
         failures(failureLog) {}
 
   const std::shared_ptr<LockedFiles> files;
   const int64_t cacheBytesPerFile;
   const std::shared_ptr<BlockShelf> shelf;
+  const std::atomic<bool>& onlyNew;
   FailureLog& failures;
 };
 
@@ -49,6 +51,10 @@ FileOutcome openHandle(FileService& service, const std::string& path, bool forUp
   FileLease lease;
   const FileOutcome outcome = service.files->open(path, forUpdate, lease);
   if (outcome.error != 0) return outcome;
+  // Whoever was quicker to lock the file that was created here may have made a store of it.
+  RegularFile& file = lease.file();
+  file.wasCreated = file.wasCreated && file.info.size == 0;
+  if (forUpdate && service.onlyNew && !file.wasCreated) return {EEXIST};
   const auto fullPath = decodePath(lease.file().path);
   if (!fullPath || fullPath->size() > hx::HX_PATH_CAPACITY) {
     if (forUpdate) removeIfLeftEmpty(service.files->ops(), lease.file());
@@ -73,7 +79,7 @@ FileOutcome tryOpen(FileService& service, const char32_t* path, int64_t length,
 int tryRemove(FileService& service, const char32_t* path, int64_t length) noexcept try {
   std::string encoded;
   if (const int error = encodePathOrFail(path, length, encoded); error != 0) return error;
-  return service.files->remove(encoded);
+  return service.onlyNew ? ENOENT : service.files->remove(encoded);
 } catch (const std::bad_alloc&) {
   return ENOMEM;
 }
@@ -137,8 +143,9 @@ int32_t destroySlot(void* object) noexcept {
 
 }  // namespace
 
-hx::FileIo* makeFileService(const HostOptions& options, FailureLog& failures) noexcept try {
-  auto* service = new FileService(options, failures);
+hx::FileIo* makeFileService(const HostOptions& options, const std::atomic<bool>& onlyNew,
+                            FailureLog& failures) noexcept try {
+  auto* service = new FileService(options, onlyNew, failures);
   service->head = {{'f', 'i', 'o', '1'}, {}, nullptr, nullptr, nullptr, destroySlot};
   service->open = openSlot;
   service->remove = removeSlot;

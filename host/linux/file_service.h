@@ -7,6 +7,8 @@
 // is kept out is told in locked_files.h, what an update leaves behind in disk_file.h.
 #pragma once
 
+#include <atomic>
+
 #include "host/file_io.h"
 #include "host/linux/failure_log.h"
 #include "host/linux/linux_host.h"
@@ -14,7 +16,9 @@
 namespace hxhost {
 
 // Released by its `destroy` slot, which does not close the files that it opened; null without
-// memory. Of `options`, `fileOps` is set. `failures` outlives it and its files.
-hx::FileIo* makeFileService(const HostOptions& options, FailureLog& failures) noexcept;
+// memory. Of `options`, `fileOps` is set. For `onlyNew` see LinuxHost::takeOnlyNewFiles; it and
+// `failures` outlive the service and its files.
+hx::FileIo* makeFileService(const HostOptions& options, const std::atomic<bool>& onlyNew,
+                            FailureLog& failures) noexcept;
 
 }  // namespace hxhost

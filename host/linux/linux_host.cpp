@@ -1,5 +1,6 @@
 #include "host/linux/linux_host.h"
 
+#include <atomic>
 #include <string_view>
 
 #include "host/linux/encoding_service.h"
@@ -17,6 +18,7 @@ struct HostServices : hx::HostHandle {
   PoolMeter meter;
   FailureLog failures;
   HostOptions fileOptions;
+  std::atomic<bool> onlyNewFiles{false};
 };
 
 namespace {
@@ -34,7 +36,9 @@ void* loadExtensionSlot(hx::HostHandle* host, const char32_t* name, int64_t leng
   if (name == nullptr || length != 5) return nullptr;
   const std::u32string_view wanted(name, 5);
   auto* services = static_cast<HostServices*>(host);
-  if (wanted == U"hxfio") return makeFileService(services->fileOptions, services->failures);
+  if (wanted == U"hxfio") {
+    return makeFileService(services->fileOptions, services->onlyNewFiles, services->failures);
+  }
   if (wanted == U"hxmok") return makeEncodingService();
   return nullptr;
 }
@@ -60,6 +64,10 @@ hx::HostHandle* LinuxHost::handle() {
 
 PoolUse LinuxHost::poolUse() const {
   return services_->meter.use();
+}
+
+void LinuxHost::takeOnlyNewFiles(bool onlyNew) {
+  services_->onlyNewFiles = onlyNew;
 }
 
 std::optional<FileFailure> LinuxHost::takeFileFailure() {

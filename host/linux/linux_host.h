@@ -69,6 +69,10 @@ class LinuxHost {
 
   PoolUse poolUse() const;
 
+  // From now on, or no longer, an open for an update refuses a file that is there already, with
+  // EEXIST, and a removal leaves it: what is opened is new for certain.
+  void takeOnlyNewFiles(bool onlyNew);
+
   // The oldest failure, or the oldest of that path, which is forgotten: an open or a removal that
   // failed, and of an open file each failure that came when none of it was waiting to be taken,
   // reads and everything else apart. Of an update it is always the first, told anew by each later
