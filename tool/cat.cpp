@@ -1,6 +1,7 @@
 // hxcrate cat: the bytes of items.
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,10 +31,9 @@ class Printer {
     const hxcrate::Store store = openWhatThereIs(session_, options_.store, outcome_);
     for (const std::string& path : options_.paths) {
       try {
-        printItem(store.read(path));
+        print(store, path);
       } catch (const hxcrate::Error& error) {
-        const bool isStore = kindOf(store, path) == hxcrate::MemberKind::store;
-        isStore ? complain(options_.store, path, "is a store") : complain(error);
+        complain(error);
         outcome_ = worse(outcome_, exitCodeOf(error));
       }
     }
@@ -42,9 +42,15 @@ class Printer {
   }
 
  private:
-  void printItem(hxcrate::Reader reader) {
-    reader.skip(static_cast<std::size_t>(options_.offset));
-    pump_.move(options_.length, takeFrom(reader),
+  void print(const hxcrate::Store& store, const std::string& path) {
+    std::optional<hxcrate::Reader> reader = openIfItem(store, path);
+    if (!reader) {
+      complain(options_.store, path, "is a store");
+      outcome_ = worse(outcome_, ExitCode::notOpenable);
+      return;
+    }
+    reader->skip(static_cast<std::size_t>(options_.offset));
+    pump_.move(options_.length, takeFrom(*reader),
                [&](std::span<const std::byte> bytes) { output_.write(bytes); });
   }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -163,8 +164,8 @@ class Comparison {
   void compareItems(const std::string& place, hxcrate::Reader first, hxcrate::Reader second) {
     std::int64_t offset = 0;
     while (true) {
-      const std::size_t firstCount = first.read(firstBuffer_);
-      const std::size_t secondCount = second.read(secondBuffer_);
+      const std::size_t firstCount = fill(firstBuffer_, first);
+      const std::size_t secondCount = fill(secondBuffer_, second);
       const std::size_t common = std::min(firstCount, secondCount);
       const auto end = firstBuffer_.begin() + static_cast<std::ptrdiff_t>(common);
       const auto place1 = std::mismatch(firstBuffer_.begin(), end, secondBuffer_.begin()).first;
@@ -174,6 +175,14 @@ class Comparison {
       if (common == 0) return;
       offset += static_cast<std::int64_t>(common);
     }
+  }
+
+  // Up to the end of the item: a read may stop short before what can't be read.
+  static std::size_t fill(std::span<std::byte> buffer, hxcrate::Reader& reader) {
+    std::size_t count = 0;
+    while (const std::size_t more = reader.read(buffer.subspan(count)))
+      count += more;
+    return count;
   }
 
   hxcrate::Session session_;

@@ -52,6 +52,12 @@ std::optional<hxcrate::Store> openIfStore(hxcrate::Store& store, const std::stri
   return nested;
 }
 
+std::optional<hxcrate::Reader> openIfItem(const hxcrate::Store& store, const std::string& path) {
+  auto item = openIfThere([&] { return store.read(path); });
+  if (!item) store.openStore(path).close();
+  return item;
+}
+
 std::optional<hxcrate::MemberKind> kindOf(const hxcrate::Store& store, const std::string& path) {
   if (openIfThere([&] { return store.openStore(path); })) return hxcrate::MemberKind::store;
   if (openIfThere([&] { return store.read(path); })) return hxcrate::MemberKind::item;

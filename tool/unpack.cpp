@@ -214,13 +214,22 @@ std::int64_t measure(const MemberSelection& selection, hxcrate::Store start) {
   return total;
 }
 
+// What can't be opened is there for sure, and told of when its turn comes.
+bool isThere(const hxcrate::Store& store, const std::string& path) {
+  try {
+    return kindOf(store, path).has_value();
+  } catch (const hxcrate::Error&) {
+    return true;
+  }
+}
+
 ExitCode unpack(const UnpackOptions& options) {
   const InterruptionGuard guard;
   ExitCode outcome = ExitCode::fine;
   hxcrate::Session session;
   hxcrate::Store store = openWhatThereIs(session, options.store, outcome);
   for (const std::string& path : options.paths)
-    if (!kindOf(store, path)) throw hxcrate::Error(hxcrate::Errc::notFound, options.store, path);
+    if (!isThere(store, path)) throw hxcrate::Error(hxcrate::Errc::notFound, options.store, path);
   Progress progress("unpacking");
   if (progress.isShown() && !options.dryRun) {
     progress.expect(measure(MemberSelection(options.paths), session.open(options.store)));
