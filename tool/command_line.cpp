@@ -1,5 +1,6 @@
 #include "command_line.h"
 
+#include <charconv>
 #include <limits>
 #include <utility>
 
@@ -38,6 +39,22 @@ std::string trimPath(std::string path) {
   while (path.size() > 1 && path.back() == '/')
     path.pop_back();
   return path;
+}
+
+// In decimal alone, whatever it begins with; the parser's own numbers may be octal or too large.
+CLI::Validator number(std::int64_t least, std::int64_t most) {
+  const std::string range = std::to_string(least) + " to " + std::to_string(most);
+  const auto normalize = [=](std::string& text) -> std::string {
+    std::int64_t value = 0;
+    const char* const end = text.data() + text.size();
+    const auto [rest, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || rest != end || value < least || value > most) {
+      return text + " is no number from " + range;
+    }
+    text = std::to_string(value);
+    return "";
+  };
+  return {normalize, ""};
 }
 
 }  // namespace
@@ -100,7 +117,7 @@ CLI::Option* addMemberPaths(CLI::App& words, std::vector<std::string>& paths, co
 
 void addPageSize(CLI::App& words, std::int32_t& pageSize, const char* meaning) {
   words.add_option("--page-size", pageSize, meaning)
-      ->check(CLI::Range(1, 2147483647).description(""))
+      ->transform(number(1, std::numeric_limits<std::int32_t>::max()))
       ->type_name("BYTES");
 }
 
@@ -114,7 +131,7 @@ void addEncoding(CLI::App& words, std::string& encoding, const char* meaning) {
 
 void addCount(CLI::App& words, const char* name, std::int64_t& count, const char* meaning) {
   words.add_option(name, count, meaning)
-      ->check(CLI::Range(std::int64_t{0}, std::numeric_limits<std::int64_t>::max()).description(""))
+      ->transform(number(0, std::numeric_limits<std::int64_t>::max()))
       ->type_name("N");
 }
 
