@@ -94,6 +94,17 @@ TEST_F(CommandTest, ReplacesAStoreOnlyWhenToldToAndOnlyByAWholeOne) {
   expectRun(4, "hxcrate pack --replace in in");
   expectPrinted(4, "cmp x.st before; hxcrate pack x.st in", "", "hxcrate: x.st: exists already\n");
   expectPrinted(0, "hxcrate pack --replace x.st in; stat -c %a x.st", "640\n");
+  {
+    hxcrate::Session session;
+    const hxcrate::Store inUse = session.open(directory_ / "x.st", hxcrate::Mode::update);
+    expectRun(4, "hxcrate pack --replace x.st in");
+    expectSaid("hxcrate: x.st: the store is in use");
+  }
+  for (const std::string words : {"pack n.st in", "copy x.st n.st", "salvage x.st n.st"}) {
+    expectRun(4, "echo mine >n.st-journal; hxcrate " + words);
+    expectSaid("hxcrate: n.st: ");
+    expectPrinted(0, "! [ -e n.st ]; cat n.st-journal", "mine\n");
+  }
   expectRun(0, "ln x.st in/x.st; ln -s / in/root; mkfifo in/fifo");
   expectPrinted(0, "hxcrate pack --replace x.st in; hxcrate ls x.st", "new\n",
                 "hxcrate: in/fifo: skipped: a FIFO\nhxcrate: in/root: skipped: a symbolic link\n"
@@ -184,6 +195,20 @@ TEST_F(CommandTest, UnpacksWhatIsAskedForAndNoMore) {
   EXPECT_FALSE(fs::exists(directory_ / "out"));
 }
 
+TEST_F(CommandTest, ADamagedItemKeepsNoOtherFromBeingRead) {
+  const std::string bytes = makeBytes(10000);
+  writeFile(directory_ / "in/f", bytes);
+  writeFile(directory_ / "in/g", "fine");
+  expectRun(0, "hxcrate pack --page-size 4096 x.st in");
+  std::string store = readFile(directory_ / "x.st");
+  std::fill_n(&store[store.find(bytes.substr(0, 4096)) + 4096], 24, '\xff');
+  writeFile(directory_ / "x.st", store);
+  const std::string damage = "hxcrate: x.st: f: the store's data are damaged\n";
+  expectPrinted(1, "hxcrate cat x.st f g", "fine", damage);
+  expectPrinted(5, "hxcrate unpack x.st out f g", "", damage);
+  expectPrinted(0, "ls out", "g\n");
+}
+
 TEST_F(CommandTest, AddsToStoresWholeOrNotAtAll) {
   writeFile(directory_ / "file", "1234");
   writeFile(directory_ / "big", makeBytes(1000000));
@@ -200,6 +225,7 @@ TEST_F(CommandTest, AddsToStoresWholeOrNotAtAll) {
       {4, "hxcrate put --append x.st a", "hxcrate: x.st: a: exists already\n"},
       {0, "hxcrate put --append x.st a/b - <file"},
       {0, "cat file file | hxcrate put x.st piped"},
+      {0, ">y.st; hxcrate put y.st a file; hxcrate ls y.st >/dev/null"},
       {0, "hxcrate put x.st proc /proc/self/comm"},  // has bytes though its size is 0
       {3, "hxcrate put x.st c absent", "hxcrate: absent: open: No such file or directory\n"},
       {3, kFullDisk + "hxcrate put x.st c big 2>/dev/null"},
@@ -231,10 +257,17 @@ TEST_F(CommandTest, UndoesAnUnfinishedUpdateBeforeItLooks) {
     writer.write(makeBytes(8000000));
     std::_Exit(0);
   };
-  for (const std::string command : {"check", "stat", "map", "ls"}) {
+  expectRun(0, "mkdir in after; cp before in; hxcrate pack after/x.st in");
+  const std::pair<const char*, const char*> cases[] = {{"check x.st", "before"},
+                                                       {"stat x.st", "before"},
+                                                       {"map x.st", "before"},
+                                                       {"ls x.st", "before"},
+                                                       {"pack --replace x.st in", "after/x.st"}};
+  for (const auto& [words, after] : cases) {
     EXPECT_EXIT(leaveUnfinished(), testing::ExitedWithCode(0), "");
     expectPrinted(1, "stat -c %a x.st-journal; cmp -s x.st before", "640\n");
-    expectRun(0, "hxcrate " + command + " x.st; cmp x.st before && ! [ -e x.st-journal ]");
+    expectRun(0,
+              std::string("hxcrate ") + words + "; cmp x.st " + after + "; ! [ -e x.st-journal ]");
   }
 }
 
@@ -283,6 +316,11 @@ TEST_F(CommandTest, AnswersWithTheRightExitCode) {
       {2, "pack x.st", "hxcrate: DIR is required (see hxcrate pack --help)\n"},
       {2, "--nonsense"},
       {2, "pack --page-size 0 no.st dir"},
+      {2, "pack --page-size 0x10 no.st dir",
+       "hxcrate: --page-size: 0x10 is no number from 1 to 2147483647 "
+       "(see hxcrate pack --help)\n"},
+      {2, "cat --offset 9999999999999999999 x.st a"},
+      {0, "cat --offset 010 x.st a"},
       {2, "salvage --encoding other unknown no.st"},
       {4, "cat x.st b", "hxcrate: x.st: b: not found\n"},
       {4, "ls absent", "hxcrate: absent: not found\n"},

@@ -9,7 +9,6 @@
 #include <system_error>
 
 #include "directory.h"
-#include "hxcrate/inspect.hpp"
 #include "interruption.h"
 
 namespace tool {
@@ -102,10 +101,19 @@ NewStore::NewStore(const std::string& path, bool replace) : shown_(path) {
     if (errno != ENOENT) throw systemFailure(path, "inspect");
     target_ = fs::absolute(path);
     if (!target_.has_filename()) refuse("not the name of a file");
+    refuseStrayJournal();
     return;
   }
   if (!replace) refuse("exists already");
   locateExisting();
+}
+
+// Beside the new file it would pass for that one's, and keep it from being opened.
+void NewStore::refuseStrayJournal() const {
+  const std::string journal = shown_ + "-journal";
+  struct stat status {};
+  if (::lstat(journal.c_str(), &status) != 0) return;
+  refuse("the file " + journal + " would belong to it; it has to go first");
 }
 
 void NewStore::locateExisting() {
@@ -115,6 +123,12 @@ void NewStore::locateExisting() {
   if (dangling || ::stat(target_.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
     refuse("only a regular file is replaced");
   }
+  try {
+    lock_ = std::make_unique<hxcrate::InspectedFile>(target_);
+  } catch (const hxcrate::Error& error) {
+    refuse(error.reason());
+  }
+  if (!lock_->caveat().empty()) refuse(lock_->caveat());
   existing_ = status;
 }
 

@@ -6,12 +6,14 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "hxcrate/crate.hpp"
+#include "hxcrate/inspect.hpp"
 #include "report.h"
 #include "size_forecast.h"
 
@@ -44,7 +46,9 @@ class NewStore {
   };
 
   // The store file `path` as it was given. Throws a Failure, notOpenable, when there is a file of
-  // that name already, or with `replace` something else than a regular file.
+  // that name already, or of that of its journal, or with `replace` something else than a regular
+  // file. That one is locked as by a reader from now on, so that no update of it is lost, and one
+  // that was cut off is undone; one that can't be locked is refused, too.
   explicit NewStore(const std::string& path, bool replace = false);
 
   const std::optional<struct stat>& existing() const { return existing_; }  // what is replaced
@@ -61,10 +65,12 @@ class NewStore {
  private:
   [[noreturn]] void refuse(const std::string& reason) const;
   void locateExisting();
+  void refuseStrayJournal() const;
 
   std::string shown_;             // the path in messages
   std::filesystem::path target_;  // for an existing file its own place rather than a link to it
   std::optional<struct stat> existing_;
+  std::unique_ptr<hxcrate::InspectedFile> lock_;  // of the existing file
 };
 
 }  // namespace tool

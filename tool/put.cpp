@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "byte_pump.h"
@@ -31,10 +32,11 @@ struct PutOptions {
   }
 };
 
-bool exists(const std::string& path) {
+// In bytes; nothing when there is no such file.
+std::optional<off_t> sizeOf(const std::string& path) {
   struct stat status {};
-  if (::stat(path.c_str(), &status) == 0) return true;
-  if (errno == ENOENT) return false;
+  if (::stat(path.c_str(), &status) == 0) return status.st_size;
+  if (errno == ENOENT) return std::nullopt;
   throw systemFailure(path, "inspect");
 }
 
@@ -48,7 +50,8 @@ void rehearse(const PutOptions& options, hxcrate::MemberKind kind, bool mayExist
   const std::string parent = options.path.substr(0, slash == std::string::npos ? 0 : slash);
   const bool needsParent = !parent.empty() && !options.withParents;
   const char* const noParent = "no such store; -p makes it";
-  if (!exists(options.store)) return needsParent ? refuse(parent, noParent) : void();
+  const bool isEmpty = sizeOf(options.store).value_or(0) == 0;
+  if (isEmpty) return needsParent ? refuse(parent, noParent) : void();
   hxcrate::Session session;
   const hxcrate::Store store = session.open(options.store);
   if (needsParent && kindOf(store, parent) != hxcrate::MemberKind::store) refuse(parent, noParent);
@@ -82,7 +85,7 @@ void updateStore(const PutOptions& options, const NewStore::Fill& fill) {
 
 // All or nothing, be it an existing store or one that is made for this.
 void change(const PutOptions& options, const NewStore::Fill& fill) {
-  if (exists(options.store)) return updateStore(options, fill);
+  if (sizeOf(options.store)) return updateStore(options, fill);
   NewStore(options.store).make(SizeForecast(), {}, fill);
   complain(options.store, "", "a new store was made");
 }
