@@ -12,15 +12,19 @@ namespace {
 
 constexpr std::size_t kNameBuffer = 256;
 
+hx::Store* openStore(hx::ExtensionInstance* module, const std::string& path) {
+  const std::u32string wide(path.begin(), path.end());
+  std::int32_t status = hx::kOk;
+  hx::Store* store = module->openStore(module, nullptr, wide.data(),
+                                       static_cast<std::int32_t>(wide.size()), hx::kRead, &status);
+  require(store != nullptr, "the slot does not open the store");
+  return store;
+}
+
 class SlotReading : public Reading {
  public:
-  SlotReading(hx::ExtensionInstance* module, const std::string& path) {
-    const std::u32string wide(path.begin(), path.end());
-    std::int32_t status = hx::kOk;
-    store_ = module->openStore(module, nullptr, wide.data(), static_cast<std::int32_t>(wide.size()),
-                               hx::kRead, &status);
-    require(store_ != nullptr, "the slot does not open the store");
-  }
+  SlotReading(hx::ExtensionInstance* module, const std::string& path)
+      : store_(openStore(module, path)) {}
   ~SlotReading() override { store_->closeStore(store_); }
 
   Tally enumerate() override {
