@@ -213,8 +213,8 @@ TEST_F(ApiTest, MakesNoFileAwayFromWhoeverElseDoes) {
     make(Mode::create, "a", mine);
     other.join();
     ASSERT_EQ(std::filesystem::exists(path_), mine || others) << round;
-    EXPECT_TRUE(!mine || get(session_.open(path_), "a") == "a");
-    EXPECT_TRUE(!others || get(session_.open(path_), "b") == "b");
+    EXPECT_TRUE(!mine || get(Session().open(path_), "a") == "a");
+    EXPECT_TRUE(!others || get(Session().open(path_), "b") == "b");
   }
 }
 
