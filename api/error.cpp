@@ -76,13 +76,20 @@ class Category final : public std::error_category {
   }
 };
 
+// By its number where the system's words would mislead: its category knows no condition for it.
+std::string explain(const FileFailure& failure) {
+  const int number = failure.reason.value();
+  if (number == ESTALE) return "the -journal file beside it does not belong to it";
+  if (number == EPERM && failure.operation == "roll back") {
+    return "the -journal file beside it is another user's";
+  }
+  return failure.reason.message();
+}
+
 std::string describe(const FileFailure& failure) {
   std::string text = failure.operation;
   if (failure.offset >= 0) text += " at byte " + std::to_string(failure.offset);
-  // By its number: the system's category knows no condition for it.
-  const bool isJournal = failure.reason.value() == ESTALE;
-  text += ": " + (isJournal ? "the -journal file beside it does not belong to it"
-                            : failure.reason.message());
+  text += ": " + explain(failure);
   if (failure.rolledBack) text += "; the store is as it was";
   return text;
 }

@@ -9,7 +9,8 @@ namespace hx {
 namespace {
 
 // Two readers of one tree may need its converters at the same moment.
-Status obtainConverter(Store* store, Converter* (*obtain)(Store*), Converter** converter) {
+template <typename Obtain>
+Status obtainConverter(Store* store, Obtain obtain, Converter** converter) {
   const LockGuard lock(store->extension->lock);
   if (!lock.taken()) return kNotLocked;
   *converter = obtain(store);
@@ -29,11 +30,13 @@ bool Conversion::applies() const {
 }
 
 Status Conversion::prepare(const void* buffer, int32_t length) {
-  Store* store = handle_->item->parent;
+  const auto obtain = [this](Store* store) {
+    toInstance_ = store->root->storeToInstanceConverter;
+    return instanceToStoreConverter(store);
+  };
   Converter* converter = nullptr;
-  const Status status = obtainConverter(store, instanceToStoreConverter, &converter);
+  const Status status = obtainConverter(handle_->item->parent, obtain, &converter);
   if (status != kOk) return status;
-  toInstance_ = store->root->storeToInstanceConverter;
   storedLength_ = converter->measure(converter, argument_, buffer, length);
   if (storedLength_ == 0) return kNoMemory;
   const auto size = static_cast<uint64_t>(storedLength_);
@@ -42,11 +45,9 @@ Status Conversion::prepare(const void* buffer, int32_t length) {
 }
 
 Status Conversion::convert(int64_t count, void* buffer, int32_t length, uint32_t* converted) {
-  if (toInstance_ == nullptr) {
-    Store* store = handle_->item->parent;
-    const Status status = obtainConverter(store, storeToInstanceConverter, &toInstance_);
-    if (status != kOk) return status;
-  }
+  Store* store = handle_->item->parent;
+  const Status status = obtainConverter(store, storeToInstanceConverter, &toInstance_);
+  if (toInstance_ == nullptr) return status;
   const void* storedAddress = stored_;
   uint32_t result = 0;
   const int32_t failure = toInstance_->convert(toInstance_, argument_, stored_, count, buffer,

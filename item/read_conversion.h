@@ -30,8 +30,8 @@ class Conversion {
  private:
   ItemHandle* handle_;
   void* argument_;
-  // Noted with the lock held, where the loading has made it: what a read has when the lock fails
-  // on its way can still be converted.
+  // As noted before the read, where the loading has made it; obtained anew behind the read, but
+  // when the lock fails: what the read has by then can still be converted.
   Converter* toInstance_ = nullptr;
   uint8_t* stored_ = nullptr;
   int64_t storedLength_ = 0;

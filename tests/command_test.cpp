@@ -269,6 +269,9 @@ TEST_F(CommandTest, UndoesAnUnfinishedUpdateBeforeItLooks) {
     expectRun(0,
               std::string("hxcrate ") + words + "; cmp x.st " + after + "; ! [ -e x.st-journal ]");
   }
+  EXPECT_EXIT(leaveUnfinished(), testing::ExitedWithCode(0), "");
+  expectRun(4, ">x.st; hxcrate pack --replace x.st in");
+  expectSaid("x.st-journal would belong to it");
 }
 
 TEST_F(CommandTest, CopiesAreTheSameWhateverTheHistory) {

@@ -1,6 +1,7 @@
 // hxcrate diff: how the contents of two stores differ.
 
 #include <algorithm>
+#include <exception>
 #include <memory>
 #include <optional>
 #include <span>
@@ -164,24 +165,30 @@ class Comparison {
   void compareItems(const std::string& place, hxcrate::Reader first, hxcrate::Reader second) {
     std::int64_t offset = 0;
     while (true) {
-      const std::size_t firstCount = fill(firstBuffer_, first);
-      const std::size_t secondCount = fill(secondBuffer_, second);
+      std::exception_ptr failure;
+      const std::size_t firstCount = fill(firstBuffer_, first, failure);
+      const std::size_t secondCount = fill(secondBuffer_, second, failure);
       const std::size_t common = std::min(firstCount, secondCount);
       const auto end = firstBuffer_.begin() + static_cast<std::ptrdiff_t>(common);
       const auto place1 = std::mismatch(firstBuffer_.begin(), end, secondBuffer_.begin()).first;
-      if (place1 != end || firstCount != secondCount) {
-        return differences_.addContents(place, offset + (place1 - firstBuffer_.begin()));
-      }
-      if (common == 0) return;
+      const bool differs = place1 != end || (firstCount != secondCount && !failure);
+      if (differs) differences_.addContents(place, offset + (place1 - firstBuffer_.begin()));
+      if (failure) std::rethrow_exception(failure);
+      if (differs || common == 0) return;
       offset += static_cast<std::int64_t>(common);
     }
   }
 
-  // Up to the end of the item: a read may stop short before what can't be read.
-  static std::size_t fill(std::span<std::byte> buffer, hxcrate::Reader& reader) {
+  // Up to the end of the item, or to what can't be read, before which a read may stop short.
+  static std::size_t fill(std::span<std::byte> buffer, hxcrate::Reader& reader,
+                          std::exception_ptr& failure) {
     std::size_t count = 0;
-    while (const std::size_t more = reader.read(buffer.subspan(count)))
-      count += more;
+    try {
+      while (const std::size_t more = reader.read(buffer.subspan(count)))
+        count += more;
+    } catch (const hxcrate::Error&) {
+      failure = std::current_exception();
+    }
     return count;
   }
 

@@ -110,7 +110,7 @@ NewStore::NewStore(const std::string& path, bool replace) : shown_(path) {
 
 // Beside the new file it would pass for that one's, and keep it from being opened.
 void NewStore::refuseStrayJournal() const {
-  const std::string journal = shown_ + "-journal";
+  const std::string journal = target_.string() + "-journal";
   struct stat status {};
   if (::lstat(journal.c_str(), &status) != 0) return;
   refuse("the file " + journal + " would belong to it; it has to go first");
@@ -126,9 +126,11 @@ void NewStore::locateExisting() {
   try {
     lock_ = std::make_unique<hxcrate::InspectedFile>(target_);
   } catch (const hxcrate::Error& error) {
+    if (error.errc() == hxcrate::Errc::notFound) return refuseStrayJournal();
     refuse(error.reason());
   }
   if (!lock_->caveat().empty()) refuse(lock_->caveat());
+  if (status.st_size == 0) refuseStrayJournal();
   existing_ = status;
 }
 

@@ -50,8 +50,9 @@ void rehearse(const PutOptions& options, hxcrate::MemberKind kind, bool mayExist
   const std::string parent = options.path.substr(0, slash == std::string::npos ? 0 : slash);
   const bool needsParent = !parent.empty() && !options.withParents;
   const char* const noParent = "no such store; -p makes it";
-  const bool isEmpty = sizeOf(options.store).value_or(0) == 0;
-  if (isEmpty) return needsParent ? refuse(parent, noParent) : void();
+  const std::optional<off_t> size = sizeOf(options.store);
+  if (!size) static_cast<void>(NewStore(options.store));  // refuses what can't be made
+  if (size.value_or(0) == 0) return needsParent ? refuse(parent, noParent) : void();
   hxcrate::Session session;
   const hxcrate::Store store = session.open(options.store);
   if (needsParent && kindOf(store, parent) != hxcrate::MemberKind::store) refuse(parent, noParent);

@@ -26,11 +26,16 @@ FailureTicket FailureLog::record(FailureTicket failure, std::string_view path) n
 
 void FailureLog::conclude(const FailureTicket& ticket, std::string_view path,
                           bool rolledBack) noexcept {
-  const FailureTicket kept = holds(ticket) ? ticket : record(ticket, path);
+  if (markRolledBack(ticket, rolledBack)) return;
+  markRolledBack(record(ticket, path), rolledBack);
+}
+
+bool FailureLog::markRolledBack(const FailureTicket& ticket, bool rolledBack) noexcept {
   const std::lock_guard guard(mutex_);
-  if (const auto entry = find(kept); entry != entries_.end()) {
-    entry->failure.rolledBack = rolledBack;
-  }
+  const auto entry = find(ticket);
+  if (entry == entries_.end()) return false;
+  entry->failure.rolledBack = rolledBack;
+  return true;
 }
 
 bool FailureLog::holds(const FailureTicket& ticket) noexcept {

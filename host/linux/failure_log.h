@@ -43,6 +43,7 @@ class FailureLog {
   };
 
   std::optional<FileFailure> take(std::list<Entry>::iterator entry);
+  bool markRolledBack(const FailureTicket& ticket, bool rolledBack) noexcept;  // false: not kept
   std::list<Entry>::iterator find(const FailureTicket& ticket);
 
   std::mutex mutex_;

@@ -18,8 +18,8 @@ struct HostServices;
 
 // A file operation that failed.
 struct FileFailure {
-  int error;  // errno; EBUSY when somebody else has the file open, ESTALE when
-              // what lies beside it under its journal's name is not its journal
+  int error;  // errno; EBUSY when somebody else has the file open; ESTALE when what lies beside it
+              // under its journal's name is not its journal, EPERM when it is another user's
   // "open" and "remove"; "read" and "write"; of an update's end "sync" (its bytes), "commit" (its
   // journal's removal) and "close"; "roll back" (to what a file was before an update)
   std::string operation;

@@ -55,7 +55,7 @@ int judge(const JournalHeader& header, const FileInfo& journal, const FileInfo& 
           JournalState& state) {
   state = JournalState::kSpent;
   if (!isWhole(header)) return 0;
-  if (!isTrusted(journal, file)) return ESTALE;
+  if (!isTrusted(journal, file)) return EPERM;
   const bool isOfThisFile = isOf(header, file);
   const bool wasCreated = (header.flags & kFileCreated) != 0;
   if (file.size == 0 && !(isOfThisFile && wasCreated)) return 0;

@@ -16,8 +16,8 @@ enum class JournalState {
 // What lies under the journal's name beside the open file, of which `info` must be current. What it
 // says holds only while nobody updates the file. An errno when that can't be told, or must be told
 // to somebody:
-//   ESTALE   it is none, or belongs to another file than this one, or this one was cut since, or it
-//            is neither the caller's nor root's nor of the file's owner
+//   ESTALE   it is none, or belongs to another file than this one, or this one was cut since
+//   EPERM    it is neither the caller's nor root's nor of the file's owner
 //   ENOTSUP  it is no regular file, or a journal of a version that this host does not know
 int examineJournal(FileOps& ops, const RegularFile& file, JournalState& state);
 

@@ -54,7 +54,9 @@ void* takeSystemMemory(size_t bytes, Touch touch) noexcept {
   if (kUnderAddressSanitizer) return std::calloc(1, bytes);
   static const size_t largestHuge = isFreeMemoryReported() ? kLargestHuge : SIZE_MAX;
   if (bytes >= kHugePage && bytes <= largestHuge) return mapHugePages(bytes);
-  return mapMemory(bytes, touch == Touch::now ? MAP_POPULATE : 0);
+  void* memory = mapMemory(bytes, touch == Touch::now ? MAP_POPULATE : 0);
+  if (memory != nullptr && bytes > largestHuge) madvise(memory, bytes, MADV_NOHUGEPAGE);
+  return memory;
 }
 
 void giveBackSystemMemory(void* memory, size_t bytes) noexcept {
