@@ -60,14 +60,16 @@ std::optional<FileFailure> Engine::takeFailure(const std::string& path) {
 }
 
 // Of the open, or of the reading that the open did.
+std::optional<FileFailure> Engine::takeOpeningFailure(const std::u32string& wide) {
+  const std::string asked = hxhost::describePath(wide.data(), static_cast<int64_t>(wide.size()));
+  if (std::optional<FileFailure> failure = takeFailure(asked)) return failure;
+  std::error_code ignored;
+  return takeFailure(std::filesystem::weakly_canonical(asked, ignored).string());
+}
+
 void Engine::failOpening(const std::string& path, const std::u32string& wide, Errc code,
                          bool mayCreate) {
-  const std::string asked = hxhost::describePath(wide.data(), static_cast<int64_t>(wide.size()));
-  std::optional<FileFailure> failure = takeFailure(asked);
-  if (!failure) {
-    std::error_code ignored;
-    failure = takeFailure(std::filesystem::weakly_canonical(asked, ignored).string());
-  }
+  const std::optional<FileFailure> failure = takeOpeningFailure(wide);
   if (code == Errc::notFound) code = failure ? Errc::fileNotOpen : Errc::notAStore;
   if (!failure) throw Error(code, path, "");
   if (failure->reason == std::errc::file_exists) throw Error(Errc::exists, path, "");

@@ -41,6 +41,9 @@ class Engine {
   // oldest. All of them are forgotten; the loss of an update is told anew at its end.
   std::optional<FileFailure> takeFailure(const std::string& path);
 
+  // The same of the file `wide`, which an open asked for.
+  std::optional<FileFailure> takeOpeningFailure(const std::u32string& wide);
+
   // From now on, or no longer, an open for an update makes its file or fails with `exists`. With
   // openingMutex held.
   void takeOnlyNewFiles(bool onlyNew) { host_.takeOnlyNewFiles(onlyNew); }

@@ -64,8 +64,11 @@ class FileOpener {
     hx::Store* store = attempt(flags);
     mayCreate_ = (flags & hx::kCreate) != 0;
     if (store == nullptr) fail();
-    if (mayCreate_) fixPageSize(store);
-    return store;
+    if (!mayCreate_) return store;
+    OpenedRoot opened(store);
+    engine_.takeOpeningFailure(wide_);  // of tries before; or the close would tell it as its own
+    fixPageSize(store);
+    return opened.release();
   }
 
   // An update open of an absent file would leave an empty one behind, so it is asked for first.
