@@ -1,6 +1,6 @@
 // The two converters of a tree whose data are in another encoding than the instance's. They live on
-// the top-level store, are made on first need and released when its last opener leaves. Making one
-// needs the instance's lock.
+// the top-level store, are made on first need and released when its last opener leaves, and once
+// more with the last item handle that is closed behind it. Making one needs the instance's lock.
 #pragma once
 
 #include "store/records.h"

@@ -19,10 +19,7 @@ bool isSound(const ItemMember* item, const DataChunk& chunk, int32_t index) {
   if (chunk.capacity == 0) return chunk.dataOffset == 0 && chunk.used == 0 && chunk.next == 0;
   if (chunk.capacity != pageSize || chunk.used < 0 || chunk.used > pageSize) return false;
   if (chunk.next != 0 && chunk.used != pageSize) return false;
-  // A page may be rewritten whole in a tree that is open for update.
-  const bool isUpdated = item->parent->root->openCount < 0;
-  const int64_t extent = isUpdated ? chunk.capacity : bytesToRead(chunk, index);
-  return liesInside(item->parent, chunk.dataOffset, extent);
+  return liesInside(item->parent, chunk.dataOffset, bytesToRead(chunk, index));
 }
 
 // A walk over an item's chain: where it stands, and the size of all pages up to there.
@@ -147,6 +144,13 @@ Status loadFirstPage(ItemMember* item) {
   page->next = item->firstPage;
   item->firstPage = page;
   return kOk;
+}
+
+bool canBeContinued(const ItemMember* item) {
+  const PageBuf* page = item->lastPage;
+  const bool isStored = (page->flags & kPageDirty) == 0 && page->capacity != 0;
+  if (!isStored || openFile(item->parent) == nullptr) return true;
+  return liesInside(item->parent, page->dataOffset, page->capacity);
 }
 
 void freePage(const ItemMember* item, PageBuf* page) {

@@ -48,6 +48,11 @@ PageBuf* loadPage(const ItemMember* item, const ChunkPlace& place, Status* statu
 // Loads page 0 anew in front of the list of an item whose other pages are in memory.
 Status loadFirstPage(ItemMember* item);
 
+// Whether the file has all of the block of the item's last page, which is in memory. A page that is
+// continued is written back whole; of a block that was cut off, the file may have handed out the
+// rest again.
+bool canBeContinued(const ItemMember* item);
+
 // Frees a page that is in no list.
 void freePage(const ItemMember* item, PageBuf* page);
 

@@ -61,7 +61,8 @@ struct Converter {
   int32_t (*convert)(Converter* converter, void* argument, const void* stored, int64_t storedLength,
                      void* buffer, int64_t bufferLength, const void** storedAddress,
                      uint32_t* resultCount);
-  // How many stored bytes to read for `length` converted ones in `buffer`; 0 on failure.
+  // How many stored bytes to read for `length` converted ones in `buffer`; 0 on failure, as for a
+  // negative length.
   uint32_t (*measure)(Converter* converter, void* argument, const void* buffer, int64_t length);
   void (*release)(Converter* converter);
 };

@@ -45,6 +45,10 @@ Status enterItem(ItemMember* item, ItemHandle* handle, uint32_t flags) {
     handle->page = item->firstPage;
   } else if (has(flags, kUpdate)) {
     if (item->openCount != 0) return kItemInUse;
+    if (!canBeContinued(item)) {
+      dropStoredPages(item);
+      return kUnreadable;
+    }
     item->openCount = -1;
     handle->position = item->size;
     handle->page = item->lastPage;
@@ -193,7 +197,7 @@ extern "C" int32_t hxcrateCloseItem(ItemHandle* handle) {
   if (item->openCount == 0) dropStoredPages(item);
   freeBlock(item->pool, handle);
   --root->openHandles;
-  purgeIfCondemned(root);
+  endLastHandle(root);
   return lock.release();
 }
 

@@ -219,7 +219,7 @@ extern "C" uint32_t hxcrateRead(ItemHandle* handle, void* buffer, int32_t length
   *status = checkReadable(handle);
   if (*status != kOk) return 0;
   Conversion conversion(handle, conversionArgument);
-  if (length > 0 && conversion.applies()) {
+  if (conversion.applies()) {
     return readConverted(conversion, handle, buffer, length, status);
   }
   const ReadResult result = readStoredBytes(handle, static_cast<uint8_t*>(buffer), length);

@@ -51,7 +51,7 @@ void insertMember(const Container& container, Member* member) {
 }
 
 void removeMember(const Container& container, Member* member) {
-  Member** link = &container.table.buckets[bucketOf(hashName(nameOf(member)))];
+  Member** link = &container.table.buckets[bucketOf(hashOf(member))];
   while (*link != nullptr && *link != member)
     link = &(*link)->next;
   if (*link == nullptr) return;

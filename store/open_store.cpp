@@ -56,17 +56,16 @@ class StoreOpener {
     if (wants(kExclusive)) return fail(kExists);
     if (wants(kUpdate | kReplace)) return replaceCached(store);
     if (wants(kUpdate)) return shareForUpdate(store);
+    *status_ = store->loadStatus;
     return wants(kRead) ? shareForReading(store) : store;
   }
 
   Store* replaceCached(Store* store) {
     if (store->openCount != 0 || store->openHandles != 0) return fail(kStoreInUse);
-    dropStore(store);
-    return openUncached();
+    return openAnew(store);
   }
 
   Store* shareForReading(Store* store) {
-    *status_ = store->loadStatus;
     if (store->openCount == 0) return reopen(store, HX_ACCESS_READ);
     store->openCount += store->openCount < 0 ? -1 : 1;
     return store;
@@ -119,8 +118,7 @@ class StoreOpener {
       if (isWhole(store) && !isKnown(stamp) && holdsStore(file.get())) return fail(kFileNotOpen);
     }
     if (store->openHandles != 0) return fail(kStoreInUse);
-    dropStore(store);
-    return openUncached();
+    return openAnew(store);
   }
 
   static bool describes(const Store* store, const FileStamp& stamp) {
@@ -138,6 +136,17 @@ class StoreOpener {
   static bool holdsStore(FileHandle* file) {
     const int64_t length = fileLength(file);
     return length < 0 || length >= kHeaderSize;
+  }
+
+  // A caller may pass the record's own name, which therefore outlives the record.
+  Store* openAnew(Store* former) {
+    char32_t* name = former->name;
+    former->name = nullptr;
+    former->nameLength = 0;
+    dropStore(former);
+    Store* store = openUncached();
+    freeBlock(instance_->pool, name);
+    return store;
   }
 
   Store* openUncached() {

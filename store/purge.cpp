@@ -73,8 +73,10 @@ void dropStore(Store* root) {
   root->condemned = true;
 }
 
-void purgeIfCondemned(Store* root) {
-  if (root->condemned && root->openHandles == 0) purgeStore(root);
+void endLastHandle(Store* root) {
+  if (root->openHandles != 0 || root->openCount != 0) return;
+  releaseConverters(root);
+  if (root->condemned) purgeStore(root);
 }
 
 }  // namespace hx

@@ -23,7 +23,8 @@ HX_EXPORT void freeMemory(Store* store);
 // last handle purges it.
 void dropStore(Store* root);
 
-// Called when an item handle of the tree was closed: purges a dropped store behind the last one.
-void purgeIfCondemned(Store* root);
+// Called when an item handle of the tree was closed. Behind the last one of a closed store it
+// releases the converters that reads have made since, and purges the store if it was dropped.
+void endLastHandle(Store* root);
 
 }  // namespace hx

@@ -97,7 +97,8 @@ TEST(Frame, StoresEnterAndLeaveALargeTable) {
     std::vector<Store*> stores;
     const auto open = [&](uint32_t i, const char* flags) {
       const char32_t first[] = {i % 12 + 1};
-      return w.openStore(nullptr, {first[0], i / 12 * 5 - hashName({first, 1})}, flags);
+      const char32_t name[] = {first[0], i / 12 * 5 - hashName({first, 1})};
+      return w.openStore(nullptr, {name, 2}, flags);
     };
     w.host.largestBlock = largestBlock;
     for (uint32_t i = 0; i < 1200; ++i) {

@@ -28,8 +28,13 @@ void World::openStore(const Words& words) {
   const bool needsNoFile = !isTop || has(flagsOf(words[2]), kNoFile);
   if (!isStrict_ && needsNoFile && isDoubtful(isTop ? words[1] : narrow(parent->root)))
     return skip();
-  const bool existed = find(words[1]) != nullptr;
-  Store* store = openStore(parent, widen(words[1].substr(isTop ? 0 : colon + 1)), words[2]);
+  const Store* known = find(words[1]);
+  const bool existed = known != nullptr;
+  const std::u32string asked = widen(words[1].substr(isTop ? 0 : colon + 1));
+  std::u32string_view name = asked;
+  // The record that the name lies in may not last as long as the call.
+  if (isTop && existed) name = {known->name, asked.size()};
+  Store* store = openStore(parent, name, words[2]);
   EXPECT_TRUE(store != nullptr || status < kOk);
   if (isTop) noteOpening(words[1], flagsOf(words[2]), existed, store != nullptr);
   if (store == nullptr) return;

@@ -84,7 +84,7 @@ class World {
   void settle(bool comparesTrees = true);
 
   // Calls that no model learns of; `flags` as in scripts.
-  Store* openStore(Store* parent, const std::u32string& name, const std::string& flags);
+  Store* openStore(Store* parent, std::u32string_view name, const std::string& flags);
   ItemHandle* openItem(Store* store, const std::u32string& name, const std::string& flags);
   Store* openBlob(const void* blob, uint64_t size, const std::u32string& name,
                   const std::string& flags = "R");
