@@ -1,8 +1,11 @@
 #include "engine.h"
 
+#include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <utility>
 
+#include "host/file_io.h"
 #include "host/linux/path_codec.h"
 #include "module_library.h"
 
@@ -22,6 +25,13 @@ hxhost::HostOptions hostOptionsOf(const SessionOptions& options) {
   hostOptions.durability =
       options.durability == Durability::full ? hxhost::Durability::full : hxhost::Durability::none;
   return hostOptions;
+}
+
+// What a replacing open passes on when the old file can't be removed.
+bool isRemovalResult(Errc code) {
+  constexpr std::int32_t kResults[] = {hx::HX_REMOVE_NO_PERMISSION, hx::HX_REMOVE_IN_USE,
+                                       hx::HX_REMOVE_NOT_REGULAR, hx::HX_REMOVE_IO_ERROR};
+  return std::ranges::find(kResults, static_cast<std::int32_t>(code)) != std::end(kResults);
 }
 
 }  // namespace
@@ -70,6 +80,7 @@ std::optional<FileFailure> Engine::takeOpeningFailure(const std::u32string& wide
 void Engine::failOpening(const std::string& path, const std::u32string& wide, Errc code,
                          bool mayCreate) {
   const std::optional<FileFailure> failure = takeOpeningFailure(wide);
+  if (isRemovalResult(code)) code = Errc::fileNotOpen;
   if (code == Errc::notFound) code = failure ? Errc::fileNotOpen : Errc::notAStore;
   if (!failure) throw Error(code, path, "");
   if (failure->reason == std::errc::file_exists) throw Error(Errc::exists, path, "");

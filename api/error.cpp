@@ -4,8 +4,6 @@
 #include <optional>
 #include <utility>
 
-#include "host/file_io.h"
-
 namespace hxcrate {
 
 namespace {
@@ -46,11 +44,6 @@ constexpr Meaning kMeanings[] = {
      std::errc::invalid_argument},
     {11, "the item ends within an element", kNoCondition},
     {12, "not an encoding that is known here", std::errc::not_supported},
-    {hx::HX_REMOVE_NO_PERMISSION, "no permission to remove the store's file",
-     std::errc::permission_denied},
-    {hx::HX_REMOVE_IN_USE, "the store's file is in use", std::errc::device_or_resource_busy},
-    {hx::HX_REMOVE_NOT_REGULAR, "not a regular file", std::errc::invalid_argument},
-    {hx::HX_REMOVE_IO_ERROR, "the store's file can't be removed", std::errc::io_error},
 };
 
 const Meaning* findMeaning(int code) {
@@ -94,6 +87,20 @@ std::string describe(const FileFailure& failure) {
   return text;
 }
 
+// One line, whatever a name holds.
+void appendEscaped(std::string& line, std::string_view text) {
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (byte >= ' ' && byte != 0x7f) {
+      line += c;
+      continue;
+    }
+    line += '\\';
+    for (const int shift : {6, 3, 0})
+      line += static_cast<char>('0' + (byte >> shift & 7));
+  }
+}
+
 }  // namespace
 
 const std::error_category& category() noexcept {
@@ -120,9 +127,10 @@ struct Error::Details {
         failure(std::move(fileFailure)) {
     if (!detail.empty()) reason.append(" (").append(detail).append(")");
     for (const std::string& part : {store, member}) {
-      if (!part.empty()) what += part + ": ";
+      appendEscaped(what, part);
+      if (!part.empty()) what += ": ";
     }
-    what += reason;
+    appendEscaped(what, reason);
   }
 };
 

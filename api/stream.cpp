@@ -82,7 +82,8 @@ void ItemInputBuffer::close() {
 }
 
 void ItemOutputBuffer::close() {
-  if (!writer_.isOpen()) return;
+  const bool hasLost = failure_ != nullptr || pptr() != pbase();
+  if (!writer_.isOpen() && !hasLost) return;
   if (failure_ == nullptr) {
     try {
       flush();

@@ -153,6 +153,8 @@ TEST_F(ApiTest, KeepsNamesByteForByteAndRefusesWhatWouldBeCut) {
     EXPECT_EQ(errorOf(create), Errc::badName) << name;
     EXPECT_EQ(errorOf([&] { return store.openStore(name); }), Errc::badName) << name;
   }
+  EXPECT_EQ(std::string(thrownBy([&] { return store.read("a\n\x7f"); })->what()),
+            path_ + ": a\\012\\177: not found");
   for (const std::string& file : {directory_ / "\xff", directory_ / nul, std::string()})
     EXPECT_EQ(errorOf([&] { return session_.open(file, Mode::create); }), Errc::badName) << file;
   const std::map<std::string, MemberKind> expected = {
@@ -356,6 +358,9 @@ TEST_F(ApiTest, ServesAsStreamsOfTheStandardLibrary) {
   EXPECT_FALSE(out.seekp(0));
   out.close();
   EXPECT_EQ(get(store, "a"), text);
+  out.clear();
+  out << 'x';
+  EXPECT_EQ(errorOf([&] { out.close(); }), Errc::closed) << "that was lost";
 
   ItemInputStream begun(store.read("a"));
   int number = 0;
@@ -440,7 +445,8 @@ TEST_F(ApiTest, SaysWhatTheDiskDidNotTake) {
   }
   Store store = session.open(path_, Mode::update);
   append(store, "a", bytes);
-  EXPECT_EQ(errorOf([&] { return session.open(directory_.path().string()); }), Errc::fileNotOpen);
+  for (const Mode mode : {Mode::read, Mode::replace})
+    EXPECT_EQ(errorOf([&] { return session.open(directory_.path(), mode); }), Errc::fileNotOpen);
   EXPECT_FALSE(errorOf([&] { return session.open(directory_ / "y.st", Mode::create).close(); }));
   const std::optional<Error> error = thrownBy([&] { store.close(); });
   ::setrlimit(RLIMIT_FSIZE, &unlimited);

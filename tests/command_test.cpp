@@ -105,7 +105,8 @@ TEST_F(CommandTest, ReplacesAStoreOnlyWhenToldToAndOnlyByAWholeOne) {
     expectSaid("hxcrate: n.st: ");
     expectPrinted(0, "! [ -e n.st ]; cat n.st-journal", "mine\n");
   }
-  expectRun(0, "ln x.st in/x.st; ln -s / in/root; mkfifo in/fifo");
+  expectRun(5, "echo mine >x.st-journal; hxcrate salvage x.st s.st");
+  expectRun(0, "rm x.st-journal s.st; ln x.st in/x.st; ln -s / in/root; mkfifo in/fifo");
   expectPrinted(0, "hxcrate pack --replace x.st in; hxcrate ls x.st", "new\n",
                 "hxcrate: in/fifo: skipped: a FIFO\nhxcrate: in/root: skipped: a symbolic link\n"
                 "hxcrate: in/x.st: skipped: the store\n");
@@ -231,6 +232,10 @@ TEST_F(CommandTest, AddsToStoresWholeOrNotAtAll) {
       {3, kFullDisk + "hxcrate put x.st c big 2>/dev/null"},
       {3, "hxcrate put x.st c /sys/devices/system/cpu/online",
        "hxcrate: /sys/devices/system/cpu/online: it became shorter while it was read\n"},
+      {3, "hxcrate put x.st c <&-", "hxcrate: standard input: read: Bad file descriptor\n"},
+      {0,
+       "for i in $(seq 9); do echo $i | hxcrate put --append --wait 60 z.st a 2>/dev/null & done; "
+       "wait; [ $(hxcrate cat z.st a | sort | tr -d '\\n') = 123456789 ]"},
       {0, "hxcrate mkstore x.st s"},
       {4, "hxcrate mkstore x.st s", "hxcrate: x.st: s: exists already\n"},
       {0, "hxcrate mkstore -p x.st s/t/u"},

@@ -83,7 +83,7 @@ class Checker {
       json().writeNumber(std::string(nameOf(severity)) + "s", store.count(severity));
     json().writeNumber("stores", store.count(hxcrate::MemberKind::store));
     json().writeNumber("items", store.count(hxcrate::MemberKind::item));
-    json().writeFlag("opens", store.file().caveat().empty());
+    json().writeFlag("asItLies", !store.file().caveat().empty());
     json().finish();
   }
 

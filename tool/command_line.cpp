@@ -135,6 +135,13 @@ void addCount(CLI::App& words, const char* name, std::int64_t& count, const char
       ->type_name("N");
 }
 
+void addWait(CLI::App& words, std::int64_t& seconds) {
+  constexpr std::int64_t kMost = 1'000'000'000;
+  words.add_option("--wait", seconds, "wait that long at most while somebody else has STORE open")
+      ->transform(number(0, kMost))
+      ->type_name("SECONDS");
+}
+
 void addDryRun(CLI::App& words, bool& dryRun) {
   words.add_flag("--dry-run", dryRun, "write nothing, say what would be done");
 }

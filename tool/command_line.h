@@ -43,6 +43,8 @@ void addPageSize(CLI::App& words, std::int32_t& pageSize, const char* meaning);
 void addEncoding(CLI::App& words, std::string& encoding, const char* meaning);
 // A number of bytes or things, called N.
 void addCount(CLI::App& words, const char* name, std::int64_t& count, const char* meaning);
+// How many seconds to wait for a store that somebody else has open.
+void addWait(CLI::App& words, std::int64_t& seconds);
 void addDryRun(CLI::App& words, bool& dryRun);
 
 }  // namespace tool

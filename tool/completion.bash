@@ -8,8 +8,8 @@ _hxcrate_options() {
     ls) echo -l -R -0 --json ;;
     tree) echo --ascii ;;
     cat) echo --offset --length ;;
-    put) echo -p --append --dry-run ;;
-    mkstore) echo -p --dry-run ;;
+    put) echo -p --append --wait --dry-run ;;
+    mkstore) echo -p --wait --dry-run ;;
     copy) echo --page-size --encoding --exclude --dry-run ;;
     diff | stat) echo --json ;;
     check) echo --quick --json ;;
@@ -53,7 +53,7 @@ _hxcrate() {
   # Which of the words that are no options is being typed.
   for ((i = 2; i < COMP_CWORD; ++i)); do
     case ${COMP_WORDS[i]} in
-      --page-size | --max-entries | --max-bytes | --offset | --length | --exclude | --encoding | --svg) ((++i)) ;;
+      --page-size | --max-entries | --max-bytes | --offset | --length | --wait | --exclude | --encoding | --svg) ((++i)) ;;
       -*) ;;
       *)
         ((++place))

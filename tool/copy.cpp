@@ -116,6 +116,9 @@ void addCopy(CommandLine& line) {
                "  hxcrate copy --encoding hxmok1/be/utf-8 docs.st foreign.st\n"
                "  hxcrate copy --exclude 'images/*' --exclude '*.bak' docs.st text.st",
                [options] { return copy(*options); });
+  explain(words,
+          "The bytes of items stay what they are, whatever the encoding: numbers in them keep the\n"
+          "order of bytes that they were written in.");
   addStore(words, options->store);
   words.add_option("NEW", options->target, "the store file to make")->required();
   addPageSize(words, options->made.pageSize, kPageSizeMeaning);

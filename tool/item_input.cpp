@@ -38,7 +38,8 @@ ItemInput::ItemInput(const std::string& path, const std::string& store)
   struct stat status {};
   if (!file_.isOpen() || ::fstat(file_.number(), &status) != 0) throw systemFailure(name_, "open");
   if (S_ISREG(status.st_mode) && status.st_size > 0) {
-    size_ = std::max<std::int64_t>(status.st_size - ::lseek(file_.number(), 0, SEEK_CUR), 0);
+    start_ = ::lseek(file_.number(), 0, SEEK_CUR);
+    size_ = std::max<std::int64_t>(status.st_size - start_, 0);
   } else {
     collect(store);
   }
@@ -53,8 +54,11 @@ void ItemInput::collect(const std::string& store) {
   Progress progress("reading");
   size_ = BytePump(&progress).move(hxcrate::kItemCapacity + 1, takeFrom(file_, name_),
                                    giveTo(collected, folder));
-  if (::lseek(collected.number(), 0, SEEK_SET) != 0) throw systemFailure(folder, "seek");
   file_ = std::move(collected);
+}
+
+void ItemInput::rewind() const {
+  if (::lseek(file_.number(), start_, SEEK_SET) != start_) throw systemFailure(name_, "seek");
 }
 
 }  // namespace tool

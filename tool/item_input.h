@@ -18,13 +18,16 @@ class ItemInput {
 
   const std::string& name() const { return name_; }  // in messages
   const Descriptor& descriptor() const { return file_; }
-  std::int64_t size() const { return size_; }  // from where the descriptor stands
+  std::int64_t size() const { return size_; }  // from where the descriptor stands at first
+  // Puts the descriptor there again.
+  void rewind() const;
 
  private:
   void collect(const std::string& store);
 
   std::string name_;
   Descriptor file_;
+  std::int64_t start_ = 0;
   std::int64_t size_ = 0;
 };
 

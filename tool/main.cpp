@@ -10,10 +10,11 @@
 namespace {
 
 // A standard stream that the caller closed would be the next file to be opened, and be taken for
-// output. Reading-only, so that writing to it still fails.
+// output. Each is opened for what it is not for, so that using it still fails.
 void occupyStandardStreams() {
   while (true) {
-    const int opened = ::open("/dev/null", O_RDONLY);
+    const bool hasInput = ::fcntl(STDIN_FILENO, F_GETFD) >= 0;
+    const int opened = ::open("/dev/null", hasInput ? O_RDONLY : O_WRONLY);
     if (opened > STDERR_FILENO) ::close(opened);
     if (opened > STDERR_FILENO || opened < 0) return;
   }

@@ -25,7 +25,7 @@ class Workshop {
   Workshop(const fs::path& target, const std::string& shown)
       : target_(target), shown_(shown), directory_(target.parent_path() / ".hxcrate-XXXXXX") {
     if (::mkdtemp(directory_.data()) == nullptr) {
-      throw systemFailure(target_.parent_path(), "create a directory");
+      throw systemFailure(target_.parent_path(), "make a working directory in it");
     }
   }
   ~Workshop() {
@@ -96,6 +96,7 @@ hxcrate::Blob makeBlob(const std::string& name, std::int32_t pageSize, const New
 }  // namespace
 
 NewStore::NewStore(const std::string& path, bool replace) : shown_(path) {
+  if (path.empty()) refuse("not the name of a file");
   struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) {
     if (errno != ENOENT) throw systemFailure(path, "inspect");

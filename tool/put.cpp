@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -25,8 +26,10 @@ struct PutOptions {
   std::string file = "-";
   bool withParents = false;
   bool append = false;
+  std::int64_t wait = 0;  // seconds
   bool dryRun = false;
 
+  hxcrate::SessionOptions session() const { return {.lockWait = std::chrono::seconds(wait)}; }
   hxcrate::Parents parents() const {
     return withParents ? hxcrate::Parents::create : hxcrate::Parents::mustExist;
   }
@@ -40,6 +43,15 @@ std::optional<off_t> sizeOf(const std::string& path) {
   throw systemFailure(path, "inspect");
 }
 
+// Throws what keeps a missing store from being made, unless somebody else has made it by now.
+void refuseUnmakable(const std::string& store) {
+  try {
+    static_cast<void>(NewStore(store));
+  } catch (const Failure&) {
+    if (!sizeOf(store)) throw;
+  }
+}
+
 // Throws what the change would, so that it is known before any input is read. `mayExist`: a member
 // of that kind.
 void rehearse(const PutOptions& options, hxcrate::MemberKind kind, bool mayExist) {
@@ -51,9 +63,9 @@ void rehearse(const PutOptions& options, hxcrate::MemberKind kind, bool mayExist
   const bool needsParent = !parent.empty() && !options.withParents;
   const char* const noParent = "no such store; -p makes it";
   const std::optional<off_t> size = sizeOf(options.store);
-  if (!size) static_cast<void>(NewStore(options.store));  // refuses what can't be made
+  if (!size) refuseUnmakable(options.store);
   if (size.value_or(0) == 0) return needsParent ? refuse(parent, noParent) : void();
-  hxcrate::Session session;
+  hxcrate::Session session(options.session());
   const hxcrate::Store store = session.open(options.store);
   if (needsParent && kindOf(store, parent) != hxcrate::MemberKind::store) refuse(parent, noParent);
   const auto existing = kindOf(store, options.path);
@@ -70,7 +82,7 @@ void rehearse(const PutOptions& options, hxcrate::MemberKind kind, bool mayExist
 }
 
 void updateStore(const PutOptions& options, const NewStore::Fill& fill) {
-  hxcrate::Session session;
+  hxcrate::Session session(options.session());
   hxcrate::Store store = session.open(options.store, hxcrate::Mode::openOrCreate);
   try {
     fill(store);
@@ -87,13 +99,19 @@ void updateStore(const PutOptions& options, const NewStore::Fill& fill) {
 // All or nothing, be it an existing store or one that is made for this.
 void change(const PutOptions& options, const NewStore::Fill& fill) {
   if (sizeOf(options.store)) return updateStore(options, fill);
-  NewStore(options.store).make(SizeForecast(), {}, fill);
-  complain(options.store, "", "a new store was made");
+  try {
+    NewStore(options.store).make(SizeForecast(), {}, fill);
+    complain(options.store, "", "a new store was made");
+  } catch (const Failure&) {
+    if (!sizeOf(options.store)) throw;
+    updateStore(options, fill);  // somebody else was quicker
+  }
 }
 
 void writeItem(const PutOptions& options, const ItemInput& input, hxcrate::Store& store) {
   hxcrate::Writer writer = options.append ? store.append(options.path, options.parents())
                                           : store.create(options.path, options.parents());
+  input.rewind();
   Progress progress("writing");
   progress.expect(input.size());
   const std::int64_t moved = BytePump(&progress).move(
@@ -144,6 +162,7 @@ void addPut(CommandLine& line) {
   words.add_option("FILE", options->file, "the file; \"-\" or none: standard input");
   words.add_flag("-p", options->withParents, "make the stores on the way to PATH");
   words.add_flag("--append", options->append, "at the end of the item when there is one");
+  addWait(words, options->wait);
   addDryRun(words, options->dryRun);
 }
 
@@ -155,6 +174,7 @@ void addMkstore(CommandLine& line) {
   addPlace(words, *options, "the new store, as a/b/c");
   words.add_flag("-p", options->withParents,
                  "make the stores on the way too; fine if PATH is there already");
+  addWait(words, options->wait);
   addDryRun(words, options->dryRun);
 }
 

@@ -203,7 +203,8 @@ ExitCode rebuild(InspectedStore& source, const SalvageOptions& options, Output& 
     complain(options.target, "",
              countOf(rebuilder.items(), "item") + " and " + countOf(rebuilder.stores(), "store") +
                  " were kept");
-    return rebuilder.hasLost() || lacksTop(source) ? ExitCode::partial : ExitCode::fine;
+    const bool isSure = source.file().caveat().empty() && !lacksTop(source);
+    return rebuilder.hasLost() || !isSure ? ExitCode::partial : ExitCode::fine;
   } catch (...) {
     ::unlink(options.target.c_str());
     throw;
@@ -212,7 +213,8 @@ ExitCode rebuild(InspectedStore& source, const SalvageOptions& options, Output& 
 
 // Prints what was lost, what of an item was kept, and what got another name, a line each; nothing
 // when all was kept. Members that no link leads to any more come into a store "lost+found" of the
-// new one. Partial when anything was lost or found there. Throws Failure or hxcrate::Error; then
+// new one. Partial when anything was lost or found there, or the store may be in the middle of an
+// update. Throws Failure or hxcrate::Error; then
 // there is no new file.
 ExitCode salvage(const SalvageOptions& options) {
   Output output;

@@ -57,8 +57,8 @@ struct FileFailure {
 };
 
 // Every failure of this API but running out of memory in the library itself (std::bad_alloc).
-// what() is one line, "STORE: MEMBER: reason (detail)", with the parts that there are. Never
-// changes; any number of threads may read one.
+// what() is one line, "STORE: MEMBER: reason (detail)", with the parts that there are; control
+// characters are octal escapes there. Never changes; any number of threads may read one.
 class Error : public std::system_error {
  public:
   Error(Errc code, std::string store, std::string member, std::string_view detail = {});

@@ -63,8 +63,8 @@ struct MemoryUse {
 };
 
 // Stores stay usable after their session is gone. Movable; what was moved from can only be assigned
-// to. Several threads may use one session; a store file that is opened twice through one session is
-// shared, by threads as well.
+// to. Several threads may use one session; a store file that is opened twice through one session,
+// by the same absolute path, is shared, by threads as well.
 class [[nodiscard]] Session {
  public:
   // Throws noModule when libhxcrate.so can't be loaded, badPageSize below 0.

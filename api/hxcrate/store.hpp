@@ -31,8 +31,9 @@ struct Member {
 
 // The members that a store had when begin() was called, each once, in the order of its table. A
 // range and a view of C++20 that can be gone through any number of times. It holds what it needs of
-// the store, whose file therefore stays open. Several threads may use one, each with iterators of
-// its own.
+// the store, whose file therefore stays open; a whole store throws membersOpen at its close as long
+// as a range of it or an iterator lives. Several threads may use one, each with iterators of its
+// own.
 class [[nodiscard]] MemberRange : public std::ranges::view_base {
  public:
   // Holds the store as well. Movable, not copyable; an input iterator.
@@ -92,7 +93,8 @@ class [[nodiscard]] Store {
   Store() noexcept = default;  // closed
   Store(Store&& other) noexcept;
   Store& operator=(Store&& other) noexcept;  // closes what was open
-  // Closes. A failure goes to the session's onUnreportedError: call close() to be told.
+  // Closes, which ends an update as close() does, also while an exception is on its way: what was
+  // written stays. A failure goes to the session's onUnreportedError: call close() to be told.
   ~Store();
 
   // An existing nested store; a new one (throws exists); either.

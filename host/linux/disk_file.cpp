@@ -47,17 +47,19 @@ void DiskFile::announce(int64_t offset, int64_t count) noexcept {
   const int error = journal_.record(offset, count);
   if (error == 0) return;
   stopWriting();
-  noteFailure(error, "write", offset);
+  noteFailure(error, "write the journal", -1);
 }
 
 bool DiskFile::write(int64_t offset, const void* bytes, int64_t count) noexcept {
   announce(offset, count);
   if (hasLostWrite_) return false;
-  Transfer transfer;
-  transfer.error = journal_.putOnDisk();
-  if (transfer.error == 0) {
-    transfer = writeAll(ops_, lease_.file().descriptor.number(), bytes, count, offset);
+  if (const int error = journal_.putOnDisk(); error != 0) {
+    stopWriting();
+    noteFailure(error, "write the journal", -1);
+    return false;
   }
+  const int number = lease_.file().descriptor.number();
+  const Transfer transfer = writeAll(ops_, number, bytes, count, offset);
   length_ = std::max(length_, offset + transfer.count);
   if (transfer.count == count) return true;
   stopWriting();

@@ -20,8 +20,9 @@ struct HostServices;
 struct FileFailure {
   int error;  // errno; EBUSY when somebody else has the file open; ESTALE when what lies beside it
               // under its journal's name is not its journal, EPERM when it is another user's
-  // "open" and "remove"; "read" and "write"; of an update's end "sync" (its bytes), "commit" (its
-  // journal's removal) and "close"; "roll back" (to what a file was before an update)
+  // "open" and "remove"; "read" and "write"; "write the journal", without which no byte of the file
+  // changes; of an update's end "sync" (its bytes), "commit" (its journal's removal) and "close";
+  // "roll back" (to what a file was before an update)
   std::string operation;
   int64_t offset;    // of the first byte that could not be transferred; -1 where none is meant
   std::string path;  // UTF-8: as given for "open" and "remove", else resolved
