@@ -147,6 +147,19 @@ void Store::close() {
   release();
 }
 
+void Store::abandon() {
+  if (store_ == nullptr) return;
+  if (hx::isRoot(store_) && tree_.use_count() > 1) throw Error(Errc::membersOpen, path(), "");
+  const bool isAbandoned = tree_->abandonUpdate();
+  try {
+    close();
+  } catch (const Error& error) {
+    const FileFailure* failure = error.fileFailure();
+    const bool isWanted = failure != nullptr && failure->reason == std::errc::operation_canceled;
+    if (!isAbandoned || !isWanted) throw;
+  }
+}
+
 Store Store::openStore(std::string_view path) const {
   return openNested(path, hx::kRead, Parents::mustExist);
 }

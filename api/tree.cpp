@@ -16,6 +16,23 @@ std::string resolvePath(hx::Store* root) {
   return hxhost::describePath(path, length);
 }
 
+// The lock under which the module uses its files.
+class ModuleLock {
+ public:
+  explicit ModuleLock(hx::Lock* lock) : lock_(lock), isTaken_(lock->acquire(lock, 1, 1) == 0) {}
+  ~ModuleLock() {
+    if (isTaken_) lock_->release(lock_);
+  }
+  ModuleLock(const ModuleLock&) = delete;
+  ModuleLock& operator=(const ModuleLock&) = delete;
+
+  bool isTaken() const { return isTaken_; }
+
+ private:
+  hx::Lock* lock_;
+  bool isTaken_;
+};
+
 }  // namespace
 
 Tree::Tree(std::shared_ptr<Engine> engine, OpenedRoot root, std::string path, bool writable,
@@ -42,6 +59,15 @@ void Tree::fail(std::int32_t status, const std::string& member) {
     throw Error(code, path_, member, *failure);
   }
   throw Error(code, path_, member);
+}
+
+bool Tree::abandonUpdate() {
+  hx::FileHandle* file = writable_ ? hx::openFile(root_) : nullptr;
+  if (file == nullptr) return false;
+  const ModuleLock lock(module()->lock);  // without it others may be in the middle of a write
+  if (!lock.isTaken()) throw Error(Errc::notLocked, path_, "");
+  hxhost::LinuxHost::abandonUpdate(file);
+  return true;
 }
 
 void Tree::close() {

@@ -42,6 +42,10 @@ class Tree {
   // An error of this file: `status` as the module gave it, and the system's reason if there is one.
   [[noreturn]] void fail(std::int32_t status, const std::string& member);
 
+  // Makes the update of the file fail on purpose, whoever takes part in it: its end undoes it.
+  // False when there is no file or it is open for reading.
+  bool abandonUpdate();
+
   // Throws fileFailed when not everything reached the file; it is closed all the same.
   void close();
 

@@ -462,6 +462,31 @@ TEST_F(ApiTest, SaysWhatTheDiskDidNotTake) {
   EXPECT_EQ(readFile(path_), before);
 }
 
+// Also what others wrote in the same update, and what grew within a page.
+TEST_F(ApiTest, KeepsNothingOfAnAbandonedUpdate) {
+  const std::string before = makeStore({{"old", "old"}});
+  for (const std::string& bytes : {std::string("short"), makeBytes(5000000)}) {
+    Store store = session_.open(path_, Mode::update), other = session_.open(path_, Mode::update);
+    append(other, "old", bytes);
+    if (bytes.size() > 5) append(store, "s/new", bytes);
+    Writer writer = store.append("old");
+    EXPECT_EQ(errorOf([&] { store.abandon(); }), Errc::membersOpen);
+    writer.close();
+    store.abandon();
+    EXPECT_FALSE(store.isOpen());
+    EXPECT_EQ(thrownBy([&] { other.close(); })->fileFailure()->reason,
+              std::errc::operation_canceled);
+    EXPECT_EQ(readFile(path_), before);
+    EXPECT_EQ(get(session_.open(path_), "old"), "old");
+    EXPECT_EQ(membersOf(session_.open(path_)).size(), 1u);
+  }
+  Store created = session_.open(directory_ / "y", Mode::create);
+  append(created, "a", "a");
+  created.abandon();
+  EXPECT_FALSE(std::filesystem::exists(directory_ / "y"));
+  EXPECT_EQ(errorOf([&] { return session_.open(directory_ / "y"); }), Errc::notFound);
+}
+
 TEST_F(ApiTest, OpensADamagedStoreOnlyWhenAskedTo) {
   std::filesystem::resize_file(path_, makeStore({{"a", "x"}}).size() - 1);
   EXPECT_EQ(errorOf([&] { return session_.openMapped(path_); }), Errc::damaged);

@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <string>
@@ -75,23 +74,14 @@ void rehearse(const PutOptions& options, hxcrate::MemberKind kind, bool mayExist
   }
 }
 
-// There is no way to take an item back, but an update that was never closed does not count: the
-// next open of the store undoes it.
-[[noreturn]] void abandonUpdate(ExitCode code) {
-  std::_Exit(static_cast<int>(code));
-}
-
 void updateStore(const PutOptions& options, const NewStore::Fill& fill) {
   hxcrate::Session session(options.session());
   hxcrate::Store store = session.open(options.store, hxcrate::Mode::openOrCreate);
   try {
     fill(store);
-  } catch (const Failure& failure) {
-    failure.print();
-    abandonUpdate(failure.code());
-  } catch (const hxcrate::Error& error) {
-    complain(error);
-    abandonUpdate(exitCodeOf(error));
+  } catch (...) {
+    store.abandon();
+    throw;
   }
   store.close();
 }

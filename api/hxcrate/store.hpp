@@ -94,7 +94,8 @@ class [[nodiscard]] Store {
   Store(Store&& other) noexcept;
   Store& operator=(Store&& other) noexcept;  // closes what was open
   // Closes, which ends an update as close() does, also while an exception is on its way: what was
-  // written stays. A failure goes to the session's onUnreportedError: call close() to be told.
+  // written stays, unless abandon() came first. A failure goes to the session's onUnreportedError:
+  // call close() to be told.
   ~Store();
 
   // An existing nested store; a new one (throws exists); either.
@@ -160,6 +161,12 @@ class [[nodiscard]] Store {
   void close(std::error_code& error) noexcept {
     captureError(error, [&] { close(); });
   }
+
+  // Closes, and gives up the update of the store file, by whomever in this session: at its last
+  // close the file becomes what it was before, and until then its reads and writes fail. Who else
+  // takes part in the update is told by fileFailed at the close, with ECANCELED. The same as
+  // close() for what is open for reading or lives in memory. Throws membersOpen as close() does.
+  void abandon();
 
  private:
   friend class Session;

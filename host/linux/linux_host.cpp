@@ -8,6 +8,7 @@
 #include "host/linux/file_ops.h"
 #include "host/linux/file_service.h"
 #include "host/linux/memory_pool.h"
+#include "host/linux/open_file.h"
 #include "host/linux/thread_lock.h"
 
 namespace hxhost {
@@ -68,6 +69,10 @@ PoolUse LinuxHost::poolUse() const {
 
 void LinuxHost::takeOnlyNewFiles(bool onlyNew) {
   services_->onlyNewFiles = onlyNew;
+}
+
+void LinuxHost::abandonUpdate(hx::FileHandle* file) {
+  static_cast<OpenFile*>(file)->abandon();
 }
 
 std::optional<FileFailure> LinuxHost::takeFileFailure() {

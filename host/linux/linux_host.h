@@ -9,6 +9,7 @@
 #include <string>
 #include <string_view>
 
+#include "host/file_io.h"
 #include "host/kernel.h"
 
 namespace hxhost {
@@ -21,8 +22,8 @@ struct FileFailure {
   int error;  // errno; EBUSY when somebody else has the file open; ESTALE when what lies beside it
               // under its journal's name is not its journal, EPERM when it is another user's
   // "open" and "remove"; "read" and "write"; "write the journal", without which no byte of the file
-  // changes; of an update's end "sync" (its bytes), "commit" (its journal's removal) and "close";
-  // "roll back" (to what a file was before an update)
+  // changes; "abandon"; of an update's end "sync" (its bytes), "commit" (its journal's removal) and
+  // "close"; "roll back" (to what a file was before an update)
   std::string operation;
   int64_t offset;    // of the first byte that could not be transferred; -1 where none is meant
   std::string path;  // UTF-8: as given for "open" and "remove", else resolved
@@ -73,6 +74,11 @@ class LinuxHost {
   // From now on, or no longer, an open for an update refuses a file that is there already, with
   // EEXIST, and a removal leaves it: what is opened is new for certain.
   void takeOnlyNewFiles(bool onlyNew);
+
+  // Gives up an update: what was written to the `file` of this host since it was opened is undone
+  // when it is closed, and until then everything fails, with ECANCELED of an "abandon". Nobody may
+  // use the file meanwhile. Changes nothing of a file that is open for reading.
+  static void abandonUpdate(hx::FileHandle* file);
 
   // The oldest failure, or the oldest of that path, which is forgotten: an open or a removal that
   // failed, and of an open file each failure that came when none of it was waiting to be taken,

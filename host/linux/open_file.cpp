@@ -85,6 +85,12 @@ int32_t OpenFile::writeOn(const void* source, int64_t count) noexcept {
   return kDone;
 }
 
+void OpenFile::abandon() noexcept {
+  if (!disk_.isWritable()) return;
+  disk_.stopWriting();
+  disk_.noteFailure(ECANCELED, "abandon", -1);
+}
+
 int32_t OpenFile::refuse() noexcept {
   disk_.noteRefusal();
   return kFailed;

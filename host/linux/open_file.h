@@ -29,6 +29,9 @@ class OpenFile : public hx::FileHandle {
   int32_t writeOn(const void* source, int64_t count) noexcept;
   int32_t moveTo(int64_t& position, int32_t whence) noexcept;
 
+  // Makes an update fail on purpose.
+  void abandon() noexcept;
+
  private:
   int32_t refuse() noexcept;
 
