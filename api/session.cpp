@@ -145,19 +145,24 @@ Session::Session(SessionOptions options) {
   engine_ = std::make_shared<Engine>(std::move(options));
 }
 
+const std::shared_ptr<Engine>& Session::engine() const {
+  if (engine_ == nullptr) throw Error(Errc::closed, "", "");
+  return engine_;
+}
+
 // 0 for the module's own.
 std::int32_t Session::choosePageSize(std::int32_t wanted, const std::string& store) const {
   if (wanted < 0) throw Error(Errc::badPageSize, store, "");
-  return wanted != 0 ? wanted : engine_->options().pageSize;
+  return wanted != 0 ? wanted : engine()->options().pageSize;
 }
 
 Store Session::open(const std::string& path, Mode mode, OpenOptions options) {
   options.pageSize = choosePageSize(options.pageSize, path);
   std::shared_ptr<Tree> tree;
   {
-    const std::lock_guard guard(engine_->openingMutex());
-    OpenedRoot root(FileOpener(*engine_, path, options).open(mode));
-    tree = std::make_shared<Tree>(engine_, std::move(root), path, mode != Mode::read);
+    const std::lock_guard guard(engine()->openingMutex());
+    OpenedRoot root(FileOpener(*engine(), path, options).open(mode));
+    tree = std::make_shared<Tree>(engine(), std::move(root), path, mode != Mode::read);
   }
   Store store(tree, tree->root(), "");
   const std::error_code damage = store.damage();
@@ -170,40 +175,40 @@ Store Session::open(const std::string& path, Mode mode, OpenOptions options) {
 Store Session::createInMemory(const std::string& name, std::int32_t pageSize) {
   pageSize = choosePageSize(pageSize, name);
   const std::u32string wide =
-      widenName(std::to_string(engine_->numberStoreInMemory()) + "/" + name);
+      widenName(std::to_string(engine()->numberStoreInMemory()) + "/" + name);
   std::int32_t status = hx::kOk;
-  hx::ExtensionInstance* module = engine_->module();
+  hx::ExtensionInstance* module = engine()->module();
   OpenedRoot root(
       module->openStore(module, nullptr, wide.data(), static_cast<std::int32_t>(wide.size()),
                         hx::kUpdate | hx::kCreate | hx::kExclusive | hx::kNoFile, &status));
   if (root == nullptr) throw Error(static_cast<Errc>(status), name, "");
   if (pageSize != 0) root->setPageSize(root.get(), pageSize);
-  const auto tree = std::make_shared<Tree>(engine_, std::move(root), name, true);
+  const auto tree = std::make_shared<Tree>(engine(), std::move(root), name, true);
   return {tree, tree->root(), ""};
 }
 
 Store Session::openBlob(std::span<const std::byte> bytes, const std::string& name) {
-  const std::shared_ptr<Tree> tree = openBytes(engine_, bytes, name, nullptr);
+  const std::shared_ptr<Tree> tree = openBytes(engine(), bytes, name, nullptr);
   return {tree, tree->root(), ""};
 }
 
 Store Session::openBlob(const Blob& blob, const std::string& name) {
-  const std::shared_ptr<Tree> tree = openBytes(engine_, blob.bytes(), name, blob.memory_);
+  const std::shared_ptr<Tree> tree = openBytes(engine(), blob.bytes(), name, blob.memory_);
   return {tree, tree->root(), ""};
 }
 
 Store Session::openMapped(const std::string& path) {
   std::shared_ptr<const MappedFile> file;
   {
-    const std::lock_guard guard(engine_->openingMutex());
-    file = std::make_shared<const MappedFile>(engine_, path);
+    const std::lock_guard guard(engine()->openingMutex());
+    file = std::make_shared<const MappedFile>(engine(), path);
   }
-  const std::shared_ptr<Tree> tree = openBytes(engine_, file->bytes(), path, file);
+  const std::shared_ptr<Tree> tree = openBytes(engine(), file->bytes(), path, file);
   return {tree, tree->root(), ""};
 }
 
 MemoryUse Session::memoryUse() const {
-  return engine_->memoryUse();
+  return engine()->memoryUse();
 }
 
 std::string_view version() noexcept {

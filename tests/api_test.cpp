@@ -141,6 +141,9 @@ TEST_F(ApiTest, ABlobNeedsNeitherItsStoreNorItsSession) {
   EXPECT_EQ(session->memoryUse().blocks, before + 1);
   session.reset();
   EXPECT_EQ(get(session_.openBlob(blob.bytes(), "x.st"), "s/a"), "a");
+  const Session taken = std::move(session_);
+  // NOLINTNEXTLINE(bugprone-use-after-move)
+  EXPECT_EQ(errorOf([&] { return session_.openBlob(blob, "x.st"); }), Errc::closed);
 }
 
 TEST_F(ApiTest, KeepsNamesByteForByteAndRefusesWhatWouldBeCut) {
@@ -468,7 +471,7 @@ TEST_F(ApiTest, KeepsNothingOfAnAbandonedUpdate) {
   for (const std::string& bytes : {std::string("short"), makeBytes(5000000)}) {
     Store store = session_.open(path_, Mode::update), other = session_.open(path_, Mode::update);
     append(other, "old", bytes);
-    if (bytes.size() > 5) append(store, "s/new", bytes);
+    bytes.size() > 5 ? append(store, "s/new", bytes) : store.createStore("n").close();
     Writer writer = store.append("old");
     EXPECT_EQ(errorOf([&] { store.abandon(); }), Errc::membersOpen);
     writer.close();

@@ -62,9 +62,9 @@ struct MemoryUse {
   std::uint64_t peakBytes;  // the most since the session began
 };
 
-// Stores stay usable after their session is gone. Movable; what was moved from can only be assigned
-// to. Several threads may use one session; a store file that is opened twice through one session,
-// by the same absolute path, is shared, by threads as well.
+// Stores stay usable after their session is gone. Movable; what was moved from is closed. Several
+// threads may use one session; a store file that is opened twice through one session, by the same
+// absolute path, is shared, by threads as well.
 class [[nodiscard]] Session {
  public:
   // Throws noModule when libhxcrate.so can't be loaded, badPageSize below 0.
@@ -109,6 +109,7 @@ class [[nodiscard]] Session {
   MemoryUse memoryUse() const;
 
  private:
+  const std::shared_ptr<Engine>& engine() const;
   std::int32_t choosePageSize(std::int32_t wanted, const std::string& store) const;
 
   std::shared_ptr<Engine> engine_;
