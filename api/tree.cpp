@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "host/linux/path_codec.h"
+#include "store/lock_guard.h"
 
 namespace hxcrate {
 
@@ -15,23 +16,6 @@ std::string resolvePath(hx::Store* root) {
   root->path(root, path, &length);
   return hxhost::describePath(path, length);
 }
-
-// The lock under which the module uses its files.
-class ModuleLock {
- public:
-  explicit ModuleLock(hx::Lock* lock) : lock_(lock), isTaken_(lock->acquire(lock, 1, 1) == 0) {}
-  ~ModuleLock() {
-    if (isTaken_) lock_->release(lock_);
-  }
-  ModuleLock(const ModuleLock&) = delete;
-  ModuleLock& operator=(const ModuleLock&) = delete;
-
-  bool isTaken() const { return isTaken_; }
-
- private:
-  hx::Lock* lock_;
-  bool isTaken_;
-};
 
 }  // namespace
 
@@ -62,12 +46,12 @@ void Tree::fail(std::int32_t status, const std::string& member) {
 }
 
 bool Tree::abandonUpdate() {
-  hx::FileHandle* file = writable_ ? hx::openFile(root_) : nullptr;
-  if (file == nullptr) return false;
-  const ModuleLock lock(module()->lock);  // without it others may be in the middle of a write
-  if (!lock.isTaken()) throw Error(Errc::notLocked, path_, "");
-  hxhost::LinuxHost::abandonUpdate(file);
-  return true;
+  if (!writable_) return false;
+  const hx::LockGuard lock(module()->lock);  // without it others may be in the middle of a write
+  if (!lock.taken()) throw Error(Errc::notLocked, path_, "");
+  hx::FileHandle* file = hx::openFile(root_);
+  if (file != nullptr) hxhost::LinuxHost::abandonUpdate(file);
+  return file != nullptr;
 }
 
 void Tree::close() {

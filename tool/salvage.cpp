@@ -214,8 +214,7 @@ ExitCode rebuild(InspectedStore& source, const SalvageOptions& options, Output& 
 // Prints what was lost, what of an item was kept, and what got another name, a line each; nothing
 // when all was kept. Members that no link leads to any more come into a store "lost+found" of the
 // new one. Partial when anything was lost or found there, or the store may be in the middle of an
-// update. Throws Failure or hxcrate::Error; then
-// there is no new file.
+// update. Throws Failure or hxcrate::Error; then there is no new file.
 ExitCode salvage(const SalvageOptions& options) {
   Output output;
   const auto tell = [&](const hxcrate::Finding& finding) {
