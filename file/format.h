@@ -81,8 +81,9 @@ constexpr bool leadsToItem(int64_t link) {
   return link > 0;
 }
 
-// The smallest number has no absolute value; it leads out of every file.
-constexpr int64_t entryOffsetOf(int64_t link) {
+// Where the ENTRY lies that a link leads to. The smallest number has no absolute value; it leads
+// out of every file.
+constexpr int64_t targetOf(int64_t link) {
   if (link >= 0) return link;
   return link == INT64_MIN ? INT64_MAX : -link;
 }

@@ -53,7 +53,7 @@ Status loadNestedStore(Store* parent, int64_t link, Entry* entry, Store** loaded
   Pool* pool = parent->extension->pool;
   auto* store = allocateRecord<Store>(pool);
   if (store == nullptr) return kNoMemory;
-  store->directoryOffset = entryOffsetOf(link);
+  store->directoryOffset = targetOf(link);
   const Status status = fillNestedStore(parent, store, entry);
   if (status != kOk) freeBlock(pool, store);
   *loaded = store;

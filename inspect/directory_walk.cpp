@@ -103,7 +103,7 @@ class DirectoryWalk {
       members_[level.store].isWhole = false;
       return Link{0, link.field, link.offset, link.holder};
     }
-    const int64_t at = hx::entryOffsetOf(link.value);
+    const int64_t at = hx::targetOf(link.value);
     const bool isItem = hx::leadsToItem(link.value);
     addMember(*entry, at, level.store, isItem ? MemberKind::item : MemberKind::store);
     checkMember(*entry, at, index);

@@ -2,10 +2,9 @@
 #include <utility>
 
 #include "hxcrate/inspect.hpp"
+#include "inspect/chain_walk.h"
 #include "inspect/directory_walk.h"
-#include "inspect/lost_chains.h"
-#include "inspect/lost_members.h"
-#include "inspect/page_walk.h"
+#include "inspect/lost_records.h"
 
 namespace hxcrate {
 
@@ -22,7 +21,7 @@ void tellDirectory(const Ledger& ledger, const PageWalkOptions& options) {
 }
 
 // Each chain of pages becomes an item without an ENTRY, called by where it begins.
-void adoptLostChains(Ledger& ledger, const PageWalkOptions& options, PageWalk& pages) {
+void adoptLostChains(Ledger& ledger, const PageWalkOptions& options, ChainWalk& chains) {
   for (const int64_t head : findLostChains(ledger)) {
     // It may lie in the bytes of a chain before it.
     const ByteRange record{head, head + hx::kChunkSize};
@@ -32,7 +31,7 @@ void adoptLostChains(Ledger& ledger, const PageWalkOptions& options, PageWalk& p
     ledger.members.push_back(
         {"item-at-" + std::to_string(head), lost, -1, head, 0, MemberKind::item, true});
     if (options.onAdoption) options.onAdoption(index, lost);
-    pages.walkItem(index);
+    chains.walkItem(index);
   }
 }
 
@@ -81,10 +80,10 @@ Inspection::~Inspection() = default;
 void Inspection::walkPages(const PageWalkOptions& options) {
   Ledger& ledger = parts_->ledger;
   tellDirectory(ledger, options);
-  PageWalk pages(ledger, options);
+  ChainWalk chains(ledger, options);
   const auto walkFrom = [&](std::size_t first) {
     for (std::size_t i = first; i < ledger.members.size(); ++i) {
-      if (ledger.members[i].kind == MemberKind::item) pages.walkItem(i);
+      if (ledger.members[i].kind == MemberKind::item) chains.walkItem(i);
     }
   };
   walkFrom(0);
@@ -92,9 +91,9 @@ void Inspection::walkPages(const PageWalkOptions& options) {
     const std::size_t first = ledger.members.size();
     adoptLostMembers(ledger, options);
     walkFrom(first);
-    adoptLostChains(ledger, options, pages);
+    adoptLostChains(ledger, options, chains);
   }
-  pages.claimSlack();
+  chains.claimSlack();
   tellUnreachable(ledger, options);
 }
 

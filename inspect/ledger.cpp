@@ -33,7 +33,7 @@ std::string Ledger::describeOwner(std::size_t member) const {
 }
 
 std::optional<hx::Entry> Ledger::takeEntry(const Link& link, std::size_t owner) {
-  const int64_t at = hx::entryOffsetOf(link.value);
+  const int64_t at = hx::targetOf(link.value);
   if (!isFree(link, at, hx::kEntrySize)) return std::nullopt;
   std::optional<hx::Entry> entry = reader.readEntry(at);
   settle(link, {at, at + hx::kEntrySize}, entry.has_value(), owner);

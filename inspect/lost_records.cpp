@@ -1,15 +1,36 @@
-#include "inspect/lost_members.h"
+#include "inspect/lost_records.h"
 
 #include <algorithm>
 #include <cstring>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "inspect/directory_walk.h"
-#include "inspect/free_bytes.h"
+#include "inspect/page_record.h"
 
 namespace hxcrate {
 
 namespace {
+
+// Calls `consider(bytes, at)` for each place at which `size` free bytes begin, which `bytes` points
+// to. When it returns true they are taken for a record, and the search goes on behind them.
+template <typename Consider>
+void searchFreeBytes(const Ledger& ledger, std::size_t size, Consider consider) {
+  constexpr int64_t kWindow = 1 << 20;
+  std::vector<std::byte> window;
+  for (const ByteRange& range : ledger.claimed.listFree({0, ledger.reader.length()})) {
+    for (int64_t at = range.start; range.end - at >= static_cast<int64_t>(size);) {
+      window.resize(
+          static_cast<std::size_t>(std::min(kWindow + static_cast<int64_t>(size), range.end - at)));
+      window.resize(ledger.reader.source().read(at, window));
+      if (window.size() < size) break;
+      std::size_t i = 0;
+      while (i + size <= window.size())
+        i += consider(window.data() + i, at + static_cast<int64_t>(i)) ? size : 1;
+      at += static_cast<int64_t>(i);
+    }
+  }
+}
 
 struct Candidate {
   int64_t at;
@@ -79,12 +100,12 @@ class LostMembers {
       return offset == 0 || reader_.holds(offset, hx::kEntrySize);
     };
     return isEntryOr0(entry.parentLink) && isEntryOr0(entry.previousLink) &&
-           isEntryOr0(hx::entryOffsetOf(entry.next)) && isSoundName(entry.name);
+           isEntryOr0(hx::targetOf(entry.next)) && isSoundName(entry.name);
   }
 
   bool leadsToOwnMember(const hx::Entry& entry, int64_t at) const {
     if (entry.firstLink == 0) return true;
-    const int64_t first = hx::entryOffsetOf(entry.firstLink);
+    const int64_t first = hx::targetOf(entry.firstLink);
     if (!reader_.holds(first, hx::kEntrySize)) return false;
     const std::optional<hx::Entry> member = reader_.readEntry(first);
     return member && member->parentLink == at;
@@ -93,15 +114,7 @@ class LostMembers {
   bool leadsToPage(const hx::Entry& entry) const {
     if (!reader_.holds(entry.firstLink, hx::kChunkSize)) return false;
     const std::optional<hx::DataChunk> chunk = reader_.readChunk(entry.firstLink);
-    if (!chunk) return false;
-    if (chunk->capacity == 0) {
-      return chunk->dataOffset == 0 && chunk->used == 0 && chunk->next == 0;
-    }
-    const bool isLast = chunk->next == 0;
-    return chunk->capacity == reader_.pageSize() && chunk->used <= chunk->capacity &&
-           chunk->used >= (isLast ? 0 : chunk->capacity) &&
-           (isLast || reader_.holds(chunk->next, hx::kChunkSize)) &&
-           reader_.holds(chunk->dataOffset, chunk->used);
+    return chunk && isSound(*chunk, reader_);
   }
 
   // What was found of a store that was found too; for kNoOffset, what is in none of those. Last
@@ -166,6 +179,22 @@ void adoptLostMembers(Ledger& ledger, const PageWalkOptions& options) {
   LostMembers lost(ledger);
   lost.find();
   lost.adopt(options);
+}
+
+std::vector<int64_t> findLostChains(const Ledger& ledger) {
+  std::vector<int64_t> heads;
+  std::unordered_set<int64_t> followed;
+  searchFreeBytes(ledger, hx::kChunkSize, [&](const std::byte* bytes, int64_t at) {
+    hx::DataChunk chunk;
+    std::memcpy(&chunk, bytes, sizeof(chunk));
+    ledger.reader.arrange(chunk);
+    if (chunk.capacity == 0 || !isSound(chunk, ledger.reader)) return false;
+    if (chunk.used > 0) heads.push_back(at);
+    if (chunk.next != 0) followed.insert(chunk.next);
+    return true;
+  });
+  std::erase_if(heads, [&](int64_t at) { return followed.count(at) > 0; });
+  return heads;
 }
 
 }  // namespace hxcrate

@@ -5,9 +5,9 @@
 
 namespace hxcrate {
 
-class PageWalk {
+class ChainWalk {
  public:
-  PageWalk(Ledger& ledger, const PageWalkOptions& options) : ledger_(ledger), options_(options) {}
+  ChainWalk(Ledger& ledger, const PageWalkOptions& options) : ledger_(ledger), options_(options) {}
 
   // Tells the extents of the item's records and bytes, as far as its chain is sound, and sets how
   // long it is and whether that is all of it. Every record and byte that is followed gets its
@@ -25,8 +25,8 @@ class PageWalk {
   };
 
   std::optional<Link> walkPage(const Link& link);
-  bool checkEmpty(const hx::DataChunk& chunk, int64_t at) const;
-  bool checkRecord(const hx::DataChunk& chunk, int64_t at);
+  bool checkRecord(const hx::DataChunk& chunk, int64_t at) const;
+  bool checkEnd(const hx::DataChunk& chunk, int64_t at) const;
   bool checkPlace(const hx::DataChunk& chunk, int64_t at) const;
   bool takeBytes(const hx::DataChunk& chunk, int64_t at);
   void keepSlack(const hx::DataChunk& chunk);

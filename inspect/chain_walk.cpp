@@ -1,9 +1,11 @@
-#include "inspect/page_walk.h"
+#include "inspect/chain_walk.h"
 
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <utility>
+
+#include "inspect/page_record.h"
 
 namespace hxcrate {
 
@@ -20,7 +22,7 @@ std::string say(const char* field, int64_t found) {
 
 }  // namespace
 
-void PageWalk::walkItem(std::size_t item) {
+void ChainWalk::walkItem(std::size_t item) {
   InspectedMember& member = ledger_.members[item];
   item_ = item;
   pageIndex_ = 0;
@@ -39,46 +41,49 @@ void PageWalk::walkItem(std::size_t item) {
 }
 
 // The link to the page behind it; nothing where the chain is broken.
-std::optional<Link> PageWalk::walkPage(const Link& link) {
+std::optional<Link> ChainWalk::walkPage(const Link& link) {
   const std::optional<hx::DataChunk> chunk = ledger_.takeChunk(link, item_);
   if (!chunk) return std::nullopt;
   const int64_t at = link.value;
   tell(ByteKind::chunk, {at, at + hx::kChunkSize}, item_);
   const Link next{chunk->next, "next", at + kNext, item_};
-  if (chunk->capacity == 0) return checkEmpty(*chunk, at) ? std::optional(next) : std::nullopt;
   if (!checkRecord(*chunk, at)) return std::nullopt;
+  if (chunk->capacity == 0) return next;
   const bool isPlaced = checkPlace(*chunk, at);
   if (!takeBytes(*chunk, at) || !isPlaced) return std::nullopt;
   keepSlack(*chunk);
   return next;
 }
 
-bool PageWalk::checkEmpty(const hx::DataChunk& chunk, int64_t at) const {
-  if (chunk.dataOffset != 0 || chunk.used != 0 || chunk.next != 0) {
-    return reportDamage(at + kCapacity, "capacity is 0, but the record is not all zero");
+bool ChainWalk::checkRecord(const hx::DataChunk& chunk, int64_t at) const {
+  const auto whole = [this] {
+    return std::to_string(ledger_.reader.pageSize()) + ", the page size";
+  };
+  switch (findFault(chunk, ledger_.reader)) {
+    case PageFault::notAllZero:
+      return reportDamage(at + kCapacity, "capacity is 0, but the record is not all zero");
+    case PageFault::pageSizeUnknown:
+      return reportDamage(at, "a page can't be read, its size is not known");
+    case PageFault::capacity:
+      return reportDamage(at + kCapacity, say("capacity", chunk.capacity) + ", not " + whole());
+    case PageFault::used:
+      return reportDamage(at + kUsed, say("used", chunk.used) + ", not 0 to " + whole());
+    case PageFault::notFull:
+      return reportDamage(at + kUsed, say("used", chunk.used) + ", not " + whole() +
+                                          ", in a page that others follow");
+    case PageFault::none:
+    case PageFault::place:
+    case PageFault::next:
+      return checkEnd(chunk, at);  // places are checked when they are gone to
   }
-  if (pageIndex_ > 0) {
-    ledger_.report(Severity::warning, at, item_,
-                   "the last record is all zero, which only an item without pages has");
-  }
-  return true;
+  return false;
 }
 
-bool PageWalk::checkRecord(const hx::DataChunk& chunk, int64_t at) {
-  const int32_t pageSize = ledger_.reader.pageSize();
-  const std::string whole = std::to_string(pageSize) + ", the page size";
-  if (pageSize == 0) return reportDamage(at, "a page can't be read, its size is not known");
-  if (chunk.capacity != pageSize) {
-    return reportDamage(at + kCapacity, say("capacity", chunk.capacity) + ", not " + whole);
-  }
-  if (chunk.used < 0 || chunk.used > pageSize) {
-    return reportDamage(at + kUsed, say("used", chunk.used) + ", not 0 to " + whole);
-  }
-  if (chunk.next != 0 && chunk.used != pageSize) {
-    return reportDamage(
-        at + kUsed, say("used", chunk.used) + ", not " + whole + ", in a page that others follow");
-  }
-  if (chunk.next == 0 && chunk.used == pageSize) {
+bool ChainWalk::checkEnd(const hx::DataChunk& chunk, int64_t at) const {
+  if (chunk.capacity == 0 && pageIndex_ > 0) {
+    ledger_.report(Severity::warning, at, item_,
+                   "the last record is all zero, which only an item without pages has");
+  } else if (chunk.capacity != 0 && chunk.next == 0 && chunk.used == chunk.capacity) {
     ledger_.report(Severity::warning, at + kNext, item_,
                    "next is 0, but a full page is followed by another");
   }
@@ -88,7 +93,7 @@ bool PageWalk::checkRecord(const hx::DataChunk& chunk, int64_t at) {
 
 // Whole pages are read but the first, of which the used bytes are; to append to the item a whole
 // page is needed.
-bool PageWalk::checkPlace(const hx::DataChunk& chunk, int64_t at) const {
+bool ChainWalk::checkPlace(const hx::DataChunk& chunk, int64_t at) const {
   if (ledger_.reader.holds(chunk.dataOffset, chunk.capacity)) return true;
   const std::string end = ", and " + std::to_string(chunk.capacity) +
                           " bytes from there are not in the file of " +
@@ -103,7 +108,7 @@ bool PageWalk::checkPlace(const hx::DataChunk& chunk, int64_t at) const {
 }
 
 // As many of the bytes as are in the file and nobody else's.
-bool PageWalk::takeBytes(const hx::DataChunk& chunk, int64_t at) {
+bool ChainWalk::takeBytes(const hx::DataChunk& chunk, int64_t at) {
   if (!ledger_.reader.holds(chunk.dataOffset, 0)) return false;
   const int64_t room = ledger_.reader.length() - chunk.dataOffset;
   const ByteRange wanted{chunk.dataOffset, chunk.dataOffset + std::min<int64_t>(chunk.used, room)};
@@ -122,19 +127,19 @@ bool PageWalk::takeBytes(const hx::DataChunk& chunk, int64_t at) {
                                             ledger_.describeOwner(owned.owner));
 }
 
-void PageWalk::keepSlack(const hx::DataChunk& chunk) {
+void ChainWalk::keepSlack(const hx::DataChunk& chunk) {
   const int64_t start = chunk.dataOffset + chunk.used;
   const int64_t end = std::min(chunk.dataOffset + chunk.capacity, ledger_.reader.length());
   if (start < end) slack_.push_back({{start, end}, item_});
 }
 
-void PageWalk::claimSlack() {
+void ChainWalk::claimSlack() {
   for (const Slack& slack : slack_)
     claimSlackOf(slack);
   if (strayBytes_ > 0) reportBytes();
 }
 
-void PageWalk::claimSlackOf(const Slack& slack) {
+void ChainWalk::claimSlackOf(const Slack& slack) {
   const OwnedRange owned = ledger_.claimed.findOwned(slack.range);
   if (owned.range.length() > 0) {
     ledger_.report(Severity::error, owned.range.start, slack.item,
@@ -148,7 +153,7 @@ void PageWalk::claimSlackOf(const Slack& slack) {
   }
 }
 
-void PageWalk::lookForBytes(ByteRange range) {
+void ChainWalk::lookForBytes(ByteRange range) {
   constexpr std::array<std::byte, 4096> kZeros{};
   std::array<std::byte, kZeros.size()> buffer;
   for (int64_t at = range.start; at < range.end;) {
@@ -165,17 +170,17 @@ void PageWalk::lookForBytes(ByteRange range) {
   }
 }
 
-void PageWalk::reportBytes() const {
+void ChainWalk::reportBytes() const {
   ledger_.report(Severity::note, firstStray_, kNoMember,
                  "here begin " + std::to_string(strayBytes_) +
                      " bytes behind the ends of items that are not zero");
 }
 
-void PageWalk::tell(ByteKind kind, ByteRange range, std::size_t item) const {
+void ChainWalk::tell(ByteKind kind, ByteRange range, std::size_t item) const {
   if (options_.onExtent) options_.onExtent({kind, range.start, range.length(), item});
 }
 
-bool PageWalk::reportDamage(int64_t offset, std::string reason) const {
+bool ChainWalk::reportDamage(int64_t offset, std::string reason) const {
   ledger_.report(Severity::error, offset, item_, std::move(reason));
   return false;
 }
