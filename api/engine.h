@@ -10,7 +10,7 @@
 #include "host/linux/linux_host.h"
 #include "hxcrate/error.hpp"
 #include "hxcrate/session.hpp"
-#include "store/records.h"
+#include "records/records.h"
 
 namespace hxcrate {
 

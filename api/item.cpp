@@ -6,7 +6,7 @@
 
 #include "host/linux/conversion.h"
 #include "member_path.h"
-#include "store/status.h"
+#include "records/status.h"
 #include "tree.h"
 
 namespace hxcrate {

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "member_path.h"
-#include "store/status.h"
+#include "records/status.h"
 
 namespace hxcrate {
 

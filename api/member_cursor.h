@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "hxcrate/store.hpp"
-#include "store/records.h"
+#include "records/records.h"
 #include "tree.h"
 
 namespace hxcrate {

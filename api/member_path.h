@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "store/records.h"
+#include "records/records.h"
 
 namespace hxcrate {
 

@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/kernel.h"
-#include "store/records.h"
+#include "records/records.h"
 
 namespace hxcrate {
 

@@ -8,7 +8,7 @@
 #include "engine.h"
 #include "mapped_file.h"
 #include "member_path.h"
-#include "store/status.h"
+#include "records/status.h"
 #include "tree.h"
 
 namespace hxcrate {

@@ -5,7 +5,7 @@
 #include "hxcrate/error.hpp"
 #include "member_cursor.h"
 #include "member_path.h"
-#include "store/status.h"
+#include "records/status.h"
 #include "tree.h"
 
 namespace hxcrate {

@@ -3,7 +3,7 @@
 #include <utility>
 
 #include "host/linux/path_codec.h"
-#include "store/lock_guard.h"
+#include "records/lock_guard.h"
 
 namespace hxcrate {
 

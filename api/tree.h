@@ -7,7 +7,7 @@
 #include <string>
 
 #include "engine.h"
-#include "store/records.h"
+#include "records/records.h"
 
 namespace hxcrate {
 

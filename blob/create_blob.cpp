@@ -3,8 +3,8 @@
 #include "file/disk_space.h"
 #include "file/header.h"
 #include "file/write_directory.h"
-#include "store/memory.h"
-#include "store/tree_cursor.h"
+#include "records/memory.h"
+#include "records/tree_cursor.h"
 
 namespace hx {
 

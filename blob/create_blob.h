@@ -2,8 +2,8 @@
 // have. None of this takes the lock: the caller keeps every other thread away from the tree.
 #pragma once
 
-#include "store/export.h"
-#include "store/records.h"
+#include "records/export.h"
+#include "records/records.h"
 
 namespace hx {
 

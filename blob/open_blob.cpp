@@ -3,11 +3,11 @@
 #include "file/converters.h"
 #include "file/header.h"
 #include "file/load_directory.h"
-#include "store/lock_guard.h"
-#include "store/memory.h"
+#include "records/lock_guard.h"
+#include "records/memory.h"
+#include "records/slots.h"
+#include "records/status.h"
 #include "store/purge.h"
-#include "store/slots.h"
-#include "store/status.h"
 
 namespace hx {
 

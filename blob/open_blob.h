@@ -1,8 +1,8 @@
 // Opens a store from a blob: read-only, without copying a page.
 #pragma once
 
-#include "store/export.h"
-#include "store/records.h"
+#include "records/export.h"
+#include "records/records.h"
 
 namespace hx {
 

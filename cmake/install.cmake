@@ -18,8 +18,14 @@ install(FILES host/kernel.h host/encoding.h host/file_io.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hxcrate-module/host)
 install(FILES module/entry.h module/crate.h
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hxcrate-module/module)
-install(FILES store/records.h store/status.h store/export.h
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hxcrate-module/store)
+foreach(hx_header IN ITEMS records.h status.h export.h)
+  install(FILES records/${hx_header} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hxcrate-module/records)
+  # Where they lay up to version 1.0; programs built elsewhere include them there.
+  file(CONFIGURE OUTPUT ${PROJECT_BINARY_DIR}/generated/store/${hx_header}
+       CONTENT "#pragma once\n\n#include \"records/${hx_header}\"\n")
+  install(FILES ${PROJECT_BINARY_DIR}/generated/store/${hx_header}
+          DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/hxcrate-module/store)
+endforeach()
 
 install(EXPORT hxcrateTargets NAMESPACE hxcrate:: FILE hxcrateConfig.cmake
         DESTINATION ${hx_cmake_dir})

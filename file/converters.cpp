@@ -1,6 +1,6 @@
 #include "file/converters.h"
 
-#include "store/bytes.h"
+#include "records/bytes.h"
 
 namespace hx {
 

@@ -3,7 +3,7 @@
 // more with the last item handle that is closed behind it. Making one needs the instance's lock.
 #pragma once
 
-#include "store/records.h"
+#include "records/records.h"
 
 namespace hx {
 

@@ -1,6 +1,6 @@
 #include "file/disk_space.h"
 
-#include "store/memory.h"
+#include "records/memory.h"
 
 namespace hx {
 

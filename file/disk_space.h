@@ -3,8 +3,8 @@
 // other thread away from the tree.
 #pragma once
 
-#include "store/export.h"
-#include "store/records.h"
+#include "records/export.h"
+#include "records/records.h"
 
 namespace hx {
 

@@ -2,7 +2,7 @@
 // changed it meanwhile.
 #pragma once
 
-#include "store/records.h"
+#include "records/records.h"
 
 namespace hx {
 

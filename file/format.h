@@ -3,7 +3,7 @@
 // packed one after the other in the order in which space was asked for.
 #pragma once
 
-#include "store/records.h"
+#include "records/records.h"
 
 namespace hx {
 

@@ -2,8 +2,8 @@
 #pragma once
 
 #include "file/format.h"
-#include "store/records.h"
-#include "store/status.h"
+#include "records/records.h"
+#include "records/status.h"
 
 namespace hx {
 

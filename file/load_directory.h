@@ -2,8 +2,8 @@
 // where they are until the items are opened.
 #pragma once
 
-#include "store/export.h"
-#include "store/records.h"
+#include "records/export.h"
+#include "records/records.h"
 
 namespace hx {
 

@@ -3,7 +3,7 @@
 #include "file/record_maps.h"
 #include "file/storage.h"
 #include "file/translate.h"
-#include "store/memory.h"
+#include "records/memory.h"
 
 namespace hx {
 

@@ -3,9 +3,9 @@
 #pragma once
 
 #include "file/format.h"
-#include "store/export.h"
-#include "store/records.h"
-#include "store/status.h"
+#include "records/export.h"
+#include "records/records.h"
+#include "records/status.h"
 
 namespace hx {
 

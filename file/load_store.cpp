@@ -4,10 +4,10 @@
 #include "file/header.h"
 #include "file/load_directory.h"
 #include "file/storage.h"
-#include "store/member_table.h"
-#include "store/memory.h"
-#include "store/slots.h"
-#include "store/status.h"
+#include "records/member_table.h"
+#include "records/memory.h"
+#include "records/slots.h"
+#include "records/status.h"
 
 namespace hx {
 

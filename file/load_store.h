@@ -1,7 +1,7 @@
 #pragma once
 
-#include "store/export.h"
-#include "store/records.h"
+#include "records/export.h"
+#include "records/records.h"
 
 namespace hx {
 

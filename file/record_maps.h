@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/encoding.h"
-#include "store/export.h"
+#include "records/export.h"
 
 namespace hx {
 

@@ -3,8 +3,8 @@
 #pragma once
 
 #include "file/format.h"
-#include "store/name.h"
-#include "store/records.h"
+#include "records/name.h"
+#include "records/records.h"
 
 namespace hx {
 

@@ -1,7 +1,7 @@
 #include "file/translate.h"
 
 #include "file/converters.h"
-#include "store/bytes.h"
+#include "records/bytes.h"
 
 namespace hx {
 

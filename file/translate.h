@@ -1,8 +1,8 @@
 #pragma once
 
 #include "host/encoding.h"
-#include "store/export.h"
-#include "store/records.h"
+#include "records/export.h"
+#include "records/records.h"
 
 namespace hx {
 

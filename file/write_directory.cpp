@@ -2,8 +2,8 @@
 
 #include "file/disk_space.h"
 #include "file/write_pages.h"
-#include "store/name.h"
-#include "store/tree_cursor.h"
+#include "records/name.h"
+#include "records/tree_cursor.h"
 
 namespace hx {
 

@@ -3,14 +3,14 @@
 #include "file/load_item.h"
 #include "file/write_pages.h"
 #include "item/page_list.h"
-#include "store/lock_guard.h"
-#include "store/member_table.h"
-#include "store/memory.h"
+#include "records/lock_guard.h"
+#include "records/member_table.h"
+#include "records/memory.h"
+#include "records/slots.h"
+#include "records/status.h"
 #include "store/open_store.h"
 #include "store/page_size.h"
 #include "store/purge.h"
-#include "store/slots.h"
-#include "store/status.h"
 
 namespace hx {
 

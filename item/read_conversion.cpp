@@ -1,8 +1,8 @@
 #include "item/read_conversion.h"
 
 #include "file/converters.h"
-#include "store/lock_guard.h"
-#include "store/memory.h"
+#include "records/lock_guard.h"
+#include "records/memory.h"
 
 namespace hx {
 

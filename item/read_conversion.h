@@ -2,8 +2,8 @@
 // converters.
 #pragma once
 
-#include "store/records.h"
-#include "store/status.h"
+#include "records/records.h"
+#include "records/status.h"
 
 namespace hx {
 

@@ -4,9 +4,9 @@
 #include "file/storage.h"
 #include "item/page_list.h"
 #include "item/read_conversion.h"
-#include "store/bytes.h"
-#include "store/lock_guard.h"
-#include "store/status.h"
+#include "records/bytes.h"
+#include "records/lock_guard.h"
+#include "records/status.h"
 
 namespace hx {
 

@@ -5,9 +5,9 @@
 #include "file/load_item.h"
 #include "file/write_pages.h"
 #include "item/page_list.h"
-#include "store/lock_guard.h"
-#include "store/memory.h"
-#include "store/status.h"
+#include "records/lock_guard.h"
+#include "records/memory.h"
+#include "records/status.h"
 
 namespace hx {
 

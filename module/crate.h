@@ -1,6 +1,6 @@
 // The module as a host written in C sees it: its entry points, the records behind which its
 // operations stand, status codes and flags. The same binary interface as module/entry.h,
-// store/records.h and store/status.h, which are C++ and tell more; only what a host may read or
+// records/records.h and records/status.h, which are C++ and tell more; only what a host may read or
 // call is named here. A test compares every offset and value.
 #pragma once
 

@@ -1,8 +1,8 @@
 // The module's entry points: how a host introduces itself and gets its instance.
 #pragma once
 
-#include "store/export.h"
-#include "store/records.h"
+#include "records/export.h"
+#include "records/records.h"
 
 namespace hx {
 

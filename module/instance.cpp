@@ -2,8 +2,8 @@
 #include "item/open_item.h"
 #include "module/build_info.h"
 #include "module/entry.h"
-#include "store/bytes.h"
-#include "store/memory.h"
+#include "records/bytes.h"
+#include "records/memory.h"
 #include "store/open_store.h"
 
 namespace hx {

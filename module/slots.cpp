@@ -1,4 +1,4 @@
-#include "store/slots.h"
+#include "records/slots.h"
 
 #include "blob/create_blob.h"
 #include "item/open_item.h"

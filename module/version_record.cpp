@@ -1,6 +1,6 @@
 #include "module/build_info.h"
 #include "module/entry.h"
-#include "store/bytes.h"
+#include "records/bytes.h"
 
 namespace hx {
 

@@ -4,7 +4,7 @@
 #include "file/disk_space.h"
 #include "file/header.h"
 #include "file/write_directory.h"
-#include "store/lock_guard.h"
+#include "records/lock_guard.h"
 #include "store/purge.h"
 
 namespace hx {

@@ -1,8 +1,8 @@
 #include "store/enumerate.h"
 
-#include "store/lock_guard.h"
-#include "store/member_table.h"
-#include "store/status.h"
+#include "records/lock_guard.h"
+#include "records/member_table.h"
+#include "records/status.h"
 
 namespace hx {
 

@@ -4,14 +4,14 @@
 #include "file/file_stamp.h"
 #include "file/load_store.h"
 #include "file/storage.h"
+#include "records/lock_guard.h"
+#include "records/member_table.h"
+#include "records/memory.h"
+#include "records/slots.h"
+#include "records/status.h"
 #include "store/close_store.h"
-#include "store/lock_guard.h"
-#include "store/member_table.h"
-#include "store/memory.h"
 #include "store/page_size.h"
 #include "store/purge.h"
-#include "store/slots.h"
-#include "store/status.h"
 
 namespace hx {
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "store/export.h"
-#include "store/name.h"
-#include "store/records.h"
+#include "records/export.h"
+#include "records/name.h"
+#include "records/records.h"
 
 namespace hx {
 

@@ -1,7 +1,7 @@
 #include "store/page_size.h"
 
 #include "file/format.h"
-#include "store/status.h"
+#include "records/status.h"
 
 namespace hx {
 

@@ -3,8 +3,8 @@
 #include "file/converters.h"
 #include "file/disk_space.h"
 #include "file/load_item.h"
-#include "store/member_table.h"
-#include "store/memory.h"
+#include "records/member_table.h"
+#include "records/memory.h"
 
 namespace hx {
 

@@ -1,7 +1,7 @@
 #include "store/store_path.h"
 
-#include "store/bytes.h"
-#include "store/status.h"
+#include "records/bytes.h"
+#include "records/status.h"
 
 namespace hx {
 

@@ -10,18 +10,23 @@ complain() { printf '%s\n' "$*"; outcome=1; }
 
 # How a path begins: how the paths begin that it may include of the tree, and "+" where any header
 # of the system may be. The first that fits counts. README's tour of the folders says it in words.
-inner="module/ store/ file/ item/ blob/"
+inner="records/ file/ store/ item/ blob/ module/"
 slots="host/kernel.h host/encoding.h host/file_io.h"
 rules=(
   "host/linux/: + host/linux/ $slots"
   "host/: $slots"
-  "api/: + api/ host/linux/ store/lock_guard.h store/records.h store/status.h module/entry.h $slots"
+  "api/: + api/ host/linux/ records/lock_guard.h records/records.h records/status.h module/entry.h $slots"
   "inspect/: + inspect/ api/hxcrate/ file/format.h"
   "tool/: + tool/ api/hxcrate/"
   "examples/memory_host.c: + module/crate.h"
   "examples/: + api/hxcrate/"
 )
-for folder in $inner; do rules+=("$folder: $inner $slots"); done
+# The module's folders lie one above the other, but for item/ and blob/, which lie side by side.
+below=$slots
+for layer in records/ file/ store/ "item/ blob/" module/; do
+  for folder in $layer; do rules+=("$folder: $folder $below"); done
+  below="$below $layer"
+done
 
 # Where an include leads: from the root, the includer's folder, or api/, which programs search. A
 # file may also be made by the build.

@@ -9,7 +9,7 @@
 
 #include "host/linux/linux_host.h"
 #include "module/entry.h"
-#include "store/status.h"
+#include "records/status.h"
 #include "tests/simulated_disk.h"
 #include "tests/temporary_directory.h"
 

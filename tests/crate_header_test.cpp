@@ -1,13 +1,13 @@
-// module/crate.h says in C what store/records.h, store/status.h and module/entry.h say in C++. The
-// compiler compares what examples/memory_host.c, run against the module, does not use.
+// module/crate.h says in C what records/records.h, records/status.h and module/entry.h say in C++.
+// The compiler compares what examples/memory_host.c, run against the module, does not use.
 #include "module/crate.h"
 
 #include <array>
 #include <cstddef>
 
 #include "module/entry.h"
-#include "store/records.h"
-#include "store/status.h"
+#include "records/records.h"
+#include "records/status.h"
 
 namespace hx {
 

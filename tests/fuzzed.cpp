@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <deque>
 
-#include "store/name.h"
+#include "records/name.h"
 #include "tests/module_world.h"
 
 namespace hx::fake {

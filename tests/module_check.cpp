@@ -1,7 +1,7 @@
 // What holds of the records in memory after every step.
 #include <algorithm>
 
-#include "store/name.h"
+#include "records/name.h"
 #include "tests/module_world.h"
 
 namespace hx::fake {

@@ -6,7 +6,7 @@
 
 #include "file/disk_space.h"
 #include "item/write_item.h"
-#include "store/member_table.h"
+#include "records/member_table.h"
 #include "store/store_path.h"
 #include "tests/module_world.h"
 

@@ -39,8 +39,8 @@
 #include <vector>
 
 #include "module/entry.h"
-#include "store/records.h"
-#include "store/status.h"
+#include "records/records.h"
+#include "records/status.h"
 #include "tests/fake_host.h"
 #include "tests/module_image.h"
 

@@ -42,4 +42,9 @@ greets "$scratch/configured"
 read -ra flags <<< "$(pkg-config --cflags hxcrate-module)"
 quietly cc -std=c11 "$sources/examples/memory_host.c" "${flags[@]}" -o "$scratch/memory_host"
 quietly "$scratch/memory_host" "$(pkg-config --variable=module hxcrate-module)"
-quietly c++ -std=c++20 -fsyntax-only -x c++ "${flags[@]}" - <<< '#include <module/entry.h>'
+quietly c++ -std=c++20 -fsyntax-only -x c++ "${flags[@]}" - << 'END'
+#include <module/entry.h>
+#include <store/records.h>
+#include <store/status.h>
+static_assert(sizeof(hx::Store) != 0 && hx::kOk == 0);
+END

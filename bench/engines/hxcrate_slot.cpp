@@ -4,7 +4,7 @@
 #include "api/module_library.h"
 #include "bench/engines/engines.h"
 #include "host/linux/linux_host.h"
-#include "store/status.h"
+#include "records/status.h"
 
 namespace bench {
 

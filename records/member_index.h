@@ -8,8 +8,8 @@
 // Callers hold the instance's lock.
 #pragma once
 
-#include "store/name.h"
-#include "store/records.h"
+#include "records/name.h"
+#include "records/records.h"
 
 namespace hx {
 

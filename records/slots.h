@@ -1,7 +1,7 @@
 // Gives records the slots of their operations, so that whoever makes a record need not know them.
 #pragma once
 
-#include "store/records.h"
+#include "records/records.h"
 
 namespace hx {
 

@@ -1,6 +1,6 @@
-#include "store/member_index.h"
+#include "records/member_index.h"
 
-#include "store/memory.h"
+#include "records/memory.h"
 
 namespace hx {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "store/member_table.h"
+#include "records/member_table.h"
 
 namespace hx {
 

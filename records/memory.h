@@ -2,7 +2,7 @@
 #pragma once
 
 #include "host/kernel.h"
-#include "store/name.h"
+#include "records/name.h"
 
 namespace hx {
 

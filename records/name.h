@@ -1,8 +1,8 @@
 // Names of members: 32-bit characters with a length and no terminator.
 #pragma once
 
-#include "store/bytes.h"
-#include "store/records.h"
+#include "records/bytes.h"
+#include "records/records.h"
 
 namespace hx {
 

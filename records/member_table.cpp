@@ -1,6 +1,6 @@
-#include "store/member_table.h"
+#include "records/member_table.h"
 
-#include "store/member_index.h"
+#include "records/member_index.h"
 
 namespace hx {
 

@@ -2,9 +2,9 @@
 // beside them once it is large. Callers hold the instance's lock.
 #pragma once
 
-#include "store/export.h"
-#include "store/name.h"
-#include "store/records.h"
+#include "records/export.h"
+#include "records/name.h"
+#include "records/records.h"
 
 namespace hx {
 
