@@ -1,22 +1,16 @@
 #include "engine.h"
 
 #include <algorithm>
-#include <filesystem>
+#include <cerrno>
 #include <iterator>
 #include <utility>
 
 #include "host/file_io.h"
-#include "host/linux/path_codec.h"
 #include "module_library.h"
 
 namespace hxcrate {
 
 namespace {
-
-FileFailure translate(hxhost::FileFailure failure) {
-  return {std::move(failure.operation), std::move(failure.path), failure.offset,
-          std::error_code(failure.error, std::system_category()), failure.rolledBack};
-}
 
 hxhost::HostOptions hostOptionsOf(const SessionOptions& options) {
   hxhost::HostOptions hostOptions;
@@ -35,6 +29,18 @@ bool isRemovalResult(Errc code) {
 }
 
 }  // namespace
+
+FileFailure translate(const hxhost::FileFailure& failure, const std::string& path,
+                      bool rolledBack) {
+  return {hxhost::nameOf(failure.operation), path, failure.offset,
+          std::error_code(failure.error, std::system_category()), rolledBack};
+}
+
+std::optional<FileFailure> takeFailureOf(hxhost::FileOutcome& outcome, const std::string& path) {
+  if (const auto loss = outcome.loss()) return translate(*loss, path, outcome.wasRolledBack());
+  const auto failedRead = outcome.takeFailedRead();
+  return failedRead ? std::optional(translate(*failedRead, path)) : std::nullopt;
+}
 
 Engine::Engine(SessionOptions options)
     : options_(std::move(options)),
@@ -58,37 +64,17 @@ MemoryUse Engine::memoryUse() const {
   return {use.bytes, use.blocks, use.peakBytes};
 }
 
-std::optional<FileFailure> Engine::takeFailure(const std::string& path) {
-  std::optional<FileFailure> worst;
-  // One without a path, which there was no memory for, is told to whoever asks first.
-  for (const std::string& known : {path, std::string()}) {
-    while (std::optional<hxhost::FileFailure> next = host_.takeFileFailure(known)) {
-      if (!worst || worst->operation == "read") worst = translate(*std::move(next));
-    }
-  }
-  return worst;
-}
-
-// Of the open, or of the reading that the open did.
-std::optional<FileFailure> Engine::takeOpeningFailure(const std::u32string& wide) {
-  const std::string asked = hxhost::describePath(wide.data(), static_cast<int64_t>(wide.size()));
-  if (std::optional<FileFailure> failure = takeFailure(asked)) return failure;
-  std::error_code ignored;
-  return takeFailure(std::filesystem::weakly_canonical(asked, ignored).string());
-}
-
-void Engine::failOpening(const std::string& path, const std::u32string& wide, Errc code,
-                         bool mayCreate) {
-  const std::optional<FileFailure> failure = takeOpeningFailure(wide);
+void Engine::failOpening(const std::string& path, const std::optional<hxhost::FileFailure>& failure,
+                         Errc code, bool mayCreate) {
   if (isRemovalResult(code)) code = Errc::fileNotOpen;
   if (code == Errc::notFound) code = failure ? Errc::fileNotOpen : Errc::notAStore;
   if (!failure) throw Error(code, path, "");
-  if (failure->reason == std::errc::file_exists) throw Error(Errc::exists, path, "");
-  if (failure->reason == std::errc::no_such_file_or_directory && !mayCreate) {
+  if (failure->error == EEXIST) throw Error(Errc::exists, path, "");
+  if (failure->error == ENOENT && !mayCreate) {
     throw Error(Errc::notFound, path, "");
   }
-  if (failure->reason == std::errc::device_or_resource_busy) code = Errc::storeInUse;
-  throw Error(code, path, "", *failure);
+  if (failure->error == EBUSY) code = Errc::storeInUse;
+  throw Error(code, path, "", translate(*failure, path));
 }
 
 void Engine::report(const Error& error) noexcept {

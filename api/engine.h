@@ -14,6 +14,13 @@
 
 namespace hxcrate {
 
+// What the file service says of the file that was asked for as `path`.
+FileFailure translate(const hxhost::FileFailure& failure, const std::string& path,
+                      bool rolledBack = false);
+
+// What the update was lost by, else a read that failed since this was last asked.
+std::optional<FileFailure> takeFailureOf(hxhost::FileOutcome& outcome, const std::string& path);
+
 // One host and one instance of the module, which nobody else sees: every name in it passed through
 // this API or came from a file. Safe for several threads.
 class Engine {
@@ -32,26 +39,14 @@ class Engine {
   // A pool of its own, which holds the engine `self` that it came from. Throws std::bad_alloc.
   static std::shared_ptr<hx::Pool> makePool(std::shared_ptr<Engine> self);
 
-  // Held around the open and the close of a store file, so that what the file service reports
-  // afterwards belongs to that call.
+  // Held around the open and the close of a store file.
   std::mutex& openingMutex() { return openingMutex_; }
 
-  // A failure of the file that the file service knows by this path, as it was asked for in an open
-  // or a removal and resolved in all else: what an update was lost by, if there is that, else the
-  // oldest. All of them are forgotten; the loss of an update is told anew at its end.
-  std::optional<FileFailure> takeFailure(const std::string& path);
-
-  // The same of the file `wide`, which an open asked for.
-  std::optional<FileFailure> takeOpeningFailure(const std::u32string& wide);
-
-  // From now on, or no longer, an open for an update makes its file or fails with `exists`. With
-  // openingMutex held.
-  void takeOnlyNewFiles(bool onlyNew) { host_.takeOnlyNewFiles(onlyNew); }
-
-  // Throws why the file service did not open the file `wide`, which was asked for as `path`: `code`
-  // unless there is no such file, or one where it was to be made; `mayCreate`: that it was.
-  [[noreturn]] void failOpening(const std::string& path, const std::u32string& wide, Errc code,
-                                bool mayCreate = false);
+  // Throws why the file `path` was not opened: `code`, by that failure if there is one, unless
+  // there is no such file, or one where it was to be made; `mayCreate`: that it was.
+  [[noreturn]] static void failOpening(const std::string& path,
+                                       const std::optional<hxhost::FileFailure>& failure, Errc code,
+                                       bool mayCreate = false);
 
   // A number that no other store in memory has.
   unsigned numberStoreInMemory() { return storesInMemory_++; }

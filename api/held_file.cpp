@@ -5,6 +5,7 @@
 
 #include <new>
 
+#include "host/linux/open_request.h"
 #include "host/linux/path_codec.h"
 
 namespace hxcrate {
@@ -30,8 +31,13 @@ hx::FileHandle* openForReading(hx::FileIo* files, const std::u32string& path) {
 
 }  // namespace
 
-HeldFile::HeldFile(hx::HostHandle* host, const std::u32string& path)
-    : files_(loadFileService(host)), file_(openForReading(files_.get(), path)) {}
+HeldFile::HeldFile(hx::HostHandle* host, const std::u32string& path,
+                   std::chrono::milliseconds lockWait)
+    : files_(loadFileService(host)) {
+  const hxhost::OpenRequest request({.lockWait = lockWait});
+  file_.reset(openForReading(files_.get(), path));
+  failure_ = request.failure();
+}
 
 std::string HeldFile::path() const {
   return hxhost::describePath(file_->path, file_->pathLength);

@@ -1,10 +1,13 @@
 // A regular file that the file service holds open for reading.
 #pragma once
 
+#include <chrono>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "host/file_io.h"
+#include "host/linux/file_outcome.h"
 
 namespace hxcrate {
 
@@ -13,10 +16,14 @@ namespace hxcrate {
 // that session go from reading to updating.
 class HeldFile {
  public:
-  // Opens the file; isOpen tells whether it did, and the host why not. Throws std::bad_alloc.
-  HeldFile(hx::HostHandle* host, const std::u32string& path);
+  // Opens the file, and waits so long when it is being updated; isOpen tells whether it did.
+  // Throws std::bad_alloc.
+  HeldFile(hx::HostHandle* host, const std::u32string& path,
+           std::chrono::milliseconds lockWait = {});
 
   bool isOpen() const { return file_ != nullptr; }
+  // Why it is not open, when the system has said it.
+  const std::optional<hxhost::FileFailure>& failure() const { return failure_; }
   // Where it is, without links.
   std::string path() const;
 
@@ -30,6 +37,7 @@ class HeldFile {
 
   std::unique_ptr<hx::FileIo, ServiceEnder> files_;
   std::unique_ptr<hx::FileHandle, FileCloser> file_;
+  std::optional<hxhost::FileFailure> failure_;
 };
 
 // Owns a file descriptor.

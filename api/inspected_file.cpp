@@ -5,6 +5,7 @@
 #include <optional>
 #include <utility>
 
+#include "engine.h"
 #include "held_file.h"
 #include "host/linux/linux_host.h"
 #include "hxcrate/inspect.hpp"
@@ -29,15 +30,13 @@ namespace {
 }
 
 // Why a file that is there was not opened. Throws storeInUse.
-std::string explainRefusal(hxhost::LinuxHost& host, const std::string& path) {
-  const std::optional<hxhost::FileFailure> failure = host.takeFileFailure();
-  if (!failure) return "the file service does not open it";
-  const std::error_code reason(failure->error, std::system_category());
-  if (failure->error == EBUSY) {
-    throw Error(Errc::storeInUse, path, "", FileFailure{failure->operation, path, -1, reason});
+std::string explainRefusal(const HeldFile& file, const std::string& path) {
+  if (!file.failure()) return "the file service does not open it";
+  const FileFailure failure = translate(*file.failure(), path);
+  if (failure.reason == std::errc::device_or_resource_busy) {
+    throw Error(Errc::storeInUse, path, "", failure);
   }
-  return Error(Errc::fileNotOpen, path, "", FileFailure{failure->operation, path, -1, reason})
-      .reason();
+  return Error(Errc::fileNotOpen, path, "", failure).reason();
 }
 
 void requireRegular(const ReadDescriptor& file, const std::string& path) {
@@ -54,8 +53,8 @@ InspectedFile::InspectedFile(const std::string& path) : parts_(std::make_unique<
   requireRegular(ReadDescriptor(path), path);
   parts.held.emplace(parts.host.handle(), decodeFilePath(path));
   if (!parts.held->isOpen()) {
+    parts.caveat = explainRefusal(*parts.held, path);
     parts.held.reset();
-    parts.caveat = explainRefusal(parts.host, path);
   }
   // Opened anew: undoing an update may have removed the file or made it another length.
   parts.file.emplace(parts.held ? parts.held->path() : path);

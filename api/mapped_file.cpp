@@ -25,9 +25,9 @@ void MappedFile::Unmapper::operator()(const std::byte* start) const {
 
 MappedFile::MappedFile(std::shared_ptr<Engine> engine, const std::string& path)
     : engine_(std::move(engine)),
-      file_(engine_->host(), decodeFilePath(path)),
+      file_(engine_->host(), decodeFilePath(path), engine_->options().lockWait),
       mapping_(nullptr, Unmapper{0}) {
-  if (!file_.isOpen()) engine_->failOpening(path, decodeFilePath(path), Errc::fileNotOpen);
+  if (!file_.isOpen()) Engine::failOpening(path, file_.failure(), Errc::fileNotOpen);
   const ReadDescriptor opened(file_.path());
   struct stat status {};
   if (opened.number() < 0 || ::fstat(opened.number(), &status) != 0) fail(path, "open");

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "engine.h"
+#include "host/linux/open_request.h"
 #include "mapped_file.h"
 #include "member_path.h"
 #include "records/status.h"
@@ -19,26 +20,19 @@ std::error_code lastSystemError() {
   return {errno, std::system_category()};
 }
 
-// While it lives, the files that the engine opens for an update are made by that.
-class OnlyNewFiles {
- public:
-  explicit OnlyNewFiles(Engine& engine) : engine_(engine) { engine_.takeOnlyNewFiles(true); }
-  ~OnlyNewFiles() { engine_.takeOnlyNewFiles(false); }
-  OnlyNewFiles(const OnlyNewFiles&) = delete;
-  OnlyNewFiles& operator=(const OnlyNewFiles&) = delete;
-
- private:
-  Engine& engine_;
-};
-
 // One call of Session::open, with the engine's opening mutex held.
 class FileOpener {
  public:
-  FileOpener(Engine& engine, const std::string& path, const OpenOptions& options)
-      : engine_(engine), path_(path), wide_(decodeFilePath(path)), options_(options) {}
+  FileOpener(Engine& engine, const std::string& path, Mode mode, const OpenOptions& options)
+      : engine_(engine),
+        path_(path),
+        mode_(mode),
+        wide_(decodeFilePath(path)),
+        options_(options),
+        request_({.onlyNew = mode == Mode::create, .lockWait = engine.options().lockWait}) {}
 
-  hx::Store* open(Mode mode) {
-    switch (mode) {
+  hx::Store* open() {
+    switch (mode_) {
       case Mode::read:
         return openExisting(hx::kRead);
       case Mode::update:
@@ -66,7 +60,6 @@ class FileOpener {
     if (store == nullptr) fail();
     if (!mayCreate_) return store;
     OpenedRoot opened(store);
-    engine_.takeOpeningFailure(wide_);  // of tries before; or the close would tell it as its own
     fixPageSize(store);
     return opened.release();
   }
@@ -92,7 +85,6 @@ class FileOpener {
   hx::Store* create() {
     struct stat status {};
     if (::lstat(path_.c_str(), &status) == 0) throw Error(Errc::exists, path_, "");
-    const OnlyNewFiles guard(engine_);
     return require(hx::kUpdate | hx::kCreate | hx::kReplace);
   }
 
@@ -109,15 +101,17 @@ class FileOpener {
   }
 
   [[noreturn]] void fail() {
-    engine_.failOpening(path_, wide_, static_cast<Errc>(status_), mayCreate_);
+    Engine::failOpening(path_, request_.failure(), static_cast<Errc>(status_), mayCreate_);
   }
 
   std::int32_t length() const { return static_cast<std::int32_t>(wide_.size()); }
 
   Engine& engine_;
   const std::string& path_;
+  const Mode mode_;
   std::u32string wide_;
   OpenOptions options_;
+  hxhost::OpenRequest request_;
   std::int32_t status_ = 0;
   bool mayCreate_ = false;
 };
@@ -161,7 +155,7 @@ Store Session::open(const std::string& path, Mode mode, OpenOptions options) {
   std::shared_ptr<Tree> tree;
   {
     const std::lock_guard guard(engine()->openingMutex());
-    OpenedRoot root(FileOpener(*engine(), path, options).open(mode));
+    OpenedRoot root(FileOpener(*engine(), path, mode, options).open());
     tree = std::make_shared<Tree>(engine(), std::move(root), path, mode != Mode::read);
   }
   Store store(tree, tree->root(), "");

@@ -2,19 +2,15 @@
 
 #include <utility>
 
-#include "host/linux/path_codec.h"
 #include "records/lock_guard.h"
 
 namespace hxcrate {
 
 namespace {
 
-std::string resolvePath(hx::Store* root) {
-  if (hx::openFile(root) == nullptr) return "";
-  char32_t path[hx::HX_PATH_CAPACITY];
-  int32_t length = hx::HX_PATH_CAPACITY;
-  root->path(root, path, &length);
-  return hxhost::describePath(path, length);
+std::shared_ptr<hxhost::FileOutcome> outcomeOf(hx::Store* root) {
+  hx::FileHandle* file = hx::openFile(root);
+  return file != nullptr ? hxhost::LinuxHost::outcomeOf(file) : nullptr;
 }
 
 }  // namespace
@@ -24,7 +20,7 @@ Tree::Tree(std::shared_ptr<Engine> engine, OpenedRoot root, std::string path, bo
     : engine_(std::move(engine)),
       bytes_(std::move(bytes)),
       path_(std::move(path)),
-      filePath_(resolvePath(root.get())),
+      outcome_(outcomeOf(root.get())),
       writable_(writable),
       root_(root.release()) {}
 
@@ -33,8 +29,7 @@ Tree::~Tree() {
 }
 
 std::optional<FileFailure> Tree::takeFailure() {
-  if (filePath_.empty()) return std::nullopt;
-  return engine_->takeFailure(filePath_);
+  return outcome_ != nullptr ? takeFailureOf(*outcome_, path_) : std::nullopt;
 }
 
 void Tree::fail(std::int32_t status, const std::string& member) {
@@ -59,6 +54,8 @@ void Tree::close() {
   const std::lock_guard guard(engine_->openingMutex());
   // The module would keep a closed store in memory for a later open, which nobody can ask for.
   const bool isDropped = isInMemory();
+  if (auto current = outcomeOf(root_))
+    outcome_ = std::move(current);  // readers may get an updater's
   hx::Store* root = std::exchange(root_, nullptr);
   isDropped ? root->closeAndDeleteStore(root) : root->closeStore(root);
   if (std::optional<FileFailure> failure = takeFailure()) {

@@ -36,7 +36,7 @@ class Tree {
   bool writable() const { return writable_; }
   bool isInMemory() const { return (root_->flags & hx::kNoFileStore) != 0; }
 
-  // The failure that the file service met at this file since it was last asked, if any.
+  // What the update of the file was lost by, else a read that failed since this was last asked.
   std::optional<FileFailure> takeFailure();
 
   // An error of this file: `status` as the module gave it, and the system's reason if there is one.
@@ -53,7 +53,7 @@ class Tree {
   std::shared_ptr<Engine> engine_;
   std::shared_ptr<const void> bytes_;
   std::string path_;
-  std::string filePath_;  // as the file service names it; empty without a file
+  std::shared_ptr<hxhost::FileOutcome> outcome_;  // of the file; null without one
   bool writable_;
   hx::Store* root_;  // null when closed; taken over last, when nothing can fail any more
 };

@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "host/linux/linux_host.h"
+#include "host/linux/open_request.h"
 #include "module/entry.h"
 #include "records/status.h"
 #include "tests/simulated_disk.h"
@@ -32,8 +33,13 @@ class CrashSession {
 
   // A store file, or a store in `parent`. Null with the reason in `status`.
   hx::Store* open(std::u32string_view path, uint32_t flags, hx::Store* parent = nullptr) {
-    return module->openStore(module, parent, path.data(), static_cast<int32_t>(path.size()), flags,
-                             &status);
+    const hxhost::OpenRequest request({});
+    hx::Store* store = module->openStore(module, parent, path.data(),
+                                         static_cast<int32_t>(path.size()), flags, &status);
+    if (parent != nullptr) return store;
+    refusal = request.failure();
+    if (request.file() != nullptr) file = request.file();
+    return store;
   }
   void close(hx::Store* store) { store->closeStore(store); }
 
@@ -102,6 +108,8 @@ class CrashSession {
   hxhost::LinuxHost host;
   hx::ExtensionInstance* module = nullptr;
   int32_t status = 0;
+  std::optional<hxhost::FileFailure> refusal;  // what failed in the last open of a file
+  std::shared_ptr<hxhost::FileOutcome> file;   // that was opened last
 
  private:
   hx::ItemHandle* openItem(hx::Store* store, std::u32string_view name, uint32_t flags) {

@@ -142,7 +142,7 @@ std::string textAfter(uint64_t updates) {
     for (const char* item : {"a", "b", "nested/c"})
       session.append(store, item, addedBy(completed));
     session.close(store);
-    if (session.host.takeFileFailure()) ::_exit(2);
+    if (session.file->loss()) ::_exit(2);
   }
 }
 

@@ -55,33 +55,54 @@ class File {
   hx::FileHandle* handle;
 };
 
+// "write ENOSPC at 40", behind it "undone" when the update was rolled back. Empty for none.
+std::string describe(const std::optional<hxhost::FileFailure>& failure, bool rolledBack = false) {
+  if (!failure) return "";
+  return std::string(nameOf(failure->operation)) + " " + strerrorname_np(failure->error) +
+         (failure->offset < 0 ? "" : " at " + std::to_string(failure->offset)) +
+         (rolledBack ? " undone" : "");
+}
+
 // A host's hxfio.
 class Files {
  public:
   explicit Files(const hxhost::HostOptions& options = {}) : host(options) {}
   ~Files() { io_->head.destroy(io_); }
 
-  hx::FileHandle* open(std::u32string_view path, int32_t mode = hx::HX_ACCESS_UPDATE) {
+  hx::FileHandle* open(std::u32string_view path, int32_t mode = hx::HX_ACCESS_UPDATE,
+                       const hxhost::OpenTerms& terms = {}) {
     hx::OpenParameters parameters{};
     parameters.accessMode = mode;
-    return io_->open(io_, path.data(), std::ssize(path), &parameters, 0, 0, "hxfio", nullptr, 0);
+    const hxhost::OpenRequest request(terms);
+    hx::FileHandle* file =
+        io_->open(io_, path.data(), std::ssize(path), &parameters, 0, 0, "hxfio", nullptr, 0);
+    keep(request);
+    return file;
   }
   int32_t remove(std::u32string_view path) {
-    return io_->remove(io_, path.data(), std::ssize(path), 0, 0);
+    const hxhost::OpenRequest request({});
+    const int32_t result = io_->remove(io_, path.data(), std::ssize(path), 0, 0);
+    keep(request);
+    return result;
   }
-  // The oldest failure, which is forgotten: "write ENOSPC at 40", behind it "undone" when the
-  // update was rolled back. Empty when there is none.
-  std::string takeFailure() {
-    const auto failure = host.takeFileFailure();
-    if (!failure) return "";
-    return failure->operation + " " + strerrorname_np(failure->error) +
-           (failure->offset < 0 ? "" : " at " + std::to_string(failure->offset)) +
-           (failure->rolledBack ? " undone" : "");
+  // Why the last open or removal failed, else what was lost in the file that was opened last, else
+  // its last failed read, which is forgotten.
+  std::string failure() {
+    if (refusal_ || file_ == nullptr) return describe(refusal_);
+    if (file_->loss()) return describe(file_->loss(), file_->wasRolledBack());
+    return describe(file_->takeFailedRead());
   }
 
   hxhost::LinuxHost host;
 
  private:
+  void keep(const hxhost::OpenRequest& request) {
+    refusal_ = request.failure();
+    file_ = request.file();
+  }
+
+  std::optional<hxhost::FileFailure> refusal_;
+  std::shared_ptr<hxhost::FileOutcome> file_;
   hx::FileIo* io_ =
       static_cast<hx::FileIo*>(host.handle()->loadExtension(host.handle(), U"hxfio", 5, 0));
 };
@@ -93,6 +114,13 @@ DiskImage diskWith(const Bytes& bytes) {
 Bytes noise(size_t count, unsigned seed = 1) {
   const std::string bytes = makeBytes(count, seed);
   return {bytes.begin(), bytes.end()};
+}
+
+// The store's bytes after the next open, which may roll them back.
+Bytes lookAtCut(const DiskImage& image) {
+  SimulatedDisk disk(image);
+  File(Files(hostOver(disk)).open(kCrashStore, hx::HX_ACCESS_READ)).close();
+  return disk.live().at(kCrashFile);
 }
 
 // Puts bytes where a file of any length would have them.
@@ -146,7 +174,7 @@ TEST(LinuxCacheTest, HoldsWhatAModelHoldsUnderAnyCacheAndTransfers) {
       for (unsigned i = 0; i < 50 && !testing::Test::HasFailure(); ++i)
         EXPECT_TRUE(updateAtRandom(files, model, static_cast<unsigned>(cacheBytes) + i));
       EXPECT_EQ(disk.live().at(kCrashFile), model);
-      EXPECT_EQ(files.takeFailure(), "");
+      EXPECT_EQ(files.failure(), "");
     }
   }
 }
@@ -233,9 +261,8 @@ TEST_F(LinuxFilesTest, OpensAndRemovesRegularFilesOnly) {
     for (const std::u32string& path : paths) {
       SCOPED_TRACE(hxhost::describePath(path.data(), std::ssize(path)));
       EXPECT_EQ(files_.open(path), nullptr);
-      EXPECT_EQ(files_.takeFailure(), "open " + error);
+      EXPECT_EQ(files_.failure(), "open " + error);
       EXPECT_EQ(files_.remove(path), removal);
-      files_.takeFailure();
     }
   }
   EXPECT_TRUE(fs::is_empty(latin) && fs::is_empty(deep) && fs::exists(folder_ / "fifo"));
@@ -243,7 +270,7 @@ TEST_F(LinuxFilesTest, OpensAndRemovesRegularFilesOnly) {
   writeFile(tooLong, "1");
   EXPECT_TRUE(opens(tooLong, hx::HX_ACCESS_READ));
   EXPECT_TRUE(File(files_.open(toPath(tooLong))).writeAt(0, {2}));
-  EXPECT_EQ(files_.takeFailure(), "write the journal ENAMETOOLONG undone");
+  EXPECT_EQ(files_.failure(), "write the journal ENAMETOOLONG undone");
   EXPECT_EQ(files_.remove(toPath(tooLong)), 0);
 }
 
@@ -280,13 +307,13 @@ TEST(LinuxDiskTest, RemovesAFileWithItsJournalOrTellsWhyNot) {
     for (disk.failure = error; const int64_t operation : {0, 1, 2}) {
       disk.failAt = operation;
       EXPECT_EQ(files.remove(kCrashStore), code) << error;
-      EXPECT_EQ(files.takeFailure(), std::string("remove ") + strerrorname_np(error));
+      EXPECT_EQ(files.failure(), std::string("remove ") + strerrorname_np(error));
     }
   }
   disk.failAt = -1;
   disk.hasBecomeDevice = true;
   EXPECT_EQ(files.open(kCrashStore), nullptr);
-  EXPECT_EQ(files.takeFailure(), "open EOPNOTSUPP");
+  EXPECT_EQ(files.failure(), "open EOPNOTSUPP");
   disk.hasBecomeDevice = false;
   disk.watch = [&](const DiskStep& step) {
     EXPECT_TRUE(step.operation != DiskOperation::kSyncDirectory || disk.live().names.empty());
@@ -297,7 +324,17 @@ TEST(LinuxDiskTest, RemovesAFileWithItsJournalOrTellsWhyNot) {
   EXPECT_TRUE(disk.live().has(kCrashJournal)) << "it is the next file's";
   EXPECT_FALSE(disk.synced().has(kCrashFile));
   EXPECT_GT(files.remove(kCrashStore), 0);
-  EXPECT_EQ(files.takeFailure(), "") << "an absent file is no failure";
+  EXPECT_EQ(files.failure(), "") << "an absent file is no failure";
+}
+
+TEST(LinuxDiskTest, ARequestForNewFilesLeavesOthersAlone) {
+  SimulatedDisk disk(diskWith({1}));
+  Files files(hostOver(disk));
+  const hxhost::OpenTerms terms{.onlyNew = true};
+  EXPECT_EQ(files.open(kCrashStore, hx::HX_ACCESS_UPDATE, terms), nullptr);
+  EXPECT_EQ(files.failure(), "open EEXIST");
+  EXPECT_NE(File(files.open(U"/new", hx::HX_ACCESS_UPDATE, terms)).handle, nullptr);
+  EXPECT_NE(File(files.open(kCrashStore)).handle, nullptr) << "the request is over";
 }
 
 TEST(LinuxDiskTest, RefusesSenselessCallsAndChangesNothing) {
@@ -309,15 +346,14 @@ TEST(LinuxDiskTest, RefusesSenselessCallsAndChangesNothing) {
   for (const int64_t position : {int64_t{-5}, -kLast - 1, kLast, kLast - 3})
     EXPECT_EQ(file.seek(position, hx::HX_SEEK_END), -1) << position;
   EXPECT_EQ(file.read(9), (Bytes{2, 3, 4})) << "the position is what it was";
-  EXPECT_EQ(files.takeFailure(), "");
+  EXPECT_EQ(files.failure(), "");
   EXPECT_FALSE(file.writeAt(kLast, {1}));
-  EXPECT_EQ(files.takeFailure(), "write EFBIG at " + std::to_string(kLast));
+  EXPECT_EQ(files.failure(), "write EFBIG at " + std::to_string(kLast));
   EXPECT_FALSE(file.writeAt(0, {9})) << "bytes were lost";
   file.close();
   File reader(files.open(kCrashStore, hx::HX_ACCESS_READ));
   EXPECT_FALSE(reader.writeAt(0, {9}));
-  EXPECT_EQ(files.takeFailure().substr(0, 10), "write EFBI");
-  EXPECT_EQ(files.takeFailure(), "write EBADF at 0");
+  EXPECT_EQ(files.failure(), "write EBADF at 0");
   EXPECT_EQ(reader.readAt(0, 9), (Bytes{1, 2, 3, 4}));
 }
 
@@ -328,17 +364,18 @@ bool survives(SimulatedDisk& disk, int64_t cacheBytes, unsigned seed) {
   Bytes after = before;
   Files files(hostOver(disk, cacheBytes));
   updateAtRandom(files, after, seed);
-  const auto failure = files.host.takeFileFailure();
-  const bool isBack = failure && failure->rolledBack;
+  const std::string failure = files.failure();
+  const bool isBack = failure.ends_with(" undone");
   EXPECT_FALSE(isBack && disk.live().has(kCrashJournal));
   EXPECT_TRUE(!isBack || disk.live().at(kCrashFile) == before);
   SimulatedDisk repaired(disk.live());
   lookAt(repaired);
   const Bytes found = repaired.live().at(kCrashFile);
-  EXPECT_TRUE(found == after || (failure && found == before));
+  EXPECT_TRUE(found == after || (!failure.empty() && found == before));
   SimulatedDisk cutOff(disk.synced());
   lookAt(cutOff);
-  EXPECT_TRUE(failure || cutOff.live().at(kCrashFile) == after) << "not told, but not durable";
+  EXPECT_TRUE(!failure.empty() || cutOff.live().at(kCrashFile) == after)
+      << "not told, but not durable";
   const bool mayLeaveEmpty = !isBack && disk.failsEverAfter;
   EXPECT_TRUE(mayLeaveEmpty || repaired.live().has(kCrashFile) == !found.empty());
   return isBack;
@@ -361,6 +398,46 @@ TEST(LinuxLossTest, AnErrorAtAnyOperationIsToldAndLeavesAllOrNothing) {
         }
       }
       EXPECT_GE(rolledBack, 10);
+    }
+  }
+}
+
+// Two commits in one update, and bytes behind the second, with an error at one operation: what a
+// commit has told to stay stays, what follows it is undone, and nothing works after one that
+// failed.
+TEST(LinuxCommitTest, WhatIsCommittedStaysAndTheRestIsUndone) {
+  for (const DiskImage& image : {diskWith(noise(9000)), DiskImage()}) {
+    bool isOver = false;
+    for (int64_t failAt = 0; !isOver; ++failAt) {
+      SCOPED_TRACE(failAt);
+      SimulatedDisk disk(image);
+      Files files(hostOver(disk, 4096));
+      File file(files.open(kCrashStore));
+      Bytes model = disk.live().at(kCrashFile);
+      std::vector<Bytes> committed = {model};
+      disk.failAt = failAt;
+      for (const int64_t position : {100, 7000, 3000}) {
+        const bool isWritten = file.writeAt(position, noise(6000, 3));
+        putAt(model, position, noise(6000, 3));
+        if (position == 3000) break;
+        const bool isCommitted = hxhost::LinuxHost::commitUpdate(file.handle);
+        EXPECT_TRUE(isWritten || !isCommitted);
+        EXPECT_EQ(isCommitted, files.failure().empty());
+        EXPECT_TRUE(isCommitted || file.readAt(0, 9).empty());
+        if (isCommitted) committed.push_back(model);
+        const Bytes found = lookAtCut(disk.synced());
+        EXPECT_TRUE(found == committed.back() || (!isCommitted && found == model));
+        if (!isCommitted) break;
+        EXPECT_EQ(Files(hostOver(disk)).open(kCrashStore), nullptr) << "nobody slips in";
+      }
+      isOver = !disk.hasFired;
+      disk.failAt = -1;
+      hxhost::LinuxHost::abandonUpdate(file.handle);
+      file.close();
+      const bool mayBeNew = files.failure().starts_with("commit");
+      EXPECT_TRUE(lookAtCut(disk.live()) == committed.back() || mayBeNew);
+      EXPECT_EQ(files.failure().ends_with("undone"),
+                disk.live().at(kCrashFile) == committed.back());
     }
   }
 }
@@ -388,15 +465,14 @@ TEST(LinuxDiskTest, ReadFailuresAreThoseOfBytesAskedFor) {
   File file(files.open(kCrashStore, hx::HX_ACCESS_READ));
   disk.failAt = 0;
   EXPECT_EQ(file.read(900), noise(900));
-  EXPECT_EQ(files.takeFailure(), "") << "nobody asked for what lies ahead";
+  EXPECT_EQ(files.failure(), "") << "nobody asked for what lies ahead";
   disk.failAt = 0;
   disk.failsEverAfter = true;
   EXPECT_TRUE(file.read(900).empty());
+  EXPECT_EQ(files.failure(), "read EIO at 900");
+  EXPECT_EQ(files.failure(), "") << "told once";
   EXPECT_TRUE(file.read(900).empty());
-  EXPECT_EQ(files.takeFailure(), "read EIO at 900");
-  EXPECT_EQ(files.takeFailure(), "") << "the first alone that waits";
-  EXPECT_TRUE(file.read(900).empty());
-  EXPECT_EQ(files.takeFailure(), "read EIO at 900") << "who asks after each call learns of each";
+  EXPECT_EQ(files.failure(), "read EIO at 900") << "who asks after each call learns of each";
   disk.failsEverAfter = false;
   file.close();
   File updated(files.open(kCrashStore));
@@ -404,7 +480,7 @@ TEST(LinuxDiskTest, ReadFailuresAreThoseOfBytesAskedFor) {
   disk.failsEverAfter = true;
   for (const int64_t position : {700, 800}) {
     EXPECT_TRUE(updated.readAt(position, 900).empty());
-    EXPECT_EQ(files.takeFailure(), "read EIO at 700") << "it took the whole update with it";
+    EXPECT_EQ(files.failure(), "read EIO at 700") << "it took the whole update with it";
   }
 }
 

@@ -4,7 +4,6 @@
 
 #include <filesystem>
 
-#include "host/linux/failure_log.h"
 #include "host/linux/journal_format.h"
 #include "tests/crash_session.h"
 #include "tests/temporary_directory.h"
@@ -168,8 +167,7 @@ TEST(LinuxFaultTest, AJournalIsAppliedToItsOwnFileOnlyAndGoesWithIt) {
     hx::Store* store = session.open(kCrashStore, kReplaceAll);
     ASSERT_EQ(store == nullptr, c.isKept);
     if (c.isKept) {
-      EXPECT_EQ(session.host.takeFileFailure()->error,
-                c.name == std::string("of another user") ? EPERM : ESTALE);
+      EXPECT_EQ(session.refusal->error, c.name == std::string("of another user") ? EPERM : ESTALE);
       EXPECT_EQ(disk.live().inodes, image.inodes);
       continue;
     }
@@ -203,7 +201,7 @@ TEST_F(LinuxFileLockTest, ReadersShareAndUpdatersExclude) {
       hx::Store* held = one_.open(path_, first);
       hx::Store* wanted = other_.open(path_, second);
       EXPECT_EQ(wanted != nullptr, first == kRead && second == kRead);
-      EXPECT_TRUE(wanted != nullptr || other_.host.takeFileFailure()->error == EBUSY);
+      EXPECT_TRUE(wanted != nullptr || other_.refusal->error == EBUSY);
       EXPECT_TRUE(second != kReplaceAll || other_.status == hx::HX_REMOVE_IN_USE);
       if (wanted != nullptr) other_.close(wanted);
       one_.close(held);
@@ -226,18 +224,6 @@ TEST_F(LinuxFileLockTest, TheJournalIsNobodysWayIntoAnotherFile) {
   fs::create_symlink(directory_ / "victim", file_ + "-journal");
   EXPECT_EQ(one_.open(path_, kUpdate), nullptr);
   EXPECT_FALSE(fs::exists(directory_ / "victim"));
-}
-
-TEST(FailureLogTest, KeepsTheLatestAndTellsTheOldestFirst) {
-  hxhost::FailureLog log;
-  for (int error = 1; error <= 70; ++error)
-    log.record({error, "write", 0}, error % 2 == 0 ? "even" : "odd");
-  const auto ticket = log.record({71, "write", 5}, "own");
-  EXPECT_EQ(log.take()->error, 8);
-  EXPECT_EQ(log.take("odd")->error, 9);
-  EXPECT_FALSE(log.take("own")->rolledBack) << "taken before the end of the update";
-  log.conclude(ticket, "own", true);
-  EXPECT_TRUE(log.take("own")->rolledBack) << "and told again";
 }
 
 }  // namespace

@@ -1,26 +1,31 @@
 #include "host/linux/disk_file.h"
 
 #include <algorithm>
-#include <string_view>
 #include <utility>
 
 #include "host/linux/transfer.h"
 
 namespace hxhost {
 
-DiskFile::DiskFile(LockedFiles& files, FileLease lease, FailureLog& failures)
+DiskFile::DiskFile(LockedFiles& files, FileLease lease, std::shared_ptr<FileOutcome> outcome)
     : ops_(files.ops()),
       lease_(std::move(lease)),
-      path_(lease_.file().path),
       durability_(files.durability()),
-      failures_(failures),
-      journal_(ops_, lease_.file(), durability_),
-      formerLength_(lease_.file().info.size),
-      length_(formerLength_) {}
+      outcome_(std::move(outcome)),
+      length_(lease_.file().info.size) {
+  startUpdate();
+}
+
+void DiskFile::startUpdate() noexcept {
+  formerLength_ = length_;
+  lease_.file().info.size = length_;
+  journal_.emplace(ops_, lease_.file(), durability_);
+  isOver_ = false;
+}
 
 DiskFile::~DiskFile() {
-  if (lease_.isUpdate()) endUpdate();
-  if (const int error = lease_.release(); error != 0) noteFailure(error, "close", -1);
+  if (lease_.isUpdate() && !isOver_) endUpdate();
+  if (const int error = lease_.release(); error != 0) noteFailure({error, FileOperation::kClose});
 }
 
 int64_t DiskFile::read(int64_t offset, void* out, int64_t wanted, int64_t needed) noexcept {
@@ -33,7 +38,7 @@ int64_t DiskFile::read(int64_t offset, void* out, int64_t wanted, int64_t needed
   if (transfer.count >= needed) return transfer.count;
   // Whoever updates by what it reads leaves out what it could not read.
   if (isWritable()) stopWriting();
-  noteFailure(transfer.reason(), "read", offset + transfer.count);
+  noteFailure({transfer.reason(), FileOperation::kRead, offset + transfer.count});
   return -1;
 }
 
@@ -44,18 +49,18 @@ bool DiskFile::tryRead(int64_t offset, void* out, int64_t count) noexcept {
 
 void DiskFile::announce(int64_t offset, int64_t count) noexcept {
   if (hasLostWrite_) return;
-  const int error = journal_.record(offset, count);
+  const int error = journal_->record(offset, count);
   if (error == 0) return;
   stopWriting();
-  noteFailure(error, "write the journal", -1);
+  noteFailure({error, FileOperation::kWriteJournal});
 }
 
 bool DiskFile::write(int64_t offset, const void* bytes, int64_t count) noexcept {
   announce(offset, count);
   if (hasLostWrite_) return false;
-  if (const int error = journal_.putOnDisk(); error != 0) {
+  if (const int error = journal_->putOnDisk(); error != 0) {
     stopWriting();
-    noteFailure(error, "write the journal", -1);
+    noteFailure({error, FileOperation::kWriteJournal});
     return false;
   }
   const int number = lease_.file().descriptor.number();
@@ -63,49 +68,57 @@ bool DiskFile::write(int64_t offset, const void* bytes, int64_t count) noexcept 
   length_ = std::max(length_, offset + transfer.count);
   if (transfer.count == count) return true;
   stopWriting();
-  noteFailure(transfer.reason(), "write", offset + transfer.count);
+  noteFailure({transfer.reason(), FileOperation::kWrite, offset + transfer.count});
   return false;
 }
 
-void DiskFile::noteFailure(int error, const char* operation, int64_t offset) noexcept {
-  const bool isRead = std::string_view(operation) == "read" && !isWritable();
-  std::optional<FailureTicket>& last = isRead ? failedRead_ : loss_;
-  if (last && failures_.holds(*last)) return;
-  const FailureTicket failure{error, operation, offset};
-  last = failures_.record(loss_ && !isRead ? *loss_ : failure, path());
+void DiskFile::noteFailure(const FileFailure& failure) noexcept {
+  const bool isRead = failure.operation == FileOperation::kRead && !isWritable();
+  isRead ? outcome_->noteFailedRead(failure) : outcome_->noteLoss(failure);
 }
 
-void DiskFile::noteRefusal() noexcept {
-  if (loss_) noteFailure(loss_->error, loss_->operation, loss_->offset);
+bool DiskFile::commitUpdate() noexcept {
+  if (!hasLostWrite_ && !journal_->exists()) return true;
+  if (!isOver_) endUpdate();
+  if (outcome_->loss()) {
+    stopWriting();
+    return false;
+  }
+  lease_.file().wasCreated = false;
+  startUpdate();
+  return true;
 }
 
 void DiskFile::endUpdate() noexcept {
-  if (!hasLostWrite_ && commit()) return;
-  const bool wasRolledBack = rollBack();
-  if (loss_) failures_.conclude(*loss_, path(), wasRolledBack);
+  isOver_ = !hasLostWrite_ && commit();
+  if (isOver_) return;
+  isOver_ = rollBack();
+  if (isOver_) outcome_->noteRolledBack();
 }
 
 // False when the file has to be rolled back. When only the journal's removal may not be on disk,
 // the update has happened, and a power cut may undo it: that is told, and nothing can be done.
 bool DiskFile::commit() noexcept {
-  if (!journal_.exists()) return false;
+  if (!journal_->exists()) return false;
   if (durability_ == Durability::full) {
     const int result = ops_.sync(lease_.file().descriptor.number());
-    if (result < 0) noteFailure(-result, "sync", -1);
+    if (result < 0) noteFailure({-result, FileOperation::kSync});
     if (result < 0) return false;
   }
-  if (const int error = journal_.remove(); error != 0) {
-    noteFailure(error, "commit", -1);
-    return !journal_.isThere();
+  if (const int error = journal_->remove(); error != 0) {
+    noteFailure({error, FileOperation::kCommit});
+    return !journal_->isThere();
   }
-  if (const int error = journal_.syncName(); error != 0) noteFailure(error, "commit", -1);
+  if (const int error = journal_->syncName(); error != 0) {
+    noteFailure({error, FileOperation::kCommit});
+  }
   return true;
 }
 
 bool DiskFile::rollBack() noexcept {
-  int error = journal_.rollBack(lease_.file());
+  int error = journal_->rollBack(lease_.file());
   if (error == 0) error = removeIfLeftEmpty(ops_, lease_.file());
-  if (error != 0) failures_.record({error, "roll back", -1}, path());
+  if (error != 0) noteFailure({error, FileOperation::kRollBack});
   return error == 0;
 }
 

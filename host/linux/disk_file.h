@@ -5,10 +5,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
-#include <string>
 
-#include "host/linux/failure_log.h"
+#include "host/linux/file_outcome.h"
 #include "host/linux/journal.h"
 #include "host/linux/locked_files.h"
 
@@ -17,20 +17,20 @@ namespace hxhost {
 // One thread at a time calls it.
 class DiskFile {
  public:
-  DiskFile(LockedFiles& files, FileLease lease, FailureLog& failures);
+  DiskFile(LockedFiles& files, FileLease lease, std::shared_ptr<FileOutcome> outcome);
 
   // Completes the update: what was written is on disk and stays, or, when something of it was lost
   // or can't be put on disk, the file is what it was before. A file that the update created and
   // that is empty is removed. Then closes the file.
   ~DiskFile();
 
-  const std::string& path() const { return path_; }
+  const std::shared_ptr<FileOutcome>& outcome() const { return outcome_; }
   bool isWritable() const { return lease_.isUpdate(); }
 
   // Bytes that lie on disk: the file's size when it was opened, and what was written since.
   int64_t length() const { return length_; }
 
-  // What it was when it was opened: what lies behind is this update's own.
+  // What it was when the update began, by the open or by a commit: what lies behind is its own.
   int64_t formerLength() const { return formerLength_; }
 
   // Reads `wanted` bytes within `length()`, or at least the first `needed` of them when the rest
@@ -44,7 +44,7 @@ class DiskFile {
 
   // Whether a write there would have to put something into the journal first, and wait for it.
   bool needsAnnouncement(int64_t offset, int64_t count) const {
-    return journal_.lacksRecords(offset, count);
+    return journal_->lacksRecords(offset, count);
   }
 
   // Tells of a write that is to come: those that are announced together wait for the journal once.
@@ -57,30 +57,29 @@ class DiskFile {
   void stopWriting() { hasLostWrite_ = true; }
   bool hasLostWrite() const { return hasLostWrite_; }
 
-  // Keeps a failure for the host, unless the last one of this file waits to be taken still: so the
-  // log is not filled by one bad disk. A "read" and all others wait apart. In place of all that
-  // follows in an update its first is kept again, which takes the update with it.
-  void noteFailure(int error, const char* operation, int64_t offset) noexcept;
+  // Tells a failure: a reader's failed read, else the loss of the update.
+  void noteFailure(const FileFailure& failure) noexcept;
 
-  // The same for a call that was refused because bytes were lost.
-  void noteRefusal() noexcept;
+  // Makes what was written so far stay, and goes on with the next update of the file. False, after
+  // noting why, when that can't be: the file is what it was before, unless its outcome says that it
+  // was not rolled back, and nothing is written any more.
+  bool commitUpdate() noexcept;
 
  private:
   void endUpdate() noexcept;
   bool commit() noexcept;
   bool rollBack() noexcept;
+  void startUpdate() noexcept;
 
   FileOps& ops_;
   FileLease lease_;
-  const std::string path_;  // outlives the lease
-  Durability durability_;
-  FailureLog& failures_;
-  Journal journal_;
-  const int64_t formerLength_;
+  const Durability durability_;
+  const std::shared_ptr<FileOutcome> outcome_;
+  std::optional<Journal> journal_;  // always one: the present update's
+  int64_t formerLength_;
   int64_t length_;
   bool hasLostWrite_ = false;
-  std::optional<FailureTicket> failedRead_;  // a reader's last that was kept
-  std::optional<FailureTicket> loss_;        // the first that is no reader's
+  bool isOver_ = false;  // the update has happened or was rolled back: nothing is left to do
 };
 
 }  // namespace hxhost

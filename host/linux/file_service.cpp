@@ -7,6 +7,7 @@
 
 #include "host/linux/locked_files.h"
 #include "host/linux/open_file.h"
+#include "host/linux/open_request.h"
 #include "host/linux/path_codec.h"
 
 namespace hxhost {
@@ -19,24 +20,26 @@ constexpr int32_t kNothingThere = 1;  // nor can there be, when the path is none
 constexpr size_t kKeptBytes = 2 * 1024 * 1024;
 
 struct FileService : hx::FileIo {
-  FileService(const HostOptions& options, const std::atomic<bool>& newOnly, FailureLog& failureLog)
+  explicit FileService(const HostOptions& options)
       : hx::FileIo{},
         files(std::make_shared<LockedFiles>(options.fileOps, options.durability, options.lockWait)),
         cacheBytesPerFile(options.cacheBytesPerFile),
         shelf(std::make_shared<BlockShelf>(
-            static_cast<size_t>(BlockCache::blockBytesFor(options.cacheBytesPerFile)), kKeptBytes)),
-        onlyNew(newOnly),
-        failures(failureLog) {}
+            static_cast<size_t>(BlockCache::blockBytesFor(options.cacheBytesPerFile)),
+            kKeptBytes)) {}
 
   const std::shared_ptr<LockedFiles> files;
   const int64_t cacheBytesPerFile;
   const std::shared_ptr<BlockShelf> shelf;
-  const std::atomic<bool>& onlyNew;
-  FailureLog& failures;
 };
 
 FileService& toFileService(hx::FileIo* io) {
   return *static_cast<FileService*>(io);
+}
+
+bool takesOnlyNew() {
+  const OpenRequest* request = OpenRequest::current();
+  return request != nullptr && request->terms().onlyNew;
 }
 
 int encodePathOrFail(const char32_t* path, int64_t length, std::string& encoded) {
@@ -46,27 +49,29 @@ int encodePathOrFail(const char32_t* path, int64_t length, std::string& encoded)
   return 0;
 }
 
-FileOutcome openHandle(FileService& service, const std::string& path, bool forUpdate,
-                       hx::FileHandle*& handle) {
+OpenResult openHandle(FileService& service, const std::string& path, bool forUpdate,
+                      hx::FileHandle*& handle) {
   FileLease lease;
-  const FileOutcome outcome = service.files->open(path, forUpdate, lease);
-  if (outcome.error != 0) return outcome;
+  const OpenResult result = service.files->open(path, forUpdate, lease);
+  if (result.error != 0) return result;
   // Whoever was quicker to lock the file that was created here may have made a store of it.
   RegularFile& file = lease.file();
   file.wasCreated = file.wasCreated && file.info.size == 0;
-  if (forUpdate && service.onlyNew && !file.wasCreated) return {EEXIST};
+  if (forUpdate && takesOnlyNew() && !file.wasCreated) return {EEXIST};
   const auto fullPath = decodePath(lease.file().path);
   if (!fullPath || fullPath->size() > hx::HX_PATH_CAPACITY) {
     if (forUpdate) removeIfLeftEmpty(service.files->ops(), lease.file());
     return {fullPath ? ENAMETOOLONG : EILSEQ};
   }
-  handle = new OpenFile(*service.files, std::move(lease), service.failures, *fullPath,
-                        service.shelf, service.cacheBytesPerFile);
+  auto* opened = new OpenFile(*service.files, std::move(lease), *fullPath, service.shelf,
+                              service.cacheBytesPerFile);
+  if (OpenRequest* request = OpenRequest::current()) request->noteOpened(opened->outcome());
+  handle = opened;
   return {};
 }
 
-FileOutcome tryOpen(FileService& service, const char32_t* path, int64_t length,
-                    const hx::OpenParameters* parameters, hx::FileHandle*& handle) noexcept try {
+OpenResult tryOpen(FileService& service, const char32_t* path, int64_t length,
+                   const hx::OpenParameters* parameters, hx::FileHandle*& handle) noexcept try {
   std::string encoded;
   if (const int error = encodePathOrFail(path, length, encoded); error != 0) return {error};
   const int32_t mode = parameters != nullptr ? parameters->accessMode : 0;
@@ -79,19 +84,13 @@ FileOutcome tryOpen(FileService& service, const char32_t* path, int64_t length,
 int tryRemove(FileService& service, const char32_t* path, int64_t length) noexcept try {
   std::string encoded;
   if (const int error = encodePathOrFail(path, length, encoded); error != 0) return error;
-  return service.onlyNew ? ENOENT : service.files->remove(encoded);
+  return takesOnlyNew() ? ENOENT : service.files->remove(encoded);
 } catch (const std::bad_alloc&) {
   return ENOMEM;
 }
 
-void logFailure(FileService& service, int error, const char* operation, const char32_t* path,
-                int64_t length) noexcept {
-  std::string described;
-  try {
-    described = describePath(path, length);
-  } catch (const std::bad_alloc&) {
-  }
-  service.failures.record({error, operation, -1}, described);
+void tell(int error, FileOperation operation) noexcept {
+  if (OpenRequest* request = OpenRequest::current()) request->noteFailure({error, operation});
 }
 
 int32_t removalResult(int error) {
@@ -123,8 +122,8 @@ hx::FileHandle* openSlot(hx::FileIo* io, const char32_t* path, int64_t length,
                          int64_t) noexcept {
   FileService& service = toFileService(io);
   hx::FileHandle* handle = nullptr;
-  const FileOutcome outcome = tryOpen(service, path, length, parameters, handle);
-  if (outcome.error != 0) logFailure(service, outcome.error, outcome.operation, path, length);
+  const OpenResult result = tryOpen(service, path, length, parameters, handle);
+  if (result.error != 0) tell(result.error, result.operation);
   return handle;
 }
 
@@ -132,7 +131,7 @@ int32_t removeSlot(hx::FileIo* io, const char32_t* path, int64_t length, int64_t
                    int64_t) noexcept {
   FileService& service = toFileService(io);
   const int error = tryRemove(service, path, length);
-  if (error != 0 && error != ENOENT) logFailure(service, error, "remove", path, length);
+  if (error != 0 && error != ENOENT) tell(error, FileOperation::kRemove);
   return removalResult(error);
 }
 
@@ -143,9 +142,8 @@ int32_t destroySlot(void* object) noexcept {
 
 }  // namespace
 
-hx::FileIo* makeFileService(const HostOptions& options, const std::atomic<bool>& onlyNew,
-                            FailureLog& failures) noexcept try {
-  auto* service = new FileService(options, onlyNew, failures);
+hx::FileIo* makeFileService(const HostOptions& options) noexcept try {
+  auto* service = new FileService(options);
   service->head = {{'f', 'i', 'o', '1'}, {}, nullptr, nullptr, nullptr, destroySlot};
   service->open = openSlot;
   service->remove = removeSlot;

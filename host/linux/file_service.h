@@ -4,21 +4,17 @@
 // nothing in it. The handle's path is absolute and free of links; a file whose path can't be given
 // so (longer than 1024 characters, or no UTF-8) does not open. A link is followed by `open` and by
 // `remove`: a store is deleted where its data are, and the link stays. What else is opened and who
-// is kept out is told in locked_files.h, what an update leaves behind in disk_file.h.
+// is kept out is told in locked_files.h, what an update leaves behind in disk_file.h, how an open
+// is told more than its slot takes, and tells more, in open_request.h.
 #pragma once
 
-#include <atomic>
-
 #include "host/file_io.h"
-#include "host/linux/failure_log.h"
 #include "host/linux/linux_host.h"
 
 namespace hxhost {
 
 // Released by its `destroy` slot, which does not close the files that it opened; null without
-// memory. Of `options`, `fileOps` is set. For `onlyNew` see LinuxHost::takeOnlyNewFiles; it and
-// `failures` outlive the service and its files.
-hx::FileIo* makeFileService(const HostOptions& options, const std::atomic<bool>& onlyNew,
-                            FailureLog& failures) noexcept;
+// memory. Of `options`, `fileOps` is set.
+hx::FileIo* makeFileService(const HostOptions& options) noexcept;
 
 }  // namespace hxhost

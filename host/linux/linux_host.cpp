@@ -1,10 +1,8 @@
 #include "host/linux/linux_host.h"
 
-#include <atomic>
 #include <string_view>
 
 #include "host/linux/encoding_service.h"
-#include "host/linux/failure_log.h"
 #include "host/linux/file_ops.h"
 #include "host/linux/file_service.h"
 #include "host/linux/memory_pool.h"
@@ -17,9 +15,7 @@ struct HostServices : hx::HostHandle {
   explicit HostServices(const HostOptions& hostOptions);
 
   PoolMeter meter;
-  FailureLog failures;
   HostOptions fileOptions;
-  std::atomic<bool> onlyNewFiles{false};
 };
 
 namespace {
@@ -37,9 +33,7 @@ void* loadExtensionSlot(hx::HostHandle* host, const char32_t* name, int64_t leng
   if (name == nullptr || length != 5) return nullptr;
   const std::u32string_view wanted(name, 5);
   auto* services = static_cast<HostServices*>(host);
-  if (wanted == U"hxfio") {
-    return makeFileService(services->fileOptions, services->onlyNewFiles, services->failures);
-  }
+  if (wanted == U"hxfio") return makeFileService(services->fileOptions);
   if (wanted == U"hxmok") return makeEncodingService();
   return nullptr;
 }
@@ -67,20 +61,16 @@ PoolUse LinuxHost::poolUse() const {
   return services_->meter.use();
 }
 
-void LinuxHost::takeOnlyNewFiles(bool onlyNew) {
-  services_->onlyNewFiles = onlyNew;
+std::shared_ptr<FileOutcome> LinuxHost::outcomeOf(hx::FileHandle* file) {
+  return static_cast<OpenFile*>(file)->outcome();
+}
+
+bool LinuxHost::commitUpdate(hx::FileHandle* file) {
+  return static_cast<OpenFile*>(file)->commit();
 }
 
 void LinuxHost::abandonUpdate(hx::FileHandle* file) {
   static_cast<OpenFile*>(file)->abandon();
-}
-
-std::optional<FileFailure> LinuxHost::takeFileFailure() {
-  return services_->failures.take();
-}
-
-std::optional<FileFailure> LinuxHost::takeFileFailure(std::string_view path) {
-  return services_->failures.take(path);
 }
 
 }  // namespace hxhost

@@ -5,33 +5,15 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
-#include <optional>
-#include <string>
-#include <string_view>
 
 #include "host/file_io.h"
 #include "host/kernel.h"
+#include "host/linux/file_outcome.h"
 
 namespace hxhost {
 
 class FileOps;
 struct HostServices;
-
-// A file operation that failed.
-struct FileFailure {
-  int error;  // errno; EBUSY when somebody else has the file open; ESTALE when what lies beside it
-              // under its journal's name is not its journal, EPERM when it is another user's
-  // "open" and "remove"; "read" and "write"; "write the journal", without which no byte of the file
-  // changes; "abandon"; of an update's end "sync" (its bytes), "commit" (its journal's removal) and
-  // "close"; "roll back" (to what a file was before an update)
-  std::string operation;
-  int64_t offset;    // of the first byte that could not be transferred; -1 where none is meant
-  std::string path;  // UTF-8: as given for "open" and "remove", else resolved
-  // The update that failed has left the file as it was. When false, of an update that is closed,
-  // the file may be the new one ("commit" and "close"), or will be made what it was by whoever
-  // opens it next.
-  bool rolledBack = false;
-};
 
 // What an update is safe against.
 enum class Durability {
@@ -53,7 +35,8 @@ struct HostOptions {
   // What the files are made of; null for the system's. Shared with every file of the host.
   std::shared_ptr<FileOps> fileOps;
   Durability durability = Durability::full;
-  // How long an open and a removal wait for a file that somebody else has open.
+  // How long opens and removals without an OpenRequest wait for a file that somebody else has open;
+  // below zero: for ever.
   std::chrono::milliseconds lockWait{0};
 };
 
@@ -71,24 +54,20 @@ class LinuxHost {
 
   PoolUse poolUse() const;
 
-  // From now on, or no longer, an open for an update refuses a file that is there already, with
-  // EEXIST, and a removal leaves it: what is opened is new for certain.
-  void takeOnlyNewFiles(bool onlyNew);
+  // What became of a `file` of any host, the reasons of its failures with it.
+  static std::shared_ptr<FileOutcome> outcomeOf(hx::FileHandle* file);
 
-  // Gives up an update: what was written to the `file` of this host since it was opened is undone
-  // when it is closed, and until then everything fails, with ECANCELED of an "abandon". Nobody may
-  // use the file meanwhile. Changes nothing of a file that is open for reading.
+  // Makes what was written to the `file` since it was opened or committed last stay, as a close
+  // would, and goes on with the update; nobody can slip in between. False when that failed: the
+  // outcome says why, the file is what it was before, and until it is closed everything fails.
+  // Nobody may use the file meanwhile.
+  static bool commitUpdate(hx::FileHandle* file);
+
+  // Gives up an update: what was written to the `file` since it was opened or committed last is
+  // undone when it is closed, and until then everything fails; its loss is kAbandon, unless it was
+  // lost before. Nobody may use the file meanwhile. Changes nothing of a file that is open for
+  // reading.
   static void abandonUpdate(hx::FileHandle* file);
-
-  // The oldest failure, or the oldest of that path, which is forgotten: an open or a removal that
-  // failed, and of an open file each failure that came when none of it was waiting to be taken,
-  // reads and everything else apart. Of an update it is always the first, told anew by each later
-  // call and at the end, since it takes the whole update with it; a read that fails there is as bad
-  // as a lost write. 64 are kept, and the oldest goes first. Only what the disk or the system
-  // refused counts, and writes that were lost; an absent file counts for an open, not for a
-  // removal.
-  std::optional<FileFailure> takeFileFailure();
-  std::optional<FileFailure> takeFileFailure(std::string_view path);
 
  private:
   std::unique_ptr<HostServices> services_;

@@ -5,6 +5,7 @@
 #include <thread>
 #include <utility>
 
+#include "host/linux/open_request.h"
 #include "host/linux/rollback.h"
 
 namespace hxhost {
@@ -18,6 +19,37 @@ constexpr int kMostAttempts = 100;
 
 constexpr std::chrono::milliseconds kPause{2};
 
+// One wait, as long as the thread's request or else the host says; the request is told its length.
+class LockWait {
+ public:
+  explicit LockWait(std::chrono::milliseconds byDefault)
+      : request_(OpenRequest::current()),
+        limit_(request_ != nullptr ? request_->terms().lockWait : byDefault) {}
+  ~LockWait() {
+    if (request_ != nullptr) request_->noteWait(waited());
+  }
+  LockWait(const LockWait&) = delete;
+  LockWait& operator=(const LockWait&) = delete;
+
+  // False when it is over. The limit is compared as it is: a sum with it, or what it is in
+  // nanoseconds, may pass the largest number.
+  bool pause() const {
+    if (limit_.count() >= 0 && waited() >= limit_) return false;
+    std::this_thread::sleep_for(kPause);
+    return true;
+  }
+
+ private:
+  std::chrono::milliseconds waited() const {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin_);
+  }
+
+  using Clock = std::chrono::steady_clock;
+  OpenRequest* const request_;
+  const std::chrono::milliseconds limit_;
+  const Clock::time_point begin_ = Clock::now();
+};
+
 // What was opened and locked may no longer be what the path leads to.
 int checkStillThere(FileOps& ops, RegularFile& file) {
   const int error = inspectAgain(ops, file);
@@ -25,10 +57,10 @@ int checkStillThere(FileOps& ops, RegularFile& file) {
 }
 
 template <typename Attempt>
-FileOutcome repeatReplaced(Attempt attempt) {
+OpenResult repeatReplaced(Attempt attempt) {
   for (int left = kMostAttempts; left > 0; --left) {
-    const FileOutcome outcome = attempt();
-    if (outcome.error != kTryAgain) return outcome;
+    const OpenResult result = attempt();
+    if (result.error != kTryAgain) return result;
   }
   return {EBUSY};
 }
@@ -53,27 +85,27 @@ int FileLease::release() noexcept {
   return files->release(*std::exchange(locked_, nullptr), isUpdate_);
 }
 
-FileOutcome LockedFiles::open(const std::string& path, bool forUpdate, FileLease& lease) {
+OpenResult LockedFiles::open(const std::string& path, bool forUpdate, FileLease& lease) {
   const std::lock_guard guard(mutex_);
   return repeatReplaced([&] { return tryOpen(path, forUpdate, lease); });
 }
 
-FileOutcome LockedFiles::tryOpen(const std::string& path, bool forUpdate, FileLease& lease) {
+OpenResult LockedFiles::tryOpen(const std::string& path, bool forUpdate, FileLease& lease) {
   auto locked = std::make_unique<LockedFile>();
   const int error = locateRegularFile(*ops_, path, locked->file);
   if (error != 0 && !(error == ENOENT && forUpdate)) return {error};
   if (LockedFile* known = error == 0 ? find(locked->file.info) : nullptr) {
-    const FileOutcome outcome = join(*known, path, forUpdate);
-    if (outcome.error == 0) lease = enter(*known, forUpdate);
-    return outcome;
+    const OpenResult result = join(*known, path, forUpdate);
+    if (result.error == 0) lease = enter(*known, forUpdate);
+    return result;
   }
   locked->askedPath = path;
   files_.reserve(files_.size() + 1);
-  const FileOutcome outcome = openNew(path, forUpdate, locked->file);
-  if (outcome.error != 0) return outcome;
+  const OpenResult result = openNew(path, forUpdate, locked->file);
+  if (result.error != 0) return result;
   files_.push_back(std::move(locked));
   lease = enter(*files_.back(), forUpdate);
-  return outcome;
+  return result;
 }
 
 FileLease LockedFiles::enter(LockedFile& locked, bool isUpdate) {
@@ -82,7 +114,7 @@ FileLease LockedFiles::enter(LockedFile& locked, bool isUpdate) {
   return {shared_from_this(), locked, isUpdate};
 }
 
-FileOutcome LockedFiles::join(LockedFile& known, const std::string& path, bool forUpdate) {
+OpenResult LockedFiles::join(LockedFile& known, const std::string& path, bool forUpdate) {
   if (known.hasUpdater) return {EBUSY};
   if (!forUpdate) {
     if (known.askedPath != path) known.askedPath.clear();
@@ -90,26 +122,26 @@ FileOutcome LockedFiles::join(LockedFile& known, const std::string& path, bool f
   }
   if (known.askedPath != path) return {EBUSY};
   if (!known.file.isWritable) return {EACCES};
-  const FileOutcome outcome = lockAndRecover(known.file);
-  if (outcome.error != 0) acquire(known.file, LockKind::kShared);
-  return outcome;
+  const OpenResult result = lockAndRecover(known.file);
+  if (result.error != 0) acquire(known.file, LockKind::kShared);
+  return result;
 }
 
-FileOutcome LockedFiles::openNew(const std::string& path, bool forUpdate, RegularFile& file) {
+OpenResult LockedFiles::openNew(const std::string& path, bool forUpdate, RegularFile& file) {
   const int error =
       openRegularFile(*ops_, path, forUpdate ? Purpose::kUpdate : Purpose::kRead, file);
-  FileOutcome outcome{error};
-  if (error == 0) outcome = forUpdate ? lockAndRecover(file) : lockForReading(file);
-  if (outcome.error != 0 && outcome.error != kTryAgain) dropCreated(file);
-  return outcome;
+  OpenResult result{error};
+  if (error == 0) result = forUpdate ? lockAndRecover(file) : lockForReading(file);
+  if (result.error != 0 && result.error != kTryAgain) dropCreated(file);
+  return result;
 }
 
 // Whether there is something to roll back is known only under the lock. But readers that find it
 // out there would stand in each other's way to the exclusive lock, so they look before, too.
-FileOutcome LockedFiles::lockForReading(RegularFile& file) {
+OpenResult LockedFiles::lockForReading(RegularFile& file) {
   if (file.isWritable && mustRollBack(*ops_, file)) {
-    const FileOutcome outcome = lockAndRecover(file);
-    return outcome.error != 0 ? outcome : FileOutcome{acquire(file, LockKind::kShared)};
+    const OpenResult result = lockAndRecover(file);
+    return result.error != 0 ? result : OpenResult{acquire(file, LockKind::kShared)};
   }
   int error = acquire(file, LockKind::kShared);
   if (error == 0) error = checkStillThere(*ops_, file);
@@ -117,16 +149,16 @@ FileOutcome LockedFiles::lockForReading(RegularFile& file) {
   JournalState state{};
   error = examineJournal(*ops_, file, state);
   if (error == 0 && state == JournalState::kHot) error = file.isWritable ? kTryAgain : EACCES;
-  return {error, "roll back"};
+  return {error, FileOperation::kRollBack};
 }
 
-FileOutcome LockedFiles::lockAndRecover(RegularFile& file) {
+OpenResult LockedFiles::lockAndRecover(RegularFile& file) {
   int error = acquire(file, LockKind::kExclusive);
   if (error == 0) error = checkStillThere(*ops_, file);
   if (error != 0) return {error};
   error = recoverFile(*ops_, file);
   if (error == 0) error = checkStillThere(*ops_, file);
-  return {error, "roll back"};
+  return {error, FileOperation::kRollBack};
 }
 
 // One that another opening has locked meanwhile is theirs.
@@ -138,18 +170,17 @@ void LockedFiles::dropCreated(RegularFile& file) {
 }
 
 int LockedFiles::acquire(const RegularFile& file, LockKind kind) {
-  const auto deadline = std::chrono::steady_clock::now() + wait_;
+  LockWait wait(lockWait_);
   for (;;) {
     const int result = ops_->lock(file.descriptor.number(), kind);
     if (result != -EAGAIN) return -result;
-    if (std::chrono::steady_clock::now() >= deadline) return EBUSY;
-    std::this_thread::sleep_for(kPause);
+    if (!wait.pause()) return EBUSY;
   }
 }
 
 int LockedFiles::remove(const std::string& path) {
   const std::lock_guard guard(mutex_);
-  return repeatReplaced([&] { return FileOutcome{tryRemove(path)}; }).error;
+  return repeatReplaced([&] { return OpenResult{tryRemove(path)}; }).error;
 }
 
 int LockedFiles::tryRemove(const std::string& path) {

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "host/linux/file_outcome.h"
 #include "host/linux/linux_host.h"
 #include "host/linux/regular_file.h"
 
@@ -54,16 +55,17 @@ class FileLease {
 };
 
 // What an open or a removal came to, and what it failed in.
-struct FileOutcome {
+struct OpenResult {
   int error = 0;  // errno; EBUSY when somebody else holds a lock
-  const char* operation = "open";
+  FileOperation operation = FileOperation::kOpen;
 };
 
 // Safe for several threads; a wait for a lock keeps the others waiting.
 class LockedFiles : public std::enable_shared_from_this<LockedFiles> {
  public:
-  LockedFiles(std::shared_ptr<FileOps> ops, Durability durability, std::chrono::milliseconds wait)
-      : ops_(std::move(ops)), durability_(durability), wait_(wait) {}
+  LockedFiles(std::shared_ptr<FileOps> ops, Durability durability,
+              std::chrono::milliseconds lockWait)
+      : ops_(std::move(ops)), durability_(durability), lockWait_(lockWait) {}
 
   FileOps& ops() const { return *ops_; }
   Durability durability() const { return durability_; }
@@ -71,7 +73,7 @@ class LockedFiles : public std::enable_shared_from_this<LockedFiles> {
   // The regular file at `path`, locked and rolled back; see openRegularFile for its errors. A
   // reader needs permission to write only where there is something to roll back. May throw
   // std::bad_alloc.
-  FileOutcome open(const std::string& path, bool forUpdate, FileLease& lease);
+  OpenResult open(const std::string& path, bool forUpdate, FileLease& lease);
 
   // Removes the regular file at `path`, which must be writable, and its journal; ESTALE when what
   // lies under the journal's name is none. May throw std::bad_alloc.
@@ -80,11 +82,11 @@ class LockedFiles : public std::enable_shared_from_this<LockedFiles> {
  private:
   friend class FileLease;
 
-  FileOutcome tryOpen(const std::string& path, bool forUpdate, FileLease& lease);
-  FileOutcome openNew(const std::string& path, bool forUpdate, RegularFile& file);
-  FileOutcome join(LockedFile& known, const std::string& path, bool forUpdate);
-  FileOutcome lockForReading(RegularFile& file);
-  FileOutcome lockAndRecover(RegularFile& file);
+  OpenResult tryOpen(const std::string& path, bool forUpdate, FileLease& lease);
+  OpenResult openNew(const std::string& path, bool forUpdate, RegularFile& file);
+  OpenResult join(LockedFile& known, const std::string& path, bool forUpdate);
+  OpenResult lockForReading(RegularFile& file);
+  OpenResult lockAndRecover(RegularFile& file);
   int tryRemove(const std::string& path);
   int removeLocked(const RegularFile& file);
   FileLease enter(LockedFile& locked, bool isUpdate);
@@ -95,7 +97,7 @@ class LockedFiles : public std::enable_shared_from_this<LockedFiles> {
 
   const std::shared_ptr<FileOps> ops_;
   const Durability durability_;
-  const std::chrono::milliseconds wait_;
+  const std::chrono::milliseconds lockWait_;  // where no OpenRequest says it
   std::mutex mutex_;
   std::vector<std::unique_ptr<LockedFile>> files_;
 };

@@ -37,11 +37,10 @@ int32_t seekSlot(hx::FileHandle* handle, int64_t* position, int32_t whence, int6
 
 }  // namespace
 
-OpenFile::OpenFile(LockedFiles& files, FileLease lease, FailureLog& failures,
-                   std::u32string_view fullPath, std::shared_ptr<BlockShelf> shelf,
-                   int64_t cacheBytes)
+OpenFile::OpenFile(LockedFiles& files, FileLease lease, std::u32string_view fullPath,
+                   std::shared_ptr<BlockShelf> shelf, int64_t cacheBytes)
     : hx::FileHandle{},
-      disk_(files, std::move(lease), failures),
+      disk_(files, std::move(lease), std::make_shared<FileOutcome>()),
       shelf_(std::move(shelf)),
       cache_(disk_, *shelf_, cacheBytes) {
   head = {{'f', 'i', 'l', 'e'}, {}, nullptr, nullptr, nullptr, nullptr};
@@ -59,7 +58,7 @@ OpenFile::~OpenFile() {
 
 int32_t OpenFile::readOn(hx::ReadRequest& request, int64_t& count) noexcept {
   if (request.destination == nullptr || request.count <= 0) return kFailed;
-  if (disk_.hasLostWrite()) return refuse();
+  if (disk_.hasLostWrite()) return kFailed;
   if (position_ >= cache_.size()) return kFailed;
   const int64_t delivered = cache_.read(position_, request.destination, request.count);
   if (delivered == 0) return kFailed;
@@ -72,11 +71,11 @@ int32_t OpenFile::writeOn(const void* source, int64_t count) noexcept {
   if (count == 0) return kDone;
   if (source == nullptr || count < 0) return kFailed;
   if (!disk_.isWritable() || count > kLastPosition - position_) {
-    disk_.noteFailure(disk_.isWritable() ? EFBIG : EBADF, "write", position_);
+    disk_.noteFailure({disk_.isWritable() ? EFBIG : EBADF, FileOperation::kWrite, position_});
     if (disk_.isWritable()) disk_.stopWriting();
     return kFailed;
   }
-  if (disk_.hasLostWrite()) return refuse();
+  if (disk_.hasLostWrite()) return kFailed;
   if (!cache_.write(position_, source, count)) {
     disk_.stopWriting();  // also when the bytes were lost for want of their neighbours on disk
     return kFailed;
@@ -88,12 +87,13 @@ int32_t OpenFile::writeOn(const void* source, int64_t count) noexcept {
 void OpenFile::abandon() noexcept {
   if (!disk_.isWritable()) return;
   disk_.stopWriting();
-  disk_.noteFailure(ECANCELED, "abandon", -1);
+  disk_.noteFailure({ECANCELED, FileOperation::kAbandon});
 }
 
-int32_t OpenFile::refuse() noexcept {
-  disk_.noteRefusal();
-  return kFailed;
+bool OpenFile::commit() noexcept {
+  if (!disk_.isWritable()) return false;
+  if (!cache_.flush()) disk_.stopWriting();
+  return disk_.commitUpdate();
 }
 
 int32_t OpenFile::moveTo(int64_t& position, int32_t whence) noexcept {

@@ -19,7 +19,7 @@ class OpenFile : public hx::FileHandle {
  public:
   // `fullPath` has at most HX_PATH_CAPACITY characters; see BlockCache for the shelf. Throws
   // std::bad_alloc.
-  OpenFile(LockedFiles& files, FileLease lease, FailureLog& failures, std::u32string_view fullPath,
+  OpenFile(LockedFiles& files, FileLease lease, std::u32string_view fullPath,
            std::shared_ptr<BlockShelf> shelf, int64_t cacheBytes);
 
   // Completes an update, all of it or nothing, and closes the file.
@@ -32,9 +32,12 @@ class OpenFile : public hx::FileHandle {
   // Makes an update fail on purpose.
   void abandon() noexcept;
 
- private:
-  int32_t refuse() noexcept;
+  // Ends an update and begins the next; see DiskFile.
+  bool commit() noexcept;
 
+  const std::shared_ptr<FileOutcome>& outcome() const { return disk_.outcome(); }
+
+ private:
   DiskFile disk_;
   const std::shared_ptr<BlockShelf> shelf_;  // outlives the cache, and the service perhaps
   BlockCache cache_;

@@ -1,0 +1,68 @@
+#include "host/linux/file_outcome.h"
+
+#include <utility>
+
+namespace hxhost {
+
+const char* nameOf(FileOperation operation) {
+  switch (operation) {
+    case FileOperation::kOpen:
+      return "open";
+    case FileOperation::kRemove:
+      return "remove";
+    case FileOperation::kRead:
+      return "read";
+    case FileOperation::kWrite:
+      return "write";
+    case FileOperation::kWriteJournal:
+      return "write the journal";
+    case FileOperation::kAbandon:
+      return "abandon";
+    case FileOperation::kSync:
+      return "sync";
+    case FileOperation::kRollBack:
+      return "roll back";
+    case FileOperation::kCommit:
+      return "commit";
+    case FileOperation::kClose:
+      return "close";
+  }
+  return "";
+}
+
+std::optional<FileFailure> FileOutcome::loss() const {
+  const std::lock_guard guard(mutex_);
+  return loss_;
+}
+
+std::optional<FileFailure> FileOutcome::takeFailedRead() {
+  const std::lock_guard guard(mutex_);
+  return std::exchange(failedRead_, std::nullopt);
+}
+
+std::optional<FileFailure> FileOutcome::failure() const {
+  const std::lock_guard guard(mutex_);
+  return loss_ ? loss_ : failedRead_;
+}
+
+bool FileOutcome::wasRolledBack() const {
+  const std::lock_guard guard(mutex_);
+  return wasRolledBack_ && loss_;
+}
+
+void FileOutcome::noteLoss(const FileFailure& failure) {
+  const std::lock_guard guard(mutex_);
+  if (!loss_) loss_ = failure;
+}
+
+void FileOutcome::noteFailedRead(const FileFailure& failure) {
+  const std::lock_guard guard(mutex_);
+  failedRead_ = failure;
+}
+
+void FileOutcome::noteRolledBack() {
+  const std::lock_guard guard(mutex_);
+  wasRolledBack_ = true;
+}
+
+}  // namespace hxhost

@@ -1,0 +1,66 @@
+// What went wrong with a file, told by the handle that it went wrong with.
+#pragma once
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+
+namespace hxhost {
+
+// What was being done. The last three belong to the end of an update, or of a part of it.
+enum class FileOperation : uint8_t {
+  kOpen,
+  kRemove,
+  kRead,
+  kWrite,
+  kWriteJournal,  // without its record there no byte of the file changes
+  kAbandon,       // given up on purpose, with ECANCELED
+  kSync,          // the file's bytes
+  kRollBack,      // to what the file was before an update
+  kCommit,        // the journal's removal
+  kClose
+};
+
+// In words: "open", "write the journal".
+const char* nameOf(FileOperation operation);
+
+// Only what the disk or the system refused, and writes that were lost.
+struct FileFailure {
+  // errno. EBUSY when somebody else has the file open; ESTALE when what lies under its journal's
+  // name is not its journal, EPERM in rolling back when it is another user's.
+  int error;
+  FileOperation operation;
+  int64_t offset = -1;  // of the first byte that could not be transferred; -1 where none is meant
+};
+
+// What became of one open file, shared by its handle and by whoever opened it, and of use when the
+// handle is gone. Safe for several threads; nothing here needs memory.
+class FileOutcome {
+ public:
+  // What an update was lost by: the first failure, since it takes all of the update with it, a
+  // failed read too. Of a file that is open for reading whatever is no read. Stays.
+  std::optional<FileFailure> loss() const;
+
+  // Of a file that is open for reading the last read that failed; forgotten with that.
+  std::optional<FileFailure> takeFailedRead();
+
+  // The loss, else the last read that failed. Forgets nothing.
+  std::optional<FileFailure> failure() const;
+
+  // The lost update has left the file as it was. When it has not, and the handle is closed, the
+  // file may be the new one (after kCommit and kClose), or will be made what it was by whoever
+  // opens it next.
+  bool wasRolledBack() const;
+
+  void noteLoss(const FileFailure& failure);
+  void noteFailedRead(const FileFailure& failure);
+  void noteRolledBack();
+
+ private:
+  mutable std::mutex mutex_;
+  std::optional<FileFailure> loss_;
+  std::optional<FileFailure> failedRead_;
+  bool wasRolledBack_ = false;
+};
+
+}  // namespace hxhost
