@@ -146,10 +146,13 @@ void ChainWalk::claimSlackOf(const Slack& slack) {
                    "the rest of its last page belongs to " + ledger_.describeOwner(owned.owner) +
                        " too: appending to it would destroy that");
   }
-  for (const ByteRange& range : ledger_.claimed.listFree(slack.range)) {
-    ledger_.claimed.claim(range, slack.item);
-    tell(ByteKind::slack, range, slack.item);
-    if (options_.readSlack) lookForBytes(range);
+  for (const ByteRange& gap : settled_.listFree(slack.range)) {
+    for (const ByteRange& range : ledger_.claimed.listFree(gap)) {
+      ledger_.claimed.claim(range, slack.item);
+      tell(ByteKind::slack, range, slack.item);
+      if (options_.readSlack) lookForBytes(range);
+    }
+    settled_.claim(gap, 0);
   }
 }
 

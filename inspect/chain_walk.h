@@ -42,6 +42,9 @@ class ChainWalk {
   int64_t pageIndex_ = 0;
   int64_t size_ = 0;  // of the item so far
   std::vector<Slack> slack_;
+  // Where every byte has its owner by now, so that rests of pages which cover each other and the
+  // whole file are gone through once.
+  ClaimedBytes settled_;
   int64_t strayBytes_ = 0;  // in the slack, not zero
   int64_t firstStray_ = 0;
 };

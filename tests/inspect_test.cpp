@@ -1,6 +1,8 @@
 // The reader of store files that shares nothing with the module, on good and on damaged images, and
 // the commands that stand on it.
 
+#include <sys/resource.h>
+
 #include <algorithm>
 #include <hxcrate/crate.hpp>
 #include <hxcrate/inspect.hpp>
@@ -14,6 +16,7 @@ namespace {
 using hx::DataChunk;
 using hx::Entry;
 using hx::fake::Bytes;
+using hx::fake::putRecord;
 using hx::fake::setNamedField;
 using hxtest::makeBytes;
 using hxtest::writeFile;
@@ -155,12 +158,53 @@ TEST(InspectTest, WhatItFindsSoundTheModuleReads) {
   EXPECT_GT(sound, 100);
 }
 
+// Items of one byte each in the top store, every record and byte behind the one before.
+Bytes makeFlatImage(int count, int32_t pageSize, const std::function<std::string(int)>& nameOf) {
+  constexpr int64_t kTop = hx::kHeaderSize, kItem = hx::kEntrySize + hx::kChunkSize + 1;
+  const auto placeOf = [](int i) { return kTop + hx::kEntrySize + i * kItem; };
+  Bytes image(static_cast<std::size_t>(placeOf(count)), 0);
+  putRecord(image, 0, hx::fake::headerOf(-pageSize, kTop));
+  std::string("hxmok1/le/utf-8").copy(reinterpret_cast<char*>(image.data()), 15);
+  putRecord(image, kTop, hx::fake::entryOf(0, 0, 0, placeOf(0), "x.st"));
+  for (int i = 0; i < count; ++i) {
+    const int64_t at = placeOf(i), chunk = at + hx::kEntrySize;
+    const int64_t previous = i == 0 ? 0 : placeOf(i - 1), next = i + 1 < count ? placeOf(i + 1) : 0;
+    putRecord(image, at, hx::fake::entryOf(kTop, previous, next, chunk, nameOf(i).c_str()));
+    putRecord(image, chunk, DataChunk{chunk + hx::kChunkSize, pageSize, 1, 0});
+  }
+  return image;
+}
+
 class InspectFileTest : public hxtest::CommandFixture {
  protected:
   void writeImage(const Bytes& image) {
     writeFile(directory_ / "x.st", {image.begin(), image.end()});
   }
+
+  // Each command on x.st, within so many seconds of the processor's time.
+  void expectQuick(double limit, const std::vector<std::string>& commands) {
+    const auto secondsSoFar = [] {
+      rusage usage{};
+      ::getrusage(RUSAGE_CHILDREN, &usage);
+      const auto sum = usage.ru_utime.tv_sec + usage.ru_stime.tv_sec;
+      return static_cast<double>(sum) +
+             1e-6 * static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec);
+    };
+    for (const std::string& command : commands) {
+      const double before = secondsSoFar();
+      expectRun(0, "hxcrate " + command + " x.st || [ $? = 1 ]");
+      EXPECT_LE(secondsSoFar() - before, limit) << command;
+    }
+  }
 };
+
+// Every item's page has the whole file's length.
+TEST_F(InspectFileTest, TakesLittleTimeWherePagesCoverEachOther) {
+  constexpr int kItems = 40000;
+  const auto nameOf = [](int i) { return std::to_string(i); };
+  writeImage(makeFlatImage(kItems, 121 * kItems, nameOf));
+  expectQuick(5, {"check", "stat", "map", "map --json"});
+}
 
 TEST_F(InspectFileTest, IsTurnedIntoTheOtherByteOrderAndBack) {
   writeImage(makeImage());
