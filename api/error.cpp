@@ -4,12 +4,30 @@
 #include <optional>
 #include <utility>
 
+#include "records/status.h"
+
 namespace hxcrate {
 
 namespace {
 
+// A status of the module is told as the code of its number.
+constexpr bool isTold(hx::Status status, Errc code) {
+  return static_cast<Errc>(status) == code;
+}
+static_assert(isTold(hx::kNotFound, Errc::notFound) && isTold(hx::kExists, Errc::exists));
+static_assert(isTold(hx::kNoMemory, Errc::noMemory) && isTold(hx::kNotLocked, Errc::notLocked));
+static_assert(isTold(hx::kNoStore, Errc::noStore) && isTold(hx::kEndOfItem, Errc::endOfItem));
+static_assert(isTold(hx::kItemInUse, Errc::itemInUse));
+static_assert(isTold(hx::kFileNotOpen, Errc::fileNotOpen));
+static_assert(isTold(hx::kOtherEncoding, Errc::otherEncoding));
+static_assert(isTold(hx::kStoreInUse, Errc::storeInUse));
+static_assert(isTold(hx::kContradiction, Errc::contradiction));
+static_assert(isTold(hx::kNameTooLong, Errc::nameTooLong));
+static_assert(isTold(hx::kUnreadable, Errc::damaged));
+static_assert(isTold(hx::kPageSizeFixed, Errc::pageSizeFixed));
+
 struct Meaning {
-  int code;
+  Errc code;
   const char* sentence;
   std::errc condition;  // no errc: the code stands for itself
 };
@@ -17,38 +35,39 @@ struct Meaning {
 constexpr std::errc kNoCondition{};
 
 constexpr Meaning kMeanings[] = {
-    {-1, "not found", std::errc::no_such_file_or_directory},
-    {-2, "exists already", std::errc::file_exists},
-    {-3, "out of memory", std::errc::not_enough_memory},
-    {-4, "the lock was not taken", std::errc::resource_unavailable_try_again},
-    {-5, "items live only inside a store", std::errc::invalid_argument},
-    {-6, "end of the item", kNoCondition},
-    {-7, "the item is in use", std::errc::device_or_resource_busy},
-    {-8, "the store's file does not open", std::errc::io_error},
-    {-9, "written in another encoding, it can only be read", std::errc::not_supported},
-    {-10, "the store is in use", std::errc::device_or_resource_busy},
-    {-11, "can't be written to", std::errc::operation_not_permitted},
-    {-12, "a name is too long", std::errc::filename_too_long},
-    {-13, "the store's data are damaged", kNoCondition},
-    {-14, "the page size is fixed already", std::errc::invalid_argument},
-    {1, "the name can't be kept", std::errc::invalid_argument},
-    {2, "the store is open for reading only", std::errc::operation_not_permitted},
-    {3, "an item ends at 2147483647 bytes", std::errc::file_too_large},
-    {4, "the module can't be loaded", kNoCondition},
-    {5, "the file service failed", std::errc::io_error},
-    {6, "too short to be a store", kNoCondition},
-    {7, "a page has at least one byte", std::errc::invalid_argument},
-    {8, "closed already", std::errc::bad_file_descriptor},
-    {9, "members of the store are still open", std::errc::device_or_resource_busy},
-    {10, "only a whole store that was created in memory becomes a blob",
+    {Errc::notFound, "not found", std::errc::no_such_file_or_directory},
+    {Errc::exists, "exists already", std::errc::file_exists},
+    {Errc::noMemory, "out of memory", std::errc::not_enough_memory},
+    {Errc::notLocked, "the lock was not taken", std::errc::resource_unavailable_try_again},
+    {Errc::noStore, "items live only inside a store", std::errc::invalid_argument},
+    {Errc::endOfItem, "end of the item", kNoCondition},
+    {Errc::itemInUse, "the item is in use", std::errc::device_or_resource_busy},
+    {Errc::fileNotOpen, "the store's file does not open", std::errc::io_error},
+    {Errc::otherEncoding, "written in another encoding, it can only be read",
+     std::errc::not_supported},
+    {Errc::storeInUse, "the store is in use", std::errc::device_or_resource_busy},
+    {Errc::contradiction, "can't be written to", std::errc::operation_not_permitted},
+    {Errc::nameTooLong, "a name is too long", std::errc::filename_too_long},
+    {Errc::damaged, "the store's data are damaged", kNoCondition},
+    {Errc::pageSizeFixed, "the page size is fixed already", std::errc::invalid_argument},
+    {Errc::badName, "the name can't be kept", std::errc::invalid_argument},
+    {Errc::readOnly, "the store is open for reading only", std::errc::operation_not_permitted},
+    {Errc::itemFull, "an item ends at 2147483647 bytes", std::errc::file_too_large},
+    {Errc::noModule, "the module can't be loaded", kNoCondition},
+    {Errc::fileFailed, "the file service failed", std::errc::io_error},
+    {Errc::notAStore, "too short to be a store", kNoCondition},
+    {Errc::badPageSize, "a page has at least one byte", std::errc::invalid_argument},
+    {Errc::closed, "closed already", std::errc::bad_file_descriptor},
+    {Errc::membersOpen, "members of the store are still open", std::errc::device_or_resource_busy},
+    {Errc::noBlob, "only a whole store that was created in memory becomes a blob",
      std::errc::invalid_argument},
-    {11, "the item ends within an element", kNoCondition},
-    {12, "not an encoding that is known here", std::errc::not_supported},
+    {Errc::cutElement, "the item ends within an element", kNoCondition},
+    {Errc::unknownEncoding, "not an encoding that is known here", std::errc::not_supported},
 };
 
 const Meaning* findMeaning(int code) {
   for (const Meaning& meaning : kMeanings) {
-    if (meaning.code == code) return &meaning;
+    if (meaning.code == static_cast<Errc>(code)) return &meaning;
   }
   return nullptr;
 }

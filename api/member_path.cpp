@@ -21,7 +21,8 @@ std::string findNameFault(std::string_view name) {
   if (name.empty()) return "a component is empty";
   if (name.find('\0') != std::string_view::npos) return "it holds a NUL byte";
   if (name.size() <= kNameCapacity) return "";
-  return "a component has " + std::to_string(name.size()) + " bytes, at most 64 fit";
+  return "a component has " + std::to_string(name.size()) + " bytes, at most " +
+         std::to_string(kNameCapacity) + " fit";
 }
 
 std::string makeAbsolute(const std::string& path) {

@@ -7,14 +7,13 @@
 #include <string>
 #include <string_view>
 
+#include "hxcrate/store.hpp"
 #include "records/records.h"
 
 namespace hxcrate {
 
-constexpr std::size_t kNameCapacity = 64;  // bytes; the format cuts what is longer
-
 // Why the member path `path` can't be kept as it is: one of its components, which have "/" between
-// them, is empty, longer than 64 bytes or holds a NUL. Empty when it can.
+// them, is empty, longer than kNameCapacity or holds a NUL. Empty when it can.
 std::string findPathFault(std::string_view path);
 
 // The characters of a member name of at most kNameCapacity bytes.

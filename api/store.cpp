@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "file/format.h"
 #include "hxcrate/error.hpp"
 #include "member_cursor.h"
 #include "member_path.h"
@@ -9,6 +10,9 @@
 #include "tree.h"
 
 namespace hxcrate {
+
+static_assert(kNameCapacity == hx::kStoredNameLength);
+static_assert(kUsualPageSize == hx::kDefaultPageSize);
 
 namespace {
 
@@ -222,7 +226,7 @@ const std::string& Store::path() const& {
 
 std::int32_t Store::pageSize() const {
   const std::int32_t size = __atomic_load_n(&store()->root->pageSize, __ATOMIC_ACQUIRE);
-  return size == 0 ? 4096 : size;
+  return size == 0 ? kUsualPageSize : size;
 }
 
 bool Store::isWritable() const {

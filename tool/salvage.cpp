@@ -28,7 +28,6 @@ struct SalvageOptions {
 
 constexpr std::size_t kTransferSize = 256 * 1024;
 constexpr std::size_t kDeepest = 1024;  // stores; each open one holds its whole path
-constexpr std::size_t kNameCapacity = 64;
 
 // Grows the new store along the members of the old one, which come in the order of the directory,
 // each store before its members.
@@ -150,7 +149,7 @@ class Rebuilder {
     std::string name = base;
     while (!level.names.emplace(name, 1).second) {
       const std::string suffix = "~" + std::to_string(++level.names[base]);
-      name = base.substr(0, kNameCapacity - suffix.size()) + suffix;
+      name = base.substr(0, hxcrate::kNameCapacity - suffix.size()) + suffix;
     }
     if (name != own) tell(member, "is now called " + escape(name));
     return name;

@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "hxcrate/store.hpp"
+
 namespace tool {
 
 namespace {
@@ -16,7 +18,6 @@ constexpr std::int64_t kPageRecord = 24;
 // Smaller pages cost reading time and save little; larger ones cost every open item memory.
 constexpr std::int32_t kSmallestPage = 64;
 constexpr std::int32_t kLargestPage = 65536;
-constexpr std::int32_t kUsualPage = 4096;
 constexpr std::int32_t kStepsPerOctave = 4;
 constexpr std::int32_t kFineSteps = 128;
 
@@ -50,7 +51,7 @@ std::int64_t SizeForecast::fileSize(std::int32_t pageSize, bool isBlob) const {
 
 // Coarsely over all sizes, then finely around the best of those.
 std::int32_t SizeForecast::bestPageSize(bool isBlob) const {
-  if (bytes_ == 0) return kUsualPage;
+  if (bytes_ == 0) return hxcrate::kUsualPageSize;
   const std::vector<std::pair<std::int64_t, std::int64_t>> counts(counts_.begin(), counts_.end());
   std::int32_t best = kSmallestPage;
   std::int64_t least = allItemSpace(counts, best, isBlob);

@@ -3,13 +3,12 @@
 #include <utility>
 
 #include "directory.h"
+#include "hxcrate/store.hpp"
 #include "report.h"
 
 namespace tool {
 
 namespace {
-
-constexpr std::size_t kLongestName = 64;
 
 const char* describeKind(mode_t mode) {
   if (S_ISLNK(mode)) return "skipped: a symbolic link";
@@ -67,9 +66,10 @@ class TreeScanner {
     if (!isDirectory && !S_ISREG(status->st_mode)) {
       return complain(path, "", describeKind(status->st_mode));
     }
-    if (name.size() > kLongestName) {
+    if (name.size() > hxcrate::kNameCapacity) {
       const std::string size = std::to_string(name.size());
-      refuse(path, "a name of " + size + " bytes, at most 64 fit");
+      refuse(path, "a name of " + size + " bytes, at most " +
+                       std::to_string(hxcrate::kNameCapacity) + " fit");
     }
     if (isDirectory) {
       enter(std::move(name));

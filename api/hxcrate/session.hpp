@@ -32,7 +32,7 @@ struct SessionOptions {
   Durability durability = Durability::full;
   // How long opening waits for a file that somebody else has open.
   std::chrono::milliseconds lockWait{0};
-  // Bytes of a page, for new stores whose own options name none; 0: 4096.
+  // Bytes of a page, for new stores whose own options name none; 0: kUsualPageSize.
   std::int32_t pageSize = 0;
   // Memory for the blocks of each open file, 256 bytes to 64 MiB; what lies outside is taken for
   // the nearer of them. More of it means fewer and larger transfers.

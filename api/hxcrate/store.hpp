@@ -22,6 +22,9 @@ namespace hxcrate {
 
 class MemberCursor;
 
+constexpr std::size_t kNameCapacity = 64;      // bytes of a member's name
+constexpr std::int32_t kUsualPageSize = 4096;  // bytes, of a store that was given none
+
 enum class MemberKind { store, item };
 
 struct Member {
