@@ -1,5 +1,8 @@
 # Completion of hxcrate for bash: commands, options, files, and members of a store.
 # Source it, or install it as bash-completion/completions/hxcrate.
+#
+# A name in a store is a stranger's. It reaches the command line quoted, or not at all; bash's own
+# completion of files (`compgen -f`, `compopt -o filenames`) expands what a name holds.
 
 _hxcrate_options() {
   case $1 in
@@ -18,68 +21,138 @@ _hxcrate_options() {
   esac
 }
 
-# The members of the store $1 that begin with $2, which may be a path. Nothing is said of a store
-# that does not open.
-_hxcrate_members() {
-  local store=$1 prefix='' name
-  local -a parent=()
-  if [[ $2 == */* ]]; then
-    prefix=${2%/*}/
-    parent=("${2%/*}")
-  fi
-  while IFS= read -r -d '' name; do
-    [[ $prefix$name == "$2"* ]] && COMPREPLY+=("$prefix$name")
-  done < <("${COMP_WORDS[0]}" ls -0 -- "$store" "${parent[@]}" 2>/dev/null)
-  compopt -o filenames
-  # A store's name goes on behind its slash.
-  [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY[0]} == */ ]] && compopt -o nospace
+# What the line $1, which ends at the cursor, means, in the caller's variables: `words`, unquoted, of
+# which the last is being typed, and the `quote` that is open in it. Readline replaces the line from
+# its last $2 on: `kept` is what of that stays as it was typed, `fixed` the value of the last word up
+# to there. Nothing is run: a line of more than names, quotes and $VARIABLES is not understood.
+_hxcrate_parse() {
+  local LC_ALL=C  # names are bytes
+  local line=$1 rest=$1 from=$((${#1} - ${#2})) at reference token word=''
+  local variable='^\$(([[:alpha:]_][[:alnum:]_]*)|\{([[:alpha:]_][[:alnum:]_]*)\})' home='^~(/|$)'
+  local single="^'([^']*)" ansi="^\\\$'(([^\\\\']|\\\\[0-7]{3}|\\\\[^0-7])*)"
+  words=() quote='' kept='' fixed=''
+  while [[ -n $rest ]]; do
+    token=${rest:0:1}
+    if [[ $rest =~ $variable ]]; then
+      token=$BASH_REMATCH reference=${BASH_REMATCH[2]}${BASH_REMATCH[3]}
+      word+=${!reference-}
+    elif [[ $rest =~ ^\\[\\\"\$\`] || (-z $quote && $token == \\) ]]; then
+      token=${rest:0:2}
+      word+=${token:1}
+    elif [[ $token == \" ]]; then
+      [[ -n $quote ]] && quote='' || quote=$token
+    elif [[ -z $quote && ($rest =~ $single || $rest =~ $ansi) ]]; then
+      token=$BASH_REMATCH
+      [[ $token == \$* ]] && word+=${BASH_REMATCH[1]@E} || word+=${BASH_REMATCH[1]}
+      if [[ ${rest:${#token}:1} == \' ]]; then token+=\'; else token=$rest quote=\'; fi
+    elif [[ $token == [\$\`] || (-z $quote && $token == [\<\>\|\&\;\(\)]) ]]; then
+      return 1
+    elif [[ -z $quote && $rest =~ ^[[:space:]]+ ]]; then
+      token=$BASH_REMATCH words+=("$word") word=''
+    elif [[ -z $quote$word && $rest =~ $home ]]; then
+      word=$HOME
+    else
+      word+=$token
+    fi
+    rest=${rest:${#token}}
+    at=$((${#line} - ${#rest}))
+    if [[ -z $quote ]] && ((at <= from)); then fixed=$word kept=''
+    elif [[ -z $quote && $token == / ]]; then fixed=$word kept=${line:from:at - from}
+    fi
+  done
+  words+=("$word")
 }
 
+# The members of the store among which the typed word, which may be a path, is one. Nothing is said of
+# a store that does not open.
+_hxcrate_members() {
+  local parent=() name
+  [[ -f $store_file ]] || return 0  # not even a pipe is opened
+  [[ $current == */* ]] && parent=("${current%/*}")
+  while IFS= read -r -d '' name; do
+    found+=("${parent[0]+$parent/}$name")
+  done < <("${words[0]}" ls -0 -- "$store_file" "${parent[@]}" 2>/dev/null </dev/null)
+}
+
+# The files, or the directories alone (-d), whose names begin with the typed word.
 _hxcrate_files() {
   local name
-  while IFS= read -r name; do COMPREPLY+=("$name"); done < <(compgen "$1" -- "$2")
-  compopt -o filenames
+  while IFS= read -r -d '' name; do
+    if [[ -d $name ]]; then found+=("$name/"); elif [[ $1 == -f && -n $name ]]; then found+=("$name"); fi
+  done < <(shopt -u failglob; shopt -s nullglob; set +f; printf '%s\0' "$current"*)
+}
+
+# The name $1 as it can be typed, in `typed`. What two names begin with alike is typed alike, for
+# readline inserts that.
+_hxcrate_quote() {
+  local character i
+  typed=''
+  [[ -z $1 ]] || printf -v typed %q "$1"
+  [[ $typed == *\$\'* ]] || return 0
+  typed=''
+  for ((i = 0; i < ${#1}; ++i)); do
+    printf -v character %q "${1:i:1}"
+    typed+=$character
+  done
+}
+
+# Offers those of `found` that begin with the word that is being typed. Behind an open quote readline
+# takes a word that begins and ends with that quote for the whole of it; what can't stand between two
+# of the kind stands unquoted between two empty pairs.
+_hxcrate_offer() {
+  local name typed pair=$quote
+  for name in "${found[@]}"; do
+    [[ -n $quote && $name == "$current"*[[:cntrl:]\$\`\"\'\\\!]* ]] && pair=$quote$quote
+  done
+  for name in "${found[@]}"; do
+    # What begins with a dash would be an option before `--`.
+    [[ $name == "$current"* && ($name != -* || -n $ended) ]] || continue
+    typed=${name:${#fixed}}
+    [[ -n $quote && $pair == "$quote" ]] || _hxcrate_quote "$typed"
+    COMPREPLY+=("$kept$pair$typed$pair")
+  done
+  # A folder's name goes on behind its slash.
+  [[ ${#COMPREPLY[@]} -eq 1 && ${COMPREPLY%"$pair"} == */ ]] && compopt -o nospace
+}
+
+# Finds what can stand in the place that is being typed, or behind the option $1.
+_hxcrate_find() {
+  case ${1:-$command:$place} in
+    --svg) _hxcrate_files -f ;;
+    --encoding) found=(hxmok1/le/utf-8 hxmok1/be/utf-8) ;;
+    --*) ;;
+    pack:1 | unpack:1) _hxcrate_files -d ;;
+    ls:1 | tree:1 | cat:[1-9]* | put:1 | mkstore:1 | unpack:[2-9]*) _hxcrate_members ;;
+    *:0 | copy:1 | diff:1 | salvage:1 | put:2) _hxcrate_files -f ;;
+  esac
 }
 
 _hxcrate() {
-  local current=${COMP_WORDS[COMP_CWORD]} command=${COMP_WORDS[1]-} store='' place=0 i
+  local words quote kept fixed current command store_file='' place=0 option='' ended='' found=() i
   local commands='pack unpack ls tree cat diff put mkstore copy stat map check salvage --help --version'
-  local encodings='hxmok1/le/utf-8 hxmok1/be/utf-8'
+  local IFS=$' \t\n'
   COMPREPLY=()
-  if ((COMP_CWORD == 1)); then
-    mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$current")
-    return
-  fi
-  # Which of the words that are no options is being typed.
-  for ((i = 2; i < COMP_CWORD; ++i)); do
-    case ${COMP_WORDS[i]} in
-      --page-size | --max-entries | --max-bytes | --offset | --length | --wait | --exclude | --encoding | --svg) ((++i)) ;;
-      -*) ;;
-      *)
-        ((++place))
-        # As it is typed; a quoted name is not understood, one with backslashes is.
-        ((place == 1)) && store=${COMP_WORDS[i]//\\/}
-        ;;
-    esac
+  _hxcrate_parse "${COMP_LINE:0:COMP_POINT}" "$2" || return
+  current=${words[-1]} command=${words[1]}
+  for ((i = 2; i < ${#words[@]} - 1; ++i)); do
+    if [[ -n $option ]]; then option=''  # this is its value
+    elif [[ -n $ended || ${words[i]} != -* ]]; then ((++place == 1)) && store_file=${words[i]}
+    else
+      case ${words[i]} in
+        --) ended=1 ;;
+        --page-size | --max-entries | --max-bytes | --offset | --length | --wait | --exclude) ;&
+        --encoding | --svg) option=${words[i]} ;;
+      esac
+    fi
   done
-  if ((i > COMP_CWORD)); then  # the value of an option
-    case ${COMP_WORDS[COMP_CWORD - 1]} in
-      --svg) _hxcrate_files -f "$current" ;;
-      --encoding) mapfile -t COMPREPLY < <(compgen -W "$encodings" -- "$current") ;;
-    esac
-    return
+  if ((${#words[@]} == 2)); then
+    found=($commands) ended=1
+  elif [[ $current == -* && -z $ended$option ]]; then
+    found=($(_hxcrate_options "$command") --help) ended=1
+  else
+    _hxcrate_find "$option"
   fi
-  if [[ $current == -* ]]; then
-    mapfile -t COMPREPLY < <(compgen -W "$(_hxcrate_options "$command") --help" -- "$current")
-    return
-  fi
-  case $command:$place in
-    pack:1 | unpack:1) _hxcrate_files -d "$current" ;;
-    ls:1 | tree:1 | cat:[1-9]* | put:1 | mkstore:1 | unpack:[2-9]*)
-      _hxcrate_members "$store" "${current//\\/}"
-      ;;
-    *:0 | copy:1 | diff:1 | salvage:1 | put:2) _hxcrate_files -f "$current" ;;
-  esac
+  _hxcrate_offer
 }
 
 complete -F _hxcrate hxcrate
