@@ -2,6 +2,8 @@
 
 #include <dlfcn.h>
 
+#include <array>
+#include <climits>
 #include <mutex>
 #include <string>
 
@@ -30,24 +32,23 @@ void bind(void* library, const char* name, Function*& function) {
   if (function == nullptr) refuse(lastLoaderError());
 }
 
-// Local, because the module exports names as plain as `lookup`.
-void* openLibrary(const std::string& path) {
-  return dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-}
-
-// The file beside the one that this code is in; a run path would not do, because under a
-// sanitizer the caller of dlopen is the sanitizer.
+// The module lies beside the library that this code is in. The loader tells where that is, by a
+// path that was made absolute when it loaded it; the name that it was found by can be relative, and
+// the working directory another by now. By a name alone the module would be searched for, there
+// too.
 std::string locateBesideSelf() {
-  Dl_info self{};
   static const char kHere = 0;
-  if (dladdr(&kHere, &self) == 0 || self.dli_fname == nullptr) return HX_MODULE_FILE;
-  const std::string path = self.dli_fname;
-  return path.substr(0, path.rfind('/') + 1) + HX_MODULE_FILE;
+  Dl_info self{};
+  void* library = nullptr;
+  if (dladdr1(&kHere, &self, &library, RTLD_DL_LINKMAP) == 0) refuse("no library holds its host");
+  std::array<char, 2 * PATH_MAX> directory{};  // a working directory and a name below it
+  if (dlinfo(library, RTLD_DI_ORIGIN, directory.data()) != 0) refuse(lastLoaderError());
+  return std::string(directory.data()) + "/" + HX_MODULE_FILE;
 }
 
+// Local, because the module exports names as plain as `lookup`.
 ModuleLibrary load() {
-  void* library = openLibrary(locateBesideSelf());
-  if (library == nullptr) library = openLibrary(HX_MODULE_FILE);
+  void* library = dlopen(locateBesideSelf().c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) refuse(lastLoaderError());
   ModuleLibrary module{};
   bind(library, "hxmodent", module.introduceHost);

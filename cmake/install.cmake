@@ -5,7 +5,10 @@ include(CMakePackageConfigHelpers)
 set(hx_cmake_dir ${CMAKE_INSTALL_LIBDIR}/cmake/hxcrate)
 
 file(RELATIVE_PATH hx_bin_to_lib /${CMAKE_INSTALL_FULL_BINDIR} /${CMAKE_INSTALL_FULL_LIBDIR})
-set_target_properties(hxcrate PROPERTIES INSTALL_RPATH $ORIGIN/${hx_bin_to_lib})
+# One path for both: where it is built the library lies beside the command. A path that is changed when
+# it is installed would be filled up with empty entries before, and each means the working directory.
+set_target_properties(hxcrate PROPERTIES BUILD_WITH_INSTALL_RPATH ON
+                      INSTALL_RPATH "$ORIGIN;$ORIGIN/${hx_bin_to_lib}")
 install(TARGETS hxcrate RUNTIME)
 
 # The host looks for the module in its own folder, under the name with the major version.

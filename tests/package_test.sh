@@ -18,11 +18,28 @@ greets() {
   [ "$said" = "hello from $version" ] || fail "$1 says: $said"
 }
 
+# Where the loader looks for libraries never depends on the working directory.
+check_run_paths() {
+  local file entry entries=() count=0
+  while IFS= read -r file; do
+    entry=$(readelf -d "$file" 2> /dev/null | sed -n 's/.*R\(UN\)\?PATH.*\[\(.*\)\]$/\2/p') || continue
+    [ -n "$entry" ] || continue
+    count=$((count + 1))
+    IFS=: read -ra entries <<< "$entry:end"
+    for entry in "${entries[@]:0:${#entries[@]}-1}"; do
+      case $entry in /* | '$ORIGIN' | '$ORIGIN/'*) ;; *) fail "$file looks for libraries in '$entry'" ;; esac
+    done
+  done < <(find "$@" -type f)
+  [ "$count" -gt 1 ] || fail "no run paths were found in $*"
+}
+
 rm -rf "$scratch"
 mkdir -p "$scratch"
 quietly cmake --install "$build" --prefix "$scratch/first"
 prefix=$scratch/moved
 mv "$scratch/first" "$prefix"
+check_run_paths "$build" -maxdepth 1
+check_run_paths "$prefix"
 version=$("$prefix/bin/hxcrate" --version)
 
 quietly cmake -G Ninja -S "$sources/examples/consumer" -B "$scratch/found" "-DCMAKE_PREFIX_PATH=$prefix"
@@ -38,6 +55,21 @@ read -ra flags <<< "$(pkg-config --cflags --libs hxcrate)"
 quietly c++ -std=c++20 "$sources/examples/consumer/consumer.cpp" "${flags[@]}" \
   "-Wl,-rpath,$prefix/$libdir" -o "$scratch/configured"
 greets "$scratch/configured"
+
+# The library is found by a relative path, and the program goes where a stranger's module lies under
+# that path before it needs its own.
+mkdir -p "$scratch/away/moved/$libdir"
+quietly cc -shared -o "$scratch/away/moved/$libdir/libhxcrate.so.1" -x c - \
+  <<< '__attribute__((constructor)) static void run(void) { __builtin_trap(); }'
+quietly c++ -std=c++20 -o "$scratch/wanderer" -x c++ - "${flags[@]}" <<'PROGRAM'
+#include <hxcrate/crate.hpp>
+#include <unistd.h>
+int main() {
+  if (chdir("away") != 0) return 1;
+  hxcrate::Session session;
+}
+PROGRAM
+(cd "$scratch" && LD_LIBRARY_PATH=moved/$libdir quietly ./wanderer)
 
 read -ra flags <<< "$(pkg-config --cflags hxcrate-module)"
 quietly cc -std=c11 "$sources/examples/memory_host.c" "${flags[@]}" -o "$scratch/memory_host"
