@@ -1,6 +1,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <optional>
 #include <utility>
@@ -23,6 +24,9 @@ struct InspectedFile::Parts {
 
 namespace {
 
+// Sums of offsets and lengths in a file stay numbers of 64 bits.
+constexpr std::int64_t kLongestFile = std::int64_t{1} << 62;
+
 [[noreturn]] void fail(const std::string& path, const char* operation, int error) {
   if (error == ENOENT) throw Error(Errc::notFound, path, "");
   const std::error_code reason(error, std::system_category());
@@ -43,6 +47,10 @@ void requireRegular(const ReadDescriptor& file, const std::string& path) {
   struct stat status {};
   if (file.number() < 0 || ::fstat(file.number(), &status) != 0) fail(path, "open", errno);
   if (!S_ISREG(status.st_mode)) throw Error(Errc::fileNotOpen, path, "", "not a regular file");
+  if (status.st_size > kLongestFile) {
+    throw Error(Errc::fileNotOpen, path, "",
+                "longer than any store, " + std::to_string(status.st_size) + " bytes");
+  }
 }
 
 }  // namespace
@@ -78,6 +86,12 @@ std::size_t InspectedFile::read(std::int64_t offset, std::span<std::byte> to) co
     done += static_cast<std::size_t>(count);
   }
   return done;
+}
+
+std::int64_t InspectedFile::findData(std::int64_t offset) const {
+  const off_t found = ::lseek(parts_->file->number(), offset, SEEK_DATA);
+  if (found < 0) return errno == ENXIO ? std::max(offset, length()) : offset;
+  return found;
 }
 
 const std::string& InspectedFile::name() const {

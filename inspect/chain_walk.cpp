@@ -48,7 +48,10 @@ std::optional<Link> ChainWalk::walkPage(const Link& link) {
   tell(ByteKind::chunk, {at, at + hx::kChunkSize}, item_);
   const Link next{chunk->next, "next", at + kNext, item_};
   if (!checkRecord(*chunk, at)) return std::nullopt;
-  if (chunk->capacity == 0) return next;
+  if (chunk->capacity == 0) {
+    if (options_.readSlack) keepBehindEmpty(at + hx::kChunkSize);
+    return next;
+  }
   const bool isPlaced = checkPlace(*chunk, at);
   if (!takeBytes(*chunk, at) || !isPlaced) return std::nullopt;
   keepSlack(*chunk);
@@ -81,9 +84,9 @@ bool ChainWalk::checkRecord(const hx::DataChunk& chunk, int64_t at) const {
 
 bool ChainWalk::checkEnd(const hx::DataChunk& chunk, int64_t at) const {
   if (chunk.capacity == 0 && pageIndex_ > 0) {
-    ledger_.report(Severity::warning, at, item_,
-                   "the last record is all zero, which only an item without pages has");
-  } else if (chunk.capacity != 0 && chunk.next == 0 && chunk.used == chunk.capacity) {
+    return reportDamage(at, "the record is all zero, which only that of an item without pages is");
+  }
+  if (chunk.capacity != 0 && chunk.next == 0 && chunk.used == chunk.capacity) {
     ledger_.report(Severity::warning, at + kNext, item_,
                    "next is 0, but a full page is followed by another");
   }
@@ -91,8 +94,8 @@ bool ChainWalk::checkEnd(const hx::DataChunk& chunk, int64_t at) const {
   return reportDamage(at + kUsed, "the item has more than 2147483647 bytes");
 }
 
-// Whole pages are read but the first, of which the used bytes are; to append to the item a whole
-// page is needed.
+// Whole pages are read but the first, of which the used bytes are. The unused rest of that one may
+// be cut off, and then an update puts others' bytes where it would be.
 bool ChainWalk::checkPlace(const hx::DataChunk& chunk, int64_t at) const {
   if (ledger_.reader.holds(chunk.dataOffset, chunk.capacity)) return true;
   const std::string end = ", and " + std::to_string(chunk.capacity) +
@@ -102,8 +105,8 @@ bool ChainWalk::checkPlace(const hx::DataChunk& chunk, int64_t at) const {
   if (pageIndex_ > 0 || !ledger_.reader.holds(chunk.dataOffset, chunk.used)) {
     return reportDamage(at + kDataOffset, reason);
   }
-  ledger_.report(Severity::warning, at + kDataOffset, item_,
-                 reason + ": all of the item is, but it can't be appended to");
+  ledger_.report(Severity::error, at + kDataOffset, item_,
+                 reason + ": all of the item is, but appending to it would destroy others");
   return true;
 }
 
@@ -133,10 +136,15 @@ void ChainWalk::keepSlack(const hx::DataChunk& chunk) {
   if (start < end) slack_.push_back({{start, end}, item_});
 }
 
+void ChainWalk::keepBehindEmpty(int64_t start) {
+  const int64_t room =
+      std::min<int64_t>(ledger_.reader.pageSize(), ledger_.reader.length() - start);
+  if (room > 0) behindEmpty_.push_back({{start, start + room}, item_});
+}
+
 void ChainWalk::claimSlack() {
-  for (const Slack& slack : slack_)
+  for (const Slack& slack : std::exchange(slack_, {}))
     claimSlackOf(slack);
-  if (strayBytes_ > 0) reportBytes();
 }
 
 void ChainWalk::claimSlackOf(const Slack& slack) {
@@ -158,7 +166,9 @@ void ChainWalk::claimSlackOf(const Slack& slack) {
 
 void ChainWalk::lookForBytes(ByteRange range) {
   constexpr std::array<std::byte, 4096> kZeros{};
+  constexpr int64_t kLong = 1 << 16;  // from here on a hole is worth a question
   std::array<std::byte, kZeros.size()> buffer;
+  if (range.length() > kLong) range.start = ledger_.reader.source().findData(range.start);
   for (int64_t at = range.start; at < range.end;) {
     const auto count = std::min<int64_t>(range.end - at, buffer.size());
     const auto bytes = std::span(buffer).first(static_cast<std::size_t>(count));
@@ -173,10 +183,26 @@ void ChainWalk::lookForBytes(ByteRange range) {
   }
 }
 
-void ChainWalk::reportBytes() const {
-  ledger_.report(Severity::note, firstStray_, kNoMember,
-                 "here begin " + std::to_string(strayBytes_) +
-                     " bytes behind the ends of items that are not zero");
+// An item whose record was zeroed looks like one that was never written to, but its page lies
+// there.
+void ChainWalk::checkBehindEmpty(const Slack& empty) {
+  const ByteRange free{empty.range.start, ledger_.claimed.findOwned(empty.range).range.start};
+  strayBytes_ = 0;
+  lookForBytes(free);
+  if (strayBytes_ == 0) return;
+  ledger_.report(Severity::error, empty.range.start - hx::kChunkSize, empty.item,
+                 "its record is all zero, as an empty item's is, but bytes that belong to nothing "
+                 "lie behind it");
+}
+
+void ChainWalk::reportStrayBytes() {
+  if (strayBytes_ > 0) {
+    ledger_.report(Severity::note, firstStray_, kNoMember,
+                   "here begin " + std::to_string(strayBytes_) +
+                       " bytes behind the ends of items that are not zero");
+  }
+  for (const Slack& empty : behindEmpty_)
+    checkBehindEmpty(empty);
 }
 
 void ChainWalk::tell(ByteKind kind, ByteRange range, std::size_t item) const {

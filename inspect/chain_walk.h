@@ -14,9 +14,13 @@ class ChainWalk {
   // owner, so shared chains and circles end where they meet what has one.
   void walkItem(std::size_t item);
 
-  // What the walked pages have room for behind their items' ends. After all items, since members
-  // count more than nothing where the two overlap.
+  // What the pages walked since the last call have room for behind their items' ends. After all
+  // items that are known, since members count more than nothing where the two overlap.
   void claimSlack();
+
+  // When every byte has its owner: what was found where there should be zeros, if that was looked
+  // for.
+  void reportStrayBytes();
 
  private:
   struct Slack {
@@ -30,9 +34,10 @@ class ChainWalk {
   bool checkPlace(const hx::DataChunk& chunk, int64_t at) const;
   bool takeBytes(const hx::DataChunk& chunk, int64_t at);
   void keepSlack(const hx::DataChunk& chunk);
+  void keepBehindEmpty(int64_t start);
   void claimSlackOf(const Slack& slack);
   void lookForBytes(ByteRange range);
-  void reportBytes() const;
+  void checkBehindEmpty(const Slack& empty);
   void tell(ByteKind kind, ByteRange range, std::size_t item) const;
   bool reportDamage(int64_t offset, std::string reason) const;
 
@@ -42,6 +47,7 @@ class ChainWalk {
   int64_t pageIndex_ = 0;
   int64_t size_ = 0;  // of the item so far
   std::vector<Slack> slack_;
+  std::vector<Slack> behindEmpty_;  // where a page would lie if the record had been one's
   // Where every byte has its owner by now, so that rests of pages which cover each other and the
   // whole file are gone through once.
   ClaimedBytes settled_;

@@ -1,6 +1,7 @@
 #include "inspect/directory_walk.h"
 
 #include <algorithm>
+#include <cstring>
 #include <numeric>
 #include <utility>
 
@@ -30,6 +31,11 @@ constexpr EntryField kNext = {"next", &hx::Entry::next, offsetof(hx::Entry, next
 constexpr EntryField kFirstLink = {"firstLink", &hx::Entry::firstLink,
                                    offsetof(hx::Entry, firstLink)};
 constexpr int64_t kName = offsetof(hx::Entry, name);
+
+bool isAllZero(const hx::Entry& entry) {
+  constexpr hx::Entry kZeros{};
+  return std::memcmp(&entry, &kZeros, sizeof(entry)) == 0;
+}
 
 // The link in a member's ENTRY.
 Link linkIn(const hx::Entry& entry, const EntryField& field, int64_t at, std::size_t holder) {
@@ -89,7 +95,11 @@ class DirectoryWalk {
     return linkIn(*entry, kFirstLink, link.value, 0);
   }
 
+  // An empty store in memory may well have no name, but then its record is all that there is.
   void checkTop(const hx::Entry& entry, int64_t at) const {
+    if (isAllZero(entry) && ledger_.reader.length() > hx::kHeaderSize + hx::kEntrySize) {
+      return reportZeros(at, 0);
+    }
     for (const EntryField& field : {kParentLink, kPreviousLink, kNext})
       expect(entry, field, 0, " in a whole store's ENTRY", at, 0);
     checkName(entry, at, 0);
@@ -134,6 +144,7 @@ class DirectoryWalk {
   // be told what it should be.
   void checkMember(const hx::Entry& entry, int64_t at, std::size_t index) const {
     const InspectedMember& member = members_[index];
+    if (isAllZero(entry)) return reportZeros(at, index);
     const int64_t parent = members_[member.container].entryOffset;
     expect(entry, kParentLink, parent, ", its store's", at, index);
     if (member.kind == MemberKind::item) {
@@ -145,6 +156,12 @@ class DirectoryWalk {
              member.name.empty() ? "it has no name, so no path leads to it"
                                  : "a name with \"/\" in it, so no path leads to it");
     }
+  }
+
+  void reportZeros(int64_t at, std::size_t index) const {
+    members_[members_[index].container].isWhole = false;
+    report(Severity::error, at, index,
+           "the record is all zero: it and all that it led to are lost");
   }
 
   void expect(const hx::Entry& entry, const EntryField& field, int64_t expected,

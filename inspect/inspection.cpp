@@ -21,7 +21,7 @@ void tellDirectory(const Ledger& ledger, const PageWalkOptions& options) {
 }
 
 // Each chain of pages becomes an item without an ENTRY, called by where it begins.
-void adoptLostChains(Ledger& ledger, const PageWalkOptions& options, ChainWalk& chains) {
+void adoptLostChains(Ledger& ledger, ChainWalk& chains) {
   for (const int64_t head : findLostChains(ledger)) {
     // It may lie in the bytes of a chain before it.
     const ByteRange record{head, head + hx::kChunkSize};
@@ -30,8 +30,10 @@ void adoptLostChains(Ledger& ledger, const PageWalkOptions& options, ChainWalk& 
     const std::size_t index = ledger.members.size();
     ledger.members.push_back(
         {"item-at-" + std::to_string(head), lost, -1, head, 0, MemberKind::item, true});
-    if (options.onAdoption) options.onAdoption(index, lost);
     chains.walkItem(index);
+    ledger.report(Severity::error, head, index,
+                  "pages with " + std::to_string(ledger.members[index].size) +
+                      " bytes of an item of which the record is gone");
   }
 }
 
@@ -87,13 +89,16 @@ void Inspection::walkPages(const PageWalkOptions& options) {
     }
   };
   walkFrom(0);
+  chains.claimSlack();
   if (options.adoptMembers) {
     const std::size_t first = ledger.members.size();
     adoptLostMembers(ledger, options);
     walkFrom(first);
-    adoptLostChains(ledger, options, chains);
+    chains.claimSlack();
+    adoptLostChains(ledger, chains);
+    chains.claimSlack();
   }
-  chains.claimSlack();
+  chains.reportStrayBytes();
   tellUnreachable(ledger, options);
 }
 

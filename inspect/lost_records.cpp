@@ -20,6 +20,8 @@ void searchFreeBytes(const Ledger& ledger, std::size_t size, Consider consider) 
   std::vector<std::byte> window;
   for (const ByteRange& range : ledger.claimed.listFree({0, ledger.reader.length()})) {
     for (int64_t at = range.start; range.end - at >= static_cast<int64_t>(size);) {
+      at = std::max(at, ledger.reader.source().findData(at) - static_cast<int64_t>(size) + 1);
+      if (range.end - at < static_cast<int64_t>(size)) break;
       window.resize(
           static_cast<std::size_t>(std::min(kWindow + static_cast<int64_t>(size), range.end - at)));
       window.resize(ledger.reader.source().read(at, window));
@@ -70,6 +72,7 @@ class LostMembers {
       pending.pop_back();
       const std::size_t index = ledger_.members.size();
       add(*next.candidate, next.container, options);
+      if (next.container == lost) report(*next.candidate, index);
       if (next.candidate->kind != MemberKind::store) continue;
       const std::vector<Pending> inside = listMembersOf(next.candidate->at, index);
       pending.insert(pending.end(), inside.begin(), inside.end());
@@ -161,9 +164,15 @@ class LostMembers {
     if (options.onExtent) {
       options.onExtent({ByteKind::entry, candidate.at, hx::kEntrySize, index});
     }
+  }
+
+  void report(const Candidate& candidate, std::size_t index) const {
     const auto former = stores_.find(candidate.entry.parentLink);
-    if (options.onAdoption)
-      options.onAdoption(index, former == stores_.end() ? container : former->second);
+    const std::string place =
+        former == stores_.end() ? "" : "; it was in " + ledger_.describeOwner(former->second);
+    const bool isStore = candidate.kind == MemberKind::store;
+    ledger_.report(Severity::error, candidate.at, index,
+                   std::string(isStore ? "a store" : "an item") + " that nothing leads to" + place);
   }
 
   Ledger& ledger_;

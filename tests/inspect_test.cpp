@@ -47,6 +47,19 @@ Bytes makeImage() {
   return {begin, begin + blob.bytes().size()};
 }
 
+// The file of 331 items, empty ones too, in 30 stores. Its directory is its end.
+Bytes makeFile(const std::string& path) {
+  Session session;
+  Store store = session.open(path, Mode::create, {.pageSize = kPageSize});
+  for (std::size_t i = 0; i < 331; ++i) {
+    const std::string name = "store " + std::to_string(i % 30) + "/item " + std::to_string(i);
+    store.create(name, Parents::create).write(makeBytes(i % 300));
+  }
+  store.close();
+  const std::string bytes = hxtest::readFile(path);
+  return {bytes.begin(), bytes.end()};
+}
+
 // What the module reads. Throws what it refuses.
 Contents readContents(const Store& store) {
   Contents contents;
@@ -68,21 +81,29 @@ struct Look {
   Contents contents;
   std::vector<Extent> extents;
 
-  explicit Look(const Bytes& image) {
+  explicit Look(const Bytes& image, bool isThorough = false) {
     const ByteView view(std::as_bytes(std::span(image)), "x.st");
     Inspection inspection(view, [&](const Finding& finding) { findings.push_back(finding); });
-    inspection.walkPages({.onExtent = [&](const Extent& extent) {
-      extents.push_back(extent);
-      if (extent.kind == ByteKind::data) {
-        contents[inspection.pathOf(extent.member)].append(
-            reinterpret_cast<const char*>(image.data() + extent.offset),
-            static_cast<std::size_t>(extent.length));
-      }
-    }});
+    inspection.walkPages({.onExtent =
+                              [&](const Extent& extent) {
+                                extents.push_back(extent);
+                                if (extent.kind == ByteKind::data) {
+                                  contents[inspection.pathOf(extent.member)].append(
+                                      reinterpret_cast<const char*>(image.data() + extent.offset),
+                                      static_cast<std::size_t>(extent.length));
+                                }
+                              },
+                          .readSlack = isThorough,
+                          .adoptMembers = isThorough});
     for (std::size_t i = 1; i < inspection.members().size(); ++i) {
       const bool isStore = inspection.members()[i].kind == MemberKind::store;
       contents[inspection.pathOf(i)].append(isStore ? "/" : "");
     }
+  }
+
+  bool hasErrors() const {
+    return std::any_of(findings.begin(), findings.end(),
+                       [](const Finding& finding) { return finding.severity == Severity::error; });
   }
 
   // The API passes over members without names.
@@ -204,6 +225,35 @@ TEST_F(InspectFileTest, TakesLittleTimeWherePagesCoverEachOther) {
   const auto nameOf = [](int i) { return std::to_string(i); };
   writeImage(makeFlatImage(kItems, 121 * kItems, nameOf));
   expectQuick(5, {"check", "stat", "map", "map --json"});
+}
+
+// Wherever a sector or a block of the directory was zeroed, check says so, and salvage has the
+// rest.
+TEST_F(InspectFileTest, LosesNothingOfItsDirectoryUnseen) {
+  const Bytes image = makeFile(directory_ / "x.st");
+  ASSERT_FALSE(Look(image, true).hasErrors());
+  const auto records = hx::fake::recordsOf(image);
+  std::size_t start = image.size();
+  for (const auto& [kind, offset] : records)
+    if (kind == 'e') start = std::min(start, static_cast<std::size_t>(offset));
+  const auto zero = [&](std::size_t at, std::size_t length) {
+    Bytes damaged = image;
+    std::fill_n(damaged.begin() + static_cast<std::ptrdiff_t>(at), length, std::uint8_t{0});
+    return damaged;
+  };
+  for (std::size_t at = start; at + 512 <= image.size(); at += 97)
+    ASSERT_TRUE(Look(zero(at, 512), true).hasErrors()) << at;
+  for (std::size_t at = start; at + 4096 <= image.size(); at += 1009)
+    ASSERT_TRUE(Look(zero(at, 4096), true).hasErrors()) << at;
+  for (const auto& [kind, offset] : records) {
+    const bool isEmpty = kind == 'c' && image[static_cast<std::size_t>(offset) + 8] == 0;
+    if (kind == 'h' || isEmpty) continue;
+    const std::size_t size = kind == 'e' ? hx::kEntrySize : hx::kChunkSize;
+    ASSERT_TRUE(Look(zero(static_cast<std::size_t>(offset), size), true).hasErrors()) << offset;
+  }
+  writeImage(zero(start, 4096));
+  expectRun(5, "hxcrate check x.st || hxcrate salvage x.st new.st");
+  expectSaid("331 items and ");
 }
 
 TEST_F(InspectFileTest, IsTurnedIntoTheOtherByteOrderAndBack) {

@@ -97,9 +97,12 @@ void checkImage(const Bytes& image) {
   const auto complain = [](const hxcrate::Finding& finding) {
     const bool isHarmless = finding.severity != hxcrate::Severity::error &&
                             finding.reason.find("previousLink") == std::string::npos;
-    EXPECT_TRUE(isHarmless) << finding.offset << " " << finding.place << ": " << finding.reason;
+    // A story cuts the unused rest of a page off.
+    const bool isCut = finding.reason.ends_with("appending to it would destroy others");
+    EXPECT_TRUE(isHarmless || isCut)
+        << finding.offset << " " << finding.place << ": " << finding.reason;
   };
-  hxcrate::Inspection(view, complain, kNative).walkPages({});
+  hxcrate::Inspection(view, complain, kNative).walkPages({.readSlack = true, .adoptMembers = true});
 }
 
 namespace {

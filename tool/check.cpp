@@ -11,7 +11,8 @@
 //     reason     sentence for people
 //   errors, warnings, notes   how many of each
 //   stores, items             how many can be reached; the whole store is one
-//   opens      whether it can be locked, as opening it as a store takes
+//   lost       how many were found besides, to which nothing leads
+//   asItLies   whether it could not be locked, as opening it as a store takes
 #include <memory>
 #include <optional>
 #include <string>
@@ -44,7 +45,10 @@ class Checker {
 
   ExitCode run() {
     InspectedStore store(options_.store, [this](const hxcrate::Finding& found) { print(found); });
-    if (!options_.quick) store.inspection().walkPages({.readSlack = true});
+    stores_ = store.count(hxcrate::MemberKind::store);
+    items_ = store.count(hxcrate::MemberKind::item);
+    if (!options_.quick) store.inspection().walkPages({.readSlack = true, .adoptMembers = true});
+    countLost(store);
     finish(store);
     complain(options_.store, "", summarize(store));
     return store.outcome();
@@ -81,24 +85,36 @@ class Checker {
     json().endArray();
     for (const Severity severity : {Severity::error, Severity::warning, Severity::note})
       json().writeNumber(std::string(nameOf(severity)) + "s", store.count(severity));
-    json().writeNumber("stores", store.count(hxcrate::MemberKind::store));
-    json().writeNumber("items", store.count(hxcrate::MemberKind::item));
+    json().writeNumber("stores", stores_);
+    json().writeNumber("items", items_);
+    json().writeNumber("lost", lost_);
     json().writeFlag("asItLies", !store.file().caveat().empty());
     json().finish();
+  }
+
+  // What was found besides is in a store of its own, which is none of the file's.
+  void countLost(const InspectedStore& store) {
+    const auto& members = store.inspection().members();
+    const auto known = static_cast<std::size_t>(stores_ + items_);
+    for (std::size_t i = known; i < members.size(); ++i)
+      lost_ += members[i].entryOffset < 0 && members[i].kind == hxcrate::MemberKind::store ? 0 : 1;
   }
 
   std::string summarize(const InspectedStore& store) const {
     std::string text;
     for (const Severity severity : {Severity::error, Severity::warning, Severity::note})
       text += (text.empty() ? "" : ", ") + countOf(store.count(severity), nameOf(severity));
-    return text + " in " + countOf(store.count(hxcrate::MemberKind::store), "store") + " and " +
-           countOf(store.count(hxcrate::MemberKind::item), "item") +
-           (options_.quick ? ", of which no pages were looked at" : "");
+    return text + " in " + countOf(stores_, "store") + " and " + countOf(items_, "item") +
+           (options_.quick ? ", of which no pages were looked at" : "") +
+           (lost_ > 0 ? "; besides, nothing leads to " + countOf(lost_, "member") : "");
   }
 
   const CheckOptions& options_;
   Output output_;
   std::optional<JsonWriter> json_;
+  std::int64_t stores_ = 0;
+  std::int64_t items_ = 0;
+  std::int64_t lost_ = 0;
 };
 
 // Prints each rule of the format that is broken, "OFFSET PLACE: SEVERITY: what was found", and a

@@ -39,12 +39,9 @@ class Rebuilder {
   }
 
   void run() {
-    inspection_.walkPages(
-        {.onExtent = [this](const hxcrate::Extent& extent) { take(extent); },
-         .onItemEnd = [this](std::size_t item) { finishItem(item); },
-         .adoptMembers = true,
-         .onAdoption = [this](std::size_t member,
-                              std::size_t former) { tellAdoption(member, former); }});
+    inspection_.walkPages({.onExtent = [this](const hxcrate::Extent& extent) { take(extent); },
+                           .onItemEnd = [this](std::size_t item) { finishItem(item); },
+                           .adoptMembers = true});
     advanceTo(inspection_.members().size());
     leaveTo(0);
     levels_.front().store->close();
@@ -116,7 +113,9 @@ class Rebuilder {
   }
 
   void enterStore(std::size_t member) {
-    hasLost_ = hasLost_ || !inspection_.members()[member].isWhole;
+    const hxcrate::InspectedMember& store = inspection_.members()[member];
+    const bool isFound = store.entryOffset < 0;  // what is in it
+    hasLost_ = hasLost_ || !store.isWhole || isFound;
     if (member == 0) return;
     Level& level = enclose(member);
     std::optional<hxcrate::Store> made;
@@ -153,13 +152,6 @@ class Rebuilder {
     }
     if (name != own) tell(member, "is now called " + escape(name));
     return name;
-  }
-
-  void tellAdoption(std::size_t member, std::size_t former) {
-    hasLost_ = true;
-    const std::size_t now = inspection_.members()[member].container;
-    if (former == now) return tell(member, "nothing led to it");
-    tell(member, "nothing led to it; it was in " + showPlace(inspection_.pathOf(former)));
   }
 
   void lose(std::size_t member, const std::string& reason) {

@@ -29,6 +29,9 @@ class ByteSource {
   // Fills `to` with the bytes at `offset` and returns how many those were: fewer than asked for
   // where the bytes end or the system does not give them.
   virtual std::size_t read(std::int64_t offset, std::span<std::byte> to) const = 0;
+  // Where the first byte at or behind `offset` may lie that is not zero, or the length when all
+  // are: what a file has holes for need not be read.
+  virtual std::int64_t findData(std::int64_t offset) const { return offset; }
   // What errors call it.
   virtual const std::string& name() const = 0;
 };
@@ -61,6 +64,7 @@ class InspectedFile final : public ByteSource {
 
   std::int64_t length() const override;
   std::size_t read(std::int64_t offset, std::span<std::byte> to) const override;
+  std::int64_t findData(std::int64_t offset) const override;
   const std::string& name() const override;
   // Why the file is not locked; empty when it is.
   const std::string& caveat() const;
@@ -123,13 +127,12 @@ struct PageWalkOptions {
   std::function<void(const Extent&)> onExtent = {};
   // Told of each item when its bytes are through.
   std::function<void(std::size_t member)> onItemEnd = {};
-  bool readSlack = false;  // look for bytes behind the items' ends that are not zero
+  // Look for bytes that are not zero behind the items' ends, and behind empty items.
+  bool readSlack = false;
   // Search the unreachable bytes for members that no link leads to any more, and for pages of which
-  // the member is gone. They become members of a further store "lost+found", behind all others, or
-  // of each other; onExtent is told what they own as it is of others, onAdoption of each and of the
-  // store it was in, which is its container when that is not known or was adopted too.
+  // the member is gone. Each is an error. They become members of a further store "lost+found",
+  // behind all others, or of each other; onExtent is told what they own as it is of others.
   bool adoptMembers = false;
-  std::function<void(std::size_t member, std::size_t formerContainer)> onAdoption = {};
 };
 
 // What is known better than a damaged header says it.
