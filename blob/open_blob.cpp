@@ -1,9 +1,8 @@
 #include "blob/open_blob.h"
 
-#include "file/converters.h"
 #include "file/header.h"
 #include "file/load_directory.h"
-#include "records/lock_guard.h"
+#include "file/storage.h"
 #include "records/memory.h"
 #include "records/slots.h"
 #include "records/status.h"
@@ -24,14 +23,13 @@ void fillBlobStore(Store* store, ExtensionInstance* instance, const void* blob, 
   fillStoreSlots(store);
 }
 
-// The tree is still nobody else's, but the host makes converters for one thread at a time.
+// The name comes behind the check: damage is damage, whether or not there is memory.
 Status readHeader(Store* store, const void* blob) {
   Header header;
   copyBytes(&header, blob, sizeof(header));
-  store->encodingId = header.encodingId;
-  if (!isForeign(store)) return takeHeader(store, header);
-  const LockGuard lock(store->extension->lock);
-  return lock.taken() ? takeHeader(store, header) : kNotLocked;
+  const Status status = takeHeader(store, header);
+  if (status != kOk || store->directoryOffset == 0) return status;
+  return liesInside(store, store->directoryOffset, kEntrySize) ? kOk : kUnreadable;
 }
 
 int32_t loadBlobStore(Store* store, const void* blob, Name name, uint32_t flags) {

@@ -6,12 +6,9 @@ namespace hx {
 
 namespace {
 
-Converter* makeOnce(Converter*& kept, Encoding* encoding, const EncodingId& from,
-                    const EncodingId& to) {
-  if (kept == nullptr && encoding != nullptr) {
-    kept = encoding->makeConverter(encoding, 0, &from, &to);
-  }
-  return kept;
+Converter** placeOf(Store* root, Direction direction) {
+  return direction == Direction::toInstance ? &root->storeToInstanceConverter
+                                            : &root->instanceToStoreConverter;
 }
 
 void releaseOne(Converter*& kept) {
@@ -25,16 +22,22 @@ bool isForeign(const Store* store) {
   return !equalBytes(&store->encodingId, &store->extension->encodingId, sizeof(EncodingId));
 }
 
-Converter* storeToInstanceConverter(Store* store) {
-  const ExtensionInstance* instance = store->extension;
-  return makeOnce(store->root->storeToInstanceConverter, instance->encodingExtension,
-                  store->encodingId, instance->encodingId);
+// Atomic, because readers look for it while another one makes it.
+Converter* keptConverter(const Store* store, Direction direction) {
+  return __atomic_load_n(placeOf(store->root, direction), __ATOMIC_ACQUIRE);
 }
 
-Converter* instanceToStoreConverter(Store* store) {
+Converter* makeConverter(Store* store, Direction direction) {
+  Converter* kept = keptConverter(store, direction);
   const ExtensionInstance* instance = store->extension;
-  return makeOnce(store->root->instanceToStoreConverter, instance->encodingExtension,
-                  instance->encodingId, store->encodingId);
+  Encoding* encoding = instance->encodingExtension;
+  if (kept != nullptr || encoding == nullptr) return kept;
+  const bool reads = direction == Direction::toInstance;
+  const EncodingId* from = reads ? &store->encodingId : &instance->encodingId;
+  const EncodingId* to = reads ? &instance->encodingId : &store->encodingId;
+  kept = encoding->makeConverter(encoding, 0, from, to);
+  __atomic_store_n(placeOf(store->root, direction), kept, __ATOMIC_RELEASE);
+  return kept;
 }
 
 void releaseConverters(Store* root) {

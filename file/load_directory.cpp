@@ -80,6 +80,7 @@ int32_t loadMembers(Store* top) {
   Store* store = top;
   while (!endsChain(link) || store != top) {
     if (endsChain(link)) {
+      makeIndex(membersOf(store));
       if (!readEntry(store, store->directoryOffset, &entry)) return kUnreadable;
       store = store->parent;
       link = entry.next;
@@ -92,6 +93,7 @@ int32_t loadMembers(Store* top) {
     if (status != kOk) return status;
     link = isItem ? entry.next : entry.firstLink;
   }
+  makeIndex(membersOf(top));
   return kOk;
 }
 

@@ -11,7 +11,7 @@ extern "C" int32_t translateStructure(Store* store, void* record, int32_t length
                                       const RecordMapEntry* map) {
   if (length < 0 || length > kLongestRecord) return -1;
   if (!isForeign(store)) return 0;
-  Converter* converter = storeToInstanceConverter(store);
+  Converter* converter = makeConverter(store, Direction::toInstance);
   if (converter == nullptr) return -1;
   // Starts as the record, so that a host that leaves bytes unwritten gives no stale stack.
   uint8_t converted[kLongestRecord];

@@ -37,7 +37,7 @@ enum {
 struct Encoding {
   ObjectHead head;
   // A converter for data in the encoding `fromId` to the encoding `toId` (24 bytes each), or null
-  // when the host knows none for the pair. Called with the instance's lock held.
+  // when the host knows none for the pair. May be called by several threads at once.
   Converter* (*makeConverter)(Encoding* encoding, int64_t zero, const void* fromId,
                               const void* toId);
   // Writes the identity of the encoding that this process writes: `length` is 24. The result is

@@ -156,7 +156,7 @@ Status openInStore(ExtensionInstance* instance, Store* store, Name name, uint32_
   if (!lock.taken()) return kNotLocked;
   if (store == nullptr) return kNoStore;
   fixPageSize(store);
-  Member* found = findMember(membersOf(store), name);
+  Member* found = findToOpen(membersOf(store), name);
   if (found == nullptr && !has(flags, kUpdate | kCreate)) return kNotFound;
   const Status status =
       found != nullptr ? openExisting(found, flags, handle) : createItem(store, name, handle);

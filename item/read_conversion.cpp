@@ -8,12 +8,14 @@ namespace hx {
 
 namespace {
 
-// Two readers of one tree may need its converters at the same moment.
-template <typename Obtain>
-Status obtainConverter(Store* store, Obtain obtain, Converter** converter) {
+// The tree's converter. Taking the lock can fail, so it is taken only where there is none yet: two
+// readers may need the first one at the same moment.
+Status obtainConverter(Store* store, Direction direction, Converter** converter) {
+  *converter = keptConverter(store, direction);
+  if (*converter != nullptr) return kOk;
   const LockGuard lock(store->extension->lock);
   if (!lock.taken()) return kNotLocked;
-  *converter = obtain(store);
+  *converter = makeConverter(store, direction);
   return *converter == nullptr ? kNoMemory : kOk;
 }
 
@@ -30,12 +32,8 @@ bool Conversion::applies() const {
 }
 
 Status Conversion::prepare(const void* buffer, int32_t length) {
-  const auto obtain = [this](Store* store) {
-    toInstance_ = store->root->storeToInstanceConverter;
-    return instanceToStoreConverter(store);
-  };
   Converter* converter = nullptr;
-  const Status status = obtainConverter(handle_->item->parent, obtain, &converter);
+  const Status status = obtainConverter(handle_->item->parent, Direction::toStore, &converter);
   if (status != kOk) return status;
   storedLength_ = converter->measure(converter, argument_, buffer, length);
   if (storedLength_ == 0) return kNoMemory;
@@ -45,13 +43,13 @@ Status Conversion::prepare(const void* buffer, int32_t length) {
 }
 
 Status Conversion::convert(int64_t count, void* buffer, int32_t length, uint32_t* converted) {
-  Store* store = handle_->item->parent;
-  const Status status = obtainConverter(store, storeToInstanceConverter, &toInstance_);
-  if (toInstance_ == nullptr) return status;
+  Converter* converter = nullptr;
+  const Status status = obtainConverter(handle_->item->parent, Direction::toInstance, &converter);
+  if (status != kOk) return status;
   const void* storedAddress = stored_;
   uint32_t result = 0;
-  const int32_t failure = toInstance_->convert(toInstance_, argument_, stored_, count, buffer,
-                                               length, &storedAddress, &result);
+  const int32_t failure = converter->convert(converter, argument_, stored_, count, buffer, length,
+                                             &storedAddress, &result);
   if (failure != 0) return kNoMemory;
   *converted = result;
   return kOk;

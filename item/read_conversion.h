@@ -30,9 +30,6 @@ class Conversion {
  private:
   ItemHandle* handle_;
   void* argument_;
-  // As noted before the read, where the loading has made it; obtained anew behind the read, but
-  // when the lock fails: what the read has by then can still be converted.
-  Converter* toInstance_ = nullptr;
   uint8_t* stored_ = nullptr;
   int64_t storedLength_ = 0;
 };

@@ -1,6 +1,5 @@
 #include "blob/open_blob.h"
 #include "item/open_item.h"
-#include "module/build_info.h"
 #include "module/entry.h"
 #include "records/bytes.h"
 #include "records/memory.h"
@@ -12,6 +11,10 @@ namespace {
 
 constexpr int64_t kInterfaceMajor = 6;
 constexpr int64_t kInterfaceMinor = 1;
+
+// What hosts are told of the module itself. It goes with the interface and not with the project,
+// whose versions follow what users of the C++ API and the command notice.
+constexpr int64_t kModuleVersion[] = {1, 0, 3};
 
 constexpr uint8_t poolparm[24] = {};
 constexpr uint8_t lockargs[24] = {};
@@ -116,9 +119,9 @@ int32_t hxcrateGetReqVersion(void* /*instance*/, int64_t* a, int64_t* b, int64_t
 }
 
 int32_t hxcrateGetVersion(void* /*instance*/, int64_t* a, int64_t* b, int64_t* c) {
-  *a = kVersionMajor;
-  *b = kVersionMinor;
-  *c = kVersionPatch;
+  *a = kModuleVersion[0];
+  *b = kModuleVersion[1];
+  *c = kModuleVersion[2];
   return 0;
 }
 

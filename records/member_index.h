@@ -13,8 +13,9 @@
 
 namespace hx {
 
-// Before a search: makes the index when the table is large and is being searched. Loading a
-// directory searches nothing. When the pool refuses the memory the chains serve alone.
+// Makes the index of a table that is large and has none. When the pool refuses the memory the
+// chains serve alone. Called where members were loaded and where they are opened, which may fail
+// for want of memory anyway; an enumeration takes none.
 void prepareIndex(MemberIndex& index, const MemberTable& table, Pool* pool);
 
 // The newest member of that name, or null. The index exists.

@@ -10,6 +10,11 @@ int32_t bucketOf(uint32_t hash) {
   return static_cast<int32_t>(hash % static_cast<uint32_t>(kBucketCount));
 }
 
+Member* findByHash(const Container& container, uint32_t hash, Name name) {
+  if (container.index.slots != nullptr) return findInIndex(container.index, hash, name);
+  return lookup(&container.table, bucketOf(hash), name.characters, name.length);
+}
+
 }  // namespace
 
 extern "C" Member* lookup(const MemberTable* table, int32_t bucket, const char32_t* name,
@@ -34,10 +39,12 @@ Container containerOf(Store* store) {
 }
 
 Member* findMember(const Container& container, Name name) {
-  const uint32_t hash = hashName(name);
-  prepareIndex(container.index, container.table, container.pool);
-  if (container.index.slots != nullptr) return findInIndex(container.index, hash, name);
-  return lookup(&container.table, bucketOf(hash), name.characters, name.length);
+  return findByHash(container, hashName(name), name);
+}
+
+Member* findToOpen(const Container& container, Name name) {
+  makeIndex(container);
+  return findMember(container, name);
 }
 
 void insertMember(const Container& container, Member* member) {
@@ -74,8 +81,11 @@ Member* nextMember(const MemberTable& table, Member* member) {
 }
 
 bool isNewestOfItsName(const Container& container, Member* member) {
-  if (container.index.slots == nullptr) return findMember(container, nameOf(member)) == member;
-  return findInIndex(container.index, hashOf(member), nameOf(member)) == member;
+  return findByHash(container, hashOf(member), nameOf(member)) == member;
+}
+
+void makeIndex(const Container& container) {
+  prepareIndex(container.index, container.table, container.pool);
 }
 
 void releaseIndex(const Container& container) {

@@ -14,7 +14,7 @@ enum Status : int32_t {
   kNoMemory = -3,        // an allocation failed; reading: no conversion; writing: no page, or full
   kNotLocked = -4,       // the instance's lock was not taken
   kNoStore = -5,         // items live only inside a store
-  kEndOfItem = -6,       // the item ends at or before the end of the request
+  kEndOfItem = -6,       // the item ends before the request does; exactly where it does gives kOk
   kItemInUse = -7,       // a writer holds the item, or anyone while it is opened for writing
   kFileNotOpen = -8,     // the store's file did not open, or is closed
   kOtherEncoding = -9,   // a store of another encoding can't be updated

@@ -9,6 +9,7 @@
 #include "records/memory.h"
 #include "records/slots.h"
 #include "records/status.h"
+#include "records/tree_cursor.h"
 #include "store/close_store.h"
 #include "store/page_size.h"
 #include "store/purge.h"
@@ -18,6 +19,62 @@ namespace hx {
 namespace {
 
 constexpr int32_t kLongestComponent = 63;
+
+// A store that was read only in part, and is closed, is always loaded anew.
+bool isWhole(const Store* store) {
+  return store->loadStatus == kOk;
+}
+
+// A file that is long enough for a header is somebody's store, whether or not it can be read now.
+bool holdsStore(FileHandle* file) {
+  const int64_t length = fileLength(file);
+  return length < 0 || length >= kHeaderSize;
+}
+
+// A member that was created while the tree had no file has no place, and bytes that were written
+// then have dirty pages.
+bool isUnsaved(Member* member) {
+  if (member->kind == kStoreKind) return asStore(member)->directoryOffset == 0;
+  const ItemMember* item = asItem(member);
+  const PageBuf* page = item->firstPage;
+  while (page != nullptr && (page->flags & kPageDirty) == 0)
+    page = page->next;
+  return item->entryOffset == 0 || page != nullptr;
+}
+
+// Whether a closed tree holds what no file has.
+bool holdsUnsaved(Store* top) {
+  for (TreeCursor cursor(top); !cursor.isBehindAll();) {
+    if (cursor.member == nullptr) {
+      cursor.leave();
+    } else if (isUnsaved(cursor.member)) {
+      return true;
+    } else if (cursor.member->kind == kStoreKind) {
+      cursor.enter();
+    } else {
+      cursor.advance();
+    }
+  }
+  return false;
+}
+
+// Drops a store that nobody has open. Its name stays until the end of the scope: a caller may have
+// passed the record's own.
+class DroppedStore {
+ public:
+  explicit DroppedStore(Store* store) : pool_(store->extension->pool), name_(store->name) {
+    store->name = nullptr;
+    store->nameLength = 0;
+    dropStore(store);
+  }
+  ~DroppedStore() { freeBlock(pool_, name_); }
+  DroppedStore(const DroppedStore&) = delete;
+  DroppedStore& operator=(const DroppedStore&) = delete;
+
+ private:
+  Pool* pool_;
+  char32_t* name_;
+};
 
 // One open without a path to walk, under the instance's lock. Every step returns the store, or null
 // with the status set.
@@ -38,8 +95,10 @@ class StoreOpener {
     return nullptr;
   }
 
+  // ---- nested stores
+
   Store* openNested() {
-    Member* found = findMember(membersOf(parent_), name_);
+    Member* found = findToOpen(membersOf(parent_), name_);
     if (found == nullptr) return wantsToCreate() ? createNested() : fail(kNotFound);
     if (wants(kExclusive)) return fail(kExists);
     if (found->kind != kStoreKind) return fail(wantsToCreate() ? kExists : kNotFound);
@@ -49,8 +108,10 @@ class StoreOpener {
 
   Store* createNested() { return isInBlob(parent_) ? fail(kContradiction) : createRecord(nullptr); }
 
+  // ---- top-level stores that are cached
+
   Store* openTopLevel() {
-    Member* found = findMember(storesOf(instance_), name_);
+    Member* found = findToOpen(storesOf(instance_), name_);
     if (found == nullptr) return openUncached();
     Store* store = asStore(found);
     if (wants(kExclusive)) return fail(kExists);
@@ -62,32 +123,26 @@ class StoreOpener {
 
   Store* replaceCached(Store* store) {
     if (store->openCount != 0 || store->openHandles != 0) return fail(kStoreInUse);
-    return openAnew(store);
+    const DroppedStore former(store);
+    return replaceFile();
   }
 
   Store* shareForReading(Store* store) {
-    if (store->openCount == 0) return reopen(store, HX_ACCESS_READ);
+    if (store->openCount == 0) return store->hasHadFile ? reopen(store, HX_ACCESS_READ) : store;
     store->openCount += store->openCount < 0 ? -1 : 1;
     return store;
   }
 
   Store* shareForUpdate(Store* store) {
-    if (!isWhole(store) && (store->openCount != 0 || wants(kNoFile))) {
-      return fail(store->loadStatus);
-    }
     if (isWhole(store) && isForeign(store)) return fail(kOtherEncoding);
-    if (store->openCount < 0) {
-      --store->openCount;
-      return store;
+    if (store->openCount == 0 && !wants(kNoFile)) {
+      return store->hasHadFile ? reopen(store, HX_ACCESS_UPDATE) : giveFile(store);
     }
+    if (!isWhole(store)) return fail(store->loadStatus);
     if (store->openCount > 0) return upgrade(store);
-    if (!wants(kNoFile)) return reopen(store, HX_ACCESS_UPDATE);
-    store->openCount = -1;
+    --store->openCount;
     return store;
   }
-
-  // A store that was read only in part, and is closed, is always loaded anew.
-  static bool isWhole(const Store* store) { return store->loadStatus == kOk; }
 
   // Readers get a file that can be written, and keep their own when there is none to be had. The
   // file at the path must still be theirs: their tree does not describe another one.
@@ -103,56 +158,51 @@ class StoreOpener {
     return store;
   }
 
-  // Opens the file of a cached store that nobody has open. When it is not as it was left, the tree
-  // in memory is worthless and is loaded anew.
+  // A store that has lived in memory only is to be written to the file of its name, which must not
+  // be somebody else's store.
+  Store* giveFile(Store* store) {
+    FileGuard file(openStoreFile(instance_, name_, HX_ACCESS_UPDATE));
+    if (file.get() == nullptr || holdsStore(file.get())) return fail(kFileNotOpen);
+    return adopt(store, file, HX_ACCESS_UPDATE);
+  }
+
+  // Opens the file of a store that nobody has open, and takes the tree for it when the file is as
+  // it was left. Else the tree is loaded anew.
   Store* reopen(Store* store, int32_t accessMode) {
-    if (!store->hasHadFile && accessMode == HX_ACCESS_READ) return store;
     {
       FileGuard file(openStoreFile(instance_, name_, accessMode));
       if (file.get() == nullptr) return fail(kFileNotOpen);
-      if (!store->hasHadFile && holdsStore(file.get())) return fail(kFileNotOpen);
-      const FileStamp stamp = stampOf(file.get());
-      if (describes(store, stamp)) return adopt(store, file.release(), accessMode);
-      // A file that can't be read just now says nothing against the tree, which may hold bytes that
-      // no file has.
-      if (isWhole(store) && !isKnown(stamp) && holdsStore(file.get())) return fail(kFileNotOpen);
+      const FileStamp found = stampOf(file.get());
+      if (isWhole(store) && sameStamp(found, store->stamp)) return adopt(store, file, accessMode);
+      if (isWhole(store) && !mayBeGivenUp(store, found, file.get())) return fail(kFileNotOpen);
     }
     if (store->openHandles != 0) return fail(kStoreInUse);
-    return openAnew(store);
+    const DroppedStore former(store);
+    return loadFile();
   }
 
-  static bool describes(const Store* store, const FileStamp& stamp) {
-    return !store->hasHadFile || (isWhole(store) && sameStamp(stamp, store->stamp));
+  // Not while the tree holds what no file has. And a file that can't be read just now says nothing
+  // against it.
+  static bool mayBeGivenUp(Store* store, const FileStamp& found, FileHandle* file) {
+    return !holdsUnsaved(store) && (isKnown(found) || !holdsStore(file));
   }
 
-  static Store* adopt(Store* store, FileHandle* file, int32_t accessMode) {
-    store->file = file;
+  static Store* adopt(Store* store, FileGuard& file, int32_t accessMode) {
+    store->file = file.release();
     store->hasHadFile = true;
     store->openCount = accessMode == HX_ACCESS_UPDATE ? -1 : 1;
     return store;
   }
 
-  // A file that is long enough for a header is somebody's store, whether or not it can be read now.
-  static bool holdsStore(FileHandle* file) {
-    const int64_t length = fileLength(file);
-    return length < 0 || length >= kHeaderSize;
-  }
-
-  // A caller may pass the record's own name, which therefore outlives the record.
-  Store* openAnew(Store* former) {
-    char32_t* name = former->name;
-    former->name = nullptr;
-    former->nameLength = 0;
-    dropStore(former);
-    Store* store = openUncached();
-    freeBlock(instance_->pool, name);
-    return store;
-  }
+  // ---- top-level stores that are not
 
   Store* openUncached() {
-    *status_ = kOk;
     if (wants(kUpdate | kReplace)) return replaceFile();
-    if (wants(kNoFile)) return createOrMiss();
+    return wants(kNoFile) ? createOrMiss() : loadFile();
+  }
+
+  Store* loadFile() {
+    *status_ = kOk;
     Store* store = loadItemStore(instance_, name_.characters, name_.length, flags_, status_);
     if (*status_ == kExists) {
       freeBlock(instance_->pool, store);
@@ -188,6 +238,8 @@ class StoreOpener {
     store->openCount = wants(kUpdate) ? -1 : 1;
     return store;
   }
+
+  // ---- new ones
 
   Store* createOrMiss() { return wantsToCreate() ? createTopLevel() : fail(kNotFound); }
 

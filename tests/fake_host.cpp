@@ -47,6 +47,7 @@ struct FakePool : Counted<FakePool, Pool> {
 
   void* give(uint64_t size, uint32_t flags) {
     EXPECT_EQ(flags, HX_ALLOCATE_ZEROED);
+    host->events.push_back({"allocate", 0, static_cast<int64_t>(size)});
     if (host->takesFault("allocate") || size > host->largestBlock) return nullptr;
     void* block = std::calloc(1, size);
     host->blocks[block] = {this, size};
@@ -72,7 +73,9 @@ struct FakeLock : Counted<FakeLock, Lock> {
   }
 
   int32_t take(int64_t, int64_t) {
+    host->events.push_back({"lock", 0, 0});
     EXPECT_FALSE(host->isLocked) << "the lock is taken twice on one path";
+    EXPECT_FALSE(host->opensBlob) << "opening a blob takes the lock";
     if (host->takesFault("lock")) return 5;
     host->isLocked = true;
     return 0;
@@ -138,7 +141,7 @@ struct FakeEncoding : Counted<FakeEncoding, Encoding> {
   }
 
   Converter* make(int64_t, const void* from, const void* to) {
-    EXPECT_TRUE(host->isLocked) << "a converter is made without the lock";
+    EXPECT_TRUE(host->isLocked || host->opensBlob) << "a converter is made without the lock";
     host->events.push_back({"make_converter", 0, 0});
     const bool fromBig = isIdentity(from, true);
     const bool toBig = isIdentity(to, true);

@@ -60,7 +60,7 @@ class FakeHost : public HostHandle {
   uint64_t bytes = 0;
   uint64_t mostBytes = 0;  // at one moment
 
-  std::vector<Event> events;  // files and converters, in the order of their calls
+  std::vector<Event> events;  // in the order of the calls
   int64_t count(std::string_view what, int64_t length = -1) const;
 
   uint64_t largestBlock = UINT64_MAX;  // a pool gives no larger one
@@ -71,6 +71,7 @@ class FakeHost : public HostHandle {
   // For the slots.
   bool takesFault(const char* kind);
   bool isLocked = false;
+  bool opensBlob = false;                          // a call that takes no lock
   int alive = 0;                                   // services and converters
   std::vector<std::unique_ptr<FakeFile>> handles;  // closed ones too, to catch a late use
 

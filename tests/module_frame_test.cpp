@@ -123,7 +123,38 @@ TEST(Frame, MembersOfALargeTable) {
   w.run("open x UC; page x 1");
   for (int i = 0; i < 350; ++i)
     w.run("put x:" + std::string(i % 50 == 0 ? "c*64n" : "") + std::to_string(i) + " 1");
-  w.run("restart; open x U; get x:77 =1; list x =344");
+  w.run("restart; open x U; mark; list x =344; count allocate =0; get x:77 =1");
+}
+
+// The tree stays until the file is as it was left, and then goes into it.
+TEST(Frame, NothingUnsavedIsGivenUpForAFileThatChanged) {
+  for (const auto& [news, look] : {std::pair("put x:b 9000", "get x:b =9000"),
+                                   {"put x:b 0", "get x:b =0"},
+                                   {"open x:b UC", "open x:b R"},
+                                   {"open x:n R; put x:n:b 1", "open x:n R; get x:n:b =1"}}) {
+    World w;
+    w.run("open x UC; put x:a 3; open x:n UC; close x; open x UN;" + std::string(news));
+    w.run(
+        "close x; grow x 1; open x R !8; open x UC !8; open x RN !8; grow x -1; open x U; close x");
+    World other(w.host.files);
+    other.run("open x R; get x:a =3;" + std::string(look));
+  }
+}
+
+TEST(Frame, AChangedFileIsLoadedAlsoWhenNoFileIsWanted) {
+  World w;
+  w.run("open x UC; put x:a 3; close x; open y UC; put y:b 9000; close y; copy x y");
+  w.run("open x RN; list x b; get x:b =9000; open z RN !1");
+}
+
+TEST(Frame, DamageOfABlobComesBeforeWantOfMemory) {
+  World w;
+  w.run("open m UCN; put m:a 3; blob m B");
+  Bytes& blob = w.image("B");
+  setNamedField(blob, "header.directoryOffset", std::to_string(blob.size() - 95));
+  w.host.fail("allocate", 2);
+  EXPECT_EQ(w.openBlob(blob.data(), blob.size(), U"B"), nullptr);
+  EXPECT_EQ(w.status, kUnreadable);
 }
 
 TEST(Frame, SpaceComesFromReleasedExtentsOfTheSameLengthOrTheEnd) {

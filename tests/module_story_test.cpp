@@ -82,9 +82,7 @@ struct Kind {
 const std::set<int32_t> kUnusable = {kUnreadable, kFileNotOpen, kNotFound, kStoreInUse,
                                      HX_REMOVE_IO_ERROR};
 const std::vector<Kind> kKinds = {{"allocate", {kNoMemory}},
-                                  // The end of an item, when all was read and only the lock behind
-                                  // it fails, in which its converter is looked for again.
-                                  {"lock", {kNotLocked, kEndOfItem}},
+                                  {"lock", {kNotLocked}},
                                   {"open", {kFileNotOpen, kNotFound}},
                                   {"read", kUnusable},
                                   {"short read", {kEndOfItem}, "short"},

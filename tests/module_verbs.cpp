@@ -6,7 +6,7 @@ namespace hx::fake {
 // What the model has to learn when a top-level store was opened, or was to be.
 void World::noteOpening(const std::string& path, uint32_t flags, bool existed, bool succeeded) {
   const bool replaces = has(flags, kUpdate | kReplace);
-  const bool isLoaded = !replaces && !has(flags, kNoFile);
+  const bool isLoaded = !replaces && (!has(flags, kNoFile) || has(flags, kRead));
   // The old file goes before the new store comes, whatever becomes of that.
   const bool isGone = succeeded || host.files.count(path) == 0 || image(path).empty();
   if (replaces && !has(flags, kNoFile) && isGone) {

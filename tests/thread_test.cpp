@@ -76,14 +76,23 @@ void listMembers(const Place& place) {
   EXPECT_GE(std::ranges::distance(members.begin(), members.end()), 3);
 }
 
-// Opens the file that the other machine wrote once more, converts, and leaves.
-void convertShared(const Place& place) {
-  const Store again = place.session.open(place.store.path());
+void expectConverted(const Store& foreign) {
   const std::string bytes = bytesOf("a", 0, 900);
-  const std::vector<std::int16_t> numbers = again.read("a").readArray<std::int16_t>();
+  const std::vector<std::int16_t> numbers = foreign.read("a").readArray<std::int16_t>();
   ASSERT_EQ(numbers.size(), bytes.size() / 2);
   for (std::size_t i = 0; i < numbers.size(); ++i)
     ASSERT_EQ(numbers[i], bytes[2 * i] << 8 | bytes[2 * i + 1]);
+}
+
+// Opens the file that the other machine wrote once more, converts, and leaves.
+void convertShared(const Place& place) {
+  expectConverted(place.session.open(place.store.path()));
+}
+
+// Its image is a blob, which each opens for itself.
+void convertBlob(const Place& place) {
+  const std::string image = hxtest::readFile(place.store.path());
+  expectConverted(place.session.openBlob(std::as_bytes(std::span(image)), "b"));
 }
 
 class Threads : public testing::Test {
@@ -132,7 +141,7 @@ TEST_F(Threads, WorkTogetherInOneStore) {
               {appendOwn, readShared, appendOwn, listMembers});
   runTogether(session_.open(path_, Mode::update),
               {appendOwn, createMembers, createMembers, listMembers});
-  runTogether(session_.open(foreign), {convertShared, convertShared, convertShared});
+  runTogether(session_.open(foreign), {convertShared, convertShared, convertBlob, convertBlob});
 }
 
 }  // namespace
