@@ -227,6 +227,20 @@ TEST_F(InspectFileTest, TakesLittleTimeWherePagesCoverEachOther) {
   expectQuick(5, {"check", "stat", "map", "map --json"});
 }
 
+// Nearly all of it is a hole, which is not read.
+TEST_F(InspectFileTest, IsLookedAtUpToTheLongestLengthThatNumbersAllow) {
+  const hxtest::TemporaryDirectory memory("/dev/shm");
+  const std::string path = memory / "x.st";
+  const Bytes image = makeImage();
+  writeFile(path, {image.begin(), image.end()});
+  std::filesystem::resize_file(path, std::uintmax_t{1} << 62);
+  expectRun(0, "cd " + memory.path().string() + "\nhxcrate check x.st; hxcrate stat x.st");
+  expectRun(0, "cd " + memory.path().string() + "\nhxcrate map x.st; hxcrate map --svg - x.st");
+  std::filesystem::resize_file(path, (std::uintmax_t{1} << 62) + 1);
+  expectRun(4, "hxcrate check " + path);
+  expectSaid("longer than any store");
+}
+
 // Wherever a sector or a block of the directory was zeroed, check says so, and salvage has the
 // rest.
 TEST_F(InspectFileTest, LosesNothingOfItsDirectoryUnseen) {
@@ -281,6 +295,19 @@ TEST_F(InspectFileTest, HasEveryByteCountedOnceByTheCommands) {
               std::string::npos);
     setNamedField(image, "z/0.next", "-5");
   }
+}
+
+TEST_F(InspectFileTest, IsDrawnAsXmlWhateverTheNames) {
+  Session session;
+  Store store = session.open(directory_ / "x.st", Mode::create);
+  for (const std::string name :
+       {"]]>", "<a b=\"c\">&", "\x01\x7f", "\xff", "\uffff", "gpj\u202e.sh"})
+    store.create(name).write(name);
+  store.close();
+  expectRun(0, "hxcrate map --svg - x.st");
+  for (const std::string shown : {">]]&gt;<", ">&lt;a b=&quot;c&quot;&gt;&amp;<", ">\\001\\177<",
+                                  ">\\377<", ">\\357\\277\\277<", ">gpj\\342\\200\\256.sh<"})
+    EXPECT_NE(out_.find(shown), std::string::npos) << shown << '\n' << out_;
 }
 
 TEST_F(InspectFileTest, IsSalvagedAsFarAsItCanBeRead) {

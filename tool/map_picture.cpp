@@ -40,6 +40,9 @@ std::string quoteXml(const std::string& bytes) {
       case '<':
         text += "&lt;";
         break;
+      case '>':
+        text += "&gt;";
+        break;
       case '"':
         text += "&quot;";
         break;

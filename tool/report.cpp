@@ -19,7 +19,8 @@ namespace {
 // none.
 std::size_t measurePrintable(std::string_view text) {
   const std::size_t length = measureCharacter(text);
-  return length == 0 || text[0] == '\\' || isControl(text, length) ? 0 : length;
+  if (length == 0 || text[0] == '\\') return 0;
+  return isControl(text, length) || isDeceptive(text, length) ? 0 : length;
 }
 
 void appendOctal(std::string& text, unsigned char byte) {

@@ -28,4 +28,14 @@ bool isControl(std::string_view text, std::size_t length) {
   return length == 2 && text[0] == '\xc2' && last < 0xa0;
 }
 
+bool isDeceptive(std::string_view text, std::size_t length) {
+  const std::string_view character = text.substr(0, length);
+  if (character == "\u061c" || character == "\ufffe" || character == "\uffff") return true;
+  const auto isBetween = [&](std::string_view first, std::string_view last) {
+    return length == 3 && first <= character && character <= last;
+  };
+  return isBetween("\u200e", "\u200f") || isBetween("\u2028", "\u202e") ||
+         isBetween("\u2066", "\u2069");
+}
+
 }  // namespace tool

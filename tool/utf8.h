@@ -14,4 +14,9 @@ std::size_t measureCharacter(std::string_view text);
 // U+001F and U+007F to U+009F.
 bool isControl(std::string_view text, std::size_t length);
 
+// Whether that character shows nothing by itself but can change what the text around it looks like,
+// or is none that a text may hold: what orders text from right to left, ends lines, or U+FFFE and
+// U+FFFF.
+bool isDeceptive(std::string_view text, std::size_t length);
+
 }  // namespace tool
