@@ -12,8 +12,10 @@ namespace hxcrate {
 
 namespace {
 
-hxhost::HostOptions hostOptionsOf(const SessionOptions& options) {
+hxhost::HostOptions hostOptionsOf(const SessionOptions& options,
+                                  std::shared_ptr<hxhost::FileOps> files) {
   hxhost::HostOptions hostOptions;
+  hostOptions.fileOps = std::move(files);
   hostOptions.lockWait = options.lockWait;
   hostOptions.cacheBytesPerFile = options.cacheBytesPerFile;
   hostOptions.durability =
@@ -42,9 +44,9 @@ std::optional<FileFailure> takeFailureOf(hxhost::FileOutcome& outcome, const std
   return failedRead ? std::optional(translate(*failedRead, path)) : std::nullopt;
 }
 
-Engine::Engine(SessionOptions options)
+Engine::Engine(SessionOptions options, std::shared_ptr<hxhost::FileOps> files)
     : options_(std::move(options)),
-      host_(hostOptionsOf(options_)),
+      host_(hostOptionsOf(options_, std::move(files))),
       module_(makeModuleInstance(host_.handle())) {}
 
 Engine::~Engine() {

@@ -25,8 +25,8 @@ std::optional<FileFailure> takeFailureOf(hxhost::FileOutcome& outcome, const std
 // this API or came from a file. Safe for several threads.
 class Engine {
  public:
-  // Throws noModule.
-  explicit Engine(SessionOptions options);
+  // `files`: what its host's are made of; null: the system's. Throws noModule.
+  explicit Engine(SessionOptions options, std::shared_ptr<hxhost::FileOps> files = nullptr);
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "engine.h"
+#include "host/linux/nameless_file.h"
 #include "host/linux/open_request.h"
 #include "mapped_file.h"
 #include "member_path.h"
@@ -46,6 +47,9 @@ class FileOpener {
     }
     throw Error(Errc::contradiction, path_, "");
   }
+
+  // Where there is a file, and it is empty.
+  hx::Store* openOrCreateEmpty() { return require(hx::kUpdate | hx::kCreate); }
 
  private:
   // Null with the status in status_.
@@ -162,6 +166,15 @@ Store Session::open(const std::string& path, Mode mode, OpenOptions options) {
   const std::error_code damage = store.damage();
   if (damage && !options.acceptDamaged) tree->fail(damage.value(), "");
   return store;
+}
+
+// By an engine of its own, whose host has no other file.
+Store Session::createIn(int file, const std::string& path, OpenOptions options) {
+  options.pageSize = choosePageSize(options.pageSize, path);
+  const auto own = std::make_shared<Engine>(engine()->options(), hxhost::makeNamelessFileOps(file));
+  OpenedRoot root(FileOpener(*own, path, Mode::openOrCreate, options).openOrCreateEmpty());
+  const auto tree = std::make_shared<Tree>(own, std::move(root), path, true);
+  return {tree, tree->root(), ""};
 }
 
 // The module keeps all of the name, blobs what follows its last separator. The number tells stores

@@ -1,7 +1,3 @@
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <utility>
 
 #include "hxcrate/inspect.hpp"
@@ -13,51 +9,10 @@ namespace {
 
 constexpr std::size_t kTransferSize = 1 << 20;
 
-// A new file, which goes again unless it is kept.
-class NewFile {
- public:
-  explicit NewFile(const std::string& path)
-      : path_(path), file_(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666)) {
-    if (file_ < 0 && errno == EEXIST) throw Error(Errc::exists, path_, "");
-    if (file_ < 0) fail(Errc::fileNotOpen, "create", -1);
-  }
-  ~NewFile() {
-    if (file_ >= 0) ::close(file_);
-    if (!isKept_) ::unlink(path_.c_str());
-  }
-  NewFile(const NewFile&) = delete;
-  NewFile& operator=(const NewFile&) = delete;
-
-  void write(int64_t offset, std::span<const std::byte> bytes) {
-    while (!bytes.empty()) {
-      const ssize_t count = ::pwrite(file_, bytes.data(), bytes.size(), offset);
-      if (count < 0 && errno == EINTR) continue;
-      if (count < 0) fail(Errc::fileFailed, "write", offset);
-      bytes = bytes.subspan(static_cast<std::size_t>(count));
-      offset += count;
-    }
-  }
-
-  void keep() {
-    if (::close(std::exchange(file_, -1)) != 0) fail(Errc::fileFailed, "close", -1);
-    isKept_ = true;
-  }
-
- private:
-  [[noreturn]] void fail(Errc code, const char* operation, int64_t offset) const {
-    const std::error_code reason(errno, std::system_category());
-    throw Error(code, path_, "", FileFailure{operation, path_, offset, reason});
-  }
-
-  const std::string& path_;
-  int file_;
-  bool isKept_ = false;
-};
-
 class Transcoder {
  public:
-  Transcoder(const ByteSource& source, std::string_view encodingId, const std::string& path)
-      : source_(source), reader_(source, {}), encodingId_(encodingId), file_(path) {}
+  Transcoder(const ByteSource& source, std::string_view encodingId, const PutBytes& put)
+      : source_(source), reader_(source, {}), encodingId_(encodingId), put_(put) {}
 
   void run() {
     copyAll();
@@ -66,7 +21,6 @@ class Transcoder {
     inspection.walkPages({.onExtent = [&](const Extent& extent) {
       if (turns || extent.kind == ByteKind::header) writeTurned(extent, turns);
     }});
-    file_.keep();
   }
 
  private:
@@ -81,7 +35,7 @@ class Transcoder {
     for (int64_t at = 0; at < reader_.length();) {
       const std::size_t count = source_.read(at, buffer);
       if (count == 0) failReading(at);
-      file_.write(at, std::span(buffer).first(count));
+      put_(at, std::span(buffer).first(count));
       at += static_cast<int64_t>(count);
     }
   }
@@ -111,7 +65,7 @@ class Transcoder {
   template <typename Record>
   void write(int64_t offset, Record record, bool turns) {
     if (turns) turn(record);
-    file_.write(offset, std::as_bytes(std::span(&record, 1)));
+    put_(offset, std::as_bytes(std::span(&record, 1)));
   }
 
   [[noreturn]] void failReading(int64_t offset) const {
@@ -122,17 +76,17 @@ class Transcoder {
   const ByteSource& source_;
   const RecordReader reader_;
   std::string_view encodingId_;
-  NewFile file_;
+  const PutBytes& put_;
 };
 
 }  // namespace
 
-void transcode(const ByteSource& source, std::string_view encodingId, const std::string& path) {
+void transcode(const ByteSource& source, std::string_view encodingId, const PutBytes& put) {
   if (!isTurned(encodingId)) {
     throw Error(Errc::unknownEncoding, std::string(encodingId), "",
                 "known are hxmok1/le/utf-8 and hxmok1/be/utf-8");
   }
-  Transcoder(source, encodingId, path).run();
+  Transcoder(source, encodingId, put).run();
 }
 
 }  // namespace hxcrate

@@ -9,6 +9,7 @@
 
 #include "tests/module_image.h"
 #include "tests/temporary_directory.h"
+#include "tests/transcoded_file.h"
 
 namespace hxcrate {
 namespace {
@@ -132,7 +133,7 @@ class Threads : public testing::Test {
 TEST_F(Threads, WorkTogetherInOneStore) {
   const std::string foreign = directory_ / "foreign.st";
   fill(session_.open(path_, Mode::create, {.pageSize = 64})).close();
-  transcode(InspectedFile(path_), "hxmok1/be/utf-8", foreign);
+  hxtest::transcodeFile(path_, "hxmok1/be/utf-8", foreign);
   runTogether(session_.open(path_), {readShared, readShared, readShared});
   runTogether(session_.open(path_), {readOwn, readOwn, readShared});
   runTogether(session_.open(path_), {readOwn, readElsewhere, readElsewhere});

@@ -10,7 +10,6 @@
 #include "byte_pump.h"
 #include "command_line.h"
 #include "commands.h"
-#include "interruption.h"
 #include "new_store.h"
 #include "store_walk.h"
 
@@ -89,8 +88,8 @@ void copyMembers(KeptMembers members, hxcrate::Store& target, Progress& progress
 }
 
 // All or nothing: what can't be read whole is not copied.
-ExitCode copy(const CopyOptions& options) {
-  const InterruptionGuard guard;
+ExitCode copy(CopyOptions& options) {
+  options.made.copyOf = options.store;
   const NewStore target(options.target);
   hxcrate::Session session;
   const auto members = [&] { return KeptMembers(options, session.open(options.store)); };

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <memory>
 
+#include "interruption.h"
 #include "report.h"
 
 namespace tool {
@@ -37,16 +38,47 @@ ssize_t readSome(const Descriptor& file, std::span<std::byte> buffer) {
   while (true) {
     const ssize_t count = ::read(file.number(), buffer.data(), buffer.size());
     if (count >= 0 || errno != EINTR) return count;
+    throwIfInterrupted();  // it may be long until there is something to read
   }
 }
 
 bool writeAll(const Descriptor& file, std::span<const std::byte> bytes) {
   while (!bytes.empty()) {
-    const ssize_t count = ::write(file.number(), bytes.data(), bytes.size());
-    if (count < 0 && errno != EINTR) return false;
-    if (count > 0) bytes = bytes.subspan(static_cast<std::size_t>(count));
+    const ssize_t count =
+        repeatInterrupted([&] { return ::write(file.number(), bytes.data(), bytes.size()); });
+    if (count < 0) return false;
+    bytes = bytes.subspan(static_cast<std::size_t>(count));
   }
   return true;
+}
+
+std::size_t readAt(const Descriptor& file, std::int64_t offset, std::span<std::byte> buffer) {
+  std::size_t done = 0;
+  while (done < buffer.size()) {
+    const std::span<std::byte> rest = buffer.subspan(done);
+    const off_t at = offset + static_cast<off_t>(done);
+    const ssize_t count =
+        repeatInterrupted([&] { return ::pread(file.number(), rest.data(), rest.size(), at); });
+    if (count <= 0) break;
+    done += static_cast<std::size_t>(count);
+  }
+  return done;
+}
+
+bool writeAt(const Descriptor& file, std::int64_t offset, std::span<const std::byte> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t count = repeatInterrupted(
+        [&] { return ::pwrite(file.number(), bytes.data(), bytes.size(), offset); });
+    if (count < 0) return false;
+    bytes = bytes.subspan(static_cast<std::size_t>(count));
+    offset += count;
+  }
+  return true;
+}
+
+// Some file systems have nothing to put there for a directory, and say so.
+bool sync(const Descriptor& file) {
+  return repeatInterrupted([&] { return ::fsync(file.number()); }) == 0 || errno == EINVAL;
 }
 
 Descriptor openBeneath(const Descriptor& directory, const std::string& name, int flags,
@@ -55,9 +87,12 @@ Descriptor openBeneath(const Descriptor& directory, const std::string& name, int
   how.flags = static_cast<unsigned>(flags | O_NOFOLLOW | O_CLOEXEC);
   how.mode = mode;
   how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS;
-  long opened = ::syscall(SYS_openat2, directory.number(), name.c_str(), &how, sizeof(how));
+  long opened = repeatInterrupted(
+      [&] { return ::syscall(SYS_openat2, directory.number(), name.c_str(), &how, sizeof(how)); });
   if (opened < 0 && errno == ENOSYS) {  // before Linux 5.6 all rests on the name, which is one
-    opened = ::openat(directory.number(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode);
+    opened = repeatInterrupted([&] {
+      return ::openat(directory.number(), name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC, mode);
+    });
   }
   return Descriptor(static_cast<int>(opened));
 }
@@ -85,9 +120,46 @@ bool moveFile(const Descriptor& fromDirectory, const std::string& from,
          ::unlinkat(fromDirectory.number(), from.c_str(), 0) == 0;
 }
 
+std::optional<std::vector<std::string>> listNames(const Descriptor& directory) {
+  // A description of its own: the reading position is shared by duplicates.
+  const int own = ::openat(directory.number(), ".", kOpenDirectory);
+  if (own < 0) return std::nullopt;
+  const std::unique_ptr<DIR, DirectoryCloser> stream(::fdopendir(own));
+  if (!stream) {
+    ::close(own);
+    return std::nullopt;
+  }
+  std::vector<std::string> names;
+  errno = 0;
+  // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads this one
+  while (const dirent* entry = ::readdir(stream.get())) {
+    const std::string_view name = entry->d_name;
+    if (name != "." && name != "..") names.emplace_back(name);
+    errno = 0;
+  }
+  if (errno != 0) return std::nullopt;
+  std::sort(names.begin(), names.end());
+  return names;
+}
+
+Descriptor openDirectory(const std::string& path) {
+  Descriptor directory(repeatInterrupted([&] { return ::open(path.c_str(), kOpenDirectory); }));
+  if (!directory.isOpen()) throw systemFailure(path, "open directory");
+  return directory;
+}
+
+FilePlace locateFile(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  const std::string name = path.substr(slash == std::string::npos ? 0 : slash + 1);
+  if (name.empty() || name == "." || name == "..") {
+    throw Failure(ExitCode::notOpenable, path, "", "not the name of a file");
+  }
+  const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash);
+  return {openDirectory(directory.empty() ? "/" : directory), name};
+}
+
 DirectoryCursor::DirectoryCursor(const std::string& path)
-    : current_(::open(path.c_str(), kOpenDirectory)), path_(path) {
-  if (!current_.isOpen()) throw systemFailure(path, "open directory");
+    : current_(openDirectory(path)), path_(path) {
   while (path_.size() > 1 && path_.back() == '/')
     path_.pop_back();
 }
@@ -115,28 +187,6 @@ void DirectoryCursor::leave() {
   current_ = std::move(above);
   path_.resize(steps_.back().pathLength);
   steps_.pop_back();
-}
-
-std::optional<std::vector<std::string>> DirectoryCursor::listNames() const {
-  // A description of its own: the reading position is shared by duplicates.
-  const int own = ::openat(current_.number(), ".", kOpenDirectory);
-  if (own < 0) return std::nullopt;
-  const std::unique_ptr<DIR, DirectoryCloser> directory(::fdopendir(own));
-  if (!directory) {
-    ::close(own);
-    return std::nullopt;
-  }
-  std::vector<std::string> names;
-  errno = 0;
-  // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody else reads this one
-  while (const dirent* entry = ::readdir(directory.get())) {
-    const std::string_view name = entry->d_name;
-    if (name != "." && name != "..") names.emplace_back(name);
-    errno = 0;
-  }
-  if (errno != 0) return std::nullopt;
-  std::sort(names.begin(), names.end());
-  return names;
 }
 
 }  // namespace tool

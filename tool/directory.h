@@ -3,7 +3,9 @@
 
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
@@ -26,6 +28,8 @@ class Descriptor {
 
   bool isOpen() const { return number_ >= 0; }
   int number() const { return number_; }
+  // Leads to what is open, whatever its name is.
+  std::string asPath() const { return "/proc/self/fd/" + std::to_string(number_); }
   // False, with errno set, when the system kept a write's failure until now.
   bool close();
 
@@ -33,10 +37,26 @@ class Descriptor {
   int number_ = -1;
 };
 
+// What a call of the system returns that no signal interrupted.
+template <typename Call>
+auto repeatInterrupted(Call call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR)
+    result = call();
+  return result;
+}
+
 // Bytes read, 0 at the end only; negative with errno set.
 ssize_t readSome(const Descriptor& file, std::span<std::byte> buffer);
 // False with errno set.
 bool writeAll(const Descriptor& file, std::span<const std::byte> bytes);
+
+// The same at a place in the file. Fewer bytes are read where the file ends or can't be read.
+std::size_t readAt(const Descriptor& file, std::int64_t offset, std::span<std::byte> buffer);
+bool writeAt(const Descriptor& file, std::int64_t offset, std::span<const std::byte> bytes);
+
+// Puts a file's bytes, or a directory's names, on disk. False with errno set.
+bool sync(const Descriptor& file);
 
 // The entry `name` of an open directory; not open, with errno set, when it can't be. The kernel
 // itself refuses a name that leads out of the directory or through a link.
@@ -46,6 +66,22 @@ Descriptor openBeneath(const Descriptor& directory, const std::string& name, int
 // The status of an entry itself, of no link's target. Null with errno set.
 std::optional<struct stat> inspect(const Descriptor& directory, const std::string& name);
 bool isSameFile(const struct stat& a, const struct stat& b);
+
+// The names in an open directory but "." and "..", sorted by their bytes. Null with errno set.
+std::optional<std::vector<std::string>> listNames(const Descriptor& directory);
+
+// The directory `path`, which may be reached through links. Throws a Failure.
+Descriptor openDirectory(const std::string& path);
+
+// Where a file is or is to be.
+struct FilePlace {
+  Descriptor directory;
+  std::string name;
+};
+
+// Of the file `path`, whatever it is. Throws a Failure when that can't be the path of a file, or
+// its directory can't be opened.
+FilePlace locateFile(const std::string& path);
 
 // Gives `from` the name `to`, both in open directories. An existing `to` is replaced or else
 // refused with EEXIST, in one step. False with errno set.
@@ -69,10 +105,6 @@ class DirectoryCursor {
   bool enter(const std::string& name);
   // Throws Failure when the directory was moved meanwhile.
   void leave();
-
-  // The names in the current directory but "." and "..", sorted by their bytes. Null with errno
-  // set.
-  std::optional<std::vector<std::string>> listNames() const;
 
  private:
   struct Step {

@@ -6,7 +6,6 @@ namespace tool {
 
 namespace {
 
-constexpr std::array<int, 3> kSignals = {SIGINT, SIGTERM, SIGHUP};
 constexpr int kKilledBySignal = 128;
 
 volatile sig_atomic_t lastSignal = 0;
@@ -20,16 +19,21 @@ extern "C" void noteSignal(int signal) {
 InterruptionGuard::InterruptionGuard() {
   struct sigaction action {};
   action.sa_handler = noteSignal;
-  action.sa_flags = SA_RESTART | static_cast<int>(SA_RESETHAND);
-  for (std::size_t i = 0; i < kSignals.size(); ++i) {
-    ::sigaction(kSignals[i], &action, &before_[i]);
-    if (before_[i].sa_handler == SIG_IGN) ::sigaction(kSignals[i], &before_[i], nullptr);
+  action.sa_flags = static_cast<int>(SA_RESETHAND);
+  for (std::size_t i = 0; i < kEndingSignals.size(); ++i) {
+    ::sigaction(kEndingSignals[i], &action, &before_[i]);
+    if (before_[i].sa_handler == SIG_IGN) ::sigaction(kEndingSignals[i], &before_[i], nullptr);
   }
 }
 
+// On the way out by an exception whoever catches it looks for a signal.
 InterruptionGuard::~InterruptionGuard() {
-  for (std::size_t i = 0; i < kSignals.size(); ++i)
-    ::sigaction(kSignals[i], &before_[i], nullptr);
+  for (std::size_t i = 0; i < kEndingSignals.size(); ++i)
+    ::sigaction(kEndingSignals[i], &before_[i], nullptr);
+  if (lastSignal == 0 || std::uncaught_exceptions() > 0) return;
+  const int signal = lastSignal;
+  lastSignal = 0;
+  ::raise(signal);  // a guard around this one notes it again
 }
 
 void throwIfInterrupted() {

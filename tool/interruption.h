@@ -19,8 +19,14 @@ class Interrupted : public std::exception {
   int signal_;
 };
 
-// As long as this lives, the first SIGINT, SIGTERM or SIGHUP only asks throwIfInterrupted to throw;
-// a second one ends the process at once. A signal that is ignored stays ignored.
+// All that end a process and can be taken up, but for those of its own faults.
+constexpr std::array kEndingSignals = {SIGINT,  SIGTERM, SIGHUP,  SIGQUIT,   SIGALRM,
+                                       SIGXCPU, SIGUSR1, SIGUSR2, SIGVTALRM, SIGPROF,
+                                       SIGPIPE, SIGIO,   SIGPWR,  SIGXFSZ,   SIGSTKFLT};
+
+// As long as this lives, the first of those signals only asks throwIfInterrupted to throw; a second
+// one of its kind ends the process at once. A signal that is ignored stays ignored. One that came
+// and that nothing was interrupted for is obeyed when this goes.
 class InterruptionGuard {
  public:
   InterruptionGuard();
@@ -29,7 +35,7 @@ class InterruptionGuard {
   InterruptionGuard& operator=(const InterruptionGuard&) = delete;
 
  private:
-  std::array<struct sigaction, 3> before_{};
+  std::array<struct sigaction, kEndingSignals.size()> before_{};
 };
 
 void throwIfInterrupted();

@@ -1,32 +1,23 @@
 #include "item_input.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <filesystem>
 
 #include "byte_pump.h"
+#include "new_file.h"
 #include "report.h"
 
 namespace tool {
 
 namespace {
 
-// Where there is room for what the store is to hold.
+// Where there is room for what the store is to hold: its own folder, if it is a link.
 std::string folderOf(const std::string& store) {
   std::error_code ignored;
   return std::filesystem::weakly_canonical(std::filesystem::absolute(store), ignored).parent_path();
-}
-
-Descriptor openNameless(const std::string& folder) {
-  Descriptor file(::open(folder.c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600));
-  if (file.isOpen()) return file;
-  std::string path = folder + "/.hxcrate-XXXXXX";  // on a file system that knows no such files
-  file = Descriptor(::mkostemp(path.data(), O_CLOEXEC));
-  if (!file.isOpen() || ::unlink(path.c_str()) != 0) throw systemFailure(folder, "create a file");
-  return file;
 }
 
 }  // namespace
@@ -50,7 +41,7 @@ ItemInput::ItemInput(const std::string& path, const std::string& store)
 
 void ItemInput::collect(const std::string& store) {
   const std::string folder = folderOf(store);
-  Descriptor collected = openNameless(folder);
+  Descriptor collected = openNameless(openDirectory(folder), folder);
   Progress progress("reading");
   size_ = BytePump(&progress).move(hxcrate::kItemCapacity + 1, takeFrom(file_, name_),
                                    giveTo(collected, folder));

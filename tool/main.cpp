@@ -24,6 +24,7 @@ void occupyStandardStreams() {
 
 int main(int argc, char** argv) {
   occupyStandardStreams();
-  std::signal(SIGPIPE, SIG_IGN);
+  for (const int failingWrite : {SIGPIPE, SIGXFSZ})
+    std::signal(failingWrite, SIG_IGN);
   return static_cast<int>(tool::runCommand(argc, argv));
 }

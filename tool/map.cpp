@@ -9,22 +9,19 @@
 //     path       of the member that owns it, a name; missing when nobody does and for the header
 //   bytes      object: the sums of header, entries, chunks, data, slack, unreachable; and file
 //   damaged    whether an error was found
-#include <fcntl.h>
-#include <unistd.h>
 #include <memory>
 #include <string>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <numeric>
 
 #include "byte_map.h"
 #include "command_line.h"
 #include "commands.h"
-#include "directory.h"
 #include "json.h"
 #include "map_picture.h"
+#include "new_file.h"
 
 namespace tool {
 
@@ -157,13 +154,13 @@ void writePicture(const MapOptions& options, const std::string& picture) {
     output.write(picture);
     return output.finish();
   }
-  Descriptor file(::open(options.svg.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-  if (!file.isOpen()) throw systemFailure(options.svg, "create");
-  if (writeAll(file, std::as_bytes(std::span(picture))) && file.close()) return;
-  const int error = errno;
-  ::unlink(options.svg.c_str());
-  errno = error;
-  throw systemFailure(options.svg, "write");
+  const FilePlace place = locateFile(options.svg);
+  NewFile file(place.directory, place.name, options.svg);
+  if (!writeAll(file.descriptor(), std::as_bytes(std::span(picture)))) {
+    throw systemFailure(options.svg, "write");
+  }
+  if (file.deliver()) return;
+  throw Failure(ExitCode::inputOutput, options.svg, "", "exists already");
 }
 
 // Prints or draws the map; of a damaged store of what can be reached, with a complaint and

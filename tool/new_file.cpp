@@ -1,54 +1,189 @@
 #include "new_file.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
+#include <sys/random.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 
 #include "report.h"
 
 namespace tool {
 
-// Where nothing has the name, the file has it at once.
-NewFile::NewFile(const Descriptor& directory, const std::string& name, const std::string& path,
-                 bool overwrite)
-    : directory_(directory), name_(name), path_(path) {
-  create(name);
-  if (file_.isOpen()) return;
-  if (errno != EEXIST) throw systemFailure(path, "create");
-  const auto existing = inspect(directory, name);
-  if (existing) checkReplaceable(*existing, path, overwrite);
-  createAside();
+namespace {
+
+constexpr std::size_t kDigits = 16;
+constexpr int kMostTries = 100;
+constexpr mode_t kUsual = 0666;    // less what the process masks
+constexpr mode_t kPrivate = 0600;  // until it gets rights of its own
+
+// Nobody can guess it and wait for it.
+std::string makeAsideName() {
+  std::array<unsigned char, kDigits / 2> random{};
+  if (::getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) {
+    throw systemFailure("", "get random numbers");
+  }
+  std::string name(NewFile::kPrefix);
+  for (const unsigned char byte : random) {
+    name += "0123456789abcdef"[byte >> 4];
+    name += "0123456789abcdef"[byte & 15];
+  }
+  return name;
+}
+
+bool isAsideName(std::string_view name) {
+  return name.size() == NewFile::kPrefix.size() + kDigits && name.starts_with(NewFile::kPrefix) &&
+         name.find_first_not_of("0123456789abcdef", NewFile::kPrefix.size()) == name.npos;
+}
+
+// Whoever makes the file keeps it locked as long as it has that kind of name.
+bool lockAside(const Descriptor& file) {
+  return ::flock(file.number(), LOCK_EX | LOCK_NB) == 0;
+}
+
+bool leadsTo(const Descriptor& directory, const std::string& name, const Descriptor& file) {
+  struct stat status {};
+  const auto there = inspect(directory, name);
+  return there && ::fstat(file.number(), &status) == 0 && isSameFile(*there, status);
+}
+
+// Not open where there are no such files, or where they can't get a name later.
+Descriptor tryOpenNameless(const Descriptor& directory, mode_t mode) {
+  Descriptor file(
+      ::openat(directory.number(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC | O_NOFOLLOW, mode));
+  return ::access(file.asPath().c_str(), F_OK) == 0 ? std::move(file) : Descriptor();
+}
+
+bool linkNameless(const Descriptor& file, const Descriptor& directory, const std::string& name) {
+  return ::linkat(AT_FDCWD, file.asPath().c_str(), directory.number(), name.c_str(),
+                  AT_SYMLINK_FOLLOW) == 0;
+}
+
+// What an uncatchable signal, or a second one, left: of this user, and nobody is making it.
+void removeLeftover(const Descriptor& directory, const std::string& name) {
+  const Descriptor file = openBeneath(directory, name, O_RDWR | O_NONBLOCK);
+  struct stat status {};
+  if (!file.isOpen() || ::fstat(file.number(), &status) != 0) return;
+  const bool isOurs =
+      S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink == 1;
+  if (isOurs && lockAside(file) && leadsTo(directory, name, file)) {
+    ::unlinkat(directory.number(), name.c_str(), 0);
+  }
+}
+
+}  // namespace
+
+NewFile::NewFile(const Descriptor& directory, std::string name, std::string path, Options options)
+    : NewFile(directory, std::move(name), std::move(path),
+              options.replaced || options.readers != nullptr ? kPrivate : kUsual) {
+  replaced_ = options.replaced;
+  if (options.readers != nullptr) options.readers->bound(file_, path_);
+  if (replaced_) takeRightsOfReplaced();
+}
+
+NewFile::NewFile(const Descriptor& directory, std::string name, std::string path, mode_t mode)
+    : directory_(directory),
+      name_(std::move(name)),
+      path_(std::move(path)),
+      file_(tryOpenNameless(directory, mode)) {
+  if (!file_.isOpen()) createAside(mode);
 }
 
 NewFile::~NewFile() {
-  if (!madeAs_.empty()) ::unlinkat(directory_.number(), madeAs_.c_str(), 0);
+  if (isMineStill()) ::unlinkat(directory_.number(), aside_.c_str(), 0);
 }
 
-void NewFile::create(const std::string& name) {
-  file_ = openBeneath(directory_, name, O_WRONLY | O_CREAT | O_EXCL, 0666);
-  if (file_.isOpen()) madeAs_ = name;
-}
-
-void NewFile::createAside() {
-  for (int i = 0; !file_.isOpen() && (i == 0 || errno == EEXIST); ++i)
-    create(".hxcrate-" + std::to_string(::getpid()) + "-" + std::to_string(i));
-  if (!file_.isOpen()) throw systemFailure(path_, "create");
-}
-
-void NewFile::checkReplaceable(const struct stat& existing, const std::string& path,
-                               bool overwrite) {
-  const char* reason = overwrite ? "exists already and is no regular file" : "exists already";
-  if (overwrite && S_ISREG(existing.st_mode)) return;
-  throw Failure(ExitCode::partial, path, "", reason);
-}
-
-void NewFile::deliver() {
-  if (!file_.close()) throw systemFailure(path_, "write");
-  if (madeAs_ != name_ && !moveFile(directory_, madeAs_, directory_, name_, true)) {
-    throw systemFailure(path_, "give the file its name");
+// One that somebody's removal of leftovers was quicker to lock is left to that.
+void NewFile::createAside(mode_t mode) {
+  for (int i = 0; i < kMostTries; ++i) {
+    const std::string name = makeAsideName();
+    file_ = openBeneath(directory_, name, O_RDWR | O_CREAT | O_EXCL, mode);
+    if (!file_.isOpen() && errno != EEXIST) throw systemFailure(path_, "create");
+    if (!file_.isOpen() || !lockAside(file_) || !leadsTo(directory_, name, file_)) continue;
+    aside_ = name;
+    return;
   }
-  madeAs_.clear();
+  throw systemFailure(path_, "create");
+}
+
+// Before there is any byte that somebody could read.
+void NewFile::takeRightsOfReplaced() {
+  const Descriptor existing = openBeneath(directory_, name_, O_PATH);
+  if (!existing.isOpen()) throw systemFailure(path_, "inspect");
+  FileRights(existing, path_).give(file_, path_);
+}
+
+bool NewFile::isMineStill() const {
+  return !aside_.empty() && leadsTo(directory_, aside_, file_);
+}
+
+bool NewFile::deliver() {
+  if (!sync(file_)) throw systemFailure(path_, "sync");
+  if (!deliverUnsynced()) return false;
+  if (!sync(directory_)) throw systemFailure(path_, "sync its folder");
+  return true;
+}
+
+bool NewFile::deliverUnsynced() {
+  throwIfInterrupted();
+  if (!aside_.empty() && !isMineStill()) {
+    throw Failure(ExitCode::inputOutput, path_, "", "somebody took the unfinished file away");
+  }
+  const bool isDone = replaced_ ? replace() : giveName();
+  if (!isDone && errno != EEXIST) throw systemFailure(path_, "give the file its name");
+  return isDone;
+}
+
+// False with errno set.
+bool NewFile::giveName() {
+  if (aside_.empty()) return linkNameless(file_, directory_, name_);
+  if (!moveFile(directory_, aside_, directory_, name_, false)) return false;
+  aside_.clear();
+  return true;
+}
+
+// The same. What is replaced was there until now.
+bool NewFile::replace() {
+  if (aside_.empty() && !linkAside()) return false;
+  const auto there = inspect(directory_, name_);
+  if (!there || !isSameFile(*there, *replaced_)) {
+    errno = EEXIST;
+    return false;
+  }
+  if (!moveFile(directory_, aside_, directory_, name_, true)) return false;
+  aside_.clear();
+  return true;
+}
+
+bool NewFile::linkAside() {
+  if (!lockAside(file_)) return false;
+  for (int i = 0; i < kMostTries && aside_.empty(); ++i) {
+    const std::string name = makeAsideName();
+    if (linkNameless(file_, directory_, name)) aside_ = name;
+    if (aside_.empty() && errno != EEXIST) return false;
+  }
+  return !aside_.empty();
+}
+
+Descriptor openNameless(const Descriptor& directory, const std::string& path) {
+  Descriptor file = tryOpenNameless(directory, kPrivate);
+  if (file.isOpen()) return file;
+  const std::string name = makeAsideName();
+  file = openBeneath(directory, name, O_RDWR | O_CREAT | O_EXCL, kPrivate);
+  if (!file.isOpen() || ::unlinkat(directory.number(), name.c_str(), 0) != 0) {
+    throw systemFailure(path, "create a file in it");
+  }
+  return file;
+}
+
+void removeLeftovers(const Descriptor& directory) {
+  const auto names = listNames(directory);
+  if (!names) return;
+  for (const std::string& name : *names) {
+    if (isAsideName(name)) removeLeftover(directory, name);
+  }
 }
 
 }  // namespace tool

@@ -1,138 +1,102 @@
 #include "new_store.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <filesystem>
 #include <span>
 #include <system_error>
 
-#include "directory.h"
 #include "interruption.h"
 
 namespace tool {
 
 namespace {
 
-namespace fs = std::filesystem;
-
-// Where the store grows until it is complete: under its own name, which the file holds, in a
-// directory of its own beside its place. Whatever is left of it goes with this object.
-class Workshop {
- public:
-  // `shown` is what the target is called in messages.
-  Workshop(const fs::path& target, const std::string& shown)
-      : target_(target), shown_(shown), directory_(target.parent_path() / ".hxcrate-XXXXXX") {
-    if (::mkdtemp(directory_.data()) == nullptr) {
-      throw systemFailure(target_.parent_path(), "make a working directory in it");
-    }
-  }
-  ~Workshop() {
-    std::error_code ignored;
-    fs::remove_all(directory_, ignored);
-  }
-  Workshop(const Workshop&) = delete;
-  Workshop& operator=(const Workshop&) = delete;
-
-  std::string storePath() const { return fs::path(directory_) / target_.filename(); }
-
-  // The finished store as another machine would have written it.
-  void turn(const std::string& encoding) const {
-    const fs::path turned = fs::path(directory_) / "turned" / target_.filename();
-    fs::create_directory(turned.parent_path());
-    hxcrate::transcode(hxcrate::InspectedFile(storePath()), encoding, turned);
-    fs::rename(turned, storePath());
-  }
-
-  bool holds(const std::string& path) const { return path.starts_with(directory_ + "/"); }
-
-  void write(std::span<const std::byte> store) const {
-    const Descriptor file(
-        ::open(storePath().c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-    if (!file.isOpen() || !writeAll(file, store)) throw systemFailure(shown_, "write");
-  }
-
-  // The bytes first, then the name: a power cut finds the old file or the whole new one. What is
-  // replaced passes its permissions on. False when something else has the name meanwhile.
-  bool deliver(const std::optional<struct stat>& existing) const {
-    const Descriptor file(::open(storePath().c_str(), O_RDONLY | O_CLOEXEC));
-    if (!file.isOpen() || ::fsync(file.number()) != 0) throw systemFailure(shown_, "sync");
-    if (existing && ::fchmod(file.number(), existing->st_mode & 07777) != 0) {
-      throw systemFailure(shown_, "set permissions");
-    }
-    throwIfInterrupted();
-    const Descriptor here(AT_FDCWD);
-    if (moveFile(here, storePath(), here, target_, existing.has_value())) return true;
-    if (errno == EEXIST) return false;
-    throw systemFailure(shown_, "rename");
-  }
-
- private:
-  fs::path target_;
-  std::string shown_;
-  std::string directory_;
-};
-
 std::int32_t pageSizeOf(const SizeForecast& forecast, const NewStore::Options& options) {
   return options.pageSize != 0 ? options.pageSize : forecast.bestPageSize(options.inMemory);
 }
 
-// Nobody knows of it yet: delivering waits for the disk.
-void makeFile(const std::string& path, std::int32_t pageSize, const NewStore::Fill& fill) {
-  hxcrate::Session session({.durability = hxcrate::Durability::none});
-  hxcrate::Store store = session.open(path, hxcrate::Mode::create, {.pageSize = pageSize});
-  fill(store);
-  store.close();
+// A new file as the store that it holds.
+class WrittenBytes : public hxcrate::ByteSource {
+ public:
+  explicit WrittenBytes(const NewFile& file) : file_(file) {
+    struct stat status {};
+    if (::fstat(file.descriptor().number(), &status) != 0) {
+      throw systemFailure(file.path(), "inspect");
+    }
+    length_ = status.st_size;
+  }
+
+  std::int64_t length() const override { return length_; }
+  std::size_t read(std::int64_t offset, std::span<std::byte> to) const override {
+    throwIfInterrupted();
+    return readAt(file_.descriptor(), offset, to);
+  }
+  const std::string& name() const override { return file_.path(); }
+
+ private:
+  const NewFile& file_;
+  std::int64_t length_;
+};
+
+void turn(const NewFile& from, const std::string& encoding, const NewFile& to) {
+  const auto put = [&](std::int64_t offset, std::span<const std::byte> bytes) {
+    if (!writeAt(to.descriptor(), offset, bytes)) throw systemFailure(to.path(), "write");
+  };
+  hxcrate::transcode(WrittenBytes(from), encoding, put);
 }
 
-hxcrate::Blob makeBlob(const std::string& name, std::int32_t pageSize, const NewStore::Fill& fill) {
-  hxcrate::Session session;
-  hxcrate::Store store = session.createInMemory(name, pageSize);
-  fill(store);
-  return store.makeBlob();
+// A failure would be told to have left the store as it was, but there is none yet.
+Failure failureOf(const hxcrate::Error& error, const std::string& path) {
+  std::string reason = error.reason();
+  if (const hxcrate::FileFailure* failure = error.fileFailure()) {
+    hxcrate::FileFailure plain = *failure;
+    plain.rolledBack = false;
+    reason = hxcrate::Error(error.errc(), path, error.member(), plain).reason();
+  }
+  return {exitCodeOf(error), path, error.member(), reason};
+}
+
+Descriptor openForItsPath(const std::string& path) {
+  Descriptor file(::open(path.c_str(), O_PATH | O_CLOEXEC));
+  if (!file.isOpen()) throw systemFailure(path, "open");
+  return file;
 }
 
 }  // namespace
 
-NewStore::NewStore(const std::string& path, bool replace) : shown_(path) {
-  if (path.empty()) refuse("not the name of a file");
-  struct stat status {};
-  if (::lstat(path.c_str(), &status) != 0) {
-    if (errno != ENOENT) throw systemFailure(path, "inspect");
-    target_ = fs::absolute(path);
-    if (!target_.has_filename()) refuse("not the name of a file");
-    refuseStrayJournal();
-    return;
-  }
-  if (!replace) refuse("exists already");
-  locateExisting();
+NewStore::NewStore(const std::string& path, bool replace) : shown_(path), place_(locateFile(path)) {
+  const auto status = inspect(place_.directory, place_.name);
+  if (!status && errno != ENOENT) throw systemFailure(path, "inspect");
+  if (status && !replace) refuse("exists already");
+  status ? locateExisting() : refuseStrayJournal();
 }
 
 // Beside the new file it would pass for that one's, and keep it from being opened.
 void NewStore::refuseStrayJournal() const {
-  const std::string journal = target_.string() + "-journal";
-  struct stat status {};
-  if (::lstat(journal.c_str(), &status) != 0) return;
+  const std::string journal = place_.name + "-journal";
+  if (!inspect(place_.directory, journal)) return;
   refuse("the file " + journal + " would belong to it; it has to go first");
 }
 
 void NewStore::locateExisting() {
-  struct stat status {};
   std::error_code dangling;
-  target_ = fs::canonical(shown_, dangling);
-  if (dangling || ::stat(target_.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
-    refuse("only a regular file is replaced");
-  }
+  const std::string target = std::filesystem::canonical(shown_, dangling);
+  if (dangling) refuse("only a regular file is replaced");
+  place_ = locateFile(target);
+  existing_ = inspect(place_.directory, place_.name);
+  if (!existing_ || !S_ISREG(existing_->st_mode)) refuse("only a regular file is replaced");
   try {
-    lock_ = std::make_unique<hxcrate::InspectedFile>(target_);
+    lock_ = std::make_unique<hxcrate::InspectedFile>(target);
   } catch (const hxcrate::Error& error) {
-    if (error.errc() == hxcrate::Errc::notFound) return refuseStrayJournal();
-    refuse(error.reason());
+    if (error.errc() != hxcrate::Errc::notFound) refuse(error.reason());
+    existing_.reset();  // what was undone was its making
+    return refuseStrayJournal();
   }
   if (!lock_->caveat().empty()) refuse(lock_->caveat());
-  if (status.st_size == 0) refuseStrayJournal();
-  existing_ = status;
+  if (existing_->st_size == 0) refuseStrayJournal();
 }
 
 void NewStore::refuse(const std::string& reason) const {
@@ -140,22 +104,41 @@ void NewStore::refuse(const std::string& reason) const {
 }
 
 void NewStore::make(const SizeForecast& forecast, const Options& options, const Fill& fill) const {
-  const Workshop workshop(target_, shown_);
-  const std::string madeAs = options.inMemory ? target_.filename().string() : workshop.storePath();
-  const std::int32_t pageSize = pageSizeOf(forecast, options);
+  removeLeftovers(place_.directory);
+  // A journal that was the replaced file's must not come back beside the new one.
+  if (existing_ && !sync(place_.directory)) throw systemFailure(shown_, "sync its folder");
+  std::optional<FileRights> readers;
+  if (!options.copyOf.empty()) readers.emplace(openForItsPath(options.copyOf), options.copyOf);
+  const NewFile::Options made{existing_, readers ? &*readers : nullptr};
+  NewFile file(place_.directory, place_.name, shown_, made);
+  fillFile(file, pageSizeOf(forecast, options), options, fill);
+  if (options.encoding.empty()) return deliver(file);
+  NewFile turned(place_.directory, place_.name, shown_, made);
+  turn(file, options.encoding, turned);
+  deliver(turned);
+}
+
+// Delivering waits for the disk, nothing before.
+void NewStore::fillFile(const NewFile& file, std::int32_t pageSize, const Options& options,
+                        const Fill& fill) const {
+  hxcrate::Session session({.durability = hxcrate::Durability::none});
+  const std::string path = file.descriptor().asPath() + "/" + place_.name;  // nobody else's
   try {
-    if (options.inMemory) {
-      const hxcrate::Blob blob = makeBlob(madeAs, pageSize, fill);
-      workshop.write(blob.bytes());
-    } else {
-      makeFile(madeAs, pageSize, fill);
-    }
-    if (!options.encoding.empty()) workshop.turn(options.encoding);
+    hxcrate::Store store = options.inMemory ? session.createInMemory(path, pageSize)
+                                            : session.createIn(file.descriptor().number(), path,
+                                                               {.pageSize = pageSize});
+    fill(store);
+    if (!options.inMemory) return store.close();
+    const hxcrate::Blob blob = store.makeBlob();
+    if (!writeAll(file.descriptor(), blob.bytes())) throw systemFailure(shown_, "write");
   } catch (const hxcrate::Error& error) {
-    if (error.store() != madeAs && !workshop.holds(error.store())) throw;
-    throw Failure(exitCodeOf(error), shown_, error.member(), error.reason());
+    if (error.store() != path) throw;
+    throw failureOf(error, shown_);
   }
-  if (!workshop.deliver(existing_)) refuse("exists already");
+}
+
+void NewStore::deliver(NewFile& file) const {
+  if (!file.deliver()) refuse("exists already");
 }
 
 void NewStore::announce(const SizeForecast& forecast, const Options& options) const {

@@ -4,7 +4,6 @@
 #include <sys/stat.h>
 
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -12,8 +11,10 @@
 #include <string_view>
 #include <vector>
 
+#include "directory.h"
 #include "hxcrate/crate.hpp"
 #include "hxcrate/inspect.hpp"
+#include "new_file.h"
 #include "report.h"
 #include "size_forecast.h"
 
@@ -43,6 +44,8 @@ class NewStore {
     std::int32_t pageSize = 0;  // bytes; 0: what makes the smallest file
     bool inMemory = false;      // built as a blob and written in one piece
     std::string encoding = {};  // an identity; empty: this machine's
+    std::string copyOf = {};    // a file that it holds bytes of: who may not read that may not
+                                // read the new one either
   };
 
   // The store file `path` as it was given. Throws a Failure, notOpenable, when there is a file of
@@ -66,9 +69,12 @@ class NewStore {
   [[noreturn]] void refuse(const std::string& reason) const;
   void locateExisting();
   void refuseStrayJournal() const;
+  void fillFile(const NewFile& file, std::int32_t pageSize, const Options& options,
+                const Fill& fill) const;
+  void deliver(NewFile& file) const;
 
-  std::string shown_;             // the path in messages
-  std::filesystem::path target_;  // for an existing file its own place rather than a link to it
+  std::string shown_;  // the path in messages
+  FilePlace place_;    // for an existing file its own rather than a link's to it
   std::optional<struct stat> existing_;
   std::unique_ptr<hxcrate::InspectedFile> lock_;  // of the existing file
 };

@@ -10,7 +10,6 @@
 #include "command_line.h"
 #include "commands.h"
 #include "directory.h"
-#include "interruption.h"
 #include "new_store.h"
 #include "source_tree.h"
 
@@ -94,7 +93,6 @@ SizeForecast forecastOf(const std::vector<SourceStep>& steps) {
 }
 
 ExitCode pack(const PackOptions& options) {
-  const InterruptionGuard guard;
   const NewStore target(options.store, options.replace);
   const std::vector<SourceStep> steps = scanTree(options.directory, target.existing());
   const SizeForecast forecast = forecastOf(steps);

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "interruption.h"
+
 namespace tool {
 
 // A number of bytes for people: "999 B", "1.2 MB".
@@ -37,6 +39,7 @@ class Progress {
   void drawWhenDue();
   std::string describe(double seconds) const;
 
+  const InterruptionGuard guard_;  // so that the line goes
   const char* action_;
   bool isTerminal_;
   std::int64_t total_ = -1;

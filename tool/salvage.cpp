@@ -1,6 +1,5 @@
 // hxcrate salvage: what can be read of a damaged store file becomes a new one.
 
-#include <unistd.h>
 #include <memory>
 #include <string>
 
@@ -11,8 +10,8 @@
 
 #include "command_line.h"
 #include "commands.h"
-#include "hxcrate/crate.hpp"
 #include "inspected_store.h"
+#include "new_store.h"
 #include "output.h"
 
 namespace tool {
@@ -184,22 +183,20 @@ bool lacksTop(const InspectedStore& source) {
 }
 
 ExitCode rebuild(InspectedStore& source, const SalvageOptions& options, Output& output) {
-  hxcrate::Session session;
-  hxcrate::Store target = session.open(options.target, hxcrate::Mode::create,
-                                       {.pageSize = source.inspection().pageSize()});
-  try {
-    Rebuilder rebuilder(source, std::move(target), output);
+  ExitCode outcome = ExitCode::fine;
+  std::string kept;
+  NewStore target(options.target);
+  const NewStore::Options made{.pageSize = source.inspection().pageSize(), .copyOf = options.store};
+  target.make(SizeForecast(), made, [&](hxcrate::Store& store) {
+    Rebuilder rebuilder(source, std::move(store), output);
     rebuilder.run();
-    output.finish();
-    complain(options.target, "",
-             countOf(rebuilder.items(), "item") + " and " + countOf(rebuilder.stores(), "store") +
-                 " were kept");
+    kept = countOf(rebuilder.items(), "item") + " and " + countOf(rebuilder.stores(), "store");
     const bool isSure = source.file().caveat().empty() && !lacksTop(source);
-    return rebuilder.hasLost() || !isSure ? ExitCode::partial : ExitCode::fine;
-  } catch (...) {
-    ::unlink(options.target.c_str());
-    throw;
-  }
+    if (rebuilder.hasLost() || !isSure) outcome = ExitCode::partial;
+  });
+  output.finish();
+  complain(options.target, "", kept + " were kept");
+  return outcome;
 }
 
 // Prints what was lost, what of an item was kept, and what got another name, a line each; nothing

@@ -52,7 +52,7 @@ class TreeScanner {
   }
 
   std::vector<std::string> list() {
-    auto names = cursor_.listNames();
+    auto names = listNames(cursor_.descriptor());
     if (!names) refuse(cursor_.path(), systemReason());
     return names ? *std::move(names) : std::vector<std::string>();
   }

@@ -15,7 +15,6 @@
 #include "command_line.h"
 #include "commands.h"
 #include "directory.h"
-#include "interruption.h"
 #include "member_selection.h"
 #include "new_file.h"
 #include "store_walk.h"
@@ -94,6 +93,7 @@ class Unpacker {
   ExitCode unpack() {
     if (!options_.dryRun || ::access(options_.directory.c_str(), F_OK) == 0) {
       cursor_.emplace(options_.directory);
+      tidyUp();
     }
     for (auto event = walk_.next(); event != StoreWalk::Event::end; event = walk_.next()) {
       throwIfInterrupted();
@@ -103,7 +103,7 @@ class Unpacker {
         take(event);
       }
     }
-    if (options_.dryRun) announce();
+    options_.dryRun ? announce() : syncAll();
     return outcome_;
   }
 
@@ -158,7 +158,7 @@ class Unpacker {
         errno != EEXIST) {
       throw systemFailure(path, "create directory");
     }
-    if (cursor_->enter(name)) return;
+    if (cursor_->enter(name)) return tidyUp();
     if (options_.dryRun && errno == ENOENT) {
       ++missing_;
       return;
@@ -173,14 +173,31 @@ class Unpacker {
     if (!isSomewhere()) return;
     const std::string& name = walk_.name();
     const std::string path = cursor_->pathTo(name);
-    if (options_.dryRun) {
-      const auto existing = inspect(cursor_->descriptor(), name);
-      if (existing) NewFile::checkReplaceable(*existing, path, options_.overwrite);
-      return;
-    }
-    NewFile file(cursor_->descriptor(), name, path, options_.overwrite);
+    const auto existing = inspect(cursor_->descriptor(), name);
+    if (existing) requireReplaceable(*existing, path);
+    if (options_.dryRun) return;
+    NewFile file(cursor_->descriptor(), name, path, {existing});
     pump_.move(BytePump::kEverything, takeFrom(reader), giveTo(file.descriptor(), path));
-    file.deliver();
+    if (existing ? file.deliver() : file.deliverUnsynced()) return;
+    throw Failure(ExitCode::partial, path, "", "exists already");
+  }
+
+  void tidyUp() const {
+    if (!options_.dryRun) removeLeftovers(cursor_->descriptor());
+  }
+
+  void requireReplaceable(const struct stat& existing, const std::string& path) const {
+    if (options_.overwrite && S_ISREG(existing.st_mode)) return;
+    const char* reason =
+        options_.overwrite ? "exists already and is no regular file" : "exists already";
+    throw Failure(ExitCode::partial, path, "", reason);
+  }
+
+  // At once for all that was made.
+  void syncAll() const {
+    if (::syncfs(cursor_->descriptor().number()) != 0) {
+      throw systemFailure(options_.directory, "sync");
+    }
   }
 
   void announce() const {
@@ -224,7 +241,6 @@ bool isThere(const hxcrate::Store& store, const std::string& path) {
 }
 
 ExitCode unpack(const UnpackOptions& options) {
-  const InterruptionGuard guard;
   ExitCode outcome = ExitCode::fine;
   hxcrate::Session session;
   hxcrate::Store store = openWhatThereIs(session, options.store, outcome);

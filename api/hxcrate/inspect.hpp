@@ -168,10 +168,12 @@ class Inspection {
   std::unique_ptr<Parts> parts_;
 };
 
-// Writes the store file `source` to the new file `path` in the encoding `encodingId`: the records
-// turned, items' bytes and all offsets as they are. Throws unknownEncoding, exists, fileNotOpen,
-// fileFailed, and damaged when a rule does not hold (severity error); then there is no new file.
-// It is not yet on disk when this returns.
-void transcode(const ByteSource& source, std::string_view encodingId, const std::string& path);
+// Told of bytes and of where they belong; some of a place more than once, the last ones count.
+using PutBytes = std::function<void(std::int64_t offset, std::span<const std::byte> bytes)>;
+
+// Gives the store file `source` in the encoding `encodingId` to `put`: the records turned, items'
+// bytes and all offsets as they are. Throws unknownEncoding, fileFailed when it can't be read, and
+// damaged when a rule does not hold (severity error); then what was put is no store.
+void transcode(const ByteSource& source, std::string_view encodingId, const PutBytes& put);
 
 }  // namespace hxcrate

@@ -80,6 +80,12 @@ class [[nodiscard]] Session {
     return captureError(error, [&] { return open(path, mode, options); });
   }
 
+  // A new store in `file`, an empty regular file that is open for reading and writing and needs no
+  // name. Nothing is looked at or made at `path`, which is for errors and names the store in its
+  // file. There is no journal beside it: what fails leaves any bytes in the file. The descriptor
+  // stays the caller's, who keeps it open until the store and all that was opened in it is closed.
+  Store createIn(int file, const std::string& path, OpenOptions options = {});
+
   // A new store that lives in memory, for writing and for Store::makeBlob; it is gone when it is
   // closed. What follows the last "/", ":" or "\" of `name`, at most 64 bytes, goes into its
   // blobs, as that of a file's path into the file; names need not be unique. A `pageSize` of 0 is
