@@ -21,6 +21,11 @@ enum {
 
   HX_PATH_CAPACITY = 1024,  // characters
 
+  // The version of these services from which on file handles have `readAt`; what `getVersion` of
+  // an extension without it answers, if it has one, is lower or has another first number.
+  HX_READ_AT_MAJOR = 6,
+  HX_READ_AT_MINOR = 2,
+
   // The four results of `remove` that stop a store from being replaced and become the status of
   // that open. Every other result lets it go on: there is no such file, nor can there be.
   HX_REMOVE_NO_PERMISSION = -2134906877,  // the file may not be written, or not be removed
@@ -65,8 +70,10 @@ struct FileIo {
                     int64_t alsoZero);
 };
 
-// An open file. One thread at a time calls it.
+// An open file. One thread at a time calls it, but for `readAt`.
 //   off width field
+//    88   8   readAt      looked at only when `getVersion` of the extension answers 0 and at least
+//                         HX_READ_AT_MAJOR, HX_READ_AT_MINOR, with that very first number
 //   208 4096  path        the full path as opened, 32-bit characters, no terminator
 //  4304   4   pathLength  characters in `path`, at most HX_PATH_CAPACITY
 struct FileHandle {
@@ -84,7 +91,14 @@ struct FileHandle {
   // Moves to `*position`, counted from the start or the end, and stores the new position from the
   // start there. 0 on success. A position past the end is fine.
   int32_t (*seek)(FileHandle* file, int64_t* position, int32_t whence, int64_t zero);
-  uint8_t reserved88[120];
+  // Fills `count` parts, one after the other, with the bytes from `offset` on, and returns 0;
+  // nonzero when not all of them can be had: then nothing is said of what the parts hold, and
+  // nothing needs to be kept of the failure, because what is wanted of the bytes is read once more
+  // by `read`. The position stays. Called without the lock and by several threads at once, also
+  // while another one is in `read` or `seek`, of files that were opened for reading; never once
+  // `close` was called.
+  int32_t (*readAt)(FileHandle* file, const ReadRequest* parts, int32_t count, int64_t offset);
+  uint8_t reserved96[112];
   char32_t path[HX_PATH_CAPACITY];
   int32_t pathLength;
 };
@@ -104,6 +118,7 @@ static_assert(offsetof(FileHandle, close) == 56);
 static_assert(offsetof(FileHandle, read) == 64);
 static_assert(offsetof(FileHandle, write) == 72);
 static_assert(offsetof(FileHandle, seek) == 80);
+static_assert(offsetof(FileHandle, readAt) == 88);
 static_assert(offsetof(FileHandle, path) == 208);
 static_assert(offsetof(FileHandle, pathLength) == 4304);
 }  // namespace hx

@@ -225,6 +225,62 @@ class LinuxFilesTest : public testing::Test {
   Files files_;
 };
 
+// Parts of random lengths, some empty, more of them than one operation takes; on the real disk and
+// on one that falls short. Nothing moves, and a file that is updated, an end and a failure refuse.
+void readPartsAtRandom(Files& files, std::u32string_view path, const Bytes& bytes) {
+  File file(files.open(path, hx::HX_ACCESS_READ));
+  ASSERT_EQ(file.seek(7), 7);
+  std::mt19937 random(7);
+  for (const size_t count : {size_t{1}, size_t{2}, size_t{400}}) {
+    std::vector<Bytes> into(count);
+    std::vector<hx::ReadRequest> parts;
+    Bytes expected, read;
+    const auto offset = static_cast<int64_t>(random() % 500);
+    for (Bytes& part : into) {
+      part.resize(random() % 4);
+      parts.push_back({part.data(), std::ssize(part)});
+    }
+    const auto readAt = [&](int64_t at) {
+      return file.handle->readAt(file.handle, parts.data(), static_cast<int32_t>(count), at);
+    };
+    EXPECT_EQ(readAt(offset), 0);
+    for (const Bytes& part : into)
+      read.insert(read.end(), part.begin(), part.end());
+    expected.assign(bytes.begin() + offset, bytes.begin() + offset + std::ssize(read));
+    EXPECT_EQ(read, expected);
+    into[0].resize(1);
+    parts[0] = {into[0].data(), 1};
+    EXPECT_NE(readAt(std::ssize(bytes)), 0);
+    EXPECT_NE(readAt(-1), 0);
+    parts[0].count = -1;
+    EXPECT_NE(readAt(0), 0);
+  }
+  EXPECT_EQ(file.read(5), Bytes(bytes.begin() + 7, bytes.begin() + 12));
+}
+
+TEST_F(LinuxFilesTest, PartsAreReadAtAPlace) {
+  const Bytes bytes = noise(3000);
+  SimulatedDisk disk(diskWith(bytes));
+  disk.fallsShort = true;
+  Files simulated(hostOver(disk));
+  readPartsAtRandom(simulated, kCrashStore, bytes);
+  disk.fallsShort = false;
+  {
+    File reader(simulated.open(kCrashStore, hx::HX_ACCESS_READ));
+    uint8_t byte = 0;
+    const hx::ReadRequest part{&byte, 1};
+    disk.failAt = 0;
+    EXPECT_NE(reader.handle->readAt(reader.handle, &part, 1, 0), 0);
+    EXPECT_EQ(simulated.failure(), "");  // it will be read once more
+    reader.close();
+    File updater(simulated.open(kCrashStore));
+    EXPECT_NE(updater.handle->readAt(updater.handle, &part, 1, 0), 0);
+  }
+  Files real;
+  File(real.open(toPath(path_))).writeAt(0, bytes);
+  readPartsAtRandom(real, toPath(path_), bytes);
+}
+
 TEST_F(LinuxFilesTest, GivesTheResolvedPath) {
   fs::create_directory(folder_ / "data");
   fs::create_directory_symlink("data", folder_ / "link");

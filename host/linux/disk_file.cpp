@@ -47,6 +47,12 @@ bool DiskFile::tryRead(int64_t offset, void* out, int64_t count) noexcept {
   return readAll(ops_, number, out, count, offset).count == count;
 }
 
+bool DiskFile::tryReadParts(const hx::ReadRequest* parts, int32_t count,
+                            int64_t offset) const noexcept {
+  if (isWritable() || parts == nullptr || count < 0 || offset < 0) return false;
+  return readParts(ops_, lease_.file().descriptor.number(), parts, count, offset);
+}
+
 void DiskFile::announce(int64_t offset, int64_t count) noexcept {
   if (hasLostWrite_) return;
   const int error = journal_->record(offset, count);

@@ -42,6 +42,10 @@ class DiskFile {
   // is noted.
   bool tryRead(int64_t offset, void* out, int64_t count) noexcept;
 
+  // The same for parts in a row, and by several threads at once. Not for a file that is updated:
+  // what it is to hold lies in memory, too.
+  bool tryReadParts(const hx::ReadRequest* parts, int32_t count, int64_t offset) const noexcept;
+
   // Whether a write there would have to put something into the journal first, and wait for it.
   bool needsAnnouncement(int64_t offset, int64_t count) const {
     return journal_->lacksRecords(offset, count);

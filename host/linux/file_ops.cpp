@@ -77,6 +77,10 @@ class SystemFileOps : public FileOps {
     return repeatInterrupted([&]() -> int64_t { return ::pread(file, out, count, offset); });
   }
 
+  int64_t readPartsAt(int file, const iovec* parts, int count, int64_t offset) override {
+    return repeatInterrupted([&]() -> int64_t { return ::preadv(file, parts, count, offset); });
+  }
+
   int64_t writeAt(int file, const void* bytes, size_t count, int64_t offset) override {
     return repeatInterrupted([&]() -> int64_t { return ::pwrite(file, bytes, count, offset); });
   }

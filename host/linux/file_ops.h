@@ -2,6 +2,8 @@
 // through these operations, so that a simulated disk can be put beneath it.
 #pragma once
 
+#include <sys/uio.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -49,6 +51,12 @@ class FileOps {
   // only.
   virtual int64_t readAt(int file, void* out, size_t count, int64_t offset) = 0;
   virtual int64_t writeAt(int file, const void* bytes, size_t count, int64_t offset) = 0;
+
+  // The same for parts that lie one after the other in the file, as one operation where there is
+  // one; else of the first part alone.
+  virtual int64_t readPartsAt(int file, const iovec* parts, int /*count*/, int64_t offset) {
+    return readAt(file, parts->iov_base, parts->iov_len, offset);
+  }
 
   // 0 when done.
   virtual int inspect(int file, FileInfo& info) = 0;

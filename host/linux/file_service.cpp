@@ -135,6 +135,13 @@ int32_t removeSlot(hx::FileIo* io, const char32_t* path, int64_t length, int64_t
   return removalResult(error);
 }
 
+int32_t versionSlot(void*, int64_t* a, int64_t* b, int64_t* c) noexcept {
+  *a = hx::HX_READ_AT_MAJOR;
+  *b = hx::HX_READ_AT_MINOR;
+  *c = 0;
+  return 0;
+}
+
 int32_t destroySlot(void* object) noexcept {
   delete &toFileService(static_cast<hx::FileIo*>(object));
   return 0;
@@ -144,7 +151,7 @@ int32_t destroySlot(void* object) noexcept {
 
 hx::FileIo* makeFileService(const HostOptions& options) noexcept try {
   auto* service = new FileService(options);
-  service->head = {{'f', 'i', 'o', '1'}, {}, nullptr, nullptr, nullptr, destroySlot};
+  service->head = {{'f', 'i', 'o', '1'}, {}, nullptr, versionSlot, nullptr, destroySlot};
   service->open = openSlot;
   service->remove = removeSlot;
   return service;

@@ -35,6 +35,11 @@ int32_t seekSlot(hx::FileHandle* handle, int64_t* position, int32_t whence, int6
   return position == nullptr ? kFailed : toOpenFile(handle)->moveTo(*position, whence);
 }
 
+int32_t readAtSlot(hx::FileHandle* handle, const hx::ReadRequest* parts, int32_t count,
+                   int64_t offset) noexcept {
+  return toOpenFile(handle)->readPartsAt(parts, count, offset);
+}
+
 }  // namespace
 
 OpenFile::OpenFile(LockedFiles& files, FileLease lease, std::u32string_view fullPath,
@@ -48,6 +53,7 @@ OpenFile::OpenFile(LockedFiles& files, FileLease lease, std::u32string_view full
   read = readSlot;
   write = writeSlot;
   seek = seekSlot;
+  readAt = readAtSlot;
   std::copy(fullPath.begin(), fullPath.end(), path);
   pathLength = static_cast<int32_t>(fullPath.size());
 }
@@ -65,6 +71,11 @@ int32_t OpenFile::readOn(hx::ReadRequest& request, int64_t& count) noexcept {
   position_ += delivered;
   count = delivered;
   return kDone;
+}
+
+int32_t OpenFile::readPartsAt(const hx::ReadRequest* parts, int32_t count,
+                              int64_t offset) const noexcept {
+  return disk_.tryReadParts(parts, count, offset) ? kDone : kFailed;
 }
 
 int32_t OpenFile::writeOn(const void* source, int64_t count) noexcept {

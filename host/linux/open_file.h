@@ -29,6 +29,9 @@ class OpenFile : public hx::FileHandle {
   int32_t writeOn(const void* source, int64_t count) noexcept;
   int32_t moveTo(int64_t& position, int32_t whence) noexcept;
 
+  // Past the cache and the position, by several threads at once.
+  int32_t readPartsAt(const hx::ReadRequest* parts, int32_t count, int64_t offset) const noexcept;
+
   // Makes an update fail on purpose.
   void abandon() noexcept;
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "host/file_io.h"
 #include "host/linux/file_ops.h"
 
 namespace hxhost {
@@ -17,6 +18,11 @@ struct Transfer {
 };
 
 Transfer readAll(FileOps& ops, int file, void* out, int64_t count, int64_t offset) noexcept;
+
+// Whether all of the parts could be filled.
+bool readParts(FileOps& ops, int file, const hx::ReadRequest* parts, int32_t count,
+               int64_t offset) noexcept;
+
 Transfer writeAll(FileOps& ops, int file, const void* bytes, int64_t count,
                   int64_t offset) noexcept;
 
