@@ -9,52 +9,50 @@ namespace {
 // Chains of a few members are as fast as an index. At 63 chains this is four or five in each.
 constexpr uint32_t kIndexedFrom = 256;
 
-// Spreads the hashes, which are alike for names that differ in their last character only.
-uint32_t homeOf(const MemberIndex& index, uint32_t hash) {
-  const uint32_t mixed = hash * 0x9e3779b1u;
-  return (mixed ^ mixed >> 15) & index.mask;
+// The file chooses the names, and could choose them so that all have one hash. What it can't know
+// is where this process keeps the index.
+uint32_t keyedHash(const MemberIndex& index, Name name) {
+  const uint64_t key = reinterpret_cast<uintptr_t>(&index) * 0x9e3779b97f4a7c15u | 1;
+  uint64_t hash = key;
+  for (int32_t i = 0; i < name.length; ++i) {
+    hash = (hash ^ name.characters[i]) * key;
+    hash ^= hash >> 32;
+  }
+  return static_cast<uint32_t>(hash);
 }
 
 uint32_t slotBehind(const MemberIndex& index, uint32_t slot) {
   return (slot + 1) & index.mask;
 }
 
-// Behind all of its hash: what is added this way comes newest first.
-void addBehind(const MemberIndex& index, IndexSlot added) {
-  uint32_t slot = homeOf(index, added.hash);
-  while (index.slots[slot].member != nullptr)
-    slot = slotBehind(index, slot);
-  index.slots[slot] = added;
-}
-
-// Before all of its hash: each of them moves to the place of the next.
-void addBefore(const MemberIndex& index, IndexSlot added) {
-  uint32_t slot = homeOf(index, added.hash);
+// The slot of that name, or the empty one that it would get.
+IndexSlot& slotOf(const MemberIndex& index, uint32_t hash, Name name) {
+  uint32_t slot = hash & index.mask;
   for (; index.slots[slot].member != nullptr; slot = slotBehind(index, slot)) {
-    IndexSlot& taken = index.slots[slot];
-    if (taken.hash != added.hash) continue;
-    const IndexSlot older = taken;
-    taken = added;
-    added = older;
+    const IndexSlot& taken = index.slots[slot];
+    if (taken.hash == hash && equalNames(nameOf(taken.member), name)) break;
   }
-  index.slots[slot] = added;
+  return index.slots[slot];
 }
 
 void addChains(const MemberIndex& index, const MemberTable& table) {
   for (Member* member : table.buckets) {
-    for (; member != nullptr; member = member->next)
-      addBehind(index, {member, hashOf(member)});
+    for (; member != nullptr; member = member->next) {
+      const uint32_t hash = keyedHash(index, nameOf(member));
+      IndexSlot& slot = slotOf(index, hash, nameOf(member));
+      if (slot.member == nullptr) slot = {member, hash};
+    }
   }
 }
 
-// Starts behind an empty slot, where no run of slots is cut in two.
+// No name is there twice.
 void addSlots(const MemberIndex& index, const MemberIndex& former) {
-  uint32_t start = 0;
-  while (former.slots[start].member != nullptr)
-    ++start;
-  for (uint32_t i = 1; i <= former.mask; ++i) {
-    const IndexSlot& slot = former.slots[(start + i) & former.mask];
-    if (slot.member != nullptr) addBehind(index, slot);
+  for (uint32_t i = 0; i <= former.mask; ++i) {
+    if (former.slots[i].member == nullptr) continue;
+    uint32_t slot = former.slots[i].hash & index.mask;
+    while (index.slots[slot].member != nullptr)
+      slot = slotBehind(index, slot);
+    index.slots[slot] = former.slots[i];
   }
 }
 
@@ -76,11 +74,11 @@ bool enlarge(MemberIndex& index, Pool* pool) {
   return true;
 }
 
-// Closes the gap that a removed member leaves: what may stand there moves up, in its order.
+// Closes the gap that a removed member leaves: what may stand there moves up.
 void closeGap(const MemberIndex& index, uint32_t gap) {
   uint32_t slot = slotBehind(index, gap);
   for (; index.slots[slot].member != nullptr; slot = slotBehind(index, slot)) {
-    const uint32_t home = homeOf(index, index.slots[slot].hash);
+    const uint32_t home = index.slots[slot].hash & index.mask;
     const bool isBehindHome = ((slot - home) & index.mask) >= ((slot - gap) & index.mask);
     if (!isBehindHome) continue;
     index.slots[gap] = index.slots[slot];
@@ -103,18 +101,14 @@ void prepareIndex(MemberIndex& index, const MemberTable& table, Pool* pool) {
   if (giveSlots(index, pool, slotCount)) addChains(index, table);
 }
 
-Member* findInIndex(const MemberIndex& index, uint32_t hash, Name name) {
-  uint32_t slot = homeOf(index, hash);
-  for (; index.slots[slot].member != nullptr; slot = slotBehind(index, slot)) {
-    const IndexSlot& taken = index.slots[slot];
-    if (taken.hash == hash && equalNames(nameOf(taken.member), name)) return taken.member;
-  }
-  return nullptr;
+Member* findInIndex(const MemberIndex& index, Name name) {
+  return slotOf(index, keyedHash(index, name), name).member;
 }
 
 void addToIndex(MemberIndex& index, Pool* pool, Member* member) {
   if (index.slots == nullptr) return;
-  addBefore(index, {member, hashOf(member)});
+  const uint32_t hash = keyedHash(index, nameOf(member));
+  slotOf(index, hash, nameOf(member)) = {member, hash};
   // Up to three quarters full a probe is a few slots long.
   if (index.memberCount <= index.mask - index.mask / 4) return;
   if (!enlarge(index, pool) && index.memberCount == index.mask) freeIndex(index, pool);
@@ -122,10 +116,13 @@ void addToIndex(MemberIndex& index, Pool* pool, Member* member) {
 
 void removeFromIndex(MemberIndex& index, Member* member) {
   if (index.slots == nullptr) return;
-  uint32_t slot = homeOf(index, hashOf(member));
-  while (index.slots[slot].member != member)
-    slot = slotBehind(index, slot);
-  closeGap(index, slot);
+  IndexSlot& slot = slotOf(index, keyedHash(index, nameOf(member)), nameOf(member));
+  if (slot.member != member) return;
+  Member* older = member->next;
+  while (older != nullptr && !equalNames(nameOf(older), nameOf(member)))
+    older = older->next;
+  slot.member = older;
+  if (older == nullptr) closeGap(index, static_cast<uint32_t>(&slot - index.slots));
 }
 
 void freeIndex(MemberIndex& index, Pool* pool) {

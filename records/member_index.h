@@ -1,9 +1,11 @@
-// The index beside the chains of a large table: an open-addressing table from the whole hash of a
-// name to its member, probed one slot after the other.
+// The index beside the chains of a large table: an open-addressing table from a hash of its own,
+// not the format's, to the newest member of a name, probed one slot after the other.
 //
-//   1. A member's slot lies at or behind the home of its hash, with no empty slot between.
-//   2. Members of equal hash lie in the order of their chain, newest first.
+//   1. A slot lies at or behind the home of its hash, with no empty slot between.
+//   2. Each name of the table has one slot, however many members bear it: that of the newest.
 //   3. At least one slot is empty, so that every probe ends.
+//
+// An index stays at its address, which its hashes depend on.
 //
 // Callers hold the instance's lock.
 #pragma once
@@ -19,14 +21,14 @@ namespace hx {
 void prepareIndex(MemberIndex& index, const MemberTable& table, Pool* pool);
 
 // The newest member of that name, or null. The index exists.
-Member* findInIndex(const MemberIndex& index, uint32_t hash, Name name);
+Member* findInIndex(const MemberIndex& index, Name name);
 
 // Takes note of a member that was put at the head of its chain and is counted in `memberCount`.
 // When the pool refuses to make the index larger it goes on serving while it can, and is freed
 // then.
 void addToIndex(MemberIndex& index, Pool* pool, Member* member);
 
-// Forgets a listed member.
+// Forgets a member, which is out of its chain but still has its `next`.
 void removeFromIndex(MemberIndex& index, Member* member);
 
 // Goes back to the chains alone and frees the index's memory.

@@ -10,11 +10,6 @@ int32_t bucketOf(uint32_t hash) {
   return static_cast<int32_t>(hash % static_cast<uint32_t>(kBucketCount));
 }
 
-Member* findByHash(const Container& container, uint32_t hash, Name name) {
-  if (container.index.slots != nullptr) return findInIndex(container.index, hash, name);
-  return lookup(&container.table, bucketOf(hash), name.characters, name.length);
-}
-
 }  // namespace
 
 extern "C" Member* lookup(const MemberTable* table, int32_t bucket, const char32_t* name,
@@ -39,7 +34,8 @@ Container containerOf(Store* store) {
 }
 
 Member* findMember(const Container& container, Name name) {
-  return findByHash(container, hashName(name), name);
+  if (container.index.slots != nullptr) return findInIndex(container.index, name);
+  return lookup(&container.table, bucketOf(name), name.characters, name.length);
 }
 
 Member* findToOpen(const Container& container, Name name) {
@@ -81,7 +77,7 @@ Member* nextMember(const MemberTable& table, Member* member) {
 }
 
 bool isNewestOfItsName(const Container& container, Member* member) {
-  return findByHash(container, hashOf(member), nameOf(member)) == member;
+  return findMember(container, nameOf(member)) == member;
 }
 
 void makeIndex(const Container& container) {

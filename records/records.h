@@ -47,10 +47,10 @@ struct MemberTable {
 // One place of an index; empty: null.
 struct IndexSlot {
   Member* member;
-  uint32_t hash;  // of the member's name
+  uint32_t hash;  // of the member's name, the index's own
 };
 
-// Finds the members of a large table by their whole hash (member_index.h). The chains stay what
+// Finds the members of a large table by a hash of its own (member_index.h). The chains stay what
 // they are; without memory for the slots they serve alone.
 struct MemberIndex {
   IndexSlot* slots;      // null while the table is small; `mask` + 1 of them, a power of two

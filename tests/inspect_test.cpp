@@ -6,6 +6,9 @@
 #include <algorithm>
 #include <hxcrate/crate.hpp>
 #include <hxcrate/inspect.hpp>
+#include <unordered_map>
+
+#include "records/name.h"
 
 #include "tests/command_fixture.h"
 #include "tests/module_image.h"
@@ -197,14 +200,43 @@ Bytes makeFlatImage(int count, int32_t pageSize, const std::function<std::string
   return image;
 }
 
+// Names that all have one hash: any of two blocks of four bytes, fifteen times in a row, of which
+// both lead from the hash so far to the same one.
+std::vector<std::string> makeCollidingNames(std::size_t count) {
+  std::vector<std::string> names = {""};
+  while (names.size() < count) {
+    const auto hashOf = [&](const std::string& name) {
+      const std::u32string wide(name.begin(), name.end());
+      return hx::hashName({wide.data(), static_cast<int32_t>(wide.size())});
+    };
+    std::unordered_map<std::uint32_t, std::string> blocks;
+    for (std::uint32_t i = 0;; ++i) {
+      std::string block(4, 'A');
+      for (int digit = 0; digit < 4; ++digit)
+        block[static_cast<std::size_t>(digit)] = static_cast<char>('A' + (i >> 5 * digit & 31));
+      const auto [found, isNew] = blocks.emplace(hashOf(names.front() + block), block);
+      if (isNew) continue;
+      const std::size_t half = names.size();
+      for (std::size_t name = 0; name < half; ++name) {
+        names.push_back(names[name] + block);
+        names[name] += found->second;
+      }
+      break;
+    }
+  }
+  names.resize(count);
+  return names;
+}
+
 class InspectFileTest : public hxtest::CommandFixture {
  protected:
   void writeImage(const Bytes& image) {
     writeFile(directory_ / "x.st", {image.begin(), image.end()});
   }
 
-  // Each command on x.st, within so many seconds of the processor's time.
-  void expectQuick(double limit, const std::vector<std::string>& commands) {
+  // Each takes little of the processor's time.
+  void expectQuick(const std::vector<std::string>& commands) {
+    constexpr double kSeconds = HX_SANITIZED ? 15 : 2;
     const auto secondsSoFar = [] {
       rusage usage{};
       ::getrusage(RUSAGE_CHILDREN, &usage);
@@ -214,8 +246,8 @@ class InspectFileTest : public hxtest::CommandFixture {
     };
     for (const std::string& command : commands) {
       const double before = secondsSoFar();
-      expectRun(0, "hxcrate " + command + " x.st || [ $? = 1 ]");
-      EXPECT_LE(secondsSoFar() - before, limit) << command;
+      expectRun(0, "hxcrate " + command + " || [ $? = 1 ]");
+      EXPECT_LE(secondsSoFar() - before, kSeconds) << command;
     }
   }
 };
@@ -225,7 +257,18 @@ TEST_F(InspectFileTest, TakesLittleTimeWherePagesCoverEachOther) {
   constexpr int kItems = 40000;
   const auto nameOf = [](int i) { return std::to_string(i); };
   writeImage(makeFlatImage(kItems, 121 * kItems, nameOf));
-  expectQuick(5, {"check", "stat", "map", "map --json"});
+  expectQuick({"check x.st", "stat x.st", "map x.st", "map --json x.st"});
+}
+
+// No command's time grows with the square of how many names are alike to a hash, or are the same.
+TEST_F(InspectFileTest, TakesLittleTimeWhateverTheNames) {
+  const std::vector<std::string> names = makeCollidingNames(32768);
+  writeImage(makeFlatImage(32768, 16, [&](int i) { return names[static_cast<std::size_t>(i)]; }));
+  const std::string one = "'" + names.back() + "'";
+  expectQuick({"ls -lR x.st", "tree x.st", "check x.st", "diff x.st x.st", "copy x.st new.st",
+               "cat x.st " + one, "put x.st new/" + one + " -p </dev/null"});
+  writeImage(makeFlatImage(100000, 16, [&](int) { return names.back(); }));
+  expectQuick({"ls -lR x.st", "check x.st", "diff x.st x.st", "cat x.st " + one});
 }
 
 // Nearly all of it is a hole, which is not read.

@@ -1,5 +1,6 @@
 // What holds of the records in memory after every step.
 #include <algorithm>
+#include <string_view>
 
 #include "records/name.h"
 #include "tests/module_world.h"
@@ -60,20 +61,23 @@ void checkMembers(const Store* store, const Handles& handles) {
 
 }  // namespace
 
-// The index, if there is one, has the members of the chains, those of one hash in their order.
+// The index, if there is one, has each name of the chains once, with its newest member.
 void checkIndex(const MemberTable& table, const MemberIndex& index) {
   const std::vector<Member*> members = chained(table);
   EXPECT_EQ(members.size(), index.memberCount);
   if (index.slots == nullptr) return;
-  std::map<uint32_t, std::vector<Member*>> wanted, listed;
+  using Newest = std::map<std::u32string_view, Member*>;
+  const auto note = [](Newest& newest, Member* member) {
+    const Name name = nameOf(member);
+    const auto length = static_cast<size_t>(name.length);
+    return newest.emplace(std::u32string_view(name.characters, length), member).second;
+  };
+  Newest wanted, listed;
   for (Member* member : members)
-    wanted[hashName(nameOf(member))].push_back(member);
-  uint32_t start = 0;
-  while (index.slots[start].member != nullptr)
-    ++start;
-  for (uint32_t i = 1; i <= index.mask; ++i) {
-    const IndexSlot& slot = index.slots[(start + i) & index.mask];
-    if (slot.member != nullptr) listed[slot.hash].push_back(slot.member);
+    note(wanted, member);
+  for (uint32_t i = 0; i <= index.mask; ++i) {
+    Member* member = index.slots[i].member;
+    EXPECT_TRUE(member == nullptr || note(listed, member)) << "a name has two slots";
   }
   EXPECT_EQ(listed, wanted);
 }
