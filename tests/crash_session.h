@@ -33,7 +33,7 @@ class CrashSession {
 
   // A store file, or a store in `parent`. Null with the reason in `status`.
   hx::Store* open(std::u32string_view path, uint32_t flags, hx::Store* parent = nullptr) {
-    const hxhost::OpenRequest request({});
+    const hxhost::OpenRequest request(terms);
     hx::Store* store = module->openStore(module, parent, path.data(),
                                          static_cast<int32_t>(path.size()), flags, &status);
     if (parent != nullptr) return store;
@@ -106,6 +106,7 @@ class CrashSession {
   }
 
   hxhost::LinuxHost host;
+  hxhost::OpenTerms terms;
   hx::ExtensionInstance* module = nullptr;
   int32_t status = 0;
   std::optional<hxhost::FileFailure> refusal;  // what failed in the last open of a file

@@ -325,9 +325,11 @@ TEST_F(LinuxFilesTest, OpensAndRemovesRegularFilesOnly) {
   const fs::path tooLong = folder_ / std::string(250, 'x');
   writeFile(tooLong, "1");
   EXPECT_TRUE(opens(tooLong, hx::HX_ACCESS_READ));
-  EXPECT_TRUE(File(files_.open(toPath(tooLong))).writeAt(0, {2}));
-  EXPECT_EQ(files_.failure(), "write the journal ENAMETOOLONG undone");
-  EXPECT_EQ(files_.remove(toPath(tooLong)), 0);
+  for (const bool isThere : {true, false}) {
+    EXPECT_EQ(files_.open(toPath(tooLong)), nullptr) << "its journal's name would be too long";
+    EXPECT_EQ(files_.failure(), "write the journal ENAMETOOLONG");
+    EXPECT_EQ(files_.remove(toPath(tooLong)) == 0, isThere);
+  }
 }
 
 TEST_F(LinuxFilesTest, LeavesNoEmptyFileBehindButItsOwnOnly) {
@@ -352,6 +354,27 @@ TEST_F(LinuxFilesTest, LeavesNoEmptyFileBehindButItsOwnOnly) {
   EXPECT_TRUE(fs::is_symlink(link) && !fs::exists(target)) << "it goes where the data are";
 }
 
+// What is said to be there must be found under its name.
+TEST_F(LinuxFilesTest, AFileThatLosesItsNameIsNoSuccessAndIsWhatItWas) {
+  const fs::path moved = folder_ / "moved";
+  for (const bool isCommit : {false, true}) {
+    for (const bool isReplaced : {false, true}) {
+      writeFile(path_, "old");
+      File file(files_.open(toPath(path_)));
+      EXPECT_TRUE(file.writeAt(0, {'n', 'e', 'w'}));
+      fs::rename(path_, moved);
+      if (isReplaced) writeFile(path_, "other");
+      EXPECT_FALSE(isCommit && hxhost::LinuxHost::commitUpdate(file.handle));
+      file.close();
+      EXPECT_EQ(files_.failure(), "commit ENOENT undone");
+      EXPECT_EQ(readFile(moved), "old");
+      EXPECT_EQ(readFile(path_), isReplaced ? "other" : "");
+      EXPECT_FALSE(fs::exists(path_.string() + "-journal"));
+      fs::remove(path_);
+    }
+  }
+}
+
 TEST(LinuxDiskTest, RemovesAFileWithItsJournalOrTellsWhyNot) {
   const std::pair<int, int32_t> codes[] = {{EACCES, hx::HX_REMOVE_NO_PERMISSION},
                                            {EROFS, hx::HX_REMOVE_NO_PERMISSION},
@@ -372,8 +395,8 @@ TEST(LinuxDiskTest, RemovesAFileWithItsJournalOrTellsWhyNot) {
   EXPECT_EQ(files.failure(), "open EOPNOTSUPP");
   disk.hasBecomeDevice = false;
   disk.watch = [&](const DiskStep& step) {
-    EXPECT_TRUE(step.operation != DiskOperation::kSyncDirectory || disk.live().names.empty());
-    if (step.operation != DiskOperation::kSyncDirectory) return;
+    if (step.operation != DiskOperation::kSyncDirectory || disk.live().has(kCrashFile)) return;
+    EXPECT_FALSE(disk.synced().has(kCrashJournal)) << "gone on disk before the name is free";
     disk.open(kCrashJournal, hxhost::OpenMode::kCreatePrivate);
   };
   EXPECT_EQ(files.remove(kCrashStore), 0);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <functional>
@@ -113,7 +114,7 @@ class SimulatedDisk : public hxhost::FileOps {
       const uint64_t last = live_.inodes.empty() ? 0 : live_.inodes.rbegin()->first;
       change({DiskOperation::kOpen, last + 1, path});
     }
-    openings_[++lastOpening_] = {live_.names[path], hxhost::LockKind::kNone};
+    openings_[++lastOpening_] = {live_.names[path]};
     return lastOpening_;
   }
 
@@ -177,16 +178,17 @@ class SimulatedDisk : public hxhost::FileOps {
     return 0;
   }
 
-  int lock(int file, hxhost::LockKind kind) override {
+  int lock(int file, hxhost::LockPart part, hxhost::LockKind kind) override {
     using hxhost::LockKind;
-    if (fails(DiskOperation::kLook)) return -failure;
+    if (kind != LockKind::kNone && fails(DiskOperation::kLook)) return -failure;
     Opening& own = openings_.at(file);
     for (const auto& [number, other] : openings_) {
-      if (number == file || other.inode != own.inode || other.lock == LockKind::kNone) continue;
-      const bool sharesIt = kind == LockKind::kShared && other.lock == LockKind::kShared;
+      const LockKind held = other.locks[static_cast<size_t>(part)];
+      if (number == file || other.inode != own.inode || held == LockKind::kNone) continue;
+      const bool sharesIt = kind == LockKind::kShared && held == LockKind::kShared;
       if (kind != LockKind::kNone && !sharesIt) return -EAGAIN;
     }
-    own.lock = kind;
+    own.locks[static_cast<size_t>(part)] = kind;
     return 0;
   }
 
@@ -214,7 +216,7 @@ class SimulatedDisk : public hxhost::FileOps {
  private:
   struct Opening {
     uint64_t inode;
-    hxhost::LockKind lock;
+    std::array<hxhost::LockKind, 2> locks = {};
   };
 
   bool fails(DiskOperation operation, const std::string& path = "") {

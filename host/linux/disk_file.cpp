@@ -20,12 +20,14 @@ void DiskFile::startUpdate() noexcept {
   formerLength_ = length_;
   lease_.file().info.size = length_;
   journal_.emplace(ops_, lease_.file(), durability_);
-  isOver_ = false;
+  end_ = End::kNone;
 }
 
 DiskFile::~DiskFile() {
-  if (lease_.isUpdate() && !isOver_) endUpdate();
-  if (const int error = lease_.release(); error != 0) noteFailure({error, FileOperation::kClose});
+  if (lease_.isUpdate() && end_ == End::kNone) endUpdate();
+  const int error = lease_.release();
+  if (error != 0) noteFailure({error, FileOperation::kClose});
+  if (end_ == End::kRolledBack && error == 0) outcome_->noteRolledBack();
 }
 
 int64_t DiskFile::read(int64_t offset, void* out, int64_t wanted, int64_t needed) noexcept {
@@ -85,7 +87,8 @@ void DiskFile::noteFailure(const FileFailure& failure) noexcept {
 
 bool DiskFile::commitUpdate() noexcept {
   if (!hasLostWrite_ && !journal_->exists()) return true;
-  if (!isOver_) endUpdate();
+  if (end_ == End::kNone) endUpdate();
+  if (end_ == End::kRolledBack) outcome_->noteRolledBack();
   if (outcome_->loss()) {
     stopWriting();
     return false;
@@ -96,10 +99,11 @@ bool DiskFile::commitUpdate() noexcept {
 }
 
 void DiskFile::endUpdate() noexcept {
-  isOver_ = !hasLostWrite_ && commit();
-  if (isOver_) return;
-  isOver_ = rollBack();
-  if (isOver_) outcome_->noteRolledBack();
+  if (!hasLostWrite_ && commit()) {
+    end_ = End::kHappened;
+  } else if (rollBack()) {
+    end_ = End::kRolledBack;
+  }
 }
 
 // False when the file has to be rolled back. When only the journal's removal may not be on disk,
@@ -110,6 +114,11 @@ bool DiskFile::commit() noexcept {
     const int result = ops_.sync(lease_.file().descriptor.number());
     if (result < 0) noteFailure({-result, FileOperation::kSync});
     if (result < 0) return false;
+  }
+  // Behind another file's name, or none, nobody would find what is said to be there.
+  if (const int error = inspectAgain(ops_, lease_.file()); error != 0) {
+    noteFailure({error, FileOperation::kCommit});
+    return false;
   }
   if (const int error = journal_->remove(); error != 0) {
     noteFailure({error, FileOperation::kCommit});
@@ -122,10 +131,11 @@ bool DiskFile::commit() noexcept {
 }
 
 bool DiskFile::rollBack() noexcept {
-  int error = journal_->rollBack(lease_.file());
-  if (error == 0) error = removeIfLeftEmpty(ops_, lease_.file());
-  if (error != 0) noteFailure({error, FileOperation::kRollBack});
-  return error == 0;
+  const int error = journal_->rollBack(lease_.file());
+  if (error == 0) return true;
+  lease_.file().wasCreated = false;  // it stays, with the journal, for the next open to roll back
+  noteFailure({error, FileOperation::kRollBack});
+  return false;
 }
 
 }  // namespace hxhost

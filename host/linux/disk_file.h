@@ -70,6 +70,10 @@ class DiskFile {
   bool commitUpdate() noexcept;
 
  private:
+  // How the present update has ended. None also when it could not be rolled back, which is tried
+  // again then.
+  enum class End { kNone, kHappened, kRolledBack };
+
   void endUpdate() noexcept;
   bool commit() noexcept;
   bool rollBack() noexcept;
@@ -83,7 +87,7 @@ class DiskFile {
   int64_t formerLength_;
   int64_t length_;
   bool hasLostWrite_ = false;
-  bool isOver_ = false;  // the update has happened or was rolled back: nothing is left to do
+  End end_ = End::kNone;
 };
 
 }  // namespace hxhost

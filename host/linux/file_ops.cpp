@@ -101,10 +101,12 @@ class SystemFileOps : public FileOps {
     return repeatInterrupted([&] { return ::fdatasync(file); });
   }
 
-  int lock(int file, LockKind kind) override {
+  int lock(int file, LockPart part, LockKind kind) override {
     struct flock range {};
     range.l_type = lockType(kind);
-    range.l_whence = SEEK_SET;  // from the start, and with length 0 to whatever the end will be
+    range.l_whence = SEEK_SET;
+    range.l_start = part == LockPart::kBytes ? 0 : kLongestFile;
+    range.l_len = part == LockPart::kBytes ? kLongestFile : 1;
     const int result = repeatInterrupted([&] { return ::fcntl(file, F_OFD_SETLK, &range); });
     return result == -EACCES ? -EAGAIN : result;
   }

@@ -25,6 +25,16 @@ enum class LockKind {
   kExclusive  // together with none; needs a file opened for writing
 };
 
+// Each is locked by itself.
+enum class LockPart {
+  kBytes,     // the whole file
+  kTurnstile  // a place behind all that a file can hold, where whoever wants kBytes waits for it
+};
+
+// A file that is longer is not opened: so no sum of two places in a file passes the largest
+// int64_t.
+constexpr int64_t kLongestFile = int64_t{1} << 62;
+
 struct FileInfo {
   bool isRegular;
   bool isDirectory;
@@ -65,10 +75,10 @@ class FileOps {
   virtual int sync(int file) = 0;  // the file's bytes and its length, not its name
   virtual int remove(const std::string& path) = 0;
 
-  // The lock on the whole file that this opening of it has from now on: it excludes other openings,
-  // in this process and elsewhere. -EAGAIN when one of theirs is in the way; what this opening had
-  // stays then. From one kind to another there is no moment without a lock.
-  virtual int lock(int file, LockKind kind) = 0;
+  // The lock on that part of the file that this opening of it has from now on: it excludes other
+  // openings, in this process and elsewhere. -EAGAIN when one of theirs is in the way; what this
+  // opening had stays then. From one kind to another there is no moment without a lock.
+  virtual int lock(int file, LockPart part, LockKind kind) = 0;
 
   // Lets those open the file `to` who may open `from`, and nobody else; as far as the caller may.
   virtual int copyAccess(int from, int to) = 0;

@@ -54,15 +54,10 @@ OpenResult openHandle(FileService& service, const std::string& path, bool forUpd
   FileLease lease;
   const OpenResult result = service.files->open(path, forUpdate, lease);
   if (result.error != 0) return result;
-  // Whoever was quicker to lock the file that was created here may have made a store of it.
-  RegularFile& file = lease.file();
-  file.wasCreated = file.wasCreated && file.info.size == 0;
-  if (forUpdate && takesOnlyNew() && !file.wasCreated) return {EEXIST};
+  if (forUpdate && takesOnlyNew() && !lease.file().wasCreated) return {EEXIST};
   const auto fullPath = decodePath(lease.file().path);
-  if (!fullPath || fullPath->size() > hx::HX_PATH_CAPACITY) {
-    if (forUpdate) removeIfLeftEmpty(service.files->ops(), lease.file());
-    return {fullPath ? ENAMETOOLONG : EILSEQ};
-  }
+  if (!fullPath) return {EILSEQ};
+  if (fullPath->size() > hx::HX_PATH_CAPACITY) return {ENAMETOOLONG};
   auto* opened = new OpenFile(*service.files, std::move(lease), *fullPath, service.shelf,
                               service.cacheBytesPerFile);
   if (OpenRequest* request = OpenRequest::current()) request->noteOpened(opened->outcome());
@@ -81,16 +76,30 @@ OpenResult tryOpen(FileService& service, const char32_t* path, int64_t length,
   return {ENOMEM};
 }
 
-int tryRemove(FileService& service, const char32_t* path, int64_t length) noexcept try {
+OpenResult tryRemove(FileService& service, const char32_t* path, int64_t length) noexcept try {
   std::string encoded;
-  if (const int error = encodePathOrFail(path, length, encoded); error != 0) return error;
-  return takesOnlyNew() ? ENOENT : service.files->remove(encoded);
+  const int error = encodePathOrFail(path, length, encoded);
+  return error != 0 ? OpenResult{error, FileOperation::kRemove} : service.files->remove(encoded);
 } catch (const std::bad_alloc&) {
-  return ENOMEM;
+  return {ENOMEM, FileOperation::kRemove};
 }
 
-void tell(int error, FileOperation operation) noexcept {
-  if (OpenRequest* request = OpenRequest::current()) request->noteFailure({error, operation});
+OpenResult tryReserve(FileService& service, std::u32string_view path, Purpose purpose,
+                      OpenRequest& request) noexcept try {
+  std::string encoded;
+  const int error = encodePathOrFail(path.data(), std::ssize(path), encoded);
+  if (error != 0) return {error};
+  auto lease = std::make_shared<FileLease>();
+  const OpenResult result = service.files->reserve(encoded, purpose, *lease);
+  if (result.error == 0) request.keepReservation(std::move(lease));
+  return result;
+} catch (const std::bad_alloc&) {
+  return {ENOMEM};
+}
+
+void tell(const OpenResult& result) noexcept {
+  OpenRequest* request = OpenRequest::current();
+  if (request != nullptr) request->noteFailure({result.error, result.operation}, result.holder);
 }
 
 int32_t removalResult(int error) {
@@ -123,16 +132,16 @@ hx::FileHandle* openSlot(hx::FileIo* io, const char32_t* path, int64_t length,
   FileService& service = toFileService(io);
   hx::FileHandle* handle = nullptr;
   const OpenResult result = tryOpen(service, path, length, parameters, handle);
-  if (result.error != 0) tell(result.error, result.operation);
+  if (result.error != 0) tell(result);
   return handle;
 }
 
 int32_t removeSlot(hx::FileIo* io, const char32_t* path, int64_t length, int64_t,
                    int64_t) noexcept {
   FileService& service = toFileService(io);
-  const int error = tryRemove(service, path, length);
-  if (error != 0 && error != ENOENT) tell(error, FileOperation::kRemove);
-  return removalResult(error);
+  const OpenResult result = tryRemove(service, path, length);
+  if (result.error != 0 && result.error != ENOENT) tell(result);
+  return removalResult(result.error);
 }
 
 int32_t versionSlot(void*, int64_t* a, int64_t* b, int64_t* c) noexcept {
@@ -148,6 +157,15 @@ int32_t destroySlot(void* object) noexcept {
 }
 
 }  // namespace
+
+bool reserveFile(hx::FileIo* files, std::u32string_view path, Purpose purpose) noexcept {
+  OpenRequest* request = OpenRequest::current();
+  if (request == nullptr) return false;
+  request->keepReservation(nullptr);
+  const OpenResult result = tryReserve(toFileService(files), path, purpose, *request);
+  if (result.error != 0) tell(result);
+  return result.error == 0;
+}
 
 hx::FileIo* makeFileService(const HostOptions& options) noexcept try {
   auto* service = new FileService(options);

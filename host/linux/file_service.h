@@ -8,13 +8,19 @@
 // is told more than its slot takes, and tells more, in open_request.h.
 #pragma once
 
+#include <string_view>
+
 #include "host/file_io.h"
 #include "host/linux/linux_host.h"
+#include "host/linux/open_request.h"
 
 namespace hxhost {
 
 // Released by its `destroy` slot, which does not close the files that it opened; null without
 // memory. Of `options`, `fileOps` is set.
 hx::FileIo* makeFileService(const HostOptions& options) noexcept;
+
+// See LinuxHost::reserve.
+bool reserveFile(hx::FileIo* files, std::u32string_view path, Purpose purpose) noexcept;
 
 }  // namespace hxhost

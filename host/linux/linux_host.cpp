@@ -61,6 +61,10 @@ PoolUse LinuxHost::poolUse() const {
   return services_->meter.use();
 }
 
+bool LinuxHost::reserve(hx::FileIo* files, std::u32string_view path, Purpose purpose) {
+  return reserveFile(files, path, purpose);
+}
+
 std::shared_ptr<FileOutcome> LinuxHost::outcomeOf(hx::FileHandle* file) {
   return static_cast<OpenFile*>(file)->outcome();
 }

@@ -5,10 +5,12 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 
 #include "host/file_io.h"
 #include "host/kernel.h"
 #include "host/linux/file_outcome.h"
+#include "host/linux/open_request.h"
 
 namespace hxhost {
 
@@ -53,6 +55,14 @@ class LinuxHost {
   hx::HostHandle* handle();
 
   PoolUse poolUse() const;
+
+  // Opens and locks the file `path` of a host's `hxfio` for the calling thread's OpenRequest, and
+  // waits for that as long as its terms say, also for those who have the file open through `files`.
+  // What the thread asks of `files` for the same path while the request lives waits no more, and
+  // nobody else gets in between: opens for reading after kRead, for an update too after kUpdate,
+  // also a removal after kReplace. So nobody waits under the module's lock. False when that failed,
+  // as the request tells, or when there is no request.
+  static bool reserve(hx::FileIo* files, std::u32string_view path, Purpose purpose);
 
   // What became of a `file` of any host, the reasons of its failures with it.
   static std::shared_ptr<FileOutcome> outcomeOf(hx::FileHandle* file);

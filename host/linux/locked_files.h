@@ -7,18 +7,27 @@
 //
 //   1. A file that is open here is locked: exclusively while it is being updated, else shared.
 //   2. A file that is open here has no hot journal but its own update's.
-//   3. Of a file being updated no second handle is opened here, but the update's under the handle
-//      of a reader, when it asks by the same path: another path is another store to the caller.
+//   3. Of a file being updated no second handle is opened here, but by the thread that reserved it,
+//      or the update's under the handle of a reader, when it asks by the same path: another path is
+//      another store to the caller.
+//   4. Who waits for a lock stands in the file's turnstile (file_ops.h) meanwhile, readers
+//   together,
+//      an updater alone: so whoever comes later waits behind. Those who have their lock are not in
+//      it.
+//   5. Nobody waits with the mutex held.
 #pragma once
 
 #include <chrono>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "host/linux/file_outcome.h"
 #include "host/linux/linux_host.h"
+#include "host/linux/lock_wait.h"
+#include "host/linux/open_request.h"
 #include "host/linux/regular_file.h"
 
 namespace hxhost {
@@ -27,9 +36,10 @@ class LockedFiles;
 
 struct LockedFile {
   RegularFile file;
-  std::string askedPath;  // as given by all its readers; empty when they differ
-  int users = 0;
-  bool hasUpdater = false;
+  std::string askedPath;    // as given by all its readers; empty when they differ
+  int users = 0;            // handles and reservations
+  int updaters = 0;         // of them, that update
+  bool wasRemoved = false;  // by who reserved it
 };
 
 // A handle's share of a locked file. Released by `release`, or at the end.
@@ -45,10 +55,13 @@ class FileLease {
   RegularFile& file() const { return locked_->file; }
   bool isUpdate() const { return isUpdate_; }
 
-  // Closes the file, or leaves it to those who read it still; 0 or an errno.
+  // Closes the file, or leaves it to its other users; 0 or an errno. The last removes a file that
+  // was created for it and is empty still.
   int release() noexcept;
 
  private:
+  friend class LockedFiles;
+
   std::shared_ptr<LockedFiles> files_;
   LockedFile* locked_ = nullptr;
   bool isUpdate_ = false;
@@ -58,9 +71,10 @@ class FileLease {
 struct OpenResult {
   int error = 0;  // errno; EBUSY when somebody else holds a lock
   FileOperation operation = FileOperation::kOpen;
+  Holder holder = Holder::kNobody;  // with EBUSY
 };
 
-// Safe for several threads; a wait for a lock keeps the others waiting.
+// Safe for several threads.
 class LockedFiles : public std::enable_shared_from_this<LockedFiles> {
  public:
   LockedFiles(std::shared_ptr<FileOps> ops, Durability durability,
@@ -75,30 +89,45 @@ class LockedFiles : public std::enable_shared_from_this<LockedFiles> {
   // std::bad_alloc.
   OpenResult open(const std::string& path, bool forUpdate, FileLease& lease);
 
+  // The same ahead of an open, or of a removal and an open, and like one of another service: it
+  // waits also for those who have the file open here.
+  OpenResult reserve(const std::string& path, Purpose purpose, FileLease& lease);
+
   // Removes the regular file at `path`, which must be writable, and its journal; ESTALE when what
   // lies under the journal's name is none. May throw std::bad_alloc.
-  int remove(const std::string& path);
+  OpenResult remove(const std::string& path);
 
  private:
   friend class FileLease;
 
-  OpenResult tryOpen(const std::string& path, bool forUpdate, FileLease& lease);
-  OpenResult openNew(const std::string& path, bool forUpdate, RegularFile& file);
-  OpenResult join(LockedFile& known, const std::string& path, bool forUpdate);
-  OpenResult lockForReading(RegularFile& file);
-  OpenResult lockAndRecover(RegularFile& file);
-  int tryRemove(const std::string& path);
-  int removeLocked(const RegularFile& file);
-  FileLease enter(LockedFile& locked, bool isUpdate);
+  OpenResult tryOpen(const std::string& path, bool forUpdate, LockWait& wait, FileLease& lease);
+  OpenResult openNew(const std::string& path, Purpose purpose, LockWait& wait,
+                     std::unique_ptr<LockedFile> locked, FileLease& lease);
+  std::optional<OpenResult> join(const FileInfo& info, const std::string& path, bool forUpdate,
+                                 LockWait& wait, FileLease& lease);
+  OpenResult upgrade(LockedFile& known, LockWait& wait, FileLease& lease);
+  OpenResult lockAndRecover(RegularFile& file, Purpose purpose, LockWait& wait);
+  OpenResult recover(RegularFile& file);
+  OpenResult recoverForReading(RegularFile& file, LockWait& wait);
+  int acquire(const RegularFile& file, LockKind kind, LockWait& wait, bool mayQueue = true);
   void dropCreated(RegularFile& file);
-  int acquire(const RegularFile& file, LockKind kind);
+
+  OpenResult tryRemove(const std::string& path, LockWait& wait);
+  int removeReserved(LockedFile& locked);
+  int removeLocked(const RegularFile& file);
+
+  FileLease enter(LockedFile& locked, bool isUpdate);
+  FileLease enterLocked(LockedFile& locked, bool isUpdate);
+  std::unique_ptr<LockedFile> leave(LockedFile& locked, bool wasUpdate) noexcept;
   int release(LockedFile& locked, bool wasUpdate) noexcept;
   LockedFile* find(const FileInfo& info);
+  LockedFile* findReserved(const std::string& path, bool forUpdate);
+  Holder findHolder(const FileInfo& info, bool forUpdate);
 
   const std::shared_ptr<FileOps> ops_;
   const Durability durability_;
   const std::chrono::milliseconds lockWait_;  // where no OpenRequest says it
-  std::mutex mutex_;
+  std::mutex mutex_;                          // guards the list and the counts of its files
   std::vector<std::unique_ptr<LockedFile>> files_;
 };
 

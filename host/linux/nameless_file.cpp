@@ -38,7 +38,7 @@ class NamelessFileOps : public FileOps {
   int remove(const std::string&) override { return 0; }
 
   // A lock would outlast the name's coming: it is the caller's opening of the file that has it.
-  int lock(int, LockKind) override { return 0; }
+  int lock(int, LockPart, LockKind) override { return 0; }
   int copyAccess(int, int) override { return 0; }
   int syncDirectory(const std::string&) override { return 0; }
   int resolve(const std::string& path, std::string& resolved) override {

@@ -26,10 +26,16 @@ std::optional<FileFailure> OpenRequest::failure() const {
   return inLast ? inLast : formerFailure_;
 }
 
+void OpenRequest::noteFailure(const FileFailure& failure, Holder holder) {
+  failure_ = failure;
+  holder_ = holder;
+}
+
 void OpenRequest::noteOpened(std::shared_ptr<FileOutcome> file) {
   if (file_ != nullptr && file_->failure()) formerFailure_ = file_->failure();
   file_ = std::move(file);
   failure_.reset();
+  holder_ = Holder::kNobody;
 }
 
 }  // namespace hxhost

@@ -19,7 +19,7 @@ int Descriptor::close() {
 namespace {
 
 int refusalOf(const FileInfo& info) {
-  if (info.isRegular) return 0;
+  if (info.isRegular) return info.size > kLongestFile ? EFBIG : 0;
   return info.isDirectory ? EISDIR : ENOTSUP;
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "host/linux/file_ops.h"
+#include "host/linux/open_request.h"
 
 namespace hxhost {
 
@@ -45,12 +46,9 @@ struct RegularFile {
 // effects. May throw std::bad_alloc.
 int locateRegularFile(FileOps& ops, const std::string& path, RegularFile& file);
 
-// What a file is opened for. For an update an absent file is created. For reading it is opened for
-// writing too where the caller may, so that its lock can become an exclusive one.
-enum class Purpose { kRead, kUpdate, kRemove };
-
-// 0 and the file that was located at `path`, or an errno as above. On failure `file` tells whether
-// one was created. May throw std::bad_alloc.
+// 0 and the file that was located at `path`, or an errno as above; EFBIG beyond kLongestFile. For
+// reading it is opened for writing too where the caller may, so that its lock can become an
+// exclusive one. On failure `file` tells whether one was created. May throw std::bad_alloc.
 int openRegularFile(FileOps& ops, const std::string& path, Purpose purpose, RegularFile& file);
 
 // Inspects the open file anew, and whether it is still the one that its path names: 0, ENOENT when

@@ -16,7 +16,7 @@ namespace {
 int openJournal(FileOps& ops, const std::string& path, RegularFile& journal) {
   FileInfo& info = journal.info;
   const int looked = ops.inspectPath(path, info);
-  if (looked == -ENOENT || looked == -ENAMETOOLONG) return 0;
+  if (looked == -ENOENT) return 0;
   if (looked < 0) return -looked;
   if (!info.isRegular) return ENOTSUP;
   const int number = ops.open(path, OpenMode::kRead);
@@ -113,7 +113,8 @@ int restoreFile(FileOps& ops, const JournalHeader& header, RegularFile& file) {
 
 int examineJournal(FileOps& ops, const RegularFile& file, JournalState& state) {
   RegularFile journal;
-  const int error = openJournal(ops, journalPathOf(file.path), journal);
+  int error = openJournal(ops, journalPathOf(file.path), journal);
+  if (error == ENAMETOOLONG) error = 0;  // none can be there
   return error != 0 ? error : examineOpened(ops, journal, file, state);
 }
 
@@ -128,7 +129,8 @@ int recoverFile(FileOps& ops, RegularFile& file) {
     error = applyJournal(ops, journal.descriptor.number(), file);
     if (error != 0) return error;
   }
-  return -ops.remove(path);
+  if (const int result = ops.remove(path); result < 0) return -result;
+  return -ops.syncDirectory(directoryOf(path));
 }
 
 int clearJournal(FileOps& ops, RegularFile& file) {

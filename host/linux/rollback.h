@@ -22,8 +22,10 @@ enum class JournalState {
 int examineJournal(FileOps& ops, const RegularFile& file, JournalState& state);
 
 // Removes a journal that is beside the file, after rolling the file back when it is hot; 0 or an
-// errno. The file is locked exclusively and open for writing, and absent from its path afterwards
-// when the update had created it.
+// errno, ENAMETOOLONG when no journal can be beside it. That it is gone is on disk then: the file's
+// name may be given to another, to which the journal would be a stranger's. The file is locked
+// exclusively and open for writing, and absent from its path afterwards when the update had created
+// it.
 int recoverFile(FileOps& ops, RegularFile& file);
 
 // The same for a file that is to be removed: it must not be left as half an update when only its
