@@ -1,4 +1,4 @@
-// What holds of the records in memory after every step.
+// The invariants: what holds of the records in memory after every statement.
 #include <algorithm>
 #include <string_view>
 

@@ -39,7 +39,7 @@ TEST(Format, TheTopEntryHasTheLastComponentOfThePath) {
 
 TEST(Format, ABlobIsReadWhereItLies) {
   World w;
-  w.run("open m UCN; put m:a 10; blob m B =4376; blob m C =4376; load B R; item r B:a R");
+  w.run("open m UCN; write m:a 10; blob m B -> 4376; blob m C -> 4376; load B R; item r B:a R");
   EXPECT_EQ(w.image("B"), w.image("C"));
   const ItemHandle* reader = w.handle("r");
   const Store* store = w.find("B");
@@ -57,10 +57,10 @@ TEST(Format, ABlobIsReadWhereItLies) {
 // Every store of the tree, each with items before and behind nested stores.
 TEST(Format, LinksOfADirectory) {
   World w;
-  w.run("open x UC; page x 16; open x:n UC; open x:n/deep UC");
+  w.run("open x UC; pagesize x 16; open x:n UC; open x:n/deep UC");
   for (const std::string store : {"x:", "x:n/", "x:n/deep/"}) {
     for (const std::string name : {"a", "b", "k", "z", ""})
-      w.run("put " + store + name + " 20");
+      w.run("write " + store + name + " 20");
     w.run("open " + store + "m UC; open " + store + "last UC");
   }
   w.settle();
@@ -76,14 +76,16 @@ TEST(Format, LinksOfADirectory) {
 // Names keep 64 low bytes, up to the first zero. Twins stay both, and are listed once.
 TEST(Format, NamesAreCut) {
   World w;
-  w.run("open x UC; put x:q*64 6; put x:q*65 1; open x:t UC; put x:t/q*65 1; put x:t/q*66 2");
+  w.run(
+      "open x UC; write x:q*64 6; write x:q*65 1; open x:t UC; write x:t/q*65 1; write x:t/q*66 2");
   for (const std::u32string name : {U"\u0141", U"b\u0100c", U"\u0080\u00ff", U"\u0001\n;= *"}) {
     ItemHandle* made = w.openItem(w.find("x"), name, "UC");
     EXPECT_EQ(made->item->close(made), 0);
   }
   w.run("close x");
   World other(w.host.files);
-  other.run("open x U; list x:t =1; list x =6; get x:A =0; get x:b =0; get x:\x80\xff =0");
+  other.run(
+      "open x U; list x:t -> 1; list x -> 6; read x:A -> 0; read x:b -> 0; read x:\x80\xff -> 0");
   EXPECT_EQ(chained(other.find("x:t")->members).size(), 2u);
   other.run("close x");
   EXPECT_EQ(recordsOf(other.image("x")).size(), recordsOf(w.image("x")).size());

@@ -17,8 +17,8 @@ namespace {
 Bytes smallImage() {
   World w;
   w.run(
-      "open x UC; page x 16; put x:empty 0; put x:one 10; put x:three 40; open x:n UC;"
-      "put x:n/full 32; open x:n/deep UC; close x");
+      "open x UC; pagesize x 16; write x:empty 0; write x:one 10; write x:three 40; open x:n UC;"
+      "write x:n/full 32; open x:n/deep UC; close x");
   return w.image("x");
 }
 

@@ -28,7 +28,7 @@ TEST(Sweeps, SizesAroundPageBoundaries) {
         for (const std::string flags : {"", "N"}) {
           if (size / piece > 100) continue;
           World w;
-          w.run("open x UC" + flags + "; page x " + std::to_string(page) + "; item w x:a UC;" +
+          w.run("open x UC" + flags + "; pagesize x " + std::to_string(page) + "; item w x:a UC;" +
                 inPieces("write w ", size, piece));
           EXPECT_EQ(w.handle("w")->page->index, size / page) << "never at a full page's end";
           w.run("shut w; close x; open x U" + flags +

@@ -1,40 +1,14 @@
-// One instance of the module on a fake host, told what to do by scripts, with a model beside it
-// that knows what every store must hold. All tests of the module, the fault matrix and the fuzzer
+// The world: one instance of the module on a fake host, with the handles and stores that scripts
+// have open in it. Its verbs (module_verbs.cpp) act on it as a script says (module_script.h); its
+// model (module_model.h) knows what every store must hold; after each statement the records in
+// memory are checked (module_check.cpp). All tests of the module, the fault matrix and the fuzzer
 // of operations run on it.
-//
-// A script is statements with ";" between them. Stores and items are named by a reference: "x" is
-// the store at the path x (a capital letter names a blob), "x:n/a" the path n/a inside it, "x:n:a"
-// the path a inside its nested store n, ":x/a" the path x/a inside no store. "c*63" stands for 63
-// times c. Flags are letters: Read, Update, Create, rePlace, eXclusive, No file, "-" for none.
-//
-//   open REF FLAGS      its number: the openCount that comes of it
-//   item H REF FLAGS    opens an item with the handle H; number: the item's openCount
-//   write H N, read H N, convert H N    number: the bytes taken or delivered
-//   shut H              number: the lock's answer
-//   put REF N, get REF  create or extend an item, read all of one; number: bytes
-//   close REF, delete REF, page REF N (sets the page size)
-//   list REF NAME...    the names in this order, with "/" behind a store's; or any; number: of them
-//   tree REF            everything in a store, compared with the model
-//   blob REF B, load B FLAGS            make a blob of a store; open a store from a blob
-//   copy TO FROM, foreign TO FROM       between files and blobs; foreign: as the other machine's
-//   size PATH, pages H  number: the file's length, -1 without a file; pages of an item in memory
-//   grow PATH N         N bytes more at a file's end, or fewer
-//   set PATH FIELD N    a field of a record in a file, named as in setNamedField
-//   mark, count CALL [LENGTH]           calls of the host since the mark, by name and length
-//   fail KIND N [M | *] the host's Nth call fails, and the Mth, or all after it; heal: no more
-//   refuse N, deliver N what the host answers to removing; how many bytes it reads at most
-//   restart             a new instance
-//
-// Each statement succeeds, reads or writes all it is told to, and has the number that follows it as
-// "=N"; with "!N" it ends with the status -N. An item's bytes follow from its name and their place,
-// so every byte read is compared, whatever else happens.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <map>
 #include <optional>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -43,26 +17,12 @@
 #include "records/status.h"
 #include "tests/fake_host.h"
 #include "tests/module_image.h"
+#include "tests/module_model.h"
+#include "tests/module_script.h"
 
 namespace hx::fake {
 
-using Words = std::vector<std::string>;
-using Sizes = std::map<std::string, int32_t>;  // of items by their paths; "n/." is a store
 using Handles = std::map<std::string, ItemHandle*>;
-
-template <typename Record>
-std::string narrow(const Record* named) {
-  return {named->name, named->name + named->nameLength};
-}
-
-// The members of a table in the order of their chains.
-std::vector<Member*> chained(const MemberTable& table);
-// The path of a nested store, with "/" behind it, or of an item inside its tree.
-std::string pathOf(const Store* store);
-std::string pathOf(const ItemMember* item);
-bool isBlobName(const std::string& name);
-uint32_t flagsOf(const std::string& letters);
-std::u32string widen(std::string word);
 
 class World {
  public:
@@ -73,10 +33,13 @@ class World {
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
-  // Every outcome as the script says; not strict: any that is documented, and what can't be begun
-  // is left out.
-  void run(const std::string& script, bool isStrict = true);
-  void tryToRun(const std::string& script) { run(script, false); }
+  // Every statement must show what is written. Not strictly: any outcome that is documented will
+  // do, and what can't be begun is left out.
+  void run(const Script& script, bool strictly = true);
+  void run(const std::string& script, const char* file = __builtin_FILE(),
+           int line = __builtin_LINE());
+  void tryToRun(const std::string& script, const char* file = __builtin_FILE(),
+                int line = __builtin_LINE());
   // Ends all failures and opens.
   void closeAll();
   // Does so and compares every file, as this instance and as a new one sees it, with what was
@@ -89,39 +52,45 @@ class World {
   Store* openBlob(const void* blob, uint64_t size, const std::u32string& name,
                   const std::string& flags = "R");
 
-  Store* find(const std::string& ref);
+  Store* find(const std::string& path) const;
   ItemHandle* handle(const std::string& name) const;
-  Bytes& image(const std::string& name);  // of a file or a blob
-  bool hasHandles() const { return !handles_.empty(); }
+  Bytes& image(const std::string& name);    // of a file or a blob
+  Sizes contents(const std::string& path);  // everything in a store, read
 
   FakeHost host;
   ExtensionInstance* instance = nullptr;
+  Model model = {host};
+  Handles handles;
+  std::map<std::string, Store*> blobStores;
+  std::map<std::string, Bytes> blobs;
+
+  // What the last statement came to.
   int32_t status = kOk;
   int64_t number = 0;
+  Words names;
   std::optional<int32_t> firstOutcome;  // the status of the statement in which a call failed first
+  bool isStrict = true;
 
  private:
-  using Verb = void(const Words&);  // the function of a statement
-  static const std::map<std::string, Verb World::*> kVerbs;
-  Verb openStore, closeStore, deleteStore, makeBlob, loadBlob, copy, grow;
-  Verb openItem, write, read, shut, useWhole, list, tree, ask, arrange;
-  void step(const std::string& statement, bool isStrict);
-  void skip() { status = 1; }
-  bool isQuiet(const std::string& name);
-  bool isDoubtful(const std::string& path);
-  void noteOpening(const std::string& path, uint32_t flags, bool existed, bool succeeded);
-  bool forgetDropped(const std::string& ref, const Store* store);
-  Sizes contents(const std::string& ref);  // reads everything
-
-  bool isStrict_ = true;
-  Handles handles_;
-  std::map<std::string, Store*> blobStores_;
-  std::map<std::string, Bytes> blobs_;
-  std::map<std::string, Sizes> now_;    // of every store that is cached or open
-  std::map<std::string, Sizes> saved_;  // of every file and blob
-  std::set<std::string> unknown_;       // files with contents that the model does not know
-  std::set<std::string> stale_;         // whose file is not as the tree in memory says
+  using Verbs = std::map<std::string, void (*)(World&, const Words&)>;
+  static const Verbs kVerbs;
+  void step(const Statement& statement);
+  bool isAsWritten(const Statement& statement) const;
 };
+
+// A statement that could not be begun has this for its status.
+constexpr int32_t kSkipped = 1;
+
+// The members of a table in the order of their chains.
+std::vector<Member*> chained(const MemberTable& table);
+template <typename Record>
+std::string nameIn(const Record* named) {
+  return {named->name, named->name + named->nameLength};
+}
+bool isBlobName(const std::string& name);
+std::u32string widen(std::string word);
+uint32_t flagsOf(const std::string& letters);
+bool isForeign(const Store* store);
 
 // Complains where the records of a tree contradict each other or the handles that are open.
 void checkTree(const Store* root, const Handles& handles);
