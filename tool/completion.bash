@@ -7,13 +7,13 @@
 _hxcrate_options() {
   case $1 in
     pack) echo --page-size --replace --in-memory --dry-run ;;
-    unpack) echo --overwrite --max-entries --max-bytes --dry-run ;;
+    unpack) echo --overwrite --journals --max-entries --max-bytes --dry-run ;;
     ls) echo -l -R -0 --json ;;
     tree) echo --ascii ;;
     cat) echo --offset --length ;;
     put) echo -p --append --wait --dry-run ;;
     mkstore) echo -p --wait --dry-run ;;
-    copy) echo --page-size --encoding --exclude --dry-run ;;
+    copy) echo --page-size --encoding --exclude --max-bytes --dry-run ;;
     diff | stat) echo --json ;;
     check) echo --quick --json ;;
     map) echo --svg --json ;;

@@ -12,6 +12,7 @@
 #include "commands.h"
 #include "new_store.h"
 #include "store_walk.h"
+#include "write_limits.h"
 
 namespace tool {
 
@@ -21,6 +22,7 @@ struct CopyOptions {
   std::string store;
   std::string target;
   std::vector<std::string> excludes;
+  std::int64_t maxBytes = kUnlimited;
   bool dryRun = false;
   NewStore::Options made;
 };
@@ -94,6 +96,7 @@ ExitCode copy(CopyOptions& options) {
   hxcrate::Session session;
   const auto members = [&] { return KeptMembers(options, session.open(options.store)); };
   const SizeForecast forecast = forecastOf(members());
+  requireOwnBytes(options.store, forecast.bytes(), options.maxBytes);
   if (options.dryRun) {
     target.announce(forecast, options.made);
     return ExitCode::fine;
@@ -127,6 +130,7 @@ void addCopy(CommandLine& line) {
                   "leave out paths that match, with all they hold; * matches \"/\" too")
       ->type_name("GLOB")
       ->allow_extra_args(false);
+  addCount(words, "--max-bytes", options->maxBytes, "refuse to copy more bytes of items");
   addDryRun(words, options->dryRun);
 }
 

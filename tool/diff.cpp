@@ -100,7 +100,7 @@ class Comparison {
   explicit Comparison(const DiffOptions& options) : differences_(options) {
     hxcrate::Store first = openWhatThereIs(session_, options.first, outcome_);
     hxcrate::Store second = openWhatThereIs(session_, options.second, outcome_);
-    levels_.push_back({Side{std::move(first)}, Side{std::move(second)}});
+    levels_.push_back({Side{std::move(first)}, Side{std::move(second)}, 0});
   }
 
   ExitCode compare() {
@@ -125,11 +125,14 @@ class Comparison {
   struct Level {
     Side first;
     Side second;
+    std::size_t placeLength;  // of the stores'
   };
 
-  static std::string placeOf(const Side& side) {
-    const std::string& outer = side.store.place();
-    return (outer.empty() ? "" : outer + "/") + side.member()->name;
+  // Of the next member of a side. The stores' own is kept once for all levels.
+  const std::string& placeOf(const Side& side) {
+    place_.resize(levels_.back().placeLength);
+    if (!place_.empty()) place_ += '/';
+    return place_ += side.member()->name;
   }
 
   void passOver(Side& side, bool isFirst) {
@@ -142,7 +145,7 @@ class Comparison {
   void compareMembers() {
     Side& first = levels_.back().first;
     Side& second = levels_.back().second;
-    const std::string place = placeOf(first);
+    const std::string& place = placeOf(first);
     const hxcrate::Member a = first.members[first.next++];
     const hxcrate::Member b = second.members[second.next++];
     const bool isStore = a.kind == hxcrate::MemberKind::store;
@@ -150,8 +153,8 @@ class Comparison {
       if (a.kind != b.kind) {
         differences_.addKind(place, isStore);
       } else if (isStore) {
-        levels_.push_back(
-            {Side{first.store.openStore(a.name)}, Side{second.store.openStore(a.name)}});
+        levels_.push_back({Side{first.store.openStore(a.name)},
+                           Side{second.store.openStore(a.name)}, place.size()});
       } else {
         compareItems(place, first.store.read(a.name), second.store.read(a.name));
       }
@@ -196,6 +199,7 @@ class Comparison {
   ExitCode outcome_ = ExitCode::fine;
   Differences differences_;
   std::vector<Level> levels_;
+  std::string place_;
   std::vector<std::byte> firstBuffer_ = std::vector<std::byte>(kBufferSize);
   std::vector<std::byte> secondBuffer_ = std::vector<std::byte>(kBufferSize);
 };

@@ -52,13 +52,8 @@ class PlainListing : public Listing {
       output_.write(std::string(kSizeColumn - size.size(), ' '));
       output_.write(size + "  ");
     }
-    if (options_.endWithNul) {
-      output_.write(path);
-      output_.write(std::string_view("\0", 1));
-    } else {
-      output_.writeName(path);
-      output_.write("\n");
-    }
+    output_.writeName(path);
+    output_.write(options_.endWithNul ? std::string_view("\0", 1) : "\n");
   }
 
   const ListOptions& options_;
@@ -123,7 +118,8 @@ class Lister {
 
  private:
   void listStore(hxcrate::Store start) {
-    const std::size_t prefix = start.place().empty() ? 0 : start.place().size() + 1;
+    const std::string outer = start.place();
+    const std::size_t prefix = outer.empty() ? 0 : outer.size() + 1;
     StoreWalk walk(std::move(start));
     for (auto event = walk.next(); event != StoreWalk::Event::end; event = walk.next()) {
       if (event == StoreWalk::Event::leave) continue;

@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "interruption.h"
+#include "write_limits.h"
 
 namespace tool {
 
@@ -104,6 +105,8 @@ void NewStore::refuse(const std::string& reason) const {
 }
 
 void NewStore::make(const SizeForecast& forecast, const Options& options, const Fill& fill) const {
+  const std::int32_t pageSize = pageSizeOf(forecast, options);
+  requireRoomFor(forecast.fileSize(pageSize, options.inMemory), options);
   removeLeftovers(place_.directory);
   // A journal that was the replaced file's must not come back beside the new one.
   if (existing_ && !sync(place_.directory)) throw systemFailure(shown_, "sync its folder");
@@ -111,7 +114,7 @@ void NewStore::make(const SizeForecast& forecast, const Options& options, const 
   if (!options.copyOf.empty()) readers.emplace(openForItsPath(options.copyOf), options.copyOf);
   const NewFile::Options made{existing_, readers ? &*readers : nullptr};
   NewFile file(place_.directory, place_.name, shown_, made);
-  fillFile(file, pageSizeOf(forecast, options), options, fill);
+  fillFile(file, pageSize, options, fill);
   if (options.encoding.empty()) return deliver(file);
   NewFile turned(place_.directory, place_.name, shown_, made);
   turn(file, options.encoding, turned);
@@ -141,13 +144,19 @@ void NewStore::deliver(NewFile& file) const {
   if (!file.deliver()) refuse("exists already");
 }
 
+// Turned into another encoding it is there twice for a while.
+void NewStore::requireRoomFor(std::int64_t bytes, const Options& options) const {
+  requireRoom(place_.directory, options.encoding.empty() ? bytes : 2 * bytes, shown_);
+}
+
 void NewStore::announce(const SizeForecast& forecast, const Options& options) const {
   const std::int32_t pageSize = pageSizeOf(forecast, options);
+  const std::int64_t size = forecast.fileSize(pageSize, options.inMemory);
+  requireRoomFor(size, options);
   complain(shown_, "",
            "would hold " + countThings(forecast.items(), "item") + " in " +
                countThings(forecast.stores() + 1, "store") + ", " +
-               countThings(forecast.bytes(), "byte") + "; a file of " +
-               std::to_string(forecast.fileSize(pageSize, options.inMemory)) +
+               countThings(forecast.bytes(), "byte") + "; a file of " + std::to_string(size) +
                " bytes, with pages of " + std::to_string(pageSize));
 }
 

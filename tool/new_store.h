@@ -62,7 +62,7 @@ class NewStore {
   using Fill = std::function<void(hxcrate::Store&)>;
   void make(const SizeForecast& forecast, const Options& options, const Fill& fill) const;
 
-  // Says on standard error what `make` would make.
+  // Says on standard error what `make` would make. Throws what keeps it from that.
   void announce(const SizeForecast& forecast, const Options& options) const;
 
  private:
@@ -72,6 +72,7 @@ class NewStore {
   void fillFile(const NewFile& file, std::int32_t pageSize, const Options& options,
                 const Fill& fill) const;
   void deliver(NewFile& file) const;
+  void requireRoomFor(std::int64_t bytes, const Options& options) const;
 
   std::string shown_;  // the path in messages
   FilePlace place_;    // for an existing file its own rather than a link's to it

@@ -38,8 +38,16 @@ ExitCode worse(ExitCode a, ExitCode b) {
   return rank(a) < rank(b) ? b : a;
 }
 
-Failure::Failure(ExitCode code, std::string file, std::string place, std::string reason)
-    : code_(code), file_(std::move(file)), place_(std::move(place)), reason_(std::move(reason)) {}
+Failure::Failure(ExitCode code, std::string file, std::string place, std::string reason, int error)
+    : code_(code),
+      file_(std::move(file)),
+      place_(std::move(place)),
+      reason_(std::move(reason)),
+      error_(error) {}
+
+bool Failure::isOfWholeDisk() const noexcept {
+  return error_ == ENOSPC || error_ == EDQUOT || error_ == EROFS || error_ == EIO;
+}
 
 void Failure::print() const {
   complain(file_, place_, reason_);
@@ -50,8 +58,8 @@ std::string systemReason() {
 }
 
 Failure systemFailure(const std::string& file, std::string_view action) {
-  const std::string reason = std::string(action) + ": " + systemReason();
-  return {ExitCode::inputOutput, file, "", reason};
+  const int error = errno;
+  return {ExitCode::inputOutput, file, "", std::string(action) + ": " + systemReason(), error};
 }
 
 ExitCode exitCodeOf(const hxcrate::Error& error) {

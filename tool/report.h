@@ -26,9 +26,12 @@ ExitCode worse(ExitCode a, ExitCode b);
 // Ends the command. `file` is what was worked on, `place` where in it; either may be empty.
 class Failure : public std::exception {
  public:
-  Failure(ExitCode code, std::string file, std::string place, std::string reason);
+  // `error`: of the system call that failed; 0: none.
+  Failure(ExitCode code, std::string file, std::string place, std::string reason, int error = 0);
   const char* what() const noexcept override { return reason_.c_str(); }
   ExitCode code() const noexcept { return code_; }
+  // Whether what comes next would fail as well.
+  bool isOfWholeDisk() const noexcept;
   void print() const;
 
  private:
@@ -36,6 +39,7 @@ class Failure : public std::exception {
   std::string file_;
   std::string place_;
   std::string reason_;
+  int error_;
 };
 
 // Why the last system call failed, and that as the end of the command.

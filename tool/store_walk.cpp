@@ -16,8 +16,11 @@ std::vector<hxcrate::Member> listSorted(const hxcrate::Store& store) {
 
 StoreWalk::Event StoreWalk::next() {
   Level& level = levels_.back();
+  place_.resize(level.placeLength);
   if (level.next < level.members.size()) {
     const hxcrate::Member& member = level.members[level.next++];
+    if (!place_.empty()) place_ += '/';
+    place_ += member.name;
     return member.kind == hxcrate::MemberKind::store ? Event::store : Event::item;
   }
   if (levels_.size() == 1) return Event::end;
@@ -25,25 +28,10 @@ StoreWalk::Event StoreWalk::next() {
   return Event::leave;
 }
 
-std::string StoreWalk::place() const {
-  const std::string& outer = container().place();
-  return outer.empty() ? name() : outer + "/" + name();
+void StoreWalk::push(hxcrate::Store store) {
+  std::vector<hxcrate::Member> members = listSorted(store);
+  levels_.push_back({std::move(store), std::move(members), place_.size()});
 }
-
-namespace {
-
-// Nothing when there is no such member, or one of the other kind.
-template <typename Open>
-auto openIfThere(Open open) -> std::optional<decltype(open())> {
-  try {
-    return open();
-  } catch (const hxcrate::Error& error) {
-    if (error.errc() != hxcrate::Errc::notFound) throw;
-    return std::nullopt;
-  }
-}
-
-}  // namespace
 
 std::optional<hxcrate::Store> openIfStore(hxcrate::Store& store, const std::string& path) {
   if (path.empty()) return std::move(store);

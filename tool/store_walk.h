@@ -19,7 +19,7 @@ class StoreWalk {
   enum class Event { item, store, leave, end };
 
   // `start` is any store; the walk ends when it is through with it.
-  explicit StoreWalk(hxcrate::Store start) { push(std::move(start)); }
+  explicit StoreWalk(hxcrate::Store start) : place_(start.place()) { push(std::move(start)); }
 
   // Goes on to the next member, or out of a store that was entered and is done.
   Event next();
@@ -28,8 +28,9 @@ class StoreWalk {
   const std::string& name() const { return levels_.back().members[levels_.back().next - 1].name; }
   const hxcrate::Store& container() const { return levels_.back().store; }
 
-  // Where that member lies in the store file.
-  std::string place() const;
+  // Where that member lies in the store file. Kept once for all levels: a path for each of them
+  // would take as much memory as the square of the depth.
+  const std::string& place() const { return place_; }
   std::int64_t itemSize() const { return container().read(name()).size(); }
   // Whether it is the last one in its store.
   bool isLast() const { return levels_.back().next == levels_.back().members.size(); }
@@ -43,16 +44,26 @@ class StoreWalk {
   struct Level {
     hxcrate::Store store;
     std::vector<hxcrate::Member> members;
+    std::size_t placeLength;  // of the store's
     std::size_t next = 0;
   };
 
-  void push(hxcrate::Store store) {
-    std::vector<hxcrate::Member> members = listSorted(store);
-    levels_.push_back({std::move(store), std::move(members)});
-  }
+  void push(hxcrate::Store store);
 
   std::vector<Level> levels_;
+  std::string place_;
 };
+
+// What `open` opens; nothing when there is no such member, or one of the other kind.
+template <typename Open>
+auto openIfThere(Open open) -> std::optional<decltype(open())> {
+  try {
+    return open();
+  } catch (const hxcrate::Error& error) {
+    if (error.errc() != hxcrate::Errc::notFound) throw;
+    return std::nullopt;
+  }
+}
 
 // `path` inside `store` as a store, which is `store` itself for the empty path; nothing, and
 // `store` as it was, when it is an item's. Throws hxcrate::Error when it is nobody's.

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <limits>
 #include <memory>
 #include <optional>
 #include <string>
@@ -17,13 +16,13 @@
 #include "directory.h"
 #include "member_selection.h"
 #include "new_file.h"
+#include "planted_journal.h"
 #include "store_walk.h"
+#include "write_limits.h"
 
 namespace tool {
 
 namespace {
-
-constexpr std::int64_t kUnlimited = std::numeric_limits<std::int64_t>::max();
 
 struct UnpackOptions {
   std::string store;
@@ -32,6 +31,7 @@ struct UnpackOptions {
   std::int64_t maxEntries = kUnlimited;
   std::int64_t maxBytes = kUnlimited;
   bool overwrite = false;
+  bool withJournals = false;
   bool dryRun = false;
 };
 
@@ -83,18 +83,42 @@ class Quota {
 // there. Each entry that can't be unpacked is named on standard error, and the others go on.
 class Unpacker {
  public:
-  Unpacker(const UnpackOptions& options, hxcrate::Store store, Progress& progress)
-      : options_(options),
+  enum class Purpose {
+    make,
+    announce,  // say what would be made
+    measure    // in silence
+  };
+
+  Unpacker(Purpose purpose, const UnpackOptions& options, hxcrate::Store store, Progress& progress)
+      : purpose_(purpose),
+        options_(options),
         selection_(options.paths),
         walk_(std::move(store)),
         quota_(options),
         pump_(&progress) {}
 
   ExitCode unpack() {
-    if (!options_.dryRun || ::access(options_.directory.c_str(), F_OK) == 0) {
+    if (isMaking() || ::access(options_.directory.c_str(), F_OK) == 0) {
       cursor_.emplace(options_.directory);
       tidyUp();
     }
+    try {
+      takeAll();
+    } catch (const QuotaFailure&) {
+      if (purpose_ != Purpose::measure) throw;
+    }
+    if (purpose_ == Purpose::make) syncAll();
+    if (purpose_ == Purpose::announce) announce();
+    return outcome_;
+  }
+
+  std::int64_t bytes() const { return quota_.bytes(); }
+  std::int64_t growth() const { return growth_; }  // less what is replaced
+
+ private:
+  bool isMaking() const { return purpose_ == Purpose::make; }
+
+  void takeAll() {
     for (auto event = walk_.next(); event != StoreWalk::Event::end; event = walk_.next()) {
       throwIfInterrupted();
       if (event == StoreWalk::Event::leave) {
@@ -103,33 +127,33 @@ class Unpacker {
         take(event);
       }
     }
-    options_.dryRun ? announce() : syncAll();
-    return outcome_;
   }
 
- private:
   void take(StoreWalk::Event event) {
     try {
-      if (!isFileName(walk_.name())) return leaveOut("no file can have this name");
+      if (!isFileName(walk_.name())) throw refusal("no file can have this name");
       quota_.takeEntry(walk_.place());
       event == StoreWalk::Event::item ? unpackItem() : enterStore();
     } catch (const QuotaFailure&) {
       throw;
     } catch (const hxcrate::Error& error) {
-      complain(error);
-      outcome_ = ExitCode::partial;
+      leaveOut(Failure(ExitCode::partial, error.store(), error.member(), error.reason()));
     } catch (const Failure& failure) {
-      failure.print();
-      outcome_ = ExitCode::partial;
+      if (failure.isOfWholeDisk()) throw;
+      leaveOut(failure);
     }
   }
 
-  void leaveOut(std::string_view reason) {
-    complain(options_.store, walk_.place(), reason);
+  void leaveOut(const Failure& failure) {
+    if (purpose_ != Purpose::measure) failure.print();
     outcome_ = ExitCode::partial;
   }
 
-  // Under --dry-run the directories that do not exist are gone through by their number.
+  Failure refusal(const char* reason) const {
+    return {ExitCode::partial, options_.store, walk_.place(), reason};
+  }
+
+  // Where nothing is made the directories that do not exist are gone through by their number.
   bool isSomewhere() const { return cursor_.has_value() && missing_ == 0; }
 
   void enterStore() {
@@ -154,12 +178,12 @@ class Unpacker {
       return;
     }
     const std::string path = cursor_->pathTo(name);
-    if (!options_.dryRun && ::mkdirat(cursor_->descriptor().number(), name.c_str(), 0777) != 0 &&
+    if (isMaking() && ::mkdirat(cursor_->descriptor().number(), name.c_str(), 0777) != 0 &&
         errno != EEXIST) {
       throw systemFailure(path, "create directory");
     }
     if (cursor_->enter(name)) return tidyUp();
-    if (options_.dryRun && errno == ENOENT) {
+    if (!isMaking() && errno == ENOENT) {
       ++missing_;
       return;
     }
@@ -170,20 +194,32 @@ class Unpacker {
   void unpackItem() {
     hxcrate::Reader reader = walk_.container().read(walk_.name());
     quota_.takeBytes(walk_.place(), reader.size());
-    if (!isSomewhere()) return;
+    growth_ += reader.size();
+    isSomewhere() ? unpackInto(*cursor_, reader) : requireNoJournal(Descriptor());
+  }
+
+  void unpackInto(const DirectoryCursor& place, hxcrate::Reader& reader) {
     const std::string& name = walk_.name();
-    const std::string path = cursor_->pathTo(name);
-    const auto existing = inspect(cursor_->descriptor(), name);
+    const std::string path = place.pathTo(name);
+    requireNoJournal(place.descriptor());
+    const auto existing = inspect(place.descriptor(), name);
     if (existing) requireReplaceable(*existing, path);
-    if (options_.dryRun) return;
-    NewFile file(cursor_->descriptor(), name, path, {existing});
+    if (existing) growth_ -= existing->st_size;
+    if (!isMaking()) return;
+    NewFile file(place.descriptor(), name, path, {existing});
     pump_.move(BytePump::kEverything, takeFrom(reader), giveTo(file.descriptor(), path));
     if (existing ? file.deliver() : file.deliverUnsynced()) return;
     throw Failure(ExitCode::partial, path, "", "exists already");
   }
 
+  void requireNoJournal(const Descriptor& directory) const {
+    if (options_.withJournals) return;
+    if (!isPlantedJournal(walk_.container(), walk_.name(), directory)) return;
+    throw refusal("would be taken for the journal of the store beside it; --journals unpacks it");
+  }
+
   void tidyUp() const {
-    if (!options_.dryRun) removeLeftovers(cursor_->descriptor());
+    if (isMaking()) removeLeftovers(cursor_->descriptor());
   }
 
   void requireReplaceable(const struct stat& existing, const std::string& path) const {
@@ -206,6 +242,7 @@ class Unpacker {
                  std::to_string(quota_.bytes()) + " bytes");
   }
 
+  const Purpose purpose_;
   const UnpackOptions& options_;
   const MemberSelection selection_;
   std::optional<DirectoryCursor> cursor_;
@@ -213,23 +250,9 @@ class Unpacker {
   Quota quota_;
   BytePump pump_;
   std::size_t missing_ = 0;
+  std::int64_t growth_ = 0;
   ExitCode outcome_ = ExitCode::fine;
 };
-
-// What can't be read is told of when its turn comes.
-std::int64_t measure(const MemberSelection& selection, hxcrate::Store start) {
-  std::int64_t total = 0;
-  StoreWalk walk(std::move(start));
-  for (auto event = walk.next(); event != StoreWalk::Event::end; event = walk.next()) {
-    const bool isStore = event == StoreWalk::Event::store;
-    if (event == StoreWalk::Event::leave || !selection.wants(walk.place(), isStore)) continue;
-    try {
-      isStore ? walk.enter() : void(total += walk.itemSize());
-    } catch (const hxcrate::Error&) {  // NOLINT(bugprone-empty-catch)
-    }
-  }
-  return total;
-}
 
 // What can't be opened is there for sure, and told of when its turn comes.
 bool isThere(const hxcrate::Store& store, const std::string& path) {
@@ -240,6 +263,24 @@ bool isThere(const hxcrate::Store& store, const std::string& path) {
   }
 }
 
+// The directory, or the one that it is to be made in.
+Descriptor openTarget(std::string path) {
+  while (path.size() > 1 && path.back() == '/')
+    path.pop_back();
+  const bool isThere = ::access(path.c_str(), F_OK) == 0;
+  return isThere ? openDirectory(path) : locateFile(path).directory;
+}
+
+// Throws what keeps the whole from being made.
+std::int64_t measure(const UnpackOptions& options, hxcrate::Store store, Progress& progress) {
+  const Descriptor target = openTarget(options.directory);
+  Unpacker unpacker(Unpacker::Purpose::measure, options, std::move(store), progress);
+  unpacker.unpack();
+  requireOwnBytes(options.store, unpacker.bytes(), options.maxBytes);
+  requireRoom(target, unpacker.growth(), options.directory);
+  return unpacker.bytes();
+}
+
 ExitCode unpack(const UnpackOptions& options) {
   ExitCode outcome = ExitCode::fine;
   hxcrate::Session session;
@@ -247,13 +288,13 @@ ExitCode unpack(const UnpackOptions& options) {
   for (const std::string& path : options.paths)
     if (!isThere(store, path)) throw hxcrate::Error(hxcrate::Errc::notFound, options.store, path);
   Progress progress("unpacking");
-  if (progress.isShown() && !options.dryRun) {
-    progress.expect(measure(MemberSelection(options.paths), session.open(options.store)));
-  }
+  hxcrate::Store again = session.open(options.store, hxcrate::Mode::read, {.acceptDamaged = true});
+  progress.expect(measure(options, std::move(again), progress));
   if (!options.dryRun && ::mkdir(options.directory.c_str(), 0777) != 0 && errno != EEXIST) {
     throw systemFailure(options.directory, "create directory");
   }
-  return worse(outcome, Unpacker(options, std::move(store), progress).unpack());
+  const auto purpose = options.dryRun ? Unpacker::Purpose::announce : Unpacker::Purpose::make;
+  return worse(outcome, Unpacker(purpose, options, std::move(store), progress).unpack());
 }
 
 }  // namespace
@@ -269,6 +310,7 @@ void addUnpack(CommandLine& line) {
   words.add_option("DIR", options->directory, "the directory")->required();
   addMemberPaths(words, options->paths, "items, and stores with all they hold; all unless given");
   words.add_flag("--overwrite", options->overwrite, "replace existing files");
+  words.add_flag("--journals", options->withJournals, "also what passes for a store's journal");
   addCount(words, "--max-entries", options->maxEntries, "stop before more files and directories");
   addCount(words, "--max-bytes", options->maxBytes, "stop before more bytes in files");
   addDryRun(words, options->dryRun);
