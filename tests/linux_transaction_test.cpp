@@ -121,6 +121,13 @@ TEST(LinuxFaultTest, AJournalIsAppliedToItsOwnFileOnlyAndGoesWithIt) {
        true},
       {"of a birth that is no longer told", [](auto& image, auto&, auto&) { image.birth = 0; },
        before, false},
+      {"of no birth",
+       [](auto&, auto&, auto& journal) {
+         auto& header = *reinterpret_cast<hxhost::JournalHeader*>(journal.data());
+         header.birth = 0;
+         header.checksum = checksumOf(header);
+       },
+       "absent", true},
       {"cut", [](auto&, auto& file, auto&) { file.resize(3000); }, "absent", true},
       {"emptied", [](auto&, auto& file, auto&) { file.clear(); }, "absent", false},
       {"removed", [](auto& image, auto&, auto&) { image.names.erase(kCrashFile); }, "absent", true},
@@ -175,6 +182,24 @@ TEST(LinuxFaultTest, AJournalIsAppliedToItsOwnFileOnlyAndGoesWithIt) {
     session.close(store);
     EXPECT_EQ(lookAt(disk.synced()), "new=bytes;");
     EXPECT_EQ(disk.live().names.size(), 1u);
+  }
+}
+
+// Whoever exchanges files between the look at one and its removal.
+TEST(LinuxFaultTest, NothingIsRemovedButWhatWasLookedAt) {
+  for (const char* const path : {kCrashJournal, kCrashFile}) {
+    SimulatedDisk disk(interruptedUpdate(2));
+    const int file = disk.open("/theirs", hxhost::OpenMode::kCreateNew);
+    disk.writeAt(file, "dear", 4, 0);
+    disk.close(file);
+    const uint64_t theirs = disk.live().names.at("/theirs");
+    disk.watch = [&](const DiskStep& step) {
+      const bool isTime = step.operation == DiskOperation::kUnlink && step.path == path;
+      if (isTime && disk.live().has("/theirs")) disk.rename("/theirs", path);
+    };
+    CrashSession session(hostOver(disk));
+    session.open(kCrashStore, kReplaceAll);
+    EXPECT_EQ(disk.live().names.at(path), theirs) << path;
   }
 }
 

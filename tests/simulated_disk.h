@@ -32,7 +32,17 @@ struct DiskImage {
 };
 
 // kLook leaves the disk as it is; so does kOpen unless it creates.
-enum class DiskOperation { kLook, kRead, kWrite, kTruncate, kOpen, kUnlink, kSync, kSyncDirectory };
+enum class DiskOperation {
+  kLook,
+  kRead,
+  kWrite,
+  kTruncate,
+  kOpen,
+  kRename,
+  kUnlink,
+  kSync,
+  kSyncDirectory
+};
 
 struct DiskStep {
   DiskOperation operation;
@@ -46,15 +56,18 @@ struct DiskStep {
 struct DiskChange {
   DiskOperation operation;  // kOpen for a creation
   uint64_t inode;
-  std::string path;   // of creations and removals
+  std::string path;   // of creations, renamings and removals
   size_t offset = 0;  // of a write; the new length of a truncation
   DiskBytes bytes = {};
+  std::string formerPath = {};  // of a renaming
 
   // A write is whole, or torn where `tearing` chooses.
   void applyTo(DiskImage& image, std::mt19937* tearing = nullptr) const {
     constexpr size_t kSector = 512;
     DiskBytes& file = image.inodes[inode];
     if (operation == DiskOperation::kOpen) image.names[path] = inode;
+    if (operation == DiskOperation::kRename) image.names[path] = inode;
+    if (operation == DiskOperation::kRename) image.names.erase(formerPath);
     if (operation == DiskOperation::kUnlink) image.names.erase(path);
     if (operation == DiskOperation::kTruncate) file.resize(offset);
     if (operation != DiskOperation::kWrite) return;
@@ -200,12 +213,22 @@ class SimulatedDisk : public hxhost::FileOps {
     return 0;
   }
 
-  int remove(const std::string& path) override {
+  int remove(const std::string& path, int file) override {
     if (fails(DiskOperation::kUnlink, path)) return -failure;
     if (!live_.has(path)) return -ENOENT;
+    if (live_.names.at(path) != openings_.at(file).inode) return -ESTALE;
     change({DiskOperation::kUnlink, live_.names.at(path), path});
     return 0;
   }
+
+  // What another program does.
+  void rename(const std::string& from, const std::string& to) {
+    if (fails(DiskOperation::kRename, to)) return;
+    change({DiskOperation::kRename, live_.names.at(from), to, 0, {}, from});
+  }
+
+  // A process dies: what it has open is closed.
+  void closeAll() { openings_.clear(); }
 
   int resolve(const std::string& path, std::string& resolved) override {
     if (fails(DiskOperation::kLook)) return -failure;

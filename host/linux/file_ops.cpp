@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <cstdlib>
 
+#include "host/linux/regular_file.h"
+
 namespace hxhost {
 namespace {
 
@@ -59,6 +61,22 @@ int inspectAt(int file, const char* path, int flags, FileInfo& info) {
           status.stx_uid,
           birthOf(status)};
   return 0;
+}
+
+int openDirectory(const std::string& path, int access) {
+  const int flags = access | O_DIRECTORY | O_CLOEXEC;
+  return repeatInterrupted([&] { return ::open(path.c_str(), flags); });
+}
+
+// Looked at in the directory that it is removed from, right before: so whoever exchanges files
+// there meanwhile, or the directory, hardly has one of somebody else's removed.
+int removeFrom(int directory, const char* name, int file) {
+  struct stat there {};
+  struct stat own {};
+  if (::fstatat(directory, name, &there, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
+  if (::fstat(file, &own) != 0) return -errno;
+  if (there.st_dev != own.st_dev || there.st_ino != own.st_ino) return -ESTALE;
+  return ::unlinkat(directory, name, 0) == 0 ? 0 : -errno;
 }
 
 class SystemFileOps : public FileOps {
@@ -122,15 +140,20 @@ class SystemFileOps : public FileOps {
   }
 
   int syncDirectory(const std::string& path) override {
-    const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
-    const int directory = repeatInterrupted([&] { return ::open(path.c_str(), flags); });
+    const int directory = openDirectory(path, O_RDONLY);
     if (directory < 0) return directory;
     const int result = repeatInterrupted([&] { return ::fsync(directory); });
     ::close(directory);
     return result;
   }
 
-  int remove(const std::string& path) override { return ::unlink(path.c_str()) == 0 ? 0 : -errno; }
+  int remove(const std::string& path, int file) override {
+    const int directory = openDirectory(directoryOf(path), O_PATH);
+    if (directory < 0) return directory;
+    const int result = removeFrom(directory, path.c_str() + path.rfind('/') + 1, file);
+    ::close(directory);
+    return result;
+  }
 
   int resolve(const std::string& path, std::string& resolved) override {
     const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr),

@@ -73,7 +73,9 @@ class FileOps {
   virtual int inspectPath(const std::string& path, FileInfo& info) = 0;  // of a link itself
   virtual int truncate(int file, int64_t size) = 0;
   virtual int sync(int file) = 0;  // the file's bytes and its length, not its name
-  virtual int remove(const std::string& path) = 0;
+
+  // Takes from the open `file` its name `path`. -ESTALE when that is another file's by now.
+  virtual int remove(const std::string& path, int file) = 0;
 
   // The lock on that part of the file that this opening of it has from now on: it excludes other
   // openings, in this process and elsewhere. -EAGAIN when one of theirs is in the way; what this

@@ -142,14 +142,16 @@ int Journal::rollBack(RegularFile& file) noexcept {
 }
 
 bool Journal::isThere() noexcept try {
-  FileInfo info{};
-  return ops_.inspectPath(journalPathOf(file_.path), info) == 0;
+  FileInfo there{};
+  FileInfo own{};
+  return ops_.inspectPath(journalPathOf(file_.path), there) == 0 &&
+         ops_.inspect(journal_.number(), own) == 0 && isSameFile(there, own);
 } catch (const std::bad_alloc&) {
   return false;
 }
 
 int Journal::remove() noexcept try {
-  return -ops_.remove(journalPathOf(file_.path));
+  return -ops_.remove(journalPathOf(file_.path), journal_.number());
 } catch (const std::bad_alloc&) {
   return ENOMEM;
 }

@@ -27,8 +27,8 @@ enum JournalFlag : uint32_t {
 //    12   4   flags       JournalFlag
 //    16   8   fileLength  bytes, before the update
 //    24   8   inode       of the file: a journal beside another one is not applied
-//    32   8   birth       of the file, in ns since 1970, as inode numbers are used again; 0 when
-//                         the system did not know
+//    32   8   birth       of the file, in ns since 1970, as inode numbers are used again; 0 where
+//                         the system does not know it
 //    40   8   salt        of the records' checksums: a record of an earlier journal is none of this
 //    48   8   checksum    of the 48 bytes before
 //    56  456              zero

@@ -259,7 +259,8 @@ int LockedFiles::removeReserved(LockedFile& locked) {
 // journal that tells of the new one. And once the name is free that journal may be there already:
 // so none is touched from here on.
 int LockedFiles::removeLocked(const RegularFile& file) {
-  if (const int result = ops_->remove(file.path); result < 0) return -result;
+  if (const int result = ops_->remove(file.path, file.descriptor.number()); result < 0)
+    return -result;
   if (durability_ != Durability::full) return 0;
   return -ops_->syncDirectory(directoryOf(file.path));
 }

@@ -35,7 +35,7 @@ class NamelessFileOps : public FileOps {
   }
   int truncate(int file, int64_t size) override { return system_->truncate(file, size); }
   int sync(int file) override { return system_->sync(file); }
-  int remove(const std::string&) override { return 0; }
+  int remove(const std::string&, int) override { return 0; }
 
   // A lock would outlast the name's coming: it is the caller's opening of the file that has it.
   int lock(int, LockPart, LockKind) override { return 0; }

@@ -81,7 +81,7 @@ int32_t OpenFile::readPartsAt(const hx::ReadRequest* parts, int32_t count,
 int32_t OpenFile::writeOn(const void* source, int64_t count) noexcept {
   if (count == 0) return kDone;
   if (source == nullptr || count < 0) return kFailed;
-  if (!disk_.isWritable() || count > kLastPosition - position_) {
+  if (!disk_.isWritable() || count > kLongestFile - position_) {
     disk_.noteFailure({disk_.isWritable() ? EFBIG : EBADF, FileOperation::kWrite, position_});
     if (disk_.isWritable()) disk_.stopWriting();
     return kFailed;

@@ -92,7 +92,7 @@ int removeIfLeftEmpty(FileOps& ops, RegularFile& file) {
   const int error = inspectAgain(ops, file);
   if (error == ENOENT) return 0;
   if (error != 0 || file.info.size != 0) return error;
-  return -ops.remove(file.path);
+  return -ops.remove(file.path, file.descriptor.number());
 }
 
 std::string directoryOf(const std::string& path) {

@@ -38,10 +38,9 @@ int readHeader(FileOps& ops, int journal, JournalHeader& header) {
   return 0;
 }
 
-// A birth that the system did not know then, or does not now, tells nothing.
+// Where the system tells a birth, a journal that has none was not written here.
 bool isOf(const JournalHeader& header, const FileInfo& file) {
-  const bool isBirthKnown = header.birth != 0 && file.birth != 0;
-  return header.inode == file.inode && (!isBirthKnown || header.birth == file.birth);
+  return header.inode == file.inode && (file.birth == 0 || header.birth == file.birth);
 }
 
 // Where everybody may create files, anybody could put a journal of his own beside a store.
@@ -106,7 +105,7 @@ int restoreFile(FileOps& ops, const JournalHeader& header, RegularFile& file) {
   if ((header.flags & kFileCreated) == 0) return 0;
   const int error = inspectAgain(ops, file);
   if (error != 0) return error == ENOENT ? 0 : error;
-  return -ops.remove(file.path);
+  return -ops.remove(file.path, number);
 }
 
 }  // namespace
@@ -129,7 +128,7 @@ int recoverFile(FileOps& ops, RegularFile& file) {
     error = applyJournal(ops, journal.descriptor.number(), file);
     if (error != 0) return error;
   }
-  if (const int result = ops.remove(path); result < 0) return -result;
+  if (const int result = ops.remove(path, journal.descriptor.number()); result < 0) return -result;
   return -ops.syncDirectory(directoryOf(path));
 }
 
