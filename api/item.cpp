@@ -6,8 +6,8 @@
 
 #include "host/linux/conversion.h"
 #include "member_path.h"
+#include "opening.h"
 #include "records/status.h"
-#include "tree.h"
 
 namespace hxcrate {
 
@@ -20,22 +20,22 @@ constexpr std::size_t kSkippedPiece = std::size_t{16} << 10;
 
 }  // namespace
 
-OpenItem::OpenItem(std::shared_ptr<Tree> tree, hx::ItemHandle* handle) noexcept
-    : tree_(std::move(tree)), handle_(handle) {}
+OpenItem::OpenItem(std::shared_ptr<Opening> opening, hx::ItemHandle* handle) noexcept
+    : opening_(std::move(opening)), handle_(handle) {}
 
 OpenItem::OpenItem(OpenItem&& other) noexcept
-    : tree_(std::move(other.tree_)), handle_(std::exchange(other.handle_, nullptr)) {}
+    : opening_(std::move(other.opening_)), handle_(std::exchange(other.handle_, nullptr)) {}
 
 OpenItem& OpenItem::operator=(OpenItem&& other) noexcept {
   OpenItem taken(std::move(other));
-  std::swap(tree_, taken.tree_);
+  std::swap(opening_, taken.opening_);
   std::swap(handle_, taken.handle_);
   return *this;
 }
 
 OpenItem::~OpenItem() {
   if (handle_ == nullptr) return;
-  tree_->engine().reportFailureOf(tree_->path(), [this] { close(); });
+  opening_->engine().reportFailureOf(opening_->path(), [this] { close(); });
 }
 
 std::int64_t OpenItem::size() const {
@@ -54,7 +54,7 @@ void OpenItem::close() {
   if (handle_ == nullptr) return;
   if (handle_->item->close(handle_) != 0) fail(hx::kNotLocked);
   handle_ = nullptr;
-  tree_.reset();
+  opening_.reset();
 }
 
 hx::ItemHandle* OpenItem::handle() const {
@@ -63,11 +63,11 @@ hx::ItemHandle* OpenItem::handle() const {
 }
 
 void OpenItem::fail(std::int32_t status) const {
-  tree_->fail(status, path());
+  opening_->fail(status, path());
 }
 
 void OpenItem::refuse(Errc code, std::string_view detail) const {
-  throw Error(code, tree_->path(), path(), detail);
+  throw Error(code, opening_->path(), path(), detail);
 }
 
 std::size_t Reader::read(std::span<std::byte> buffer) {

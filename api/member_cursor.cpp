@@ -10,9 +10,10 @@
 
 namespace hxcrate {
 
-MemberCursor::MemberCursor(std::shared_ptr<Tree> tree, hx::Store* store) : tree_(std::move(tree)) {
+MemberCursor::MemberCursor(std::shared_ptr<Opening> opening, hx::Store* store)
+    : opening_(std::move(opening)) {
   hx::Lock* lock = store->extension->lock;
-  if (lock->acquire(lock, 1, 1) != 0) tree_->fail(hx::kNotLocked, pathOf(*store));
+  if (lock->acquire(lock, 1, 1) != 0) opening_->fail(hx::kNotLocked, pathOf(*store));
   table_ = store->members;
   lock->release(lock);
 }

@@ -7,20 +7,20 @@
 #include <vector>
 
 #include "hxcrate/store.hpp"
+#include "opening.h"
 #include "records/records.h"
-#include "tree.h"
 
 namespace hxcrate {
 
 // Walks the table that the store had when the cursor was made, in its order and under no lock: a
 // new member is put before the others of its chain, and no member leaves its table, changes its
-// name or is followed by another one while the tree is open, which the cursor sees to. That is one
+// name or is followed by another one while the store is open, which the cursor sees to. That is one
 // visit a member; getNextMember looks every name up twice. Shows the same members as that: of
 // several of one name the first, and none without a name. Used by one thread.
 class MemberCursor {
  public:
   // Throws notLocked.
-  MemberCursor(std::shared_ptr<Tree> tree, hx::Store* store);
+  MemberCursor(std::shared_ptr<Opening> opening, hx::Store* store);
 
   // Fills in the next member; false at the end.
   bool next(Member& member);
@@ -29,7 +29,7 @@ class MemberCursor {
   bool fillChain();
   void dropRepeated();
 
-  std::shared_ptr<Tree> tree_;  // keeps the members where they are
+  std::shared_ptr<Opening> opening_;  // keeps the members where they are
   hx::MemberTable table_;
   std::int32_t bucket_ = 0;                // whose chain is next
   std::vector<const hx::Member*> chain_;   // what is shown of the one before

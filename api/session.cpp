@@ -10,8 +10,8 @@
 #include "host/linux/open_request.h"
 #include "mapped_file.h"
 #include "member_path.h"
+#include "opening.h"
 #include "records/status.h"
-#include "tree.h"
 
 namespace hxcrate {
 
@@ -123,8 +123,8 @@ class FileOpener {
 constexpr std::size_t kShortestStore = 40;  // a header
 
 // The store over `bytes`, which `owner` keeps where they are; null: the caller does.
-std::shared_ptr<Tree> openBytes(std::shared_ptr<Engine> engine, std::span<const std::byte> bytes,
-                                const std::string& name, std::shared_ptr<const void> owner) {
+std::shared_ptr<Opening> openBytes(std::shared_ptr<Engine> engine, std::span<const std::byte> bytes,
+                                   const std::string& name, std::shared_ptr<const void> owner) {
   if (bytes.size() < kShortestStore) throw Error(Errc::notAStore, name, "");
   const std::u32string wide = widenName(name);
   std::int32_t status = hx::kOk;
@@ -133,7 +133,8 @@ std::shared_ptr<Tree> openBytes(std::shared_ptr<Engine> engine, std::span<const 
                                               static_cast<std::int32_t>(wide.size()), hx::kRead,
                                               &status));
   if (root == nullptr) throw Error(static_cast<Errc>(status), name, "");
-  return std::make_shared<Tree>(std::move(engine), std::move(root), name, false, std::move(owner));
+  return std::make_shared<Opening>(std::move(engine), std::move(root), name, false,
+                                   std::move(owner));
 }
 
 }  // namespace
@@ -156,15 +157,15 @@ std::int32_t Session::choosePageSize(std::int32_t wanted, const std::string& sto
 
 Store Session::open(const std::string& path, Mode mode, OpenOptions options) {
   options.pageSize = choosePageSize(options.pageSize, path);
-  std::shared_ptr<Tree> tree;
+  std::shared_ptr<Opening> opening;
   {
     const std::lock_guard guard(engine()->openingMutex());
     OpenedRoot root(FileOpener(*engine(), path, mode, options).open());
-    tree = std::make_shared<Tree>(engine(), std::move(root), path, mode != Mode::read);
+    opening = std::make_shared<Opening>(engine(), std::move(root), path, mode != Mode::read);
   }
-  Store store(tree, tree->root(), "");
+  Store store(opening, opening->root());
   const std::error_code damage = store.damage();
-  if (damage && !options.acceptDamaged) tree->fail(damage.value(), "");
+  if (damage && !options.acceptDamaged) opening->fail(damage.value(), "");
   return store;
 }
 
@@ -190,18 +191,18 @@ Store Session::createInMemory(const std::string& name, std::int32_t pageSize) {
                         hx::kUpdate | hx::kCreate | hx::kExclusive | hx::kNoFile, &status));
   if (root == nullptr) throw Error(static_cast<Errc>(status), name, "");
   if (pageSize != 0) root->setPageSize(root.get(), pageSize);
-  const auto tree = std::make_shared<Tree>(engine(), std::move(root), name, true);
-  return {tree, tree->root(), ""};
+  const auto opening = std::make_shared<Opening>(engine(), std::move(root), name, true);
+  return {opening, opening->root()};
 }
 
 Store Session::openBlob(std::span<const std::byte> bytes, const std::string& name) {
-  const std::shared_ptr<Tree> tree = openBytes(engine(), bytes, name, nullptr);
-  return {tree, tree->root(), ""};
+  const std::shared_ptr<Opening> opening = openBytes(engine(), bytes, name, nullptr);
+  return {opening, opening->root()};
 }
 
 Store Session::openBlob(const Blob& blob, const std::string& name) {
-  const std::shared_ptr<Tree> tree = openBytes(engine(), blob.bytes(), name, blob.memory_);
-  return {tree, tree->root(), ""};
+  const std::shared_ptr<Opening> opening = openBytes(engine(), blob.bytes(), name, blob.memory_);
+  return {opening, opening->root()};
 }
 
 Store Session::openMapped(const std::string& path) {
@@ -210,8 +211,8 @@ Store Session::openMapped(const std::string& path) {
     const std::lock_guard guard(engine()->openingMutex());
     file = std::make_shared<const MappedFile>(engine(), path);
   }
-  const std::shared_ptr<Tree> tree = openBytes(engine(), file->bytes(), path, file);
-  return {tree, tree->root(), ""};
+  const std::shared_ptr<Opening> opening = openBytes(engine(), file->bytes(), path, file);
+  return {opening, opening->root()};
 }
 
 MemoryUse Session::memoryUse() const {

@@ -6,8 +6,8 @@
 #include "hxcrate/error.hpp"
 #include "member_cursor.h"
 #include "member_path.h"
+#include "opening.h"
 #include "records/status.h"
-#include "tree.h"
 
 namespace hxcrate {
 
@@ -39,10 +39,10 @@ class Step {
 class MemberOpener {
  public:
   // Throws badName before anything is opened or made.
-  MemberOpener(Tree& tree, hx::Store* start, const std::string& place, std::string_view path)
-      : tree_(tree), start_(start), place_(place), path_(path) {
+  MemberOpener(Opening& opening, hx::Store* start, std::string_view path)
+      : opening_(opening), start_(start), path_(path) {
     const std::string fault = findPathFault(path);
-    if (!fault.empty()) throw Error(Errc::badName, tree.path(), join(place, path), fault);
+    if (!fault.empty()) throw Error(Errc::badName, opening.path(), place(), fault);
   }
 
   hx::Store* openStore(std::uint32_t flags, Parents parents) const {
@@ -55,8 +55,8 @@ class MemberOpener {
     hx::Store* store = walk(container, parents);
     const WideName name(lastName());
     std::int32_t status = hx::kOk;
-    hx::ItemHandle* handle = tree_.module()->openItem(tree_.module(), store, name.characters(),
-                                                      name.length(), flags, &status);
+    hx::ItemHandle* handle = opening_.module()->openItem(
+        opening_.module(), store, name.characters(), name.length(), flags, &status);
     if (handle == nullptr) fail(status);
     return handle;
   }
@@ -81,17 +81,18 @@ class MemberOpener {
   hx::Store* step(hx::Store* store, std::string_view component, std::uint32_t flags) const {
     const WideName name(component);
     std::int32_t status = hx::kOk;
-    hx::Store* next = tree_.module()->openStore(tree_.module(), store, name.characters(),
-                                                name.length(), flags, &status);
+    hx::Store* next = opening_.module()->openStore(opening_.module(), store, name.characters(),
+                                                   name.length(), flags, &status);
     if (next == nullptr) fail(status);
     return next;
   }
 
-  [[noreturn]] void fail(std::int32_t status) const { tree_.fail(status, join(place_, path_)); }
+  std::string place() const { return join(pathOf(*start_), path_); }
 
-  Tree& tree_;
+  [[noreturn]] void fail(std::int32_t status) const { opening_.fail(status, place()); }
+
+  Opening& opening_;
   hx::Store* start_;
-  const std::string& place_;
   std::string_view path_;
 };
 
@@ -110,22 +111,19 @@ void MemberRange::Iterator::advance() {
 }
 
 MemberRange::Iterator MemberRange::begin() const {
-  return Iterator(std::make_unique<MemberCursor>(tree_, store_));
+  return Iterator(std::make_unique<MemberCursor>(opening_, store_));
 }
 
-Store::Store(std::shared_ptr<Tree> tree, hx::Store* store, std::string place) noexcept
-    : tree_(std::move(tree)), store_(store), place_(std::move(place)) {}
+Store::Store(std::shared_ptr<Opening> opening, hx::Store* store) noexcept
+    : opening_(std::move(opening)), store_(store) {}
 
 Store::Store(Store&& other) noexcept
-    : tree_(std::move(other.tree_)),
-      store_(std::exchange(other.store_, nullptr)),
-      place_(std::move(other.place_)) {}
+    : opening_(std::move(other.opening_)), store_(std::exchange(other.store_, nullptr)) {}
 
 Store& Store::operator=(Store&& other) noexcept {
   Store taken(std::move(other));
-  std::swap(tree_, taken.tree_);
+  std::swap(opening_, taken.opening_);
   std::swap(store_, taken.store_);
-  std::swap(place_, taken.place_);
   return *this;
 }
 
@@ -136,16 +134,16 @@ Store::~Store() {
 void Store::release() noexcept {
   if (store_ != nullptr && !hx::isRoot(store_)) store_->closeStore(store_);
   store_ = nullptr;
-  tree_.reset();
+  opening_.reset();
 }
 
 void Store::close() {
   if (store_ == nullptr) return;
   if (hx::isRoot(store_)) {
-    if (tree_.use_count() > 1) throw Error(Errc::membersOpen, path(), "");
-    const std::shared_ptr<Tree> tree = std::move(tree_);
+    if (opening_.use_count() > 1) throw Error(Errc::membersOpen, path(), "");
+    const std::shared_ptr<Opening> opening = std::move(opening_);
     store_ = nullptr;
-    tree->close();
+    opening->close();
     return;
   }
   release();
@@ -153,8 +151,8 @@ void Store::close() {
 
 void Store::abandon() {
   if (store_ == nullptr) return;
-  if (hx::isRoot(store_) && tree_.use_count() > 1) throw Error(Errc::membersOpen, path(), "");
-  const bool isAbandoned = tree_->abandonUpdate();
+  if (hx::isRoot(store_) && opening_.use_count() > 1) throw Error(Errc::membersOpen, path(), "");
+  const bool isAbandoned = opening_->abandonUpdate();
   try {
     close();
   } catch (const Error& error) {
@@ -180,15 +178,13 @@ Store Store::openOrCreateStore(std::string_view path, Parents parents) {
 
 Store Store::openNested(std::string_view path, std::uint32_t flags, Parents parents) const {
   hx::Store* start = store();
-  std::string place = join(place_, path);
-  hx::Store* opened = MemberOpener(*tree_, start, place_, path).openStore(flags, parents);
-  return {tree_, opened, std::move(place)};
+  return {opening_, MemberOpener(*opening_, start, path).openStore(flags, parents)};
 }
 
 template <typename Handle>
 Handle Store::openItem(std::string_view path, std::uint32_t flags, Parents parents) const {
   hx::Store* start = store();
-  return {tree_, MemberOpener(*tree_, start, place_, path).openItem(flags, parents)};
+  return {opening_, MemberOpener(*opening_, start, path).openItem(flags, parents)};
 }
 
 Reader Store::read(std::string_view path) const {
@@ -206,22 +202,26 @@ Writer Store::append(std::string_view path, Parents parents) {
 }
 
 MemberRange Store::members() const {
-  return {tree_, store()};
+  return {opening_, store()};
 }
 
 Blob Store::makeBlob() {
   hx::Store* source = store();
-  if (!hx::isRoot(source) || !tree_->isInMemory()) throw Error(Errc::noBlob, path(), place_);
-  std::shared_ptr<hx::Pool> pool = Engine::makePool(tree_->sharedEngine());
+  if (!hx::isRoot(source) || !opening_->isInMemory()) throw Error(Errc::noBlob, path(), place());
+  std::shared_ptr<hx::Pool> pool = Engine::makePool(opening_->sharedEngine());
   std::uint64_t size = 0;
   const void* start = source->createBlobFromStore(source, &size, pool.get());
-  if (start == nullptr) tree_->fail(hx::kNoMemory, place_);
+  if (start == nullptr) opening_->fail(hx::kNoMemory, place());
   return {std::move(pool), {static_cast<const std::byte*>(start), size}};
 }
 
 const std::string& Store::path() const& {
   store();
-  return tree_->path();
+  return opening_->path();
+}
+
+std::string Store::place() const {
+  return store_ != nullptr ? pathOf(*store_) : std::string();
 }
 
 std::int32_t Store::pageSize() const {
@@ -231,7 +231,7 @@ std::int32_t Store::pageSize() const {
 
 bool Store::isWritable() const {
   store();
-  return tree_->writable();
+  return opening_->writable();
 }
 
 std::error_code Store::damage() const {
@@ -240,11 +240,11 @@ std::error_code Store::damage() const {
 }
 
 void Store::requireWritable() const {
-  if (!isWritable()) throw Error(Errc::readOnly, path(), place_);
+  if (!isWritable()) throw Error(Errc::readOnly, path(), place());
 }
 
 hx::Store* Store::store() const {
-  if (store_ == nullptr) throw Error(Errc::closed, "", place_);
+  if (store_ == nullptr) throw Error(Errc::closed, "", "");
   return store_;
 }
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "tree.h"
+#include "opening.h"
 
 namespace hxcrate {
 
@@ -72,8 +72,8 @@ ItemOutputBuffer::ItemOutputBuffer(Writer writer)
 
 ItemOutputBuffer::~ItemOutputBuffer() {
   if (!writer_.isOpen()) return;
-  const std::shared_ptr<Tree> tree = writer_.tree();  // close lets go of it
-  tree->engine().reportFailureOf(tree->path(), [this] { close(); });
+  const std::shared_ptr<Opening> opening = writer_.opening();  // close lets go of it
+  opening->engine().reportFailureOf(opening->path(), [this] { close(); });
 }
 
 void ItemInputBuffer::close() {

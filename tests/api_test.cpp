@@ -1,6 +1,7 @@
 // The C++ API over the real host and the real module.
 
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
 
@@ -272,6 +273,20 @@ TEST_F(ApiTest, RefusesWhatContradictsWhatIsThere) {
   EXPECT_EQ(thrownBy([&] { return store.openStore("s").create("item"); })->member(), "s/item");
   store.close(error);
   EXPECT_TRUE(!error && !store.isOpen());
+}
+
+// A store per level is open, and each path has 65 bytes a level.
+TEST_F(ApiTest, KeepsNoPathsOfWhatIsNestedDeeply) {
+  const std::string name(64, 'n');
+  std::vector<Store> open;
+  open.push_back(session_.createInMemory("x"));
+  const std::size_t before = ::mallinfo2().uordblks + ::mallinfo2().hblkhd;
+  for (int level = 1; level <= 2000; ++level)
+    open.push_back(open.back().createStore(name));
+  EXPECT_EQ(open.back().place().size(), 2000u * 65 - 1);
+  EXPECT_LT(::mallinfo2().uordblks + ::mallinfo2().hblkhd - before, 16u << 20);
+  while (!open.empty())
+    open.pop_back();
 }
 
 TEST_F(ApiTest, KeepsOthersOutOfAFileThatIsUpdatedOrMapped) {

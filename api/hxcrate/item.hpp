@@ -21,7 +21,7 @@ struct ItemHandle;
 
 namespace hxcrate {
 
-class Tree;
+class Opening;
 
 constexpr std::int64_t kItemCapacity = 2147483647;  // bytes
 
@@ -53,7 +53,7 @@ class OpenItem {
 
  protected:
   OpenItem() noexcept = default;
-  OpenItem(std::shared_ptr<Tree> tree, hx::ItemHandle* handle) noexcept;
+  OpenItem(std::shared_ptr<Opening> opening, hx::ItemHandle* handle) noexcept;
   OpenItem(OpenItem&& other) noexcept;
   OpenItem& operator=(OpenItem&& other) noexcept;  // closes what was open
   // Closes. A failure goes to the session's onUnreportedError.
@@ -62,10 +62,10 @@ class OpenItem {
   hx::ItemHandle* handle() const;  // throws closed
   [[noreturn]] void fail(std::int32_t status) const;
   [[noreturn]] void refuse(Errc code, std::string_view detail) const;
-  const std::shared_ptr<Tree>& tree() const noexcept { return tree_; }  // of an open item
+  const std::shared_ptr<Opening>& opening() const noexcept { return opening_; }  // of an open item
 
  private:
-  std::shared_ptr<Tree> tree_;
+  std::shared_ptr<Opening> opening_;
   hx::ItemHandle* handle_ = nullptr;
 };
 
@@ -109,8 +109,8 @@ class [[nodiscard]] Reader : public OpenItem {
 
  private:
   friend class Store;
-  Reader(std::shared_ptr<Tree> tree, hx::ItemHandle* handle) noexcept
-      : OpenItem(std::move(tree), handle) {}
+  Reader(std::shared_ptr<Opening> opening, hx::ItemHandle* handle) noexcept
+      : OpenItem(std::move(opening), handle) {}
 
   template <typename Elements>
   Elements readRest() {
@@ -150,8 +150,8 @@ class [[nodiscard]] Writer : public OpenItem {
  private:
   friend class Store;
   friend class ItemOutputBuffer;
-  Writer(std::shared_ptr<Tree> tree, hx::ItemHandle* handle) noexcept
-      : OpenItem(std::move(tree), handle) {}
+  Writer(std::shared_ptr<Opening> opening, hx::ItemHandle* handle) noexcept
+      : OpenItem(std::move(opening), handle) {}
 };
 
 }  // namespace hxcrate

@@ -76,10 +76,10 @@ class [[nodiscard]] MemberRange : public std::ranges::view_base {
 
  private:
   friend class Store;
-  MemberRange(std::shared_ptr<Tree> tree, hx::Store* store)
-      : tree_(std::move(tree)), store_(store) {}
+  MemberRange(std::shared_ptr<Opening> opening, hx::Store* store)
+      : opening_(std::move(opening)), store_(store) {}
 
-  std::shared_ptr<Tree> tree_;
+  std::shared_ptr<Opening> opening_;
   hx::Store* store_;
 };
 
@@ -145,9 +145,8 @@ class [[nodiscard]] Store {
   // Of the file, as given; the name of a store without one. Valid until the store is closed.
   const std::string& path() const&;
   const std::string& path() const&& = delete;
-  // The path inside it; empty: all of it. Valid as long as this object.
-  const std::string& place() const& noexcept { return place_; }
-  const std::string& place() const&& = delete;
+  // The path inside it; empty: all of it, or closed.
+  std::string place() const;
   std::int32_t pageSize() const;  // of the file, bytes
   bool isWritable() const;
   bool isOpen() const noexcept { return store_ != nullptr; }
@@ -173,7 +172,7 @@ class [[nodiscard]] Store {
 
  private:
   friend class Session;
-  Store(std::shared_ptr<Tree> tree, hx::Store* store, std::string place) noexcept;
+  Store(std::shared_ptr<Opening> opening, hx::Store* store) noexcept;
 
   Store openNested(std::string_view path, std::uint32_t flags, Parents parents) const;
   template <typename Handle>
@@ -182,9 +181,8 @@ class [[nodiscard]] Store {
   hx::Store* store() const;  // throws closed
   void release() noexcept;
 
-  std::shared_ptr<Tree> tree_;
+  std::shared_ptr<Opening> opening_;
   hx::Store* store_ = nullptr;
-  std::string place_;
 };
 
 }  // namespace hxcrate

@@ -11,7 +11,7 @@
 
 namespace hxcrate {
 
-// Closes what the module opened, until a Tree does.
+// Closes what the module opened, until a Opening does.
 struct RootCloser {
   void operator()(hx::Store* root) const { root->closeStore(root); }
 };
@@ -19,14 +19,14 @@ using OpenedRoot = std::unique_ptr<hx::Store, RootCloser>;
 
 // One opening of a store file, a store in memory or a blob, shared by everything that was opened
 // through it. The last to go closes it.
-class Tree {
+class Opening {
  public:
   // Takes over the opening of `root`, and a share in the `bytes` that it was opened from.
-  Tree(std::shared_ptr<Engine> engine, OpenedRoot root, std::string path, bool writable,
-       std::shared_ptr<const void> bytes = nullptr);
-  ~Tree();
-  Tree(const Tree&) = delete;
-  Tree& operator=(const Tree&) = delete;
+  Opening(std::shared_ptr<Engine> engine, OpenedRoot root, std::string path, bool writable,
+          std::shared_ptr<const void> bytes = nullptr);
+  ~Opening();
+  Opening(const Opening&) = delete;
+  Opening& operator=(const Opening&) = delete;
 
   Engine& engine() const { return *engine_; }
   const std::shared_ptr<Engine>& sharedEngine() const { return engine_; }

@@ -1,4 +1,4 @@
-#include "tree.h"
+#include "opening.h"
 
 #include <utility>
 
@@ -15,8 +15,8 @@ std::shared_ptr<hxhost::FileOutcome> outcomeOf(hx::Store* root) {
 
 }  // namespace
 
-Tree::Tree(std::shared_ptr<Engine> engine, OpenedRoot root, std::string path, bool writable,
-           std::shared_ptr<const void> bytes)
+Opening::Opening(std::shared_ptr<Engine> engine, OpenedRoot root, std::string path, bool writable,
+                 std::shared_ptr<const void> bytes)
     : engine_(std::move(engine)),
       bytes_(std::move(bytes)),
       path_(std::move(path)),
@@ -24,15 +24,15 @@ Tree::Tree(std::shared_ptr<Engine> engine, OpenedRoot root, std::string path, bo
       writable_(writable),
       root_(root.release()) {}
 
-Tree::~Tree() {
+Opening::~Opening() {
   engine_->reportFailureOf(path_, [this] { close(); });
 }
 
-std::optional<FileFailure> Tree::takeFailure() {
+std::optional<FileFailure> Opening::takeFailure() {
   return outcome_ != nullptr ? takeFailureOf(*outcome_, path_) : std::nullopt;
 }
 
-void Tree::fail(std::int32_t status, const std::string& member) {
+void Opening::fail(std::int32_t status, const std::string& member) {
   const Errc code = static_cast<Errc>(status);
   if (std::optional<FileFailure> failure = takeFailure()) {
     throw Error(code, path_, member, *failure);
@@ -40,7 +40,7 @@ void Tree::fail(std::int32_t status, const std::string& member) {
   throw Error(code, path_, member);
 }
 
-bool Tree::abandonUpdate() {
+bool Opening::abandonUpdate() {
   if (!writable_) return false;
   const hx::LockGuard lock(module()->lock);  // without it others may be in the middle of a write
   if (!lock.taken()) throw Error(Errc::notLocked, path_, "");
@@ -49,7 +49,7 @@ bool Tree::abandonUpdate() {
   return file != nullptr;
 }
 
-void Tree::close() {
+void Opening::close() {
   if (root_ == nullptr) return;
   const std::lock_guard guard(engine_->openingMutex());
   // The module would keep a closed store in memory for a later open, which nobody can ask for.
