@@ -174,8 +174,8 @@ Store Session::createIn(int file, const std::string& path, OpenOptions options) 
   options.pageSize = choosePageSize(options.pageSize, path);
   const auto own = std::make_shared<Engine>(engine()->options(), hxhost::makeNamelessFileOps(file));
   OpenedRoot root(FileOpener(*own, path, Mode::openOrCreate, options).openOrCreateEmpty());
-  const auto tree = std::make_shared<Tree>(own, std::move(root), path, true);
-  return {tree, tree->root(), ""};
+  const auto opening = std::make_shared<Opening>(own, std::move(root), path, true);
+  return {opening, opening->root()};
 }
 
 // The module keeps all of the name, blobs what follows its last separator. The number tells stores
