@@ -2,6 +2,7 @@
 
 #include "file/header.h"
 #include "file/load_directory.h"
+#include "file/shared_storage.h"
 #include "file/storage.h"
 #include "records/memory.h"
 #include "records/slots.h"
@@ -21,6 +22,7 @@ void fillBlobStore(Store* store, ExtensionInstance* instance, const void* blob, 
   store->extension = instance;
   store->openCount = 1;
   fillStoreSlots(store);
+  shareStorage(store);
 }
 
 // The name comes behind the check: damage is damage, whether or not there is memory.

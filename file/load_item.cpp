@@ -34,13 +34,10 @@ struct ChainWalk {
     return size <= INT32_MAX;
   }
 
-  // Every full page needs a record and a block of its own, so a chain longer than the file has room
-  // for goes in circles.
   bool goToEnd() {
-    const int64_t perPage = kChunkSize + static_cast<int64_t>(item->parent->root->pageSize);
-    const int64_t mostPages = storedLength(item->parent) / perPage;
+    const int64_t most = mostPages(item);
     while (place.chunk.next != 0) {
-      if (place.index >= mostPages || !stepTo(place.chunk.next, place.index + 1)) return false;
+      if (place.index >= most || !stepTo(place.chunk.next, place.index + 1)) return false;
     }
     return true;
   }
@@ -66,6 +63,7 @@ int32_t loadOnePage(ItemMember* item, bool wantsFirst) {
   item->firstPage = page;
   item->lastPage = page;
   item->size = static_cast<int32_t>(walk.size);
+  item->isSizeKnown = true;
   return 0;
 }
 
@@ -90,9 +88,17 @@ extern "C" int32_t loadItemFromMemory(ItemMember* item, uint32_t flags) {
 bool readChunk(const ItemMember* item, int64_t offset, int32_t index, ChunkPlace* place) {
   place->offset = offset;
   place->index = index;
-  if (!readStored(item->parent, offset, &place->chunk, kChunkSize)) return false;
+  return readStored(item->parent, offset, &place->chunk, kChunkSize) && acceptChunk(item, place);
+}
+
+bool acceptChunk(const ItemMember* item, ChunkPlace* place) {
   translateStructure(item->parent, &place->chunk, kChunkSize, DATACHUNK_map);
-  return isSound(item, place->chunk, index);
+  return isSound(item, place->chunk, place->index);
+}
+
+int64_t mostPages(const ItemMember* item) {
+  const int64_t perPage = kChunkSize + static_cast<int64_t>(item->parent->root->pageSize);
+  return storedLength(item->parent) / perPage;
 }
 
 PageBuf* newPage(const ItemMember* item) {

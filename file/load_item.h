@@ -33,6 +33,13 @@ struct ChunkPlace {
 // its page does not lie in the file, or when it breaks the rules of a chain.
 bool readChunk(const ItemMember* item, int64_t offset, int32_t index, ChunkPlace* place);
 
+// The same of a record that was read as it stands into `place`.
+bool acceptChunk(const ItemMember* item, ChunkPlace* place);
+
+// Every full page needs a record and a block of its own, so a chain of more pages than these goes
+// in circles.
+int64_t mostPages(const ItemMember* item);
+
 // A page in no list yet, with room for its bytes unless they lie in a blob; null without memory.
 PageBuf* newPage(const ItemMember* item);
 

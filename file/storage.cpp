@@ -1,6 +1,7 @@
 #include "file/storage.h"
 
 #include "file/record_maps.h"
+#include "file/shared_storage.h"
 #include "file/translate.h"
 
 namespace hx {
@@ -57,6 +58,7 @@ bool readFile(FileHandle* file, int64_t offset, void* to, int64_t length) {
 void closeStoreFile(Store* root) {
   FileHandle* file = openFile(root);
   if (file == nullptr) return;
+  withdrawStorage(root);
   root->file = nullptr;
   file->close(file);
 }

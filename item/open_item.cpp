@@ -123,6 +123,7 @@ class NewItem {
     item_->parent = store;
     item_->kind = kItemKind;
     item_->dirty = 1;
+    item_->isSizeKnown = true;
     item_->firstPage = page_;
     item_->lastPage = page_;
     fillItemSlots(item_);

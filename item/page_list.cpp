@@ -19,7 +19,7 @@ bool isDirty(const PageBuf* page) {
 
 extern "C" void decrementPageUseCount(ItemMember* item, PageBuf* page) {
   if (page->useCount > 0) --page->useCount;
-  if (page->useCount > 0 || !hasStorage(item) || isDirty(page)) return;
+  if (page->useCount > 0 || !hasStorage(item) || isDirty(page) || item->pageHolders > 0) return;
   PageBuf** link = &item->firstPage;
   while (*link != nullptr && *link != page)
     link = &(*link)->next;

@@ -67,7 +67,8 @@ void copyIn(ItemHandle* handle, const uint8_t* from, int32_t count) {
   copyBytes(handle->page->buffer + offset, from, static_cast<uint64_t>(count));
   handle->page->flags |= kPageDirty;
   handle->position += count;
-  handle->item->size += count;
+  // Who asks for the length does not wait for the writer.
+  __atomic_store_n(&handle->item->size, handle->item->size + count, __ATOMIC_RELAXED);
 }
 
 }  // namespace

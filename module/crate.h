@@ -17,6 +17,7 @@ typedef struct CrateInstance CrateInstance;
 typedef struct CrateStore CrateStore;
 typedef struct CrateItem CrateItem;
 typedef struct CrateHandle CrateHandle;
+typedef struct CrateView CrateView;
 
 enum {
   HX_OK = 0,

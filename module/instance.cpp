@@ -1,5 +1,7 @@
 #include "blob/open_blob.h"
 #include "item/open_item.h"
+#include "item/open_view.h"
+#include "item/read_at.h"
 #include "module/entry.h"
 #include "records/bytes.h"
 #include "records/memory.h"
@@ -61,6 +63,13 @@ bool getServices(ExtensionInstance* instance, HostHandle* host) {
   return false;
 }
 
+bool canReadAt(FileIo* files) {
+  int64_t major = 0, minor = 0, patch = 0;
+  if (files->head.getVersion == nullptr) return false;
+  if (files->head.getVersion(files, &major, &minor, &patch) != 0) return false;
+  return major == HX_READ_AT_MAJOR && minor >= HX_READ_AT_MINOR;
+}
+
 void fillInstance(ExtensionInstance* instance) {
   copyBytes(instance->eyeCatcher, "nevo", sizeof(instance->eyeCatcher));
   instance->getRequiredVersion = hxcrateGetReqVersion;
@@ -69,6 +78,10 @@ void fillInstance(ExtensionInstance* instance) {
   instance->openStore = hxcrateOpenStore;
   instance->openItem = hxcrateOpenItem;
   instance->openStoreFromMemory = hxcrateOpenStoreFromMemory;
+  instance->openView = hxcrateOpenView;
+  instance->readItem = hxcrateReadItem;
+  instance->sizeOfItem = hxcrateSizeOfItem;
+  instance->filesReadAt = canReadAt(instance->fileExtension);
 }
 
 // Without the extension the identity stays all zero, and headers carry that.

@@ -17,6 +17,7 @@ struct ExtensionInstance;
 struct Store;
 struct ItemMember;
 struct ItemHandle;
+struct ItemView;
 struct PageBuf;
 struct FreeExtent;
 
@@ -82,7 +83,17 @@ struct ExtensionInstance {
                                 const char32_t* name, int32_t length, uint32_t flags,
                                 int32_t* status);
 
-  MemberIndex storeIndex;  // the module's own; of `stores`
+  // Behind what every module of this kind has.
+  ItemView* (*openView)(ExtensionInstance* instance, Store* store, const char32_t* name,
+                        int32_t length, int32_t* status);
+  int32_t (*readItem)(ExtensionInstance* instance, Store* store, const char32_t* name,
+                      int32_t length, void* buffer, int32_t capacity, int64_t* size,
+                      int32_t* status);
+  int64_t (*sizeOfItem)(ItemMember* item, int32_t* status);
+
+  // The module's own.
+  MemberIndex storeIndex;  // of `stores`
+  bool filesReadAt;        // the host's files have `readAt`
 };
 
 // Bits of the `flags` of a Store and of an ItemMember.
@@ -143,6 +154,11 @@ struct Store {
   bool hasHadFile;      // a file was opened for it at least once; never true in a blob's tree
   bool condemned;       // dropped while handles were open: the last handle's close purges it
   FileStamp stamp;      // its header is valid while the store is cached and closed
+
+  // What bytes may be read from without the lock (file/shared_storage.h): the file while it is open
+  // for reading, if the host has `readAt`; the blob; else null. Set with the lock held.
+  void* sharedStorage;
+  int32_t sharedReads;  // under way; what was shared is closed when they are over
 };
 
 // An item of a store.
@@ -165,8 +181,12 @@ struct ItemMember {
   uint32_t (*read)(ItemHandle* handle, void* buffer, int32_t length, void* conversionArgument,
                    int32_t* status);
   int32_t (*close)(ItemHandle* handle);
-  uint32_t flags;     // RecordFlag
-  uint32_t nameHash;  // the module's own: from when the item was entered into a table
+  uint32_t flags;  // RecordFlag
+
+  // The module's own.
+  uint32_t nameHash;    // from when the item was entered into a table
+  bool isSizeKnown;     // `size` is the item's length, whether or not a page is in memory
+  int32_t pageHolders;  // views that know pages by their address: until then no page leaves memory
 };
 
 // One opening of an item; used by one thread at a time.
@@ -253,6 +273,9 @@ static_assert(offsetof(ExtensionInstance, encodingId) == 608);
 static_assert(offsetof(ExtensionInstance, openStore) == 664);
 static_assert(offsetof(ExtensionInstance, openItem) == 672);
 static_assert(offsetof(ExtensionInstance, openStoreFromMemory) == 680);
+static_assert(offsetof(ExtensionInstance, openView) == 688);
+static_assert(offsetof(ExtensionInstance, readItem) == 696);
+static_assert(offsetof(ExtensionInstance, sizeOfItem) == 704);
 static_assert(offsetof(Store, name) == 0);
 static_assert(offsetof(Store, next) == 8);
 static_assert(offsetof(Store, nameLength) == 16);

@@ -3,6 +3,7 @@
 #include "file/converters.h"
 #include "file/file_stamp.h"
 #include "file/load_store.h"
+#include "file/shared_storage.h"
 #include "file/storage.h"
 #include "records/lock_guard.h"
 #include "records/member_table.h"
@@ -191,6 +192,7 @@ class StoreOpener {
     store->file = file.release();
     store->hasHadFile = true;
     store->openCount = accessMode == HX_ACCESS_UPDATE ? -1 : 1;
+    shareStorage(store);
     return store;
   }
 
@@ -236,6 +238,7 @@ class StoreOpener {
       }
     }
     store->openCount = wants(kUpdate) ? -1 : 1;
+    shareStorage(store);
     return store;
   }
 

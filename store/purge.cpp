@@ -3,6 +3,7 @@
 #include "file/converters.h"
 #include "file/disk_space.h"
 #include "file/load_item.h"
+#include "file/shared_storage.h"
 #include "records/member_table.h"
 #include "records/memory.h"
 
@@ -65,6 +66,7 @@ extern "C" void freeMemory(Store* top) {
 }
 
 void dropStore(Store* root) {
+  withdrawStorage(root);
   releaseConverters(root);
   releaseFreeList(root);
   if (root->openHandles == 0) return purgeStore(root);

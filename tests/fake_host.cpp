@@ -160,6 +160,7 @@ struct FakeFile : FileHandle {
     read = slot<FakeFile, &FakeFile::deliver>;
     write = slot<FakeFile, &FakeFile::take>;
     seek = slot<FakeFile, &FakeFile::moveTo>;
+    readAt = slot<FakeFile, &FakeFile::fill>;
     if (host->files.count(name) != 0) before = host->files[name];
     bytes = &host->files[name];
     const Path full = "/full/" + named;
@@ -210,6 +211,22 @@ struct FakeFile : FileHandle {
     return 0;
   }
 
+  int32_t fill(const ReadRequest* parts, int32_t number, int64_t offset) {
+    EXPECT_FALSE(closed || canWrite || host->isLocked) << "a file is read so at the wrong time";
+    int64_t length = 0;
+    for (int32_t i = 0; i < number; ++i)
+      length += parts[i].count;
+    host->events.push_back({"vector", offset, length});
+    EXPECT_GE(offset, 0);
+    if (host->takesFault("vector") || offset + length > std::ssize(*bytes)) return 9;
+    for (int32_t i = 0; i < number; offset += parts[i++].count) {
+      EXPECT_GE(parts[i].count, 0);
+      std::copy_n(bytes->data() + offset, parts[i].count,
+                  static_cast<uint8_t*>(parts[i].destination));
+    }
+    return 0;
+  }
+
   // Ends an update: all of it stays, or nothing.
   void closeOnce() {
     fails("close");
@@ -243,6 +260,12 @@ struct FakeFileIo : Counted<FakeFileIo, FileIo> {
   explicit FakeFileIo(FakeHost* owner) : Counted(owner) {
     FileIo::open = slot<FakeFileIo, &FakeFileIo::open>;
     FileIo::remove = slot<FakeFileIo, &FakeFileIo::remove>;
+    head.getVersion = [](void* io, int64_t* a, int64_t* b, int64_t* c) -> int32_t {
+      *a = HX_READ_AT_MAJOR;
+      *b = HX_READ_AT_MINOR - (static_cast<FakeFileIo*>(io)->host->readsAt ? 0 : 1);
+      *c = 0;
+      return 0;
+    };
   }
 
   FileHandle* open(const char32_t* characters, int64_t length, const OpenParameters* parameters,

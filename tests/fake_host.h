@@ -23,7 +23,8 @@ using Path = std::string;  // one byte a character
 using Disk = std::map<Path, Bytes>;
 
 // What can fail. "close": an update that can't be made durable; "record": a record that is left
-// unconverted; "short": a read that delivers one byte. Besides, "service": to give a service.
+// unconverted; "short": a read that delivers one byte. Besides, "service": to give a service;
+// "vector": a positional read.
 constexpr const char* kFileFaults = "open read write seek remove close";
 constexpr const char* kAnyFault =
     "allocate lock open read write seek remove close make measure convert record short";
@@ -67,6 +68,7 @@ class FakeHost : public HostHandle {
   int64_t longestRead = INT64_MAX;     // a read delivers at most this many bytes
   int32_t removeResult = 0;            // nonzero: what `remove` answers, leaving the file alone
   bool knowsEncodings = true;          // whether there is an hxmok
+  bool readsAt = false;                // whether hxfio says that its files have `readAt`
 
   // For the slots.
   bool takesFault(const char* kind);

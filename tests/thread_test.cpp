@@ -5,8 +5,13 @@
 #include <hxcrate/crate.hpp>
 #include <hxcrate/inspect.hpp>
 #include <latch>
+#include <random>
 #include <thread>
 
+#include "host/linux/linux_host.h"
+#include "item/item_view.h"
+#include "module/entry.h"
+#include "records/status.h"
 #include "tests/module_image.h"
 #include "tests/temporary_directory.h"
 #include "tests/transcoded_file.h"
@@ -143,6 +148,72 @@ TEST_F(Threads, WorkTogetherInOneStore) {
   runTogether(session_.open(path_, Mode::update),
               {appendOwn, createMembers, createMembers, listMembers});
   runTogether(session_.open(foreign), {convertShared, convertShared, convertBlob, convertBlob});
+}
+
+// One call after the other, in one thread.
+class Module {
+ public:
+  Module() {
+    hx::hxmodent(host_.handle());
+    instance = hx::hxcrate();
+  }
+  ~Module() { instance->destroy(instance); }
+
+  hx::Store* open(const std::u32string& path, std::uint32_t flags) {
+    std::int32_t status = hx::kOk;
+    return instance->openStore(instance, nullptr, path.data(),
+                               static_cast<std::int32_t>(path.size()), flags, &status);
+  }
+
+  hx::ExtensionInstance* instance;
+
+ private:
+  hxhost::LinuxHost host_;
+};
+
+void readAnywhere(hx::ItemView* view, const std::string& expected, unsigned seed) {
+  std::mt19937 random(seed);
+  std::vector<char> bytes(3000);
+  for (int i = 0; i < 100; ++i) {
+    const auto offset = static_cast<std::size_t>(random() % expected.size());
+    std::int32_t status = hx::kOk;
+    const auto count = static_cast<std::size_t>(
+        view->readAt(view, static_cast<std::int64_t>(offset), bytes.data(), 3000, &status));
+    ASSERT_EQ(expected.compare(offset, count, bytes.data(), count), 0);
+    const bool isAll = offset + count == expected.size() || count == bytes.size();
+    ASSERT_TRUE(isAll || status == hx::kFileNotOpen) << status;
+  }
+}
+
+// Threads read through one view while its store goes on to be updated, is closed and opened again.
+TEST(ViewThreads, AViewIsReadWhileItsFileIsTakenAway) {
+  const hxtest::TemporaryDirectory folder;
+  const std::string path = folder / "store";
+  const std::u32string wide(path.begin(), path.end());
+  const std::string expected = bytesOf("a", 0, 100000);
+  {
+    Session session({.pageSize = 512});
+    session.open(path, Mode::create).create("a").write(expected);
+  }
+  Module module;
+  for (unsigned round = 0; round < 20; ++round) {
+    hx::Store* store = module.open(wide, hx::kRead);
+    std::int32_t status = hx::kOk;
+    hx::ItemView* view = module.instance->openView(module.instance, store, U"a", 1, &status);
+    std::vector<std::thread> threads;
+    for (unsigned i = 0; i < 8; ++i)
+      threads.emplace_back([&, i] { readAnywhere(view, expected, 8 * round + i); });
+    for (int i = 0; i < 4; ++i) {
+      EXPECT_EQ(module.open(wide, hx::kUpdate), store);
+      store->closeStore(store);
+      store->closeStore(store);
+      EXPECT_EQ(module.open(wide, hx::kRead), store);
+    }
+    for (std::thread& thread : threads)
+      thread.join();
+    EXPECT_EQ(view->close(view), 0);
+    store->closeStore(store);
+  }
 }
 
 }  // namespace
