@@ -130,6 +130,27 @@ class CrashSession {
   }
 };
 
+// A host's hxfio, without the module.
+class CrashFiles {
+ public:
+  explicit CrashFiles(const hxhost::HostOptions& options) : host(options) {}
+  ~CrashFiles() { io_->head.destroy(io_); }
+  CrashFiles(const CrashFiles&) = delete;
+  CrashFiles& operator=(const CrashFiles&) = delete;
+
+  hx::FileHandle* open(std::u32string_view path, int32_t mode) {
+    hx::OpenParameters parameters{};
+    parameters.accessMode = mode;
+    return io_->open(io_, path.data(), std::ssize(path), &parameters, 0, 0, "hxfio", nullptr, 0);
+  }
+
+  hxhost::LinuxHost host;
+
+ private:
+  hx::FileIo* io_ =
+      static_cast<hx::FileIo*>(host.handle()->loadExtension(host.handle(), U"hxfio", 5, 0));
+};
+
 // A host over that disk, which outlives it.
 inline hxhost::HostOptions hostOver(SimulatedDisk& disk, int64_t cacheBytes = 65536) {
   return {cacheBytes, {&disk, [](hxhost::FileOps*) {}}};

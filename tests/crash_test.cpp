@@ -10,9 +10,9 @@
 #include <chrono>
 #include <cstdlib>
 #include <iostream>
-#include <set>
 #include <thread>
 
+#include "tests/crash_explorer.h"
 #include "tests/crash_session.h"
 #include "tests/temporary_directory.h"
 
@@ -22,86 +22,38 @@ namespace {
 using hxhost::Durability;
 using hxhost::HostOptions;
 
-// Every state in which a power cut can leave the disk while the store is being updated: each is
-// opened by the real module on the real host, and must hold the store as it was before the update
-// or as it is after it. Few unsynced changes are combined in every way, of more a sample is; some
-// of the states that are to be rolled back are cut again then. Longer searches combine more.
-class CrashExplorer {
- public:
-  explicit CrashExplorer(Durability durability, bool isLong = false)
-      : durability_(durability), isLong_(isLong) {}
-
-  // One update of the store; a smaller cache makes more and smaller writes.
-  void explore(size_t step, int64_t cacheBytes) {
-    const std::string after = lookAt(diskBefore(step + 1));
-    allowed_ = {lookAt(diskBefore(step)), after};
-    SimulatedDisk disk(diskBefore(step));
-    disk.watch = [&](const DiskStep& done) {
-      if (done.changesDisk()) cutPower(disk, true);
-    };
-    HostOptions options = hostOver(disk, cacheBytes);
-    options.durability = durability_;
-    ASSERT_TRUE(CrashSession(options).update(step));
-    allowed_ = {after};
-    cutPower(disk, true);
-  }
-
-  uint64_t states = 0;
-  uint64_t statesOfRollbacks = 0;  // of them, left by a second cut
-  uint64_t cuts = 0;               // operations of the disk before which the power was cut
-  std::string firstFailure;
-
- private:
-  void cutPower(const SimulatedDisk& disk, bool isFirst) {
-    ++cuts;
-    const size_t count = disk.pending().size();
-    const bool isExhaustive = count <= (isFirst ? isLong_ ? 12u : 9u : 3u);
-    const uint32_t samples = isFirst && isLong_ ? 100 : 8;
-    std::vector<Fate> fates(count);
-    for (uint32_t i = 0; i < (isExhaustive ? 2u << count : samples); ++i) {
-      const uint64_t odds = random_() % 9 + 1;
-      for (size_t k = 0; k < count; ++k) {
-        const bool isKept = isExhaustive ? (i >> k & 1) != 0 : random_() % 9 < odds;
-        const bool isTorn = isExhaustive ? i >> count != 0 : random_() % 2 != 0;
-        fates[k] = isKept ? Fate::kKept : isTorn ? Fate::kTorn : Fate::kDropped;
-      }
-      examine(disk.afterPowerCut(fates, random_), isFirst);
-    }
-  }
-
-  void examine(const DiskImage& image, bool isFirst) {
-    ++states;
-    statesOfRollbacks += !isFirst;
-    SimulatedDisk disk(image);
-    const bool isCutAgain = isFirst && image.has(kCrashJournal) && ++journals_ % 25 == 0;
-    disk.watch = [&](const DiskStep& done) {
-      if (isCutAgain && done.changesDisk()) cutPower(disk, false);
-    };
-    const std::string found = lookAt(disk, states % 8 == 0 ? hx::kUpdate : hx::kRead);
-    if (isCutAgain) cutPower(disk, false);
-    if (allowed_.count(found) != 0 || !firstFailure.empty()) return;
-    firstFailure = "cut " + std::to_string(cuts) + ": found " + found.substr(0, 200);
-  }
-
-  const Durability durability_;
-  const bool isLong_;
-  std::mt19937 random_{7};
-  std::set<std::string> allowed_;
-  uint64_t journals_ = 0;
-};
-
 uint64_t wantedBy(const char* variable) {
   const char* const wanted = std::getenv(variable);
   return wanted != nullptr ? std::strtoull(wanted, nullptr, 10) : 0;
 }
 
+// Opens the store in either way.
+std::string lookInTurn(SimulatedDisk& disk) {
+  static uint64_t looks = 0;
+  return lookAt(disk, ++looks % 8 == 0 ? hx::kUpdate : hx::kRead);
+}
+
+// One update of the store; a smaller cache makes more and smaller writes.
+void exploreUpdate(CrashExplorer& explorer, Durability durability, size_t step,
+                   int64_t cacheBytes) {
+  const std::string after = lookAt(diskBefore(step + 1));
+  SimulatedDisk disk(diskBefore(step));
+  explorer.allow({lookAt(diskBefore(step)), after});
+  explorer.watch(disk);
+  HostOptions options = hostOver(disk, cacheBytes);
+  options.durability = durability;
+  ASSERT_TRUE(CrashSession(options).update(step));
+  explorer.allow({after});
+  explorer.cutPower(disk);
+}
+
 TEST(CrashTest, EveryStateHoldsTheStoreBeforeOrAfter) {
   const uint64_t wanted = wantedBy("HX_CRASH_STATES");
-  CrashExplorer explorer(Durability::full, wanted > 0);
+  CrashExplorer explorer(lookInTurn, wanted > 0);
   do {
     for (size_t step = 0; step < 4; ++step)
       for (const int64_t cacheBytes : {256, 4096, 65536})
-        explorer.explore(step, cacheBytes);
+        exploreUpdate(explorer, Durability::full, step, cacheBytes);
   } while (explorer.states < wanted && !HasFailure());
   EXPECT_EQ(explorer.firstFailure, "");
   EXPECT_GT(explorer.states, 10000u);
@@ -113,10 +65,61 @@ TEST(CrashTest, EveryStateHoldsTheStoreBeforeOrAfter) {
 // The search finds what it is there to find: without syncs a power cut does harm.
 TEST(CrashTest, WithoutSyncsStoresAreLost) {
   for (size_t step = 0; step < 4; ++step) {
-    CrashExplorer explorer(Durability::none);
-    explorer.explore(step, 65536);
+    CrashExplorer explorer(lookInTurn);
+    exploreUpdate(explorer, Durability::none, step, 65536);
     EXPECT_NE(explorer.firstFailure, "") << step;
   }
+}
+
+// The bytes of the file once it was opened; nothing is known of them but who wrote them.
+std::string readRaw(SimulatedDisk& disk) {
+  CrashFiles files(hostOver(disk));
+  hx::FileHandle* file = files.open(kCrashStore, hx::HX_ACCESS_READ);
+  if (file != nullptr) file->close(file);
+  const DiskBytes bytes = disk.live().at(kCrashFile);
+  return {bytes.begin(), bytes.end()};
+}
+
+// Four commits in one update that goes on in the same file, and what follows them is given up: each
+// state is the last commit or the one before it.
+TEST(CrashTest, EveryStateOfCommitsIsTheLastOrTheOneBefore) {
+  CrashExplorer explorer(readRaw, wantedBy("HX_CRASH_STATES") > 0);
+  std::mt19937 random(5);
+  for (const int64_t cacheBytes : {256, 4096, 65536}) {
+    for (const size_t size : {0u, 9000u}) {
+      const std::string old = makeBytes(size, 1);
+      SimulatedDisk disk({{{kCrashFile, 1}}, {{1, {old.begin(), old.end()}}}});
+      if (size == 0) disk = SimulatedDisk();
+      CrashFiles files(hostOver(disk, cacheBytes));
+      std::string committed = old;
+      explorer.watch(disk);
+      explorer.allow({committed});
+      hx::FileHandle* file = files.open(kCrashStore, hx::HX_ACCESS_UPDATE);
+      for (unsigned commit = 0; commit < 5; ++commit) {
+        std::string next = committed;
+        for (int i = 0; i < 3; ++i) {
+          int64_t at = static_cast<int64_t>(random() % (next.size() + 600));
+          const std::string bytes = makeBytes(random() % 3000 + 1, commit);
+          next.resize(std::max(next.size(), static_cast<size_t>(at) + bytes.size()));
+          next.replace(static_cast<size_t>(at), bytes.size(), bytes);
+          file->seek(file, &at, hx::HX_SEEK_START, 0);
+          file->write(file, bytes.data(), std::ssize(bytes), 0, 0, 0);
+        }
+        if (commit == 4) break;
+        explorer.allow({committed, next});
+        ASSERT_TRUE(hxhost::LinuxHost::commitUpdate(file));
+        committed = next;
+        explorer.allow({committed});
+        explorer.cutPower(disk);
+      }
+      hxhost::LinuxHost::abandonUpdate(file);
+      file->close(file);
+      explorer.cutPower(disk);
+    }
+  }
+  EXPECT_EQ(explorer.firstFailure, "");
+  EXPECT_GT(explorer.states, 5000u);
+  std::cout << explorer.states << " states of updates with four commits\n";
 }
 
 // Each update adds as many letters of its own to three items.

@@ -426,8 +426,8 @@ TEST(LinuxDiskTest, RefusesSenselessCallsAndChangesNothing) {
     EXPECT_EQ(file.seek(position, hx::HX_SEEK_END), -1) << position;
   EXPECT_EQ(file.read(9), (Bytes{2, 3, 4})) << "the position is what it was";
   EXPECT_EQ(files.failure(), "");
-  EXPECT_FALSE(file.writeAt(kLast, {1}));
-  EXPECT_EQ(files.failure(), "write EFBIG at " + std::to_string(kLast));
+  EXPECT_FALSE(file.writeAt(hxhost::kLongestFile, {1}));
+  EXPECT_EQ(files.failure(), "write EFBIG at " + std::to_string(hxhost::kLongestFile));
   EXPECT_FALSE(file.writeAt(0, {9})) << "bytes were lost";
   file.close();
   File reader(files.open(kCrashStore, hx::HX_ACCESS_READ));
