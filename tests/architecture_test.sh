@@ -93,16 +93,19 @@ done
 decorated=$(grep -vxE '[a-z][A-Za-z0-9]*|.*_map|Exported_HXHandle' <<< "$exports" || true)
 [ -z "$decorated" ] || complain "the module exports" $decorated
 
-# What a slip of memory in user space must not lead to: a changed return address, a changed table of
-# functions.
+# What a slip of memory must not lead to: a changed return address, a jump into the middle of a
+# function, a changed table of functions.
 check_hardened() {
   local words word path=${library%/*}/$1
   shift
-  words=$(readelf -Wdl --dyn-syms "$path" | tr ' @' '\n\n')
+  words=$({ readelf -Wdl "$path"; objdump -d --no-show-raw-insn "$path"; } | tr -s ' \t@<>,' '\n' | sort | uniq -c)
   for word in GNU_RELRO NOW __stack_chk_fail "$@"; do
-    grep -qx "$word" <<< "$words" || complain "$path lacks $word"
+    grep -qE " $word\$" <<< "$words" || complain "$path lacks $word"
   done
+  # What comes with the compiler has a few.
+  [ "$(awk '$2 == "endbr64" { n = $1 } END { print n + 0 }' <<< "$words")" -gt 50 ] || complain "$path lacks endbr64"
 }
+check_hardened libhxcrate.so
 check_hardened libhxhost.so
 check_hardened hxcrate PIE
 exit $outcome
