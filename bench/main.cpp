@@ -1,15 +1,13 @@
 // hx_bench: what this store costs beside what else there is.
+#include <fmt/core.h>
 #include <linux/magic.h>
 #include <sys/vfs.h>
 
 #include <CLI/CLI.hpp>
-#include <cstdio>
 #include <fstream>
-#include <iterator>
 
 #include "bench/engines/engines.h"
 #include "bench/race.h"
-#include "bench/report.h"
 
 namespace {
 
@@ -20,9 +18,7 @@ struct Options {
   std::vector<std::string> workloads;
   std::vector<std::string> engines;
   std::string directory = "build";
-  std::string json;
-  std::string svg;
-  std::string document;
+  std::string json = "build/bench/results.json";
   bool quick = false;
 };
 
@@ -81,11 +77,8 @@ void addOptions(CLI::App& app, Options& options) {
       ->check(CLI::IsMember(names));
   app.add_option("--dir", options.directory, "where a directory for files is made")
       ->capture_default_str();
-  app.add_option("--json", options.json, "all times to this file");
-  app.add_option("--svg", options.svg,
-                 "bars of each workload as bench-LETTER.svg in this directory");
-  app.add_option("--document", options.document,
-                 "put the tables between this file's lines <!-- bench --> and <!-- /bench -->");
+  app.add_option("--json", options.json, "all times to this file, for report.py")
+      ->capture_default_str();
   app.add_flag("--quick", options.quick, "small sizes: does it work at all");
 }
 
@@ -94,34 +87,6 @@ void writeFile(const std::string& path, const std::string& text) {
   file << text;
   file.close();
   require(file.good(), "can't write " + path);
-}
-
-std::string readFile(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  require(file.is_open(), "can't read " + path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-constexpr std::string_view kTablesBegin = "<!-- bench -->\n";
-constexpr std::string_view kTablesEnd = "<!-- /bench -->";
-
-std::string replaceTables(std::string document, const std::string& tables) {
-  const std::size_t begin = document.find(kTablesBegin);
-  const std::size_t end = document.find(kTablesEnd);
-  require(begin < end && end != std::string::npos, "the document has no place for the tables");
-  const std::size_t behind = begin + kTablesBegin.size();
-  return document.replace(behind, end - behind, tables);
-}
-
-void writeBars(const std::string& directory, const Results& results) {
-  std::filesystem::create_directories(directory);
-  for (const WorkloadInfo& workload : workloads()) {
-    const bool measured =
-        std::any_of(results.rows.begin(), results.rows.end(),
-                    [&](const Row& row) { return row.workload == workload.letter; });
-    if (measured)
-      writeFile(directory + "/bench-" + workload.letter + ".svg", svgReport(results, workload));
-  }
 }
 
 std::vector<EnginePtr> chooseEngines(const std::vector<std::string>& names) {
@@ -141,31 +106,17 @@ std::string chooseLetters(const std::vector<std::string>& letters) {
   return chosen;
 }
 
-bool anyFailed(const Results& results) {
-  for (const Row& row : results.rows)
-    for (const Cell& cell : row.cells)
-      if (cell.failed) return true;
-  return false;
-}
-
-int run(Options& options) {
-  if (!options.document.empty()) replaceTables(readFile(options.document), "");  // fails early
+void run(Options& options) {
   const WorkDirectory work(options.directory);
   if (work.isInMemory())
-    std::fprintf(stderr, "hx_bench: %s lies in memory: nothing waits for a disk there\n",
-                 options.directory.c_str());
+    fmt::print(stderr, "hx_bench: {} lies in memory: nothing waits for a disk there\n",
+               options.directory);
   options.race.directory = work.path();
   const Scale scale = options.quick ? Scale::quick() : Scale();
   Results results = race(makeCases(scale, chooseLetters(options.workloads)),
                          chooseEngines(options.engines), options.race);
   results.quick = options.quick;
-  std::fputs(textReport(results).c_str(), stdout);
-  std::fflush(stdout);  // removing the files can take a while
-  if (!options.json.empty()) writeFile(options.json, jsonReport(results));
-  if (!options.svg.empty()) writeBars(options.svg, results);
-  if (!options.document.empty())
-    writeFile(options.document, replaceTables(readFile(options.document), markdownReport(results)));
-  return anyFailed(results) ? 1 : 0;
+  writeFile(options.json, toJson(results));
 }
 
 }  // namespace
@@ -176,9 +127,10 @@ int main(int count, char** arguments) {
   addOptions(app, options);
   CLI11_PARSE(app, count, arguments);
   try {
-    return run(options);
+    run(options);
+    return 0;
   } catch (const std::exception& error) {
-    std::fprintf(stderr, "hx_bench: %s\n", error.what());
+    fmt::print(stderr, "hx_bench: {}\n", error.what());
     return 1;
   }
 }

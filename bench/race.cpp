@@ -1,9 +1,9 @@
 #include "bench/race.h"
 
+#include <fmt/core.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <numeric>
 
 namespace bench {
@@ -19,25 +19,22 @@ class Progress {
  public:
   explicit Progress(std::size_t cases) : cases_(cases) {}
   ~Progress() {
-    if (isTerminal_) std::fputs("\r\033[K", stderr);
+    if (isTerminal_) fmt::print(stderr, "\r\033[K");
   }
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
   void startCase(const Case& one) {
     ++number_;
-    title_ = std::string(1, one.workload) + " " + one.metrics[0].title;
-    if (!isTerminal_) std::fprintf(stderr, "%s\n", head().c_str());
+    title_ = fmt::format("{} {}", one.workload, one.metrics[0].title);
+    if (!isTerminal_) fmt::print(stderr, "{}\n", head());
   }
   void startTurn(int round, const std::string& engine) const {
-    if (isTerminal_)
-      std::fprintf(stderr, "\r\033[K%s: round %d, %s", head().c_str(), round + 1, engine.c_str());
+    if (isTerminal_) fmt::print(stderr, "\r\033[K{}: round {}, {}", head(), round + 1, engine);
   }
 
  private:
-  std::string head() const {
-    return "[" + std::to_string(number_) + "/" + std::to_string(cases_) + "] " + title_;
-  }
+  std::string head() const { return fmt::format("[{}/{}] {}", number_, cases_, title_); }
 
   bool isTerminal_ = ::isatty(STDERR_FILENO) == 1;
   std::size_t cases_;

@@ -1,42 +1,49 @@
 #include "bench/results.h"
 
-#include <algorithm>
+#include <nlohmann/json.hpp>
 
 namespace bench {
 
-Spread spreadOf(std::vector<double> values) {
-  std::sort(values.begin(), values.end());
-  const std::size_t middle = values.size() / 2;
-  const double median =
-      values.size() % 2 == 1 ? values[middle] : (values[middle - 1] + values[middle]) / 2;
-  return {median, values.front(), values.back()};
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+Json describeCell(const EngineInfo& engine, const Cell& cell) {
+  Json json{{"engine", engine.name}, {"seconds", cell.seconds}};
+  if (!cell.note.empty()) json[cell.failed ? "failure" : "note"] = cell.note;
+  return json;
 }
 
-Spread figuresOf(const Metric& metric, const Cell& cell) {
-  std::vector<double> figures;
-  for (const double seconds : cell.seconds)
-    figures.push_back(metric.figure(seconds));
-  return spreadOf(std::move(figures));
+Json describeRow(const Results& results, const Row& row) {
+  const Unit& unit = row.metric.unit;
+  Json json{{"workload", std::string(1, row.workload)},
+            {"id", row.metric.id},
+            {"title", row.metric.title},
+            {"unit", unit.name},
+            {"factor", unit.factor},
+            {"is_rate", unit.isRate},
+            {"amount", row.metric.amount},
+            {"engines", Json::array()}};
+  for (std::size_t i = 0; i < row.cells.size(); ++i)
+    if (!row.cells[i].seconds.empty() || !row.cells[i].note.empty())
+      json["engines"].push_back(describeCell(results.engines[i], row.cells[i]));
+  return json;
 }
 
-double timesAsLong(const Row& row, const Cell& cell, const Row& otherRow, const Cell& other) {
-  std::vector<double> ratios;
-  const std::size_t rounds = std::min(cell.seconds.size(), other.seconds.size());
-  for (std::size_t i = 0; i < rounds; ++i)
-    ratios.push_back(cell.seconds[i] / other.seconds[i]);
-  return spreadOf(std::move(ratios)).median / row.metric.amount * otherRow.metric.amount;
-}
+}  // namespace
 
-const Row* findRow(const Results& results, const std::string& metricId) {
+std::string toJson(const Results& results) {
+  Json json{{"rounds", results.rounds}, {"quick", results.quick}, {"seconds", results.seconds}};
+  for (const WorkloadInfo& workload : workloads()) {
+    json["workloads"].push_back({{"letter", std::string(1, workload.letter)},
+                                 {"title", workload.title},
+                                 {"covers", workload.covers}});
+  }
+  for (const EngineInfo& engine : results.engines)
+    json["engines"].push_back({{"name", engine.name}, {"settings", engine.settings}});
   for (const Row& row : results.rows)
-    if (row.metric.id == metricId) return &row;
-  return nullptr;
-}
-
-const Cell* findCell(const Results& results, const Row& row, const std::string& engine) {
-  for (std::size_t i = 0; i < results.engines.size(); ++i)
-    if (results.engines[i].name == engine && !row.cells[i].seconds.empty()) return &row.cells[i];
-  return nullptr;
+    json["rows"].push_back(describeRow(results, row));
+  return json.dump(1) + "\n";
 }
 
 }  // namespace bench

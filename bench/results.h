@@ -29,24 +29,7 @@ struct Results {
   double seconds = 0;  // all of it took
 };
 
-struct Spread {
-  double median;
-  double least;
-  double most;
-};
-
-// Of at least one value.
-Spread spreadOf(std::vector<double> values);
-
-// The figures of a cell that has some.
-Spread figuresOf(const Metric& metric, const Cell& cell);
-
-// How many times as long as `other` the cell took for the same amount: the median of the ratios of
-// equal rounds. Both have at least one.
-double timesAsLong(const Row& row, const Cell& cell, const Row& otherRow, const Cell& other);
-
-// Null when there is no such row or engine, or it has no figures.
-const Row* findRow(const Results& results, const std::string& metricId);
-const Cell* findCell(const Results& results, const Row& row, const std::string& engine);
+// All of it, for report.py: the times of all rounds in seconds, and how a time becomes a figure.
+std::string toJson(const Results& results);
 
 }  // namespace bench

@@ -1,12 +1,12 @@
 #include "bench/run.h"
 
 #include <fcntl.h>
+#include <fmt/core.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <csignal>
-#include <cstdio>
 #include <cstring>
 
 #include "bench/engines/file_descriptor.h"
@@ -21,7 +21,7 @@ constexpr char kUnsupported = 'u';
 constexpr char kFailure = 'f';
 
 void tell(int pipe, char kind, const std::string& text) {
-  std::string line = kind + text + "\n";
+  const std::string line = fmt::format("{}{}\n", kind, text);
   const ssize_t count = ::write(pipe, line.data(), line.size());
   if (count != static_cast<ssize_t>(line.size())) ::_exit(1);
 }
@@ -30,11 +30,8 @@ void tell(int pipe, char kind, const std::string& text) {
                            const std::function<void(const Run&)>& body) {
   try {
     engine.openSession(Sync::off).reset();  // loads what is loaded once
-    body(Run(engine, place, [&](double seconds) {
-      char text[32];
-      std::snprintf(text, sizeof text, "%.9f", seconds);
-      tell(pipe, kSeconds, text);
-    }));
+    body(Run(engine, place,
+             [&](double seconds) { tell(pipe, kSeconds, fmt::format("{:.9f}", seconds)); }));
   } catch (const Unsupported& reason) {
     tell(pipe, kUnsupported, reason.what());
   } catch (const std::exception& failure) {
@@ -69,8 +66,8 @@ Outcome parse(const std::string& text) {
 
 std::string describeEnd(int status, std::chrono::seconds patience) {
   if (!WIFSIGNALED(status)) return {};
-  if (WTERMSIG(status) != SIGALRM) return std::string("died: ") + strsignal(WTERMSIG(status));
-  return "gave up after " + std::to_string(patience.count()) + " s";
+  if (WTERMSIG(status) != SIGALRM) return fmt::format("died: {}", strsignal(WTERMSIG(status)));
+  return fmt::format("gave up after {} s", patience.count());
 }
 
 // What others left to write would be paid for by the next fsync.

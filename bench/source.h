@@ -1,6 +1,8 @@
 // What is put into every engine: names, and bytes that no compression shortens.
 #pragma once
 
+#include <fmt/core.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <string>
@@ -22,11 +24,7 @@ class SmallItems {
       names_.push_back(nameOf(i));
   }
 
-  static std::string nameOf(std::size_t number) {
-    std::string name = std::to_string(number);
-    name.insert(0, 8 - std::min<std::size_t>(name.size(), 8), '0');
-    return "i" + name;
-  }
+  static std::string nameOf(std::size_t number) { return fmt::format("i{:08}", number); }
 
   std::size_t count() const { return names_.size(); }
   const std::string& name(std::size_t number) const { return names_[number]; }

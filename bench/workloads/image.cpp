@@ -1,4 +1,6 @@
 // A store in memory as one buffer.
+#include <fmt/core.h>
+
 #include "bench/cases.h"
 #include "bench/source.h"
 
@@ -31,7 +33,7 @@ void makeAndReadImage(const Run& run, std::size_t count) {
 void addImageCases(const Scale& scale, std::vector<Case>& cases) {
   const std::size_t count = scale.imageItems;
   const auto amount = static_cast<double>(count * kPieceSize);
-  const std::string size = std::to_string(count) + " items of 64 KiB";
+  const std::string size = fmt::format("{} items of 64 KiB", count);
   cases.push_back({'h',
                    {{"h-made", size + " made one buffer", kMegabytesPerSecond, amount},
                     {"h-read", size + " opened and read", kMegabytesPerSecond, amount}},

@@ -1,4 +1,6 @@
 // Large items: written, read, and read by two threads at a time.
+#include <fmt/core.h>
+
 #include <thread>
 
 #include "bench/cases.h"
@@ -88,7 +90,7 @@ void readInThreads(const Run& run, std::size_t bytes) {
 void addLargeCases(const Scale& scale, std::vector<Case>& cases) {
   const std::size_t bytes = scale.largeBytes;
   const auto amount = static_cast<double>(bytes);
-  const std::string size = std::to_string(bytes >> 20) + " MiB";
+  const std::string size = fmt::format("{} MiB", bytes >> 20);
   for (const Sync sync : {Sync::off, Sync::on}) {
     const std::string onOff = sync == Sync::on ? "on" : "off";
     cases.push_back(
@@ -101,7 +103,7 @@ void addLargeCases(const Scale& scale, std::vector<Case>& cases) {
                    }});
   const std::size_t each = scale.threadBytes;
   const auto eachAmount = static_cast<double>(each);
-  const std::string eachSize = std::to_string(each >> 20) + " MiB";
+  const std::string eachSize = fmt::format("{} MiB", each >> 20);
   cases.push_back(
       {'i',
        {{"i-one", "one thread reads " + eachSize, kMegabytesPerSecond, eachAmount},

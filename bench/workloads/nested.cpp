@@ -1,4 +1,6 @@
 // Stores in stores in stores.
+#include <fmt/core.h>
+
 #include "bench/cases.h"
 #include "bench/source.h"
 
@@ -73,7 +75,7 @@ void makeAndWalk(const Run& run, std::size_t side, Sync sync) {
 void addNestedCases(const Scale& scale, std::vector<Case>& cases) {
   const std::size_t side = scale.nestedSide;
   const auto amount = static_cast<double>(side * side * side);
-  const std::string stores = std::to_string(side * side * side) + " stores ";
+  const std::string stores = fmt::format("{} stores ", side * side * side);
   for (const Sync sync : {Sync::off, Sync::on}) {
     const std::string onOff = sync == Sync::on ? "on" : "off";
     cases.push_back(

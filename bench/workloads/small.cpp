@@ -1,4 +1,6 @@
 // Many small items: created, opened, read, enumerated, added to.
+#include <fmt/core.h>
+
 #include "bench/cases.h"
 #include "bench/workloads/small_items.h"
 
@@ -72,7 +74,7 @@ void addOne(Session& session, const std::string& path, const std::string& name, 
 // the names of those begin with another letter.
 void addToStore(const Run& run, std::size_t count, Sync sync) {
   const SmallItems items(count);
-  std::string stem = "x" + std::to_string(::time(nullptr)) + "-" + std::to_string(::getpid()) + "-";
+  const std::string stem = fmt::format("x{}-{}-", ::time(nullptr), ::getpid());
   const std::string path = keptItems(run, sync == Sync::on ? "added-synced" : "added", items);
   addOne(*run.engine().openSession(sync), path, stem + "first", items.bytes(0));
   std::unique_ptr<Session> session;
@@ -95,12 +97,12 @@ void addCreateCases(const Scale& scale, std::vector<Case>& cases) {
   for (const std::size_t count : scale.created) {
     for (const Sync sync : {Sync::off, Sync::on}) {
       const std::string onOff = sync == Sync::on ? "on" : "off";
-      const std::string number = std::to_string(count);
-      cases.push_back({'c',
-                       {{"c-" + number + "-" + onOff, number + " created, sync " + onOff,
-                         kMillionsPerSecond, static_cast<double>(count)}},
-                       [=](const Run& run) { create(run, count, sync); },
-                       count >= kManyItems});
+      cases.push_back(
+          {'c',
+           {{fmt::format("c-{}-{}", count, onOff), fmt::format("{} created, sync {}", count, onOff),
+             kMillionsPerSecond, static_cast<double>(count)}},
+           [=](const Run& run) { create(run, count, sync); },
+           count >= kManyItems});
     }
   }
 }
@@ -109,7 +111,7 @@ void addAddCases(const Scale& scale, std::vector<Case>& cases) {
   const std::size_t count = scale.stored;
   for (const Sync sync : {Sync::off, Sync::on}) {
     const std::string onOff = sync == Sync::on ? "on" : "off";
-    const std::string title = "added to " + std::to_string(count) + ", sync " + onOff;
+    const std::string title = fmt::format("added to {}, sync {}", count, onOff);
     cases.push_back({'g',
                      {{"g-fresh-" + onOff, title + ", fresh session", kMilliseconds, 1},
                       {"g-cached-" + onOff, title + ", cached", kMilliseconds, double{kAdded}}},
@@ -123,7 +125,7 @@ void addSmallCases(const Scale& scale, std::vector<Case>& cases) {
   addCreateCases(scale, cases);
   const std::size_t count = scale.stored;
   const auto amount = static_cast<double>(count);
-  const std::string of = " of " + std::to_string(count);
+  const std::string of = fmt::format(" of {}", count);
   cases.push_back({'d',
                    {{"d-first", "first open, one item" + of + " read", kNanosecondsEach, amount},
                     {"d-cached", "opened again, one item" + of + " read", kMicrosecondsEach,

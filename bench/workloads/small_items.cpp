@@ -1,10 +1,12 @@
 #include "bench/workloads/small_items.h"
 
+#include <fmt/core.h>
+
 namespace bench {
 
 void requireMeasurable(const Engine& engine, std::size_t count) {
   const std::size_t most = engine.info().mostItems;
-  if (count > most) throw Unsupported("measured with up to " + std::to_string(most) + " items");
+  if (count > most) throw Unsupported(fmt::format("measured with up to {} items", most));
 }
 
 void createAll(Session& session, const std::string& path, const SmallItems& items) {
