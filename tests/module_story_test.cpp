@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cctype>
+#include <functional>
 #include <numeric>
 
 #include "tests/module_world.h"
@@ -152,17 +153,11 @@ TEST_F(Faults, EveryKindOfCallCanFail) {
 
 // ---- the tests
 
-using Telling = void (*)(const Story&);
-
 template <typename Fixture>
-class Told : public Fixture {
- public:
-  Told(Story story, Telling tell) : story_(std::move(story)), tell_(tell) {}
-  void TestBody() override { tell_(story_); }
-
- private:
-  Story story_;
-  Telling tell_;
+struct Told : Fixture {
+  explicit Told(std::function<void()> telling) : tell(std::move(telling)) {}
+  void TestBody() override { tell(); }
+  std::function<void()> tell;
 };
 
 // "A writer streams" is AWriterStreams.
@@ -178,9 +173,10 @@ std::string testNameOf(const std::string& title) {
 }
 
 template <typename Fixture = testing::Test>
-void add(const char* suite, const std::string& name, const Story& story, Telling tell) {
+void add(const char* suite, const std::string& name, const Story& story,
+         void (*tell)(const Story&)) {
   testing::RegisterTest(suite, name.c_str(), nullptr, nullptr, story.file.c_str(), story.line,
-                        [story, tell]() -> Fixture* { return new Told<Fixture>(story, tell); });
+                        [=]() -> Fixture* { return new Told<Fixture>([=] { tell(story); }); });
 }
 
 bool addAll() {
