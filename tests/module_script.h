@@ -14,23 +14,28 @@
 // path x/a inside no store. "c*63" stands for 63 times c. Flags are letters: Read, Update, Create,
 // rePlace, eXclusive, No file, "-" for none.
 //
-//   open STORE FLAGS        number: the openCount that comes of it
-//   close STORE, delete STORE           number: the openCount that is left
-//   pagesize STORE N        sets it
-//   item H ITEM FLAGS       opens an item with the handle H; number: the item's openCount
-//   shut H                  closes it; number: the lock's answer
-//   write H N, read H N, convert H N    number: the bytes taken or delivered. For H an item's path
-//                           may stand, which is opened (or created) for that; read takes all of it
-//   list STORE              its members' names in order, with "/" behind a store's; number: of them
-//   tree STORE              everything in it is as the model says
-//   blob STORE B, load B FLAGS          make a blob of a store; open a store from a blob
-//   copy TO FROM, foreign TO FROM       between files and blobs; foreign: as the other machine's
-//   size FILE, pages H      number: the file's length, -1 without a file; pages of an item in
-//   memory grow FILE N             N bytes more at a file's end, or fewer set FILE FIELD N        a
-//   field of a record in a file, named as in setNamedField mark, count CALL [LENGTH] number: calls
-//   of the host since the mark, by length fail CALL N [onwards]   the host's Nth call from now on
-//   fails, or all from there; heal: no more refuse STATUS, deliver N            what the host
-//   answers to removing; its longest read restart                 a new instance
+//   open STORE FLAGS       number: the openCount that comes of it
+//   close STORE            number: the openCount that is left; so has "delete STORE"
+//   pagesize STORE N       sets its page size
+//   list STORE             its members' names in order, stores with "/"; number: of them
+//   tree STORE             everything in it is as the model says
+//   item H ITEM FLAGS      opens an item with the handle H; number: the item's openCount
+//   shut H                 closes the handle; number: the lock's answer
+//   write H N, read H N    number: the bytes taken or delivered; so has "convert H N". For H an
+//                          item's path may stand, which is opened for that, and read to its end
+//   pages H                number: the item's pages in memory
+//   blob STORE B           makes a blob of a store; "load B FLAGS" opens one
+//   copy TO FROM           between files and blobs; "foreign TO FROM": as the other machine's
+//   size FILE              number: its length, -1 when there is none
+//   grow FILE N            N bytes more at its end, or fewer
+//   set FILE FIELD N       a field of a record in it, named as in setNamedField
+//   mark                   begins to count what the host is called for
+//   count CALL [LENGTH]    number: of such calls since the mark
+//   fail CALL N [onwards]  the host's Nth call from now on fails, or all from there on
+//   heal                   none does any more
+//   refuse STATUS          what the host answers when it is to remove a file
+//   deliver N              its reads deliver at most N bytes
+//   restart                ends the instance and begins a new one
 #pragma once
 
 #include <cstdint>

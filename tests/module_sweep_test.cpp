@@ -20,7 +20,7 @@ std::string inPieces(const std::string& verb, int size, int piece) {
   return script;
 }
 
-// Written in pieces, added to in a second session, read in pieces by another instance.
+// Written in pieces, added to in a second session, read in pieces and by another instance.
 TEST(Sweeps, SizesAroundPageBoundaries) {
   for (const int page : {1, 2, 7, 4096, 8192}) {
     for (const int size : {0, 1, page - 1, page, page + 1, 2 * page}) {
@@ -35,6 +35,11 @@ TEST(Sweeps, SizesAroundPageBoundaries) {
                 "; item w x:a U; write w 3; shut w; close x;"
                 "open x R; item r x:a R;" +
                 inPieces("read r ", size + 3, piece));
+          // From the other machine two bytes are a number; a blob is read where it lies.
+          w.run(flags.empty()
+                    ? "close x; foreign f x; open f R; item c f:a R;" +
+                          inPieces("convert c ", (size + 3) / 2, piece)
+                    : "blob x B; load B R; item c B:a R;" + inPieces("read c ", size + 3, piece));
           w.settle();
         }
       }
