@@ -4,6 +4,8 @@
 #include <cstddef>
 #include <cstdint>
 #include <span>
+#include <string>
+#include <vector>
 
 namespace hx::fake {
 
@@ -25,5 +27,14 @@ namespace hxtest {
 // std::logic_error unless that ends with a documented exit code, within its quotas, and has touched
 // nothing but that directory. Returns how many entries it made.
 std::size_t expectContainedUnpack(std::span<const uint8_t> image);
+
+// Makes a store file of any bytes, by way of a sound one of which fields of records are set to
+// nasty values and links to each other's records, and at times a journal beside it; and has every
+// command work on it. Throws std::logic_error unless each ends with a documented exit code, after
+// little time, with little memory and with no more bytes written than the file could hold.
+void expectBoundedCommands(std::span<const uint8_t> bytes);
+
+// Runs the command in this process; what it says goes nowhere. Its exit code.
+int runSilently(std::vector<std::string> words);
 
 }  // namespace hxtest

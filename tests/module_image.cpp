@@ -39,22 +39,23 @@ constexpr Field kFields[] = {{'h', "pageSizeCode", offsetof(Header, pageSizeCode
 
 using UseField = std::function<void(const StoredRecord& record, const Field& field)>;
 
-void forEachField(const Bytes& image, const UseField& use) {
-  for (const StoredRecord& record : recordsOf(image)) {
+void forEachField(const std::vector<StoredRecord>& records, const UseField& use) {
+  for (const StoredRecord& record : records) {
     for (const Field& field : kFields) {
       if (field.kind == record.kind) use(record, field);
     }
   }
 }
 
-std::vector<int64_t> nastyValues(const Bytes& image, int64_t itself) {
-  const auto size = static_cast<int64_t>(image.size());
+std::vector<int64_t> nastyValues(const std::vector<StoredRecord>& records, size_t length,
+                                 int64_t itself) {
+  const auto size = static_cast<int64_t>(length);
   std::vector<int64_t> values = {0,         1,         -1,        -2,         15,
                                  16,        17,        39,        4096,       size - 96,
                                  size - 24, size - 1,  size,      size + 1,   -size,
                                  96 - size, INT32_MAX, INT32_MIN, 1LL << 31,  INT64_MAX,
                                  INT64_MIN, itself,    -itself,   itself + 1, INT64_MAX - 95};
-  for (const StoredRecord& other : recordsOf(image))
+  for (const StoredRecord& other : records)
     values.insert(values.end(), {other.offset, -other.offset});
   return values;
 }
@@ -134,8 +135,9 @@ void setNamedField(Bytes& image, const std::string& field, const std::string& va
 }
 
 void forEachDamage(const Bytes& image, const std::function<void(const Bytes&)>& use) {
-  forEachField(image, [&](const StoredRecord& record, const Field& field) {
-    for (const int64_t value : nastyValues(image, record.offset)) {
+  const std::vector<StoredRecord> records = recordsOf(image);
+  forEachField(records, [&](const StoredRecord& record, const Field& field) {
+    for (const int64_t value : nastyValues(records, image.size(), record.offset)) {
       Bytes damaged = image;
       std::memcpy(damaged.data() + record.offset + field.at, &value, field.width);
       SCOPED_TRACE(testing::Message() << field.name << " at " << record.offset << " = " << value);
@@ -144,9 +146,20 @@ void forEachDamage(const Bytes& image, const std::function<void(const Bytes&)>& 
   });
 }
 
+void damageField(Bytes& image, const std::vector<StoredRecord>& records, size_t record,
+                 size_t field, size_t value) {
+  const StoredRecord& damaged = records[record % records.size()];
+  std::vector<Field> fields;
+  forEachField({damaged}, [&](const StoredRecord&, const Field& its) { fields.push_back(its); });
+  const Field& chosen = fields[field % fields.size()];
+  const std::vector<int64_t> values = nastyValues(records, image.size(), damaged.offset);
+  std::memcpy(image.data() + damaged.offset + chosen.at, &values[value % values.size()],
+              chosen.width);
+}
+
 Bytes asBigEndian(const Bytes& image) {
   Bytes turned = image;
-  forEachField(image, [&](const StoredRecord& record, const Field& field) {
+  forEachField(recordsOf(image), [&](const StoredRecord& record, const Field& field) {
     uint8_t* at = turned.data() + record.offset + field.at;
     std::reverse(at, at + field.width);
   });

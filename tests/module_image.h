@@ -53,6 +53,9 @@ int64_t entryOffset(const Bytes& image, const std::string& name);
 void checkImage(const Bytes& image);
 // Every field of every record of an image, set to every value that could lead astray.
 void forEachDamage(const Bytes& image, const std::function<void(const Bytes&)>& use);
+// Sets one of those fields to one of those values, as the numbers say.
+void damageField(Bytes& image, const std::vector<StoredRecord>& records, size_t record,
+                 size_t field, size_t value);
 // Sets a field of a record that is named by the member and the field: "header.pageSizeCode",
 // "name.next" of an ENTRY, "name/0.used" of an item's first page. The value is a number, or "@" and
 // where such a record is: "@name".

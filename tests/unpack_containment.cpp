@@ -20,23 +20,24 @@ void require(bool holds, const std::string& what) {
   if (!holds) throw std::logic_error("unpacking: " + what);
 }
 
-// What the command says goes nowhere.
+}  // namespace
+
 int runSilently(std::vector<std::string> words) {
   std::vector<char*> arguments;
   for (std::string& word : words)
     arguments.push_back(word.data());
   arguments.push_back(nullptr);
-  const int said = ::dup(STDERR_FILENO);
   const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+  const int said = ::dup(STDERR_FILENO), printed = ::dup(STDOUT_FILENO);
   ::dup2(nowhere, STDERR_FILENO);
+  ::dup2(nowhere, STDOUT_FILENO);
   const auto code = tool::runCommand(static_cast<int>(words.size()), arguments.data());
   ::dup2(said, STDERR_FILENO);
-  ::close(nowhere);
-  ::close(said);
+  ::dup2(printed, STDOUT_FILENO);
+  for (const int file : {nowhere, said, printed})
+    ::close(file);
   return static_cast<int>(code);
 }
-
-}  // namespace
 
 // Beside the directory lies what its links lead to, under names that a store may well hold.
 std::size_t expectContainedUnpack(std::span<const std::uint8_t> image) {
