@@ -290,6 +290,34 @@ TEST(CommandLimitsTest, HoldWhateverTheFileHolds) {
   }
 }
 
+// A megabyte of stores in stores, whose paths together would have gigabytes.
+TEST_F(InspectFileTest, TakesLittleMemoryHoweverDeepTheTree) {
+  constexpr int kLevels = 10900;
+  const std::string name(hx::kStoredNameLength, 'n');
+  const auto placeOf = [](int level) { return hx::kHeaderSize + int64_t{level} * hx::kEntrySize; };
+  Bytes image(static_cast<std::size_t>(placeOf(kLevels)), 0);
+  putRecord(image, 0, hx::fake::headerOf(0, placeOf(0)));
+  std::string("hxmok1/le/utf-8").copy(reinterpret_cast<char*>(image.data()), 15);
+  for (int level = 0; level < kLevels; ++level) {
+    const int64_t parent = level == 0 ? 0 : placeOf(level - 1);
+    const int64_t first = level + 1 < kLevels ? -placeOf(level + 1) : 0;
+    putRecord(image, placeOf(level), hx::fake::entryOf(parent, 0, 0, first, name.c_str()));
+  }
+  writeImage(image);
+  const std::string limit =
+      HX_SANITIZED ? "" : "ulimit -v $((64 * 1024 + 32 * 1024));";  // libraries
+  for (const char* command : {"check", "stat", "map"})
+    expectRun(0, limit + "hxcrate " + command + " x.st");
+  expectRun(0, limit + "hxcrate salvage x.st new.st");
+  expectRun(0, "hxcrate stat --json new.st | grep '\"depth\": 10900,'");
+}
+
+TEST_F(InspectFileTest, IsSalvagedIntoPagesThatFit) {
+  writeImage(makeFlatImage(2, INT32_MAX, [](int i) { return std::to_string(i); }));
+  expectRun(0, "! hxcrate salvage --max-bytes 1 x.st new.st; hxcrate salvage x.st new.st");
+  EXPECT_LT(std::filesystem::file_size(directory_ / "new.st"), 1000u);
+}
+
 // Nearly all of it is a hole, which is not read.
 TEST_F(InspectFileTest, IsLookedAtUpToTheLongestLengthThatNumbersAllow) {
   const hxtest::TemporaryDirectory memory("/dev/shm");

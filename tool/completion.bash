@@ -17,7 +17,7 @@ _hxcrate_options() {
     diff | stat) echo --json ;;
     check) echo --quick --json ;;
     map) echo --svg --json ;;
-    salvage) echo --encoding --page-size ;;
+    salvage) echo --encoding --page-size --max-bytes ;;
   esac
 }
 

@@ -13,6 +13,7 @@
 #include "inspected_store.h"
 #include "new_store.h"
 #include "output.h"
+#include "write_limits.h"
 
 namespace tool {
 
@@ -23,16 +24,16 @@ struct SalvageOptions {
   std::string target;         // a new file
   std::string encoding;       // of the damaged one, when its header does not tell; empty: it does
   std::int32_t pageSize = 0;  // the same, in bytes; 0: it does
+  std::int64_t maxBytes = kUnlimited;  // of items
 };
 
 constexpr std::size_t kTransferSize = 256 * 1024;
-constexpr std::size_t kDeepest = 1024;  // stores; each open one holds its whole path
 
 // Grows the new store along the members of the old one, which come in the order of the directory,
 // each store before its members.
 class Rebuilder {
  public:
-  Rebuilder(InspectedStore& source, hxcrate::Store target, Output& output)
+  Rebuilder(InspectedStore& source, hxcrate::Store& target, Output& output)
       : source_(source), inspection_(source.inspection()), output_(output), buffer_(kTransferSize) {
     levels_.push_back({0, std::move(target), {}});
   }
@@ -43,7 +44,7 @@ class Rebuilder {
                            .adoptMembers = true});
     advanceTo(inspection_.members().size());
     leaveTo(0);
-    levels_.front().store->close();
+    levels_.front().store.close();
   }
 
   std::int64_t stores() const { return stores_; }
@@ -51,10 +52,10 @@ class Rebuilder {
   bool hasLost() const { return hasLost_; }
 
  private:
-  // A store that is being filled; nothing where it is left out.
+  // A store that is being filled.
   struct Level {
     std::size_t member;
-    std::optional<hxcrate::Store> store;
+    hxcrate::Store store;
     std::unordered_map<std::string, int> names;  // taken; with the number tried last for each
   };
 
@@ -87,8 +88,7 @@ class Rebuilder {
     item_ = item;
     next_ = item + 1;
     Level& level = enclose(item);
-    if (!level.store) return lose(item, "its store was not kept");
-    writer_.emplace(level.store->create(nameFor(item, level)));
+    writer_.emplace(level.store.create(nameFor(item, level)));
     ++items_;
   }
 
@@ -117,14 +117,8 @@ class Rebuilder {
     hasLost_ = hasLost_ || !store.isWhole || isFound;
     if (member == 0) return;
     Level& level = enclose(member);
-    std::optional<hxcrate::Store> made;
-    if (!level.store || levels_.size() >= kDeepest) {
-      lose(member, level.store ? "stores are kept down to level " + std::to_string(kDeepest)
-                               : "its store was not kept");
-    } else {
-      made = level.store->createStore(nameFor(member, level));
-      ++stores_;
-    }
+    hxcrate::Store made = level.store.createStore(nameFor(member, level));
+    ++stores_;
     levels_.push_back({member, std::move(made), {}});
   }
 
@@ -182,13 +176,29 @@ bool lacksTop(const InspectedStore& source) {
          (members.empty() || members.front().entryOffset < 0);
 }
 
-ExitCode rebuild(InspectedStore& source, const SalvageOptions& options, Output& output) {
+// What is going to be kept. No byte of it is read.
+SizeForecast forecastOf(const hxcrate::ByteSource& file, const hxcrate::HeaderOverride& header) {
+  hxcrate::Inspection inspection(file, {}, header);
+  inspection.walkPages({.adoptMembers = true});
+  SizeForecast forecast;
+  const std::vector<hxcrate::InspectedMember>& members = inspection.members();
+  for (std::size_t i = 1; i < members.size(); ++i) {
+    const bool isStore = members[i].kind == hxcrate::MemberKind::store;
+    if (isStore) forecast.addStore();
+    if (!isStore && (members[i].isWhole || members[i].size > 0)) forecast.addItem(members[i].size);
+  }
+  return forecast;
+}
+
+ExitCode rebuild(InspectedStore& source, const SalvageOptions& options,
+                 const hxcrate::HeaderOverride& header, Output& output) {
   ExitCode outcome = ExitCode::fine;
   std::string kept;
   NewStore target(options.target);
-  const NewStore::Options made{.pageSize = source.inspection().pageSize(), .copyOf = options.store};
-  target.make(SizeForecast(), made, [&](hxcrate::Store& store) {
-    Rebuilder rebuilder(source, std::move(store), output);
+  const SizeForecast forecast = forecastOf(source.file(), header);
+  requireOwnBytes(options.store, forecast.bytes(), options.maxBytes);
+  target.make(forecast, {.copyOf = options.store}, [&](hxcrate::Store& store) {
+    Rebuilder rebuilder(source, store, output);
     rebuilder.run();
     kept = countOf(rebuilder.items(), "item") + " and " + countOf(rebuilder.stores(), "store");
     const bool isSure = source.file().caveat().empty() && !lacksTop(source);
@@ -210,8 +220,9 @@ ExitCode salvage(const SalvageOptions& options) {
     output.write(showPlace(finding.place) + ": at byte " + std::to_string(finding.offset) + ", " +
                  escape(finding.reason) + "\n");
   };
-  InspectedStore source(options.store, tell, {options.encoding, options.pageSize});
-  return rebuild(source, options, output);
+  const hxcrate::HeaderOverride header{options.encoding, options.pageSize};
+  InspectedStore source(options.store, tell, header);
+  return rebuild(source, options, header, output);
 }
 
 }  // namespace
@@ -231,6 +242,7 @@ void addSalvage(CommandLine& line) {
   words.add_option("NEW", options->target, "the store file to make")->required();
   addEncoding(words, options->encoding, "its encoding, if its header does not tell");
   addPageSize(words, options->pageSize, "bytes of a page, if its header does not tell");
+  addCount(words, "--max-bytes", options->maxBytes, "refuse to save more bytes of items");
 }
 
 }  // namespace tool
