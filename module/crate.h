@@ -18,6 +18,7 @@ typedef struct CrateStore CrateStore;
 typedef struct CrateItem CrateItem;
 typedef struct CrateHandle CrateHandle;
 typedef struct CrateView CrateView;
+typedef struct CrateView CrateView;
 
 enum {
   HX_OK = 0,
@@ -64,6 +65,17 @@ struct CrateInstance {
   CrateStore* (*openStoreFromMemory)(CrateInstance* instance, const void* blob, uint64_t size,
                                      const char32_t* name, int32_t length, uint32_t flags,
                                      int32_t* status);
+
+  // Additions of this module, which others of its kind need not have. An item is opened for reading
+  // at any place; it counts as a reader.
+  CrateView* (*openView)(CrateInstance* instance, CrateStore* store, const char32_t* name,
+                         int32_t length, int32_t* status);
+  // All of an item of one page without opening it, in one call of the host; bytes, which `size`
+  // tells, too. It is -1, with HX_OK, when the item has to be opened instead.
+  int32_t (*readItem)(CrateInstance* instance, CrateStore* store, const char32_t* name,
+                      int32_t length, void* buffer, int32_t capacity, int64_t* size,
+                      int32_t* status);
+  int64_t (*sizeOfItem)(CrateItem* item, int32_t* status);  // bytes; -1 with a negative status
 };
 
 struct CrateStore {
@@ -110,6 +122,18 @@ struct CrateItem {
 struct CrateHandle {
   CrateItem* item;
   int32_t position;
+};
+
+// An item opened for reading at any place. Any number of threads may use one, but for its close.
+struct CrateView {
+  CrateItem* item;
+  // Bytes read, which mean something whatever the status is.
+  int32_t (*readAt)(CrateView* view, int64_t offset, void* buffer, int32_t length, int32_t* status);
+  int64_t (*size)(CrateView* view, int32_t* status);  // bytes; -1 with a negative status
+  // Where the byte at `offset` lies in memory, and in `count` how many lie there in a row; null
+  // with HX_OK when it lies in a file.
+  const void* (*bytesAt)(CrateView* view, int64_t offset, int64_t* count, int32_t* status);
+  int32_t (*close)(CrateView* view);  // 0, or the lock's answer, and the view is open still
 };
 
 // The entry points by the names to look up: "hxmodent", "hxmodver", "hxrelct1" and "hxcrate".

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstddef>
 
+#include "item/item_view.h"
 #include "module/entry.h"
 #include "records/records.h"
 #include "records/status.h"
@@ -12,6 +13,13 @@
 namespace hx {
 
 static_assert(offsetof(CrateInstance, encodingId) == offsetof(ExtensionInstance, encodingId));
+static_assert(offsetof(CrateInstance, openView) == offsetof(ExtensionInstance, openView));
+static_assert(offsetof(CrateInstance, readItem) == offsetof(ExtensionInstance, readItem));
+static_assert(offsetof(CrateInstance, sizeOfItem) == offsetof(ExtensionInstance, sizeOfItem));
+static_assert(offsetof(CrateView, readAt) == offsetof(ItemView, readAt));
+static_assert(offsetof(CrateView, size) == offsetof(ItemView, size));
+static_assert(offsetof(CrateView, bytesAt) == offsetof(ItemView, bytesAt));
+static_assert(offsetof(CrateView, close) == offsetof(ItemView, close));
 static_assert(offsetof(CrateStore, nameLength) == offsetof(Store, nameLength));
 static_assert(offsetof(CrateStore, kind) == offsetof(Store, kind));
 static_assert(offsetof(CrateStore, openCount) == offsetof(Store, openCount));
