@@ -24,8 +24,8 @@ struct Options {
 
 std::vector<EnginePtr> allEngines() {
   std::vector<EnginePtr> engines;
-  for (auto make :
-       {makePlainFile, makePlainFiles, makeSqlite, makeLmdb, makeHdf5, makeGsf, makeZip})
+  for (auto make : {makePlainFile, makePlainFiles, makeSqlite, makeLmdb, makeTkrzw, makeCdb,
+                    makeHdf5, makeGsf, makeZip})
     engines.push_back(make());
   for (EnginePtr& engine : makeHxcrate())
     engines.push_back(std::move(engine));

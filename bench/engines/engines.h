@@ -20,5 +20,7 @@ EnginePtr makeLmdb();
 EnginePtr makeHdf5();
 EnginePtr makeGsf();
 EnginePtr makeZip();
+EnginePtr makeTkrzw();
+EnginePtr makeCdb();
 
 }  // namespace bench
