@@ -9,7 +9,7 @@ namespace hxcrate {
 namespace {
 
 std::shared_ptr<hxhost::FileOutcome> outcomeOf(hx::Store* root) {
-  hx::FileHandle* file = hx::openFile(root);
+  hx::FileHandle* file = hx::fileOf(root);
   return file != nullptr ? hxhost::LinuxHost::outcomeOf(file) : nullptr;
 }
 
@@ -44,7 +44,7 @@ bool Opening::abandonUpdate() {
   if (!writable_) return false;
   const hx::LockGuard lock(module()->lock);  // without it others may be in the middle of a write
   if (!lock.taken()) throw Error(Errc::notLocked, path_, "");
-  hx::FileHandle* file = hx::openFile(root_);
+  hx::FileHandle* file = hx::fileOf(root_);
   if (file != nullptr) hxhost::LinuxHost::abandonUpdate(file);
   return file != nullptr;
 }

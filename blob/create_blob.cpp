@@ -31,16 +31,17 @@ void placePages(ItemMember* item) {
 extern "C" void* hxcrateCreateBlobFromStore(Store* store, uint64_t* size, Pool* pool) {
   if (!canBecomeBlob(store)) return nullptr;
   if (store->directoryOffset == 0) store->directoryOffset = allocateDiskSpace(store, kEntrySize);
-  *size = static_cast<uint64_t>(calcBlobSize(store));
+  placeTree(store);
+  *size = static_cast<uint64_t>(store->fileEnd);
   void* blob = allocateBlock(pool, *size);
   if (blob == nullptr) return nullptr;
   const Header header = currentHeader(store);
   copyBytes(blob, &header, sizeof(header));
-  writeDirectoryToBlob(store, blob, 0, 0);
+  writeTree(store, Image(store, static_cast<uint8_t*>(blob)), 0, 0);
   return blob;
 }
 
-extern "C" int64_t calcBlobSize(Store* store) {
+void placeTree(Store* store) {
   TreeCursor cursor(store);
   while (!cursor.isBehindAll()) {
     if (cursor.member == nullptr) {
@@ -55,13 +56,6 @@ extern "C" int64_t calcBlobSize(Store* store) {
       cursor.advance();
     }
   }
-  return store->fileEnd;
-}
-
-extern "C" int64_t writeDirectoryToBlob(Store* store, void* blob, int64_t parentLink,
-                                        int64_t previousLink) {
-  const Image image(store->root, static_cast<uint8_t*>(blob));
-  return writeTree(store, image, parentLink, previousLink);
 }
 
 }  // namespace hx

@@ -15,15 +15,9 @@ extern "C" {
 // further writes and further blobs, and so do the places that were handed out.
 HX_EXPORT void* hxcrateCreateBlobFromStore(Store* store, uint64_t* size, Pool* pool);
 
-// Gives everything below a store its place and returns the store's fileEnd, a top-level store's
-// blob size.
-HX_EXPORT int64_t calcBlobSize(Store* store);
-
-// Writes a store's ENTRY, with these links, and everything below it, all of it placed, into a blob
-// that has room for it. Returns the offset of the store's ENTRY.
-HX_EXPORT int64_t writeDirectoryToBlob(Store* store, void* blob, int64_t parentLink,
-                                       int64_t previousLink);
-
 }  // extern "C"
+
+// Gives everything below a store its place, pages included.
+void placeTree(Store* store);
 
 }  // namespace hx

@@ -16,10 +16,6 @@ HX_EXPORT Store* hxcrateOpenStoreFromMemory(ExtensionInstance* instance, const v
                                             uint64_t size, const char32_t* name, int32_t length,
                                             uint32_t flags, int32_t* status);
 
-// As loadDirectory, for a store of a blob's tree; the flags mean nothing here.
-HX_EXPORT void loadDirectoryFromMemory(Store* store, MemberTable* table, uint32_t flags,
-                                       int32_t* status);
-
 }  // extern "C"
 
 }  // namespace hx

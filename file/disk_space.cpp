@@ -28,7 +28,7 @@ int64_t takeExtent(Store* root, FreeExtent** link) {
 
 }  // namespace
 
-extern "C" int64_t allocateDiskSpace(Store* store, int32_t length) {
+int64_t allocateDiskSpace(Store* store, int32_t length) {
   Store* root = store->root;
   FreeExtent** link = findExtent(root, length);
   if (*link != nullptr) return takeExtent(root, link);
@@ -37,7 +37,7 @@ extern "C" int64_t allocateDiskSpace(Store* store, int32_t length) {
   return offset;
 }
 
-extern "C" void releaseDiskSpace(Store* store, int64_t offset, int32_t length) {
+void releaseDiskSpace(Store* store, int64_t offset, int32_t length) {
   Store* root = store->root;
   FreeExtent* extent = *findExtent(root, 0);
   if (extent == nullptr) {

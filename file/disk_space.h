@@ -3,21 +3,16 @@
 // other thread away from the tree.
 #pragma once
 
-#include "records/export.h"
 #include "records/records.h"
 
 namespace hx {
 
-extern "C" {
-
 // The offset of `length` bytes that now belong to the caller: a released extent of exactly that
 // length, the newest first, else the end of the file. Never fails, never 0.
-HX_EXPORT int64_t allocateDiskSpace(Store* store, int32_t length);
+int64_t allocateDiskSpace(Store* store, int32_t length);
 
 // Lets an extent be handed out again. It is forgotten when the pool has no memory to remember it.
-HX_EXPORT void releaseDiskSpace(Store* store, int64_t offset, int32_t length);
-
-}  // extern "C"
+void releaseDiskSpace(Store* store, int64_t offset, int32_t length);
 
 // Frees the list of released extents.
 void releaseFreeList(Store* root);

@@ -1,9 +1,11 @@
 #include "file/header.h"
 
-#include "file/record_maps.h"
-#include "file/translate.h"
+#include "file/storage.h"
+#include "file/translation.h"
 
 namespace hx {
+
+constexpr int64_t kNoStamp = -1;
 
 Header currentHeader(const Store* root) {
   Header header = {};
@@ -19,10 +21,25 @@ Header currentHeader(const Store* root) {
 
 Status takeHeader(Store* root, Header header) {
   root->encodingId = header.encodingId;
-  if (translateStructure(root, &header, kHeaderSize, HEADER_map) != 0) return kUnreadable;
+  if (!translate(root, &header)) return kUnreadable;
   root->pageSize = pageSizeFromCode(header.pageSizeCode);
   root->directoryOffset = header.directoryOffset;
   return root->pageSize == 0 ? kUnreadable : kOk;
+}
+
+FileStamp stampOf(FileHandle* file) {
+  FileStamp stamp = {};
+  const bool read = readFile(file, 0, stamp.header, kHeaderSize);
+  stamp.length = read ? fileLength(file) : kNoStamp;
+  return stamp;
+}
+
+bool isKnown(const FileStamp& stamp) {
+  return stamp.length != kNoStamp;
+}
+
+bool sameStamp(const FileStamp& a, const FileStamp& b) {
+  return isKnown(a) && a.length == b.length && equalBytes(a.header, b.header, sizeof(a.header));
 }
 
 }  // namespace hx

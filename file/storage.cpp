@@ -1,8 +1,7 @@
 #include "file/storage.h"
 
-#include "file/record_maps.h"
 #include "file/shared_storage.h"
-#include "file/translate.h"
+#include "file/translation.h"
 
 namespace hx {
 
@@ -56,7 +55,7 @@ bool readFile(FileHandle* file, int64_t offset, void* to, int64_t length) {
 }
 
 void closeStoreFile(Store* root) {
-  FileHandle* file = openFile(root);
+  FileHandle* file = fileOf(root);
   if (file == nullptr) return;
   withdrawStorage(root);
   root->file = nullptr;
@@ -75,16 +74,16 @@ bool liesInside(const Store* store, int64_t offset, int64_t length) {
 
 bool readStored(const Store* store, int64_t offset, void* to, int64_t length) {
   if (!liesInside(store, offset, length)) return false;
-  if (const uint8_t* blob = openBlob(store)) {
+  if (const uint8_t* blob = blobOf(store)) {
     copyBytes(to, blob + offset, static_cast<uint64_t>(length));
     return true;
   }
-  FileHandle* file = openFile(store);
+  FileHandle* file = fileOf(store);
   return file != nullptr && readFile(file, offset, to, length);
 }
 
 void writeStored(const Store* store, int64_t offset, const void* from, int64_t length) {
-  FileHandle* file = openFile(store);
+  FileHandle* file = fileOf(store);
   if (file == nullptr) return;
   int64_t& meantLength = store->root->stamp.length;
   if (meantLength < offset + length) meantLength = offset + length;
@@ -94,7 +93,7 @@ void writeStored(const Store* store, int64_t offset, const void* from, int64_t l
 
 bool readEntry(Store* store, int64_t offset, Entry* entry) {
   if (!readStored(store, offset, entry, kEntrySize)) return false;
-  translateStructure(store, entry, kEntrySize, ENTRY_map);
+  translate(store, entry);
   return true;
 }
 

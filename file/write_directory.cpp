@@ -30,8 +30,7 @@ void narrowName(Name name, uint8_t (&field)[kStoredNameLength]) {
 }
 
 // Writes the directory along a walk over the tree. Only the member written last is remembered: on
-// the way back up that is the nested store just left, so a level needs no state of its own. An
-// item's ENTRY is written when its `next` is known, so once.
+// the way back up that is the nested store just left, so a level needs no state of its own.
 class TreeWriter {
  public:
   TreeWriter(Store* top, const Image& image) : cursor_(top), image_(image) {}
@@ -74,8 +73,8 @@ class TreeWriter {
     Member* member = asMember(item);
     const int64_t previous = last_ == nullptr ? 0 : entryOffsetOf(last_);
     const auto firstChunk = static_cast<int64_t>(item->firstChunkOffset);
-    pendingEntry_ = {cursor_.store->directoryOffset, previous, 0, firstChunk, {}};
-    narrowName(nameOf(member), pendingEntry_.name);
+    lastItemEntry_ = {cursor_.store->directoryOffset, previous, 0, firstChunk, {}};
+    narrowName(nameOf(member), lastItemEntry_.name);
     writePages(item, image_);
     last_ = member;
     cursor_.advance();
@@ -95,11 +94,17 @@ class TreeWriter {
     cursor_.leave();
   }
 
+  // Gives the member written last its `next`, which is known only when its successor has a place.
+  // An item's ENTRY has waited for that, and is written once; a nested store's was written before
+  // its members and is changed.
   void linkLast(int64_t next) {
     if (last_ == nullptr) return;
-    if (last_->kind == kStoreKind) return image_.setLink(entryOffsetOf(last_), &Entry::next, next);
-    pendingEntry_.next = next;
-    image_.write(entryOffsetOf(last_), &pendingEntry_, kEntrySize);
+    if (last_->kind == kItemKind) {
+      lastItemEntry_.next = next;
+      image_.write(entryOffsetOf(last_), &lastItemEntry_, kEntrySize);
+    } else {
+      image_.setLink(entryOffsetOf(last_), &Entry::next, next);
+    }
   }
 
   // Ends the chain of the store's members and links its head.
@@ -113,7 +118,7 @@ class TreeWriter {
   TreeCursor cursor_;
   Image image_;
   Member* last_ = nullptr;        // the member of the cursor's store written last
-  Entry pendingEntry_ = {};       // of `last_`, when that is an item: all but `next`
+  Entry lastItemEntry_ = {};      // of `last_`, when that is an item: all but `next`
   int64_t lastNestedOffset_ = 0;  // the nested store of the cursor's store written last
 };
 
@@ -132,13 +137,8 @@ void placeMember(Member* member, Store* container) {
   if (item->firstChunkOffset == 0) item->firstChunkOffset = allocateUnsigned(container, kChunkSize);
 }
 
-extern "C" int64_t writeDirectory(Store* store, int64_t parentLink, int64_t previousLink) {
-  return writeTree(store, Image(store->root, nullptr), parentLink, previousLink);
-}
-
-int64_t writeTree(Store* top, const Image& image, int64_t parentLink, int64_t previousLink) {
+void writeTree(Store* top, const Image& image, int64_t parentLink, int64_t previousLink) {
   TreeWriter(top, image).write(parentLink, previousLink);
-  return top->directoryOffset;
 }
 
 }  // namespace hx

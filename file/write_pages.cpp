@@ -1,6 +1,7 @@
 #include "file/write_pages.h"
 
 #include "file/disk_space.h"
+#include "file/item_pages.h"
 
 namespace hx {
 
@@ -19,7 +20,7 @@ int32_t usedBytes(const ItemMember* item, const PageBuf* page, int32_t pageSize)
 
 // The order in which space is taken is part of the format: a page's bytes before the next record.
 void writePage(ItemMember* item, PageBuf* page, const Image& image) {
-  const int32_t pageSize = item->parent->root->pageSize;
+  const int32_t pageSize = pageSizeOf(item);
   placeChunk(item, page);
   if (page->dataOffset == 0) page->dataOffset = allocateDiskSpace(item->parent, pageSize);
   page->capacity = pageSize;
@@ -38,10 +39,6 @@ void writeEmptyItem(ItemMember* item, const Image& image) {
 
 }  // namespace
 
-extern "C" void writeItem(ItemMember* item) {
-  writePages(item, Image(item->parent->root, nullptr));
-}
-
 void writePages(ItemMember* item, const Image& image) {
   if (item->firstChunkOffset == 0) {
     item->firstChunkOffset = static_cast<uint64_t>(allocateDiskSpace(item->parent, kChunkSize));
@@ -53,7 +50,7 @@ void writePages(ItemMember* item, const Image& image) {
     first->chunkOffset = static_cast<int64_t>(item->firstChunkOffset);
   }
   for (PageBuf* page = first; page != nullptr; page = page->next) {
-    if (!image.isBlob() && (page->flags & kPageDirty) == 0) continue;
+    if (!image.isBlob() && !isDirty(page)) continue;
     writePage(item, page, image);
     if (!image.isBlob()) page->flags &= ~kPageDirty;
   }

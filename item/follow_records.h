@@ -1,7 +1,7 @@
 // Following an item's records, each once, and only as far as somebody wants to know.
 #pragma once
 
-#include "file/load_item.h"
+#include "file/item_pages.h"
 #include "item/item_view.h"
 #include "records/status.h"
 

@@ -1,12 +1,10 @@
 #include "item/open_item.h"
 
-#include "file/load_item.h"
+#include "file/item_pages.h"
 #include "file/write_pages.h"
-#include "item/page_list.h"
 #include "records/lock_guard.h"
 #include "records/member_table.h"
 #include "records/memory.h"
-#include "records/slots.h"
 #include "records/status.h"
 #include "store/open_store.h"
 #include "store/page_size.h"
@@ -24,11 +22,8 @@ Status checkWritable(const Store* store) {
 }
 
 Status loadPages(ItemMember* item, uint32_t flags) {
-  if (item->firstPage == nullptr) {
-    const int32_t result = loadItem(item, flags);
-    if (result < -1) return static_cast<Status>(result);
-    if (result != 0 || item->firstPage == nullptr) return kNoMemory;
-  }
+  const Status status = item->firstPage == nullptr ? loadItem(item, flags) : kOk;
+  if (status != kOk) return status;
   if (!has(flags, kRead) || item->openCount < 0 || item->firstPage->index == 0) return kOk;
   return loadFirstPage(item);
 }
@@ -74,80 +69,49 @@ Status openExisting(Member* found, uint32_t flags, ItemHandle** handle) {
   return status;
 }
 
-// A new item in the making; what was made is freed again unless it is all there.
-class NewItem {
- public:
-  explicit NewItem(Pool* pool) : pool_(pool) {}
-  ~NewItem() {
-    freeBlock(pool_, buffer_);
-    freeBlock(pool_, page_);
-    if (item_ != nullptr) freeBlock(pool_, item_->name);
-    freeBlock(pool_, item_);
-  }
-  NewItem(const NewItem&) = delete;
-  NewItem& operator=(const NewItem&) = delete;
+// Its bytes will be in the encoding of now, whatever the store held before. Readers compare the
+// identity without the lock, so it is left alone when it stays the same.
+void stampEncoding(Store* store) {
+  Encoding* encoding = store->extension->encodingExtension;
+  if (encoding == nullptr) return;
+  EncodingId current = store->encodingId;
+  encoding->fillEncodingId(encoding, &current, HX_ENCODING_ID_LENGTH, 0, 0);
+  if (!equalBytes(&current, &store->encodingId, sizeof(current))) store->encodingId = current;
+}
 
-  // The handle of an item that is complete but for its place in the table, or null.
-  ItemHandle* make(Store* store, Name name) {
-    item_ = allocateRecord<ItemMember>(pool_);
-    if (item_ == nullptr || !copyName(pool_, asMember(item_), name)) return nullptr;
-    stampEncoding(store);
-    page_ = allocateRecord<PageBuf>(pool_);
-    if (page_ == nullptr) return nullptr;
-    buffer_ = allocateBlock(pool_, static_cast<uint64_t>(store->root->pageSize));
-    if (buffer_ == nullptr) return nullptr;
-    auto* handle = allocateRecord<ItemHandle>(pool_);
-    if (handle != nullptr) complete(store, handle);
-    return handle;
-  }
-
- private:
-  // Its bytes will be in the encoding of now, whatever the store held before. Readers compare the
-  // identity without the lock, so it is left alone when it stays the same.
-  static void stampEncoding(Store* store) {
-    Encoding* encoding = store->extension->encodingExtension;
-    if (encoding == nullptr) return;
-    EncodingId current = store->encodingId;
-    encoding->fillEncodingId(encoding, &current, HX_ENCODING_ID_LENGTH, 0, 0);
-    if (!equalBytes(&current, &store->encodingId, sizeof(current))) store->encodingId = current;
-  }
-
-  void complete(Store* store, ItemHandle* handle) {
-    page_->buffer = static_cast<uint8_t*>(buffer_);
-    page_->useCount = 1;
-    // Without a file the page exists in memory alone, even while it is empty.
-    if (openFile(store) == nullptr) page_->flags = kPageDirty;
-    item_->pool = pool_;
-    item_->extension = store->extension;
-    item_->openCount = -1;
-    item_->parent = store;
-    item_->kind = kItemKind;
-    item_->dirty = 1;
-    item_->isSizeKnown = true;
-    item_->firstPage = page_;
-    item_->lastPage = page_;
-    fillItemSlots(item_);
-    handle->item = item_;
-    handle->page = page_;
-    handle->access = kUpdate;
-    buffer_ = nullptr;
-    page_ = nullptr;
-    item_ = nullptr;
-  }
-
-  Pool* pool_;
-  ItemMember* item_ = nullptr;
-  PageBuf* page_ = nullptr;
-  void* buffer_ = nullptr;
-};
+// What a new item's creator writes through, or null.
+ItemHandle* openNew(ItemMember* item, Name name) {
+  if (!copyName(item->pool, asMember(item), name)) return nullptr;
+  stampEncoding(item->parent);
+  PageBuf* page = newPage(item);
+  if (page == nullptr) return nullptr;
+  item->firstPage = page;
+  item->lastPage = page;
+  if (fileOf(item->parent) == nullptr) page->flags = kPageDirty;
+  auto* handle = allocateRecord<ItemHandle>(item->pool);
+  if (handle == nullptr) return nullptr;
+  item->openCount = -1;
+  item->dirty = 1;
+  item->isSizeKnown = true;
+  page->useCount = 1;
+  handle->item = item;
+  handle->page = page;
+  handle->access = kUpdate;
+  return handle;
+}
 
 Status createItem(Store* store, Name name, ItemHandle** handle) {
   const Status writable = checkWritable(store);
   if (writable != kOk) return writable;
   if (store->root->pageSize < 1) return kNoMemory;
-  *handle = NewItem(store->extension->pool).make(store, name);
-  if (*handle == nullptr) return kNoMemory;
-  insertMember(membersOf(store), asMember((*handle)->item));
+  ItemMember* item = newItem(store);
+  if (item == nullptr) return kNoMemory;
+  *handle = openNew(item, name);
+  if (*handle == nullptr) {
+    freeItem(item);
+    return kNoMemory;
+  }
+  insertMember(membersOf(store), asMember(item));
   return kOk;
 }
 
@@ -168,9 +132,9 @@ Status openInStore(ExtensionInstance* instance, Store* store, Name name, uint32_
 void leaveItem(ItemMember* item, uint32_t access) {
   if (access == kRead) --item->openCount;
   if (access != kUpdate) return;
-  // A file that is open for readers only can't take the pages; they stay until it can.
-  const Store* root = item->parent->root;
-  if (openFile(root) != nullptr && root->openCount < 0) writeItem(item);
+  // The pages of a file that can't take them stay until it can.
+  Store* root = item->parent->root;
+  if (takesPages(root)) writePages(item, Image(root, nullptr));
   item->openCount = 0;
 }
 

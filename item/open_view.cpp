@@ -1,7 +1,7 @@
 #include "item/open_view.h"
 
+#include "file/item_pages.h"
 #include "item/follow_records.h"
-#include "item/page_list.h"
 #include "item/read_at.h"
 #include "records/lock_guard.h"
 #include "records/member_table.h"

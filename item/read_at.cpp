@@ -1,8 +1,8 @@
 #include "item/read_at.h"
 
-#include "file/converters.h"
 #include "file/shared_storage.h"
 #include "file/storage.h"
+#include "file/translation.h"
 #include "item/follow_records.h"
 #include "item/open_view.h"
 #include "item/page_batch.h"

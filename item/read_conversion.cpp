@@ -1,6 +1,6 @@
 #include "item/read_conversion.h"
 
-#include "file/converters.h"
+#include "file/translation.h"
 #include "records/lock_guard.h"
 #include "records/memory.h"
 

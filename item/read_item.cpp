@@ -1,8 +1,7 @@
 #include "item/read_item.h"
 
-#include "file/load_item.h"
+#include "file/item_pages.h"
 #include "file/storage.h"
-#include "item/page_list.h"
 #include "item/read_conversion.h"
 #include "records/bytes.h"
 #include "records/lock_guard.h"
@@ -25,99 +24,132 @@ struct Target {
   }
 };
 
-// A handle's way from its page to the next one that it has to stand on. Whole pages in between that
-// nobody has in memory go to the target without a page being made of them, which takes a fifth off
-// the reading of a blob with pages of 4096 bytes.
-class PageWalk {
+// The whole pages that one step took to the caller without a page in memory: at once from a file,
+// and from a blob when the lock is free again, since nobody writes into that.
+class TakenPages {
  public:
-  PageWalk(ItemHandle* handle, Target& target)
-      : handle_(handle),
-        item_(handle->item),
-        pageSize_(handle->item->parent->root->pageSize),
-        blob_(openBlob(handle->item->parent)),
-        target_(target),
-        takenTo_(target.place) {}
-  ~PageWalk() {
-    if (spare_ != nullptr) freePage(item_, spare_);
-  }
-  PageWalk(const PageWalk&) = delete;
-  PageWalk& operator=(const PageWalk&) = delete;
+  TakenPages(const ItemMember* item, uint8_t* to)
+      : item_(item), pageSize_(pageSizeOf(item)), blob_(blobOf(item->parent)), to_(to) {}
 
-  // Under the lock. After a failure the handle is on the page before its position.
-  Status goOn() {
-    PageBuf* listed = listedPage(handle_->page->index + 1);
-    if (listed != nullptr) return standOn(listed);
-    Status status = find(handle_->page->nextChunkOffset, handle_->page->index + 1);
-    if (status != kOk) return status;
-    spare_ = newPage(item_);
-    if (spare_ == nullptr) return kNoMemory;
-    while (isTakenWhole()) {
-      if (!take()) return standOnTaken(kUnreadable);
-      listed = listedPage(place_.index + 1);
-      if (listed != nullptr) return standOn(listed);
-      status = find(place_.chunk.next, place_.index + 1);
-      if (status != kOk) return standOnTaken(status);
-    }
-    status = fillPage(item_, spare_, place_);
-    return status == kOk ? standOnSpare() : standOnTaken(status);
-  }
-
-  // Without the lock: nobody writes into a blob.
-  void copyTaken() {
-    if (blob_ == nullptr) return;
-    const auto bytes = static_cast<uint64_t>(pageSize_);
-    for (int32_t i = 0; i < takenCount_; ++i, takenTo_ += bytes)
-      copyBytes(takenTo_, blob_ + taken_[i], bytes);
-  }
-
- private:
   // Bounds how long one call keeps the lock.
-  static constexpr int32_t kMostTaken = 16;
+  bool hasRoom() const { return count_ < kMost; }
 
-  PageBuf* listedPage(int32_t index) const {
-    PageBuf* next = handle_->page->next;
-    return next != nullptr && next->index == index ? next : nullptr;
-  }
-
-  Status find(int64_t offset, int32_t index) {
-    if (offset == 0) return kEndOfItem;
-    if (item_->parent->root->file == nullptr) return kFileNotOpen;
-    if (!readChunk(item_, offset, index, &place_)) return kUnreadable;
-    return place_.chunk.capacity == 0 ? kEndOfItem : kOk;
-  }
-
-  // The call wants all of the page, with which the item does not end: there the handle stays.
-  bool isTakenWhole() const {
-    const int32_t left = item_->size - handle_->position;
-    return target_.wanted >= pageSize_ && left > pageSize_ && takenCount_ < kMostTaken;
-  }
-
-  bool take() {
-    const int64_t from = place_.chunk.dataOffset;
-    if (blob_ == nullptr && !readStored(item_->parent, from, target_.place, pageSize_))
+  bool take(int64_t offset) {
+    if (blob_ == nullptr && !readStored(item_->parent, offset, placeOf(count_), pageSize_))
       return false;
-    taken_[takenCount_++] = from;
-    lastTaken_ = place_;
-    handle_->position += pageSize_;
-    target_.advance(pageSize_);
+    offsets_[count_++] = offset;
     return true;
   }
 
-  // The page after those taken can't be had. The last of them is in the target.
-  Status standOnTaken(Status status) {
-    if (takenCount_ == 0) return status;
-    describePage(item_, spare_, lastTaken_);
-    if (blob_ == nullptr) {
-      copyBytes(spare_->buffer, target_.place - pageSize_, static_cast<uint64_t>(pageSize_));
+  void copyFromBlob() const {
+    for (int32_t i = 0; blob_ != nullptr && i < count_; ++i)
+      copyBytes(placeOf(i), blob_ + offsets_[i], static_cast<uint64_t>(pageSize_));
+  }
+
+  // The last page taken from a file; null when its bytes can be had from the blob, or when there is
+  // none.
+  const uint8_t* lastFromFile() const {
+    return blob_ != nullptr || count_ == 0 ? nullptr : placeOf(count_ - 1);
+  }
+
+ private:
+  static constexpr int32_t kMost = 16;
+
+  uint8_t* placeOf(int32_t i) const { return to_ + int64_t{i} * pageSize_; }
+
+  const ItemMember* item_;
+  int32_t pageSize_;
+  const uint8_t* blob_;
+  uint8_t* to_;
+  int64_t offsets_[kMost] = {};
+  int32_t count_ = 0;
+};
+
+// A handle's step from its page to the next one that it has to stand on. Whole pages in between
+// that nobody has in memory go to the target without a page being made of them, which takes a fifth
+// off the reading of a blob with pages of 4096 bytes.
+class Step {
+ public:
+  Step(ItemHandle* handle, Target& target)
+      : handle_(handle),
+        item_(handle->item),
+        target_(target),
+        taken_(item_, target.place),
+        index_(handle->page->index),
+        next_(handle->page->nextChunkOffset) {}
+  ~Step() {
+    if (page_ != nullptr) freePage(item_, page_);
+  }
+  Step(const Step&) = delete;
+  Step& operator=(const Step&) = delete;
+
+  // Under the lock. After a failure the handle is on the page before its position.
+  Status go() {
+    for (;;) {
+      if (PageBuf* listed = listedPage()) return standOn(listed);
+      ChunkPlace place = {};
+      Status status = findPage(&place);
+      if (status != kOk) return standOnTaken(status);
+      if (!isWantedWhole()) {
+        status = fillPage(item_, page_, place);
+        return status == kOk ? standOnPage() : standOnTaken(status);
+      }
+      if (!taken_.take(place.chunk.dataOffset)) return standOnTaken(kUnreadable);
+      goOnBehind(place);
     }
-    standOnSpare();
+  }
+
+  // Without the lock.
+  void finish() const { taken_.copyFromBlob(); }
+
+ private:
+  // The page behind those that the step has come past, where somebody has it in memory.
+  PageBuf* listedPage() const {
+    PageBuf* listed = handle_->page->next;
+    return listed != nullptr && listed->index == index_ + 1 ? listed : nullptr;
+  }
+
+  // The record of that page, and a page in memory for what the step ends with.
+  Status findPage(ChunkPlace* place) {
+    if (next_ == 0) return kEndOfItem;
+    if (item_->parent->root->file == nullptr) return kFileNotOpen;
+    if (!readChunk(item_, next_, index_ + 1, place)) return kUnreadable;
+    if (place->chunk.capacity == 0) return kEndOfItem;
+    if (page_ == nullptr) page_ = newPage(item_);
+    return page_ == nullptr ? kNoMemory : kOk;
+  }
+
+  // Not the page with which the item ends: there the handle stays.
+  bool isWantedWhole() const {
+    const int32_t pageSize = pageSizeOf(item_);
+    const int32_t left = item_->size - handle_->position;
+    return target_.wanted >= pageSize && left > pageSize && taken_.hasRoom();
+  }
+
+  void goOnBehind(const ChunkPlace& place) {
+    handle_->position += pageSizeOf(item_);
+    target_.advance(pageSizeOf(item_));
+    index_ = place.index;
+    next_ = place.chunk.next;
+    lastTaken_ = place;
+  }
+
+  // The page behind can't be had. The handle stays on the last one taken, whose bytes are with the
+  // caller, or on its own.
+  Status standOnTaken(Status status) {
+    if (index_ == handle_->page->index) return status;
+    describePage(item_, page_, lastTaken_);
+    if (const uint8_t* bytes = taken_.lastFromFile()) {
+      copyBytes(page_->buffer, bytes, static_cast<uint64_t>(pageSizeOf(item_)));
+    }
+    standOnPage();
     return status;
   }
 
-  Status standOnSpare() {
-    linkPageAfter(item_, handle_->page, spare_);
-    PageBuf* page = spare_;
-    spare_ = nullptr;
+  Status standOnPage() {
+    PageBuf* page = page_;
+    page_ = nullptr;
+    linkPageAfter(item_, handle_->page, page);
     return standOn(page);
   }
 
@@ -128,26 +160,24 @@ class PageWalk {
 
   ItemHandle* handle_;
   ItemMember* item_;
-  int32_t pageSize_;
-  const uint8_t* blob_;
   Target& target_;
-  ChunkPlace place_ = {};
-  PageBuf* spare_ = nullptr;  // in no list yet
-  uint8_t* takenTo_;
-  int64_t taken_[kMostTaken] = {};  // where the bytes lie
-  int32_t takenCount_ = 0;
+  TakenPages taken_;
+  // What the step has come past: the handle's own page, then those taken.
+  int32_t index_;
+  int64_t next_;  // the record behind
   ChunkPlace lastTaken_ = {};
+  PageBuf* page_ = nullptr;  // that the step ends with, in no list yet
 };
 
-Status goOnLocked(const ItemHandle* handle, PageWalk& walk) {
+Status goLocked(const ItemHandle* handle, Step& step) {
   const LockGuard lock(handle->item->extension->lock);
-  return lock.taken() ? walk.goOn() : kNotLocked;
+  return lock.taken() ? step.go() : kNotLocked;
 }
 
 Status moveOn(ItemHandle* handle, Target& target) {
-  PageWalk walk(handle, target);
-  const Status status = goOnLocked(handle, walk);
-  walk.copyTaken();
+  Step step(handle, target);
+  const Status status = goLocked(handle, step);
+  step.finish();
   return status;
 }
 
@@ -176,7 +206,7 @@ void copyFromPage(ItemHandle* handle, int32_t pageSize, Target& target) {
 // nothing more is wanted.
 ReadResult readStoredBytes(ItemHandle* handle, uint8_t* to, int64_t wanted) {
   const ItemMember* item = handle->item;
-  const int32_t pageSize = item->parent->root->pageSize;
+  const int32_t pageSize = pageSizeOf(item);
   if (handle->position >= item->size) return {0, kEndOfItem};
   Target target{to, wanted};
   for (;;) {
@@ -207,7 +237,7 @@ uint32_t readConverted(Conversion& conversion, ItemHandle* handle, void* buffer,
 Status checkReadable(const ItemHandle* handle) {
   if (handle->access == 0) return kNoMemory;
   const Store* root = handle->item->parent->root;
-  return isInBlob(root) && openBlob(root) == nullptr ? kFileNotOpen : kOk;
+  return isInBlob(root) && blobOf(root) == nullptr ? kFileNotOpen : kOk;
 }
 
 }  // namespace

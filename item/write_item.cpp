@@ -2,42 +2,26 @@
 
 #include "file/disk_space.h"
 #include "file/format.h"
-#include "file/load_item.h"
+#include "file/item_pages.h"
 #include "file/write_pages.h"
-#include "item/page_list.h"
 #include "records/lock_guard.h"
-#include "records/memory.h"
 #include "records/status.h"
 
 namespace hx {
 
 namespace {
 
-int32_t pageSizeOf(const ItemHandle* handle) {
-  return handle->item->parent->root->pageSize;
-}
-
 // Bytes that still fit on the handle's page. 0 also when an earlier attempt to add a page failed.
 int32_t roomOnPage(const ItemHandle* handle) {
-  const int64_t pageEnd = (handle->page->index + int64_t{1}) * pageSizeOf(handle);
+  const int64_t pageEnd = (handle->page->index + int64_t{1}) * pageSizeOf(handle->item);
   return static_cast<int32_t>(pageEnd - handle->position);
-}
-
-PageBuf* makePage(const ItemMember* item) {
-  auto* page = allocateRecord<PageBuf>(item->pool);
-  if (page == nullptr) return nullptr;
-  const auto pageSize = static_cast<uint64_t>(item->parent->root->pageSize);
-  page->buffer = static_cast<uint8_t*>(allocateBlock(item->pool, pageSize));
-  if (page->buffer != nullptr) return page;
-  freePage(item, page);
-  return nullptr;
 }
 
 // The full pages go to the file, and the item keeps the new page alone in memory.
 void flushFullPages(ItemMember* item, const PageBuf* added) {
   const Store* root = item->parent->root;
-  if (openFile(root) == nullptr || root->openCount >= 0) return;
-  writeItem(item);
+  if (!takesPages(root)) return;
+  writePages(item, Image(root, nullptr));
   dropPagesBefore(item, added);
 }
 
@@ -51,7 +35,7 @@ Status addPage(ItemHandle* handle) {
     item->firstChunkOffset = static_cast<uint64_t>(allocateDiskSpace(item->parent, kChunkSize));
   }
   PageBuf* full = handle->page;
-  handle->page = makePage(item);
+  handle->page = newPage(item);
   if (handle->page == nullptr) return kNoMemory;
   handle->page->index = full->index + 1;
   handle->page->useCount = 1;
@@ -63,7 +47,7 @@ Status addPage(ItemHandle* handle) {
 }
 
 void copyIn(ItemHandle* handle, const uint8_t* from, int32_t count) {
-  const int32_t offset = handle->position % pageSizeOf(handle);
+  const int32_t offset = handle->position % pageSizeOf(handle->item);
   copyBytes(handle->page->buffer + offset, from, static_cast<uint64_t>(count));
   handle->page->flags |= kPageDirty;
   handle->position += count;

@@ -1,9 +1,8 @@
-#include "records/slots.h"
-
 #include "blob/create_blob.h"
 #include "item/open_item.h"
 #include "item/read_item.h"
 #include "item/write_item.h"
+#include "records/builders.h"
 #include "store/close_store.h"
 #include "store/enumerate.h"
 #include "store/page_size.h"

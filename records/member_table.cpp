@@ -12,11 +12,9 @@ int32_t bucketOf(uint32_t hash) {
 
 }  // namespace
 
-extern "C" Member* lookup(const MemberTable* table, int32_t bucket, const char32_t* name,
-                          int32_t length) {
-  const Name wanted = makeName(name, length);
-  Member* member = table->buckets[bucket];
-  while (member != nullptr && !equalNames(nameOf(member), wanted))
+Member* findInChain(Member* head, Name name) {
+  Member* member = head;
+  while (member != nullptr && !equalNames(nameOf(member), name))
     member = member->next;
   return member;
 }
@@ -35,7 +33,7 @@ Container containerOf(Store* store) {
 
 Member* findMember(const Container& container, Name name) {
   if (container.index.slots != nullptr) return findInIndex(container.index, name);
-  return lookup(&container.table, bucketOf(name), name.characters, name.length);
+  return findInChain(container.table.buckets[bucketOf(name)], name);
 }
 
 Member* findToOpen(const Container& container, Name name) {

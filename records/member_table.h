@@ -2,19 +2,13 @@
 // beside them once it is large. Callers hold the instance's lock.
 #pragma once
 
-#include "records/export.h"
 #include "records/name.h"
 #include "records/records.h"
 
 namespace hx {
 
-extern "C" {
-
-// The first member of the bucket's chain whose name equals the given one exactly, or null.
-HX_EXPORT Member* lookup(const MemberTable* table, int32_t bucket, const char32_t* name,
-                         int32_t length);
-
-}  // extern "C"
+// The first member of a chain whose name equals the given one exactly, or null.
+Member* findInChain(Member* head, Name name);
 
 // A table with its index, wherever they lie.
 struct Container {

@@ -244,13 +244,18 @@ inline bool isInBlob(const Store* store) {
   return (store->root->flags & kMemoryBacked) != 0;
 }
 
+// Pages are sized by the top-level store's value.
+inline int32_t pageSizeOf(const ItemMember* item) {
+  return item->parent->root->pageSize;
+}
+
 // The tree's open file, or null. A blob's address in `file` is never taken for one.
-inline FileHandle* openFile(const Store* store) {
+inline FileHandle* fileOf(const Store* store) {
   return isInBlob(store) ? nullptr : static_cast<FileHandle*>(store->root->file);
 }
 
 // The blob that the tree was opened from, or null.
-inline const uint8_t* openBlob(const Store* store) {
+inline const uint8_t* blobOf(const Store* store) {
   return isInBlob(store) ? static_cast<const uint8_t*>(store->root->file) : nullptr;
 }
 

@@ -1,8 +1,8 @@
 #include "store/close_store.h"
 
-#include "file/converters.h"
 #include "file/disk_space.h"
 #include "file/header.h"
+#include "file/translation.h"
 #include "file/write_directory.h"
 #include "records/lock_guard.h"
 #include "store/purge.h"
@@ -15,7 +15,7 @@ void writeBack(Store* store) {
   if (store->directoryOffset == 0) store->directoryOffset = allocateDiskSpace(store, kEntrySize);
   const Header header = currentHeader(store);
   writeStored(store, 0, &header, kHeaderSize);
-  writeDirectory(store, 0, 0);
+  writeTree(store, Image(store, nullptr), 0, 0);
   store->dirty &= ~1u;
   writeStored(store, 0, &header, kHeaderSize);
   copyBytes(store->stamp.header, &header, sizeof(header));
@@ -34,7 +34,7 @@ extern "C" void hxcrateCloseStore(Store* store) {
   const bool wasUpdated = store->openCount < 0;
   countOff(store);
   if (store->openCount != 0 || !isRoot(store)) return;
-  if (wasUpdated && openFile(store) != nullptr) writeBack(store);
+  if (wasUpdated && fileOf(store) != nullptr) writeBack(store);
   closeStoreFile(store);
   releaseConverters(store);
   if (isInBlob(store)) dropStore(store);

@@ -1,14 +1,15 @@
 #include "store/open_store.h"
 
-#include "file/converters.h"
-#include "file/file_stamp.h"
-#include "file/load_store.h"
+#include "file/header.h"
+#include "file/item_pages.h"
+#include "file/load_tree.h"
 #include "file/shared_storage.h"
 #include "file/storage.h"
+#include "file/translation.h"
+#include "records/builders.h"
 #include "records/lock_guard.h"
 #include "records/member_table.h"
 #include "records/memory.h"
-#include "records/slots.h"
 #include "records/status.h"
 #include "records/tree_cursor.h"
 #include "store/close_store.h"
@@ -38,7 +39,7 @@ bool isUnsaved(Member* member) {
   if (member->kind == kStoreKind) return asStore(member)->directoryOffset == 0;
   const ItemMember* item = asItem(member);
   const PageBuf* page = item->firstPage;
-  while (page != nullptr && (page->flags & kPageDirty) == 0)
+  while (page != nullptr && !isDirty(page))
     page = page->next;
   return item->entryOffset == 0 || page != nullptr;
 }
@@ -64,6 +65,7 @@ bool holdsUnsaved(Store* top) {
 class DroppedStore {
  public:
   explicit DroppedStore(Store* store) : pool_(store->extension->pool), name_(store->name) {
+    removeMember(containerOf(store), asMember(store));  // is found by its name
     store->name = nullptr;
     store->nameLength = 0;
     dropStore(store);
@@ -204,14 +206,11 @@ class StoreOpener {
   }
 
   Store* loadFile() {
-    *status_ = kOk;
-    Store* store = loadItemStore(instance_, name_.characters, name_.length, flags_, status_);
-    if (*status_ == kExists) {
-      freeBlock(instance_->pool, store);
-      return nullptr;
-    }
-    if (store != nullptr) return takeLoaded(store);
-    return *status_ == kOk ? createOrMiss() : nullptr;
+    const LoadedStore loaded = loadStore(instance_, name_, flags_);
+    *status_ = loaded.status;
+    if (loaded.store != nullptr) return takeLoaded(loaded.store);
+    const bool isNone = loaded.status == kFileNotOpen || loaded.status == kNotFound;
+    return isNone ? createOrMiss() : nullptr;
   }
 
   Store* replaceFile() {
@@ -256,25 +255,21 @@ class StoreOpener {
   }
 
   Store* createRecord(FileHandle* file) {
-    auto* store = allocateRecord<Store>(instance_->pool);
+    Store* store = newStore(instance_, parent_);
     if (store == nullptr) return fail(kNoMemory);
     if (!copyName(instance_->pool, asMember(store), name_)) {
       freeBlock(instance_->pool, store);
       return fail(kNoMemory);
     }
-    store->kind = kStoreKind;
     store->dirty = 1;
     if (wants(kNoFile)) store->flags = kNoFileStore;
-    store->root = parent_ != nullptr ? parent_->root : store;
     store->file = file;
     store->hasHadFile = file != nullptr;
-    store->parent = parent_;
-    store->extension = instance_;
     store->openCount = parent_ != nullptr ? 1 : -1;
     store->encodingId = instance_->encodingId;
     store->fileEnd = kHeaderSize;
-    fillStoreSlots(store);
     insertMember(containerOf(store), asMember(store));
+    *status_ = kOk;
     return store;
   }
 

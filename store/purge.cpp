@@ -1,25 +1,15 @@
 #include "store/purge.h"
 
-#include "file/converters.h"
 #include "file/disk_space.h"
-#include "file/load_item.h"
 #include "file/shared_storage.h"
+#include "file/translation.h"
+#include "records/builders.h"
 #include "records/member_table.h"
 #include "records/memory.h"
 
 namespace hx {
 
 namespace {
-
-void freeItem(Pool* pool, ItemMember* item) {
-  while (item->firstPage != nullptr) {
-    PageBuf* page = item->firstPage;
-    item->firstPage = page->next;
-    freePage(item, page);
-  }
-  freeBlock(pool, item->name);
-  freeBlock(pool, item);
-}
 
 Member* takeFirstMember(Store* store) {
   Member* member = firstMember(store->members);
@@ -35,17 +25,17 @@ void leaveTable(Store* store) {
 
 }  // namespace
 
-extern "C" void purgeStore(Store* store) {
+void purgeStore(Store* store) {
   Pool* pool = store->extension->pool;
   leaveTable(store);
   freeBlock(pool, store->name);
-  freeMemory(store);
+  freeMembers(store);
   freeBlock(pool, store);
 }
 
 // Depth first, without recursion: a nested store is taken out of its parent before its own members
 // are freed, so `parent` is all that leads back.
-extern "C" void freeMemory(Store* top) {
+void freeMembers(Store* top) {
   Pool* pool = top->extension->pool;
   Store* store = top;
   for (;;) {
@@ -60,7 +50,7 @@ extern "C" void freeMemory(Store* top) {
     } else if (member->kind == kStoreKind) {
       store = asStore(member);
     } else {
-      freeItem(pool, asItem(member));
+      freeItem(asItem(member));
     }
   }
 }

@@ -15,7 +15,7 @@ int32_t clamp(int32_t value, int32_t most) {
 }  // namespace
 
 extern "C" int32_t hxcratePath(Store* store, char32_t* buffer, int32_t* length) {
-  const FileHandle* file = openFile(store);
+  const FileHandle* file = fileOf(store);
   const int32_t pathLength = file == nullptr ? 0 : clamp(file->pathLength, HX_PATH_CAPACITY);
   *length = clamp(*length, pathLength);
   if (*length > 0) {

@@ -84,7 +84,7 @@ void checkIndex(const MemberTable& table, const MemberIndex& index) {
 
 void checkTree(const Store* root, const Handles& handles) {
   EXPECT_TRUE(root->openCount <= 0 || root->file != nullptr);
-  EXPECT_TRUE(root->openCount != 0 || openFile(root) == nullptr) << "closed, but not its file";
+  EXPECT_TRUE(root->openCount != 0 || fileOf(root) == nullptr) << "closed, but not its file";
   EXPECT_EQ(root->openHandles, std::count_if(handles.begin(), handles.end(), [&](const auto& h) {
               return h.second->item->parent->root == root;
             }));

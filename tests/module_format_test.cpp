@@ -1,8 +1,8 @@
 // The exact bytes of files and blobs, and what becomes of names, links and foreign records.
 #include <gtest/gtest.h>
 
-#include "file/record_maps.h"
-#include "file/translate.h"
+#include "file/translation.h"
+#include "module/exports.h"
 #include "tests/module_world.h"
 
 namespace hx::fake {
@@ -21,8 +21,8 @@ TEST(Format, MapsAndCodesByteForByte) {
                                        1, 0, 0, 25, 64, 0, 64, 6,  0, 0, 0, 10, 0, 0, 0, 0}));
   EXPECT_EQ(bytesOf(DATACHUNK_map), (Bytes{0, 0,  0, 9, 1, 0,  0, 25, 1, 0,  0, 27, 1, 0,
                                            0, 27, 1, 0, 0, 25, 0, 0,  0, 10, 0, 0,  0, 0}));
-  EXPECT_TRUE(translateStructure(nullptr, nullptr, 257, HEADER_map) == -1 &&
-              translateStructure(nullptr, nullptr, -1, HEADER_map) == -1);
+  EXPECT_TRUE(exported::translateStructure(nullptr, nullptr, 257, HEADER_map) == -1 &&
+              exported::translateStructure(nullptr, nullptr, -1, HEADER_map) == -1);
   EXPECT_EQ(bytesOf(pageSizeCodeOf(8192)), (Bytes{0, 0xe0, 255, 255, 255, 255, 255, 255}));
 }
 

@@ -4,9 +4,10 @@
 #include <algorithm>
 #include <cstring>
 
-#include "file/disk_space.h"
 #include "item/write_item.h"
-#include "records/member_table.h"
+#include "module/exports.h"
+#include "records/lock_guard.h"
+#include "records/name.h"
 #include "store/store_path.h"
 #include "tests/module_world.h"
 
@@ -112,6 +113,8 @@ TEST(Frame, StoresEnterAndLeaveALargeTable) {
     for (uint32_t i = 0; i < 1200; i += 3) {
       stores[i]->closeAndDeleteStore(stores[i]);
       stores[i] = nullptr;
+      stores[i + 1] = open(i + 1, "UCPN");
+      stores[i + 1]->closeStore(stores[i + 1]);
     }
     w.run("mark");
     for (uint32_t i = 0; i < 1200; ++i)
@@ -156,6 +159,7 @@ TEST(Frame, DamageOfABlobComesBeforeWantOfMemory) {
 }
 
 TEST(Frame, SpaceComesFromReleasedExtentsOfTheSameLengthOrTheEnd) {
+  using namespace exported;
   World w;
   w.run("open x UC; open x:n UC");
   Store* store = w.find("x");
@@ -174,6 +178,31 @@ TEST(Frame, SpaceComesFromReleasedExtentsOfTheSameLengthOrTheEnd) {
   store->freeList->keep = 1;
   EXPECT_TRUE(allocateDiskSpace(store, 96) == 3000 && store->freeList->length == 0);
   releaseDiskSpace(store, 5000, 24);
+}
+
+// What stands behind them in the product has other results.
+TEST(Frame, ExportedRoutinesHaveTheResultsTheyAreKnownBy) {
+  using namespace exported;
+  World w;
+  w.run(
+      "open m UCN; pagesize m 16; write m:a 40; blob m B; load B R; open x UC; close x; grow short "
+      "39");
+  const LockGuard lock(w.instance->lock);
+  int32_t status = 99;
+  EXPECT_TRUE(loadItemStore(w.instance, U"none", 4, kRead, &status) == nullptr && status == 99);
+  EXPECT_TRUE(loadItemStore(w.instance, U"short", 5, kRead, &status) == nullptr && status == kOk);
+  Store* bare = loadItemStore(w.instance, U"x", 1, kExclusive, &status);
+  ASSERT_TRUE(bare != nullptr && status == kExists && bare->file == nullptr);
+  w.instance->pool->free(w.instance->pool, bare);
+  Member* found = lookup(&w.find("B")->members, 18, U"a", 1);
+  ASSERT_TRUE(found != nullptr && lookup(&w.find("B")->members, 18, U"b", 1) == nullptr);
+  ItemMember* item = asItem(found);
+  EXPECT_TRUE(loadItem(item, kUpdate) == 0 && item->firstPage == nullptr) << "no last page there";
+  w.host.fail("allocate", 1);
+  EXPECT_EQ(loadItem(item, kRead), -1);
+  EXPECT_TRUE(loadItem(item, kRead) == 0 && item->size == 40);
+  decrementPageUseCount(item, item->firstPage);
+  EXPECT_EQ(item->firstPage, nullptr);
 }
 
 TEST(Frame, AnItemEndsAtItsLimit) {

@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "blob/create_blob.h"
+#include "module/exports.h"
 #include "tests/fuzzed.h"
 #include "tests/module_world.h"
 
@@ -121,7 +121,7 @@ void liveInDeepTree(int32_t levels) {
     for (Member* at = store->members.buckets[0]; at; at = asStore(at)->members.buckets[0])
       left |= asStore(at)->openCount;
     w.openStore(nullptr, U"x", "U");
-    blobSize = calcBlobSize(store);
+    blobSize = exported::calcBlobSize(store);
     store->closeStore(store);
     store->closeStore(store);
     store->closeAndDeleteStore(store);

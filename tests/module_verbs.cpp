@@ -63,7 +63,7 @@ void enterStore(World& w, const Words& words) {
 void leaveStore(World& w, const Words& words) {
   Store* store = w.find(words[1]);
   if (store == nullptr) return skip(w);
-  const bool isUpdate = store->openCount == -1 && openFile(store) != nullptr;
+  const bool isUpdate = store->openCount == -1 && fileOf(store) != nullptr;
   const bool takesFile = words[0] == "delete" && store->hasHadFile;
   (words[0] == "delete" ? store->closeAndDeleteStore : store->closeStore)(store);
   // Condemned, it is there only as long as its handles are open.

@@ -1,14 +1,17 @@
-#include "file/load_directory.h"
+#include "file/load_tree.h"
 
+#include "file/header.h"
 #include "file/storage.h"
+#include "file/translation.h"
+#include "records/builders.h"
 #include "records/member_table.h"
 #include "records/memory.h"
-#include "records/slots.h"
-#include "records/status.h"
 
 namespace hx {
 
 namespace {
+
+// ---- members
 
 bool takeStoredName(Pool* pool, Member* member, const Entry& entry) {
   const int32_t length = storedNameLength(entry.name);
@@ -27,52 +30,40 @@ Status registerMember(Store* store, Member* member, const Entry& entry) {
 }
 
 Status fillNestedStore(Store* parent, Store* store, Entry* entry) {
-  store->kind = kStoreKind;
-  store->parent = parent;
-  store->root = parent->root;
-  store->extension = parent->extension;
   store->encodingId = parent->encodingId;
-  fillStoreSlots(store);
   if (!readEntry(parent, store->directoryOffset, entry)) return kUnreadable;
   return registerMember(parent, asMember(store), *entry);
 }
 
 Status fillItem(Store* parent, ItemMember* item, Entry* entry) {
-  item->kind = kItemKind;
-  item->pool = parent->extension->pool;
-  item->extension = parent->extension;
-  item->parent = parent;
-  item->flags = isInBlob(parent) ? kMemoryBacked : kInFile;
-  fillItemSlots(item);
+  if (!isInBlob(parent)) item->flags = kInFile;
   if (!readEntry(parent, static_cast<int64_t>(item->entryOffset), entry)) return kUnreadable;
   item->firstChunkOffset = static_cast<uint64_t>(entry->firstLink);
   return registerMember(parent, asMember(item), *entry);
 }
 
 Status loadNestedStore(Store* parent, int64_t link, Entry* entry, Store** loaded) {
-  Pool* pool = parent->extension->pool;
-  auto* store = allocateRecord<Store>(pool);
+  Store* store = newStore(parent->extension, parent);
   if (store == nullptr) return kNoMemory;
   store->directoryOffset = targetOf(link);
   const Status status = fillNestedStore(parent, store, entry);
-  if (status != kOk) freeBlock(pool, store);
+  if (status != kOk) freeBlock(parent->extension->pool, store);
   *loaded = store;
   return status;
 }
 
 Status loadItemMember(Store* parent, int64_t link, Entry* entry) {
-  Pool* pool = parent->extension->pool;
-  auto* item = allocateRecord<ItemMember>(pool);
+  ItemMember* item = newItem(parent);
   if (item == nullptr) return kNoMemory;
   item->entryOffset = static_cast<uint64_t>(link);
   const Status status = fillItem(parent, item, entry);
-  if (status != kOk) freeBlock(pool, item);
+  if (status != kOk) freeItem(item);
   return status;
 }
 
 // Everything below a store. A directory never has more entries than the file or the blob has room
 // for, so one that goes in circles ends too.
-int32_t loadMembers(Store* top) {
+Status loadMembers(Store* top) {
   Entry entry;
   if (!readEntry(top, top->directoryOffset, &entry)) return kUnreadable;
   int64_t entriesLeft = (storedLength(top) - kHeaderSize) / kEntrySize - 1;
@@ -97,20 +88,62 @@ int32_t loadMembers(Store* top) {
   return kOk;
 }
 
+// ---- the top-level store of a file
+
+Status fillTopStore(Store* store, FileHandle* file, Name path, const Header& header) {
+  store->file = file;
+  store->hasHadFile = true;
+  store->fileEnd = fileLength(file);
+  copyBytes(store->stamp.header, &header, sizeof(header));
+  store->stamp.length = store->fileEnd;
+  if (store->fileEnd < kHeaderSize) return kUnreadable;
+  const Status status = takeHeader(store, header);
+  if (status != kOk) return status;
+  return copyName(store->extension->pool, asMember(store), path) ? kOk : kNoMemory;
+}
+
+// A header without a directory is a store without members, which gets its ENTRY when it is first
+// written.
+Status enterTopStore(Store* store) {
+  if (store->directoryOffset != 0) return loadDirectory(store);
+  store->dirty = 1;
+  insertMember(containerOf(store), asMember(store));
+  return kOk;
+}
+
+LoadedStore refuse(Store* store, Status status) {
+  releaseConverters(store);
+  freeBlock(store->extension->pool, store);
+  return {nullptr, status};
+}
+
 }  // namespace
 
-extern "C" void loadDirectory(Store* store, MemberTable* /*table*/, int32_t* status) {
-  store->kind = kStoreKind;
+LoadedStore loadStore(ExtensionInstance* instance, Name path, uint32_t flags) {
+  const int32_t accessMode = has(flags, kUpdate) ? HX_ACCESS_UPDATE : HX_ACCESS_READ;
+  FileGuard file(openStoreFile(instance, path, accessMode));
+  if (file.get() == nullptr) return {nullptr, kFileNotOpen};
+  Header header;
+  if (!readFile(file.get(), 0, &header, kHeaderSize)) return {nullptr, kNotFound};
+  Store* store = newStore(instance, nullptr);
+  if (store == nullptr) return {nullptr, kNoMemory};
+  if (has(flags, kExclusive)) return refuse(store, kExists);
+  const Status status = fillTopStore(store, file.get(), path, header);
+  if (status != kOk) return refuse(store, status);
+  file.release();
+  store->loadStatus = enterTopStore(store);
+  return {store, static_cast<Status>(store->loadStatus)};
+}
+
+Status loadDirectory(Store* store) {
   if (store->parent != nullptr) {
     Entry entry;
-    *status = kUnreadable;
-    if (!readEntry(store, store->directoryOffset, &entry)) return;
-    *status = kNoMemory;
-    if (!takeStoredName(store->extension->pool, asMember(store), entry)) return;
+    if (!readEntry(store, store->directoryOffset, &entry)) return kUnreadable;
+    if (!takeStoredName(store->extension->pool, asMember(store), entry)) return kNoMemory;
   }
   // The top of a blob's tree is reached by its opener alone.
   if ((store->flags & kMemoryBacked) == 0) insertMember(containerOf(store), asMember(store));
-  *status = loadMembers(store);
+  return loadMembers(store);
 }
 
 }  // namespace hx
