@@ -15,8 +15,8 @@ namespace hxcrate {
 // Walks the table that the store had when the cursor was made, in its order and under no lock: a
 // new member is put before the others of its chain, and no member leaves its table, changes its
 // name or is followed by another one while the store is open, which the cursor sees to. That is one
-// visit a member; getNextMember looks every name up twice. Shows the same members as that: of
-// several of one name the first, and none without a name. Used by one thread.
+// visit a member, where getNextMember takes the lock and searches for the last name. Shows the same
+// members as that: of several of one name the first, and none without a name. Used by one thread.
 class MemberCursor {
  public:
   // Throws notLocked.

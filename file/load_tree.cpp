@@ -71,7 +71,7 @@ Status loadMembers(Store* top) {
   Store* store = top;
   while (!endsChain(link) || store != top) {
     if (endsChain(link)) {
-      makeIndex(membersOf(store));
+      makeIndexRoom(membersOf(store));
       if (!readEntry(store, store->directoryOffset, &entry)) return kUnreadable;
       store = store->parent;
       link = entry.next;
@@ -84,7 +84,7 @@ Status loadMembers(Store* top) {
     if (status != kOk) return status;
     link = isItem ? entry.next : entry.firstLink;
   }
-  makeIndex(membersOf(top));
+  makeIndexRoom(membersOf(top));
   return kOk;
 }
 

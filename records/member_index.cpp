@@ -35,14 +35,12 @@ IndexSlot& slotOf(const MemberIndex& index, uint32_t hash, Name name) {
   return index.slots[slot];
 }
 
-void addChains(const MemberIndex& index, const MemberTable& table) {
-  for (Member* member : table.buckets) {
-    for (; member != nullptr; member = member->next) {
-      const uint32_t hash = keyedHash(index, nameOf(member));
-      IndexSlot& slot = slotOf(index, hash, nameOf(member));
-      if (slot.member == nullptr) slot = {member, hash};
-    }
-  }
+// Of two members of one name the newer stays.
+void enter(MemberIndex& index, Member* member, bool isNewer) {
+  const uint32_t hash = keyedHash(index, nameOf(member));
+  IndexSlot& slot = slotOf(index, hash, nameOf(member));
+  if (slot.member != nullptr) ++index.olderCount;
+  if (slot.member == nullptr || isNewer) slot = {member, hash};
 }
 
 // No name is there twice.
@@ -93,12 +91,21 @@ uint32_t& hashOf(Member* member) {
   return member->kind == kStoreKind ? asStore(member)->nameHash : asItem(member)->nameHash;
 }
 
-void prepareIndex(MemberIndex& index, const MemberTable& table, Pool* pool) {
+void reserveIndex(MemberIndex& index, Pool* pool) {
   if (index.slots != nullptr || index.memberCount < kIndexedFrom) return;
   uint32_t slotCount = 2 * kIndexedFrom;
   while (slotCount != 0 && slotCount / 2 < index.memberCount)
     slotCount *= 2;
-  if (giveSlots(index, pool, slotCount)) addChains(index, table);
+  giveSlots(index, pool, slotCount);
+}
+
+void fillIndex(MemberIndex& index, const MemberTable& table) {
+  if (index.slots == nullptr || index.isFilled) return;
+  index.isFilled = true;
+  for (Member* member : table.buckets) {
+    for (; member != nullptr; member = member->next)
+      enter(index, member, false);
+  }
 }
 
 Member* findInIndex(const MemberIndex& index, Name name) {
@@ -107,27 +114,31 @@ Member* findInIndex(const MemberIndex& index, Name name) {
 
 void addToIndex(MemberIndex& index, Pool* pool, Member* member) {
   if (index.slots == nullptr) return;
-  const uint32_t hash = keyedHash(index, nameOf(member));
-  slotOf(index, hash, nameOf(member)) = {member, hash};
+  // Slots that no search has filled may be too few from now on.
+  if (!index.isFilled) return freeIndex(index, pool);
+  enter(index, member, true);
   // Up to three quarters full a probe is a few slots long.
   if (index.memberCount <= index.mask - index.mask / 4) return;
   if (!enlarge(index, pool) && index.memberCount == index.mask) freeIndex(index, pool);
 }
 
 void removeFromIndex(MemberIndex& index, Member* member) {
-  if (index.slots == nullptr) return;
+  if (!index.isFilled) return;
   IndexSlot& slot = slotOf(index, keyedHash(index, nameOf(member)), nameOf(member));
-  if (slot.member != member) return;
-  Member* older = member->next;
-  while (older != nullptr && !equalNames(nameOf(older), nameOf(member)))
-    older = older->next;
-  slot.member = older;
-  if (older == nullptr) closeGap(index, static_cast<uint32_t>(&slot - index.slots));
+  if (slot.member == member) {
+    slot.member = member->next;
+    while (slot.member != nullptr && !equalNames(nameOf(slot.member), nameOf(member)))
+      slot.member = slot.member->next;
+    if (slot.member == nullptr) return closeGap(index, static_cast<uint32_t>(&slot - index.slots));
+  }
+  --index.olderCount;
 }
 
 void freeIndex(MemberIndex& index, Pool* pool) {
   freeBlock(pool, index.slots);
   index.slots = nullptr;
+  index.olderCount = 0;
+  index.isFilled = false;
 }
 
 }  // namespace hx

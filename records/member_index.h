@@ -15,12 +15,16 @@
 
 namespace hx {
 
-// Makes the index of a table that is large and has none. When the pool refuses the memory the
-// chains serve alone. Called where members were loaded and where they are opened, which may fail
-// for want of memory anyway; an enumeration takes none.
-void prepareIndex(MemberIndex& index, const MemberTable& table, Pool* pool);
+// Gives the index of a large table that has none its slots. When the pool refuses them the chains
+// serve alone. Called where members were loaded and where they are opened, which may fail for want
+// of memory anyway: an enumeration takes none.
+void reserveIndex(MemberIndex& index, Pool* pool);
 
-// The newest member of that name, or null. The index exists.
+// Enters the members into the slots, if there are any, before the first search: a table that is
+// loaded and not searched need not pay for it.
+void fillIndex(MemberIndex& index, const MemberTable& table);
+
+// The newest member of that name, or null. The index is filled.
 Member* findInIndex(const MemberIndex& index, Name name);
 
 // Takes note of a member that was put at the head of its chain and is counted in `memberCount`.

@@ -32,12 +32,13 @@ Container containerOf(Store* store) {
 }
 
 Member* findMember(const Container& container, Name name) {
-  if (container.index.slots != nullptr) return findInIndex(container.index, name);
+  fillIndex(container.index, container.table);
+  if (container.index.isFilled) return findInIndex(container.index, name);
   return findInChain(container.table.buckets[bucketOf(name)], name);
 }
 
 Member* findToOpen(const Container& container, Name name) {
-  makeIndex(container);
+  makeIndexRoom(container);
   return findMember(container, name);
 }
 
@@ -58,7 +59,6 @@ void removeMember(const Container& container, Member* member) {
   if (*link == nullptr) return;
   *link = member->next;
   --container.index.memberCount;
-  if (container.index.lastListed == member) container.index.lastListed = nullptr;
   removeFromIndex(container.index, member);
 }
 
@@ -75,11 +75,12 @@ Member* nextMember(const MemberTable& table, Member* member) {
 }
 
 bool isNewestOfItsName(const Container& container, Member* member) {
+  if (container.index.isFilled && container.index.olderCount == 0) return true;
   return findMember(container, nameOf(member)) == member;
 }
 
-void makeIndex(const Container& container) {
-  prepareIndex(container.index, container.table, container.pool);
+void makeIndexRoom(const Container& container) {
+  reserveIndex(container.index, container.pool);
 }
 
 void releaseIndex(const Container& container) {

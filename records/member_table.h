@@ -26,7 +26,7 @@ Container containerOf(Store* store);
 // The newest member of that name, or null.
 Member* findMember(const Container& container, Name name);
 
-// The same for an open, which may take memory: a large table that has no index gets one first.
+// The same for an open, which may take memory: a large table gets room for its index first.
 Member* findToOpen(const Container& container, Name name);
 
 // Whether a listed member is what a search for its name finds.
@@ -44,8 +44,8 @@ Member* firstMember(const MemberTable& table, int32_t bucket = 0);
 // The member after a listed one: bucket 0 to 62, each from its head.
 Member* nextMember(const MemberTable& table, Member* member);
 
-// Gives a large table its index, unless it has one or the pool refuses.
-void makeIndex(const Container& container);
+// Gives a large table room for its index, unless it has some or the pool refuses.
+void makeIndexRoom(const Container& container);
 
 // Goes back to the chains alone and frees the index's memory.
 void releaseIndex(const Container& container);

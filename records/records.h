@@ -57,7 +57,8 @@ struct MemberIndex {
   IndexSlot* slots;      // null while the table is small; `mask` + 1 of them, a power of two
   uint32_t mask;         // the low bits that choose a slot
   uint32_t memberCount;  // in the table, also while there are no slots
-  Member* lastListed;    // by the last enumeration: the next one needs no search for it
+  uint32_t olderCount;   // of them, those that a newer one of their name hides; while it is filled
+  bool isFilled;         // until then the slots are empty, and no search has needed them
 };
 
 struct ExtensionInstance {

@@ -10,9 +10,7 @@ namespace {
 
 Member* memberAfter(const Container& members, Name name) {
   if (name.length == 0) return firstMember(members.table);
-  Member* last = members.index.lastListed;
-  const bool isLast = last != nullptr && equalNames(nameOf(last), name);
-  Member* found = isLast ? last : findMember(members, name);
+  Member* found = findMember(members, name);
   if (found != nullptr) return nextMember(members.table, found);
   return firstMember(members.table, bucketOf(name) + 1);
 }
@@ -31,7 +29,6 @@ extern "C" int32_t hxcrateGetNextMember(Store* store, const char32_t* name, int3
   Member* next = memberAfter(members, makeName(name, length));
   while (next != nullptr && !canBeCursor(members, next))
     next = nextMember(members.table, next);
-  members.index.lastListed = next;
   if (next == nullptr) return kNotFound;
   copyBytes(nameOut, next->name, byteCount(nameOf(next)));
   *lengthOut = next->nameLength;

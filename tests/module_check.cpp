@@ -65,7 +65,7 @@ void checkMembers(const Store* store, const Handles& handles) {
 void checkIndex(const MemberTable& table, const MemberIndex& index) {
   const std::vector<Member*> members = chained(table);
   EXPECT_EQ(members.size(), index.memberCount);
-  if (index.slots == nullptr) return;
+  if (!index.isFilled) return;
   using Newest = std::map<std::u32string_view, Member*>;
   const auto note = [](Newest& newest, Member* member) {
     const Name name = nameOf(member);
@@ -80,6 +80,7 @@ void checkIndex(const MemberTable& table, const MemberIndex& index) {
     EXPECT_TRUE(member == nullptr || note(listed, member)) << "a name has two slots";
   }
   EXPECT_EQ(listed, wanted);
+  EXPECT_EQ(members.size() - wanted.size(), index.olderCount);
 }
 
 void checkTree(const Store* root, const Handles& handles) {
