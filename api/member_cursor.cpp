@@ -19,13 +19,19 @@ MemberCursor::MemberCursor(std::shared_ptr<Opening> opening, hx::Store* store)
 }
 
 bool MemberCursor::next(Member& member) {
-  while (shown_ == chain_.size()) {
-    if (!fillChain()) return false;
-  }
-  const hx::Member* found = chain_[shown_++];
-  narrowName(nameOf(*found), member.name);
+  const hx::Member* found = next(member.name);
+  if (found == nullptr) return false;
   member.kind = found->kind == hx::kStoreKind ? MemberKind::store : MemberKind::item;
   return true;
+}
+
+hx::Member* MemberCursor::next(std::string& name) {
+  while (shown_ == chain_.size()) {
+    if (!fillChain()) return nullptr;
+  }
+  hx::Member* found = chain_[shown_++];
+  narrowName(nameOf(*found), name);
+  return found;
 }
 
 // Takes the next chain that has members; false when there is none.
@@ -33,7 +39,7 @@ bool MemberCursor::fillChain() {
   chain_.clear();
   shown_ = 0;
   for (; bucket_ < hx::kBucketCount && chain_.empty(); ++bucket_) {
-    const hx::Member* member = table_.buckets[bucket_];
+    hx::Member* member = table_.buckets[bucket_];
     for (; member != nullptr; member = member->next) {
       if (member->nameLength > 0) chain_.push_back(member);
     }

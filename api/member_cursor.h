@@ -24,6 +24,8 @@ class MemberCursor {
 
   // Fills in the next member; false at the end.
   bool next(Member& member);
+  // Its name and its record, which stays where it is; null at the end.
+  hx::Member* next(std::string& name);
 
  private:
   bool fillChain();
@@ -32,7 +34,7 @@ class MemberCursor {
   std::shared_ptr<Opening> opening_;  // keeps the members where they are
   hx::MemberTable table_;
   std::int32_t bucket_ = 0;                // whose chain is next
-  std::vector<const hx::Member*> chain_;   // what is shown of the one before
+  std::vector<hx::Member*> chain_;         // what is shown of the one before
   std::size_t shown_ = 0;                  // of chain_
   std::vector<const hx::Member*> byHash_;  // for dropRepeated
 };

@@ -76,6 +76,8 @@ struct CrateInstance {
                       int32_t length, void* buffer, int32_t capacity, int64_t* size,
                       int32_t* status);
   int64_t (*sizeOfItem)(CrateItem* item, int32_t* status);  // bytes; -1 with a negative status
+  // A CrateStore or a CrateItem, as its kind says, which is not opened; null when there is none.
+  void* (*findMember)(CrateStore* store, const char32_t* name, int32_t length, int32_t* status);
 };
 
 struct CrateStore {

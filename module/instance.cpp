@@ -5,6 +5,7 @@
 #include "module/entry.h"
 #include "records/bytes.h"
 #include "records/memory.h"
+#include "store/find_member.h"
 #include "store/open_store.h"
 
 namespace hx {
@@ -81,6 +82,7 @@ void fillInstance(ExtensionInstance* instance) {
   instance->openView = hxcrateOpenView;
   instance->readItem = hxcrateReadItem;
   instance->sizeOfItem = hxcrateSizeOfItem;
+  instance->findMember = hxcrateFindMember;
   instance->filesReadAt = canReadAt(instance->fileExtension);
 }
 

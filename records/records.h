@@ -91,6 +91,7 @@ struct ExtensionInstance {
                       int32_t length, void* buffer, int32_t capacity, int64_t* size,
                       int32_t* status);
   int64_t (*sizeOfItem)(ItemMember* item, int32_t* status);
+  Member* (*findMember)(Store* store, const char32_t* name, int32_t length, int32_t* status);
 
   // The module's own.
   MemberIndex storeIndex;  // of `stores`
@@ -282,6 +283,7 @@ static_assert(offsetof(ExtensionInstance, openStoreFromMemory) == 680);
 static_assert(offsetof(ExtensionInstance, openView) == 688);
 static_assert(offsetof(ExtensionInstance, readItem) == 696);
 static_assert(offsetof(ExtensionInstance, sizeOfItem) == 704);
+static_assert(offsetof(ExtensionInstance, findMember) == 712);
 static_assert(offsetof(Store, name) == 0);
 static_assert(offsetof(Store, next) == 8);
 static_assert(offsetof(Store, nameLength) == 16);

@@ -15,7 +15,7 @@ slots="host/kernel.h host/encoding.h host/file_io.h"
 rules=(
   "host/linux/: + host/linux/ $slots"
   "host/: $slots"
-  "api/: + api/ host/linux/ file/format.h records/lock_guard.h records/records.h records/status.h module/entry.h $slots"
+  "api/: + api/ host/linux/ file/format.h item/item_view.h records/lock_guard.h records/records.h records/status.h module/entry.h $slots"
   "inspect/: + inspect/ api/hxcrate/ file/format.h"
   "tool/: + tool/ api/hxcrate/"
   "examples/memory_host.c: + module/crate.h"

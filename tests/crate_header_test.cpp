@@ -16,6 +16,7 @@ static_assert(offsetof(CrateInstance, encodingId) == offsetof(ExtensionInstance,
 static_assert(offsetof(CrateInstance, openView) == offsetof(ExtensionInstance, openView));
 static_assert(offsetof(CrateInstance, readItem) == offsetof(ExtensionInstance, readItem));
 static_assert(offsetof(CrateInstance, sizeOfItem) == offsetof(ExtensionInstance, sizeOfItem));
+static_assert(offsetof(CrateInstance, findMember) == offsetof(ExtensionInstance, findMember));
 static_assert(offsetof(CrateView, readAt) == offsetof(ItemView, readAt));
 static_assert(offsetof(CrateView, size) == offsetof(ItemView, size));
 static_assert(offsetof(CrateView, bytesAt) == offsetof(ItemView, bytesAt));

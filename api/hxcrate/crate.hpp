@@ -4,6 +4,8 @@
 #include "hxcrate/blob.hpp"
 #include "hxcrate/error.hpp"
 #include "hxcrate/item.hpp"
+#include "hxcrate/listing.hpp"
 #include "hxcrate/session.hpp"
 #include "hxcrate/store.hpp"
 #include "hxcrate/stream.hpp"
+#include "hxcrate/view.hpp"

@@ -13,10 +13,13 @@
 #include "hxcrate/blob.hpp"
 #include "hxcrate/error.hpp"
 #include "hxcrate/item.hpp"
+#include "hxcrate/listing.hpp"
+#include "hxcrate/view.hpp"
 
 namespace hx {
+struct Member;
 struct Store;
-}
+}  // namespace hx
 
 namespace hxcrate {
 
@@ -24,8 +27,6 @@ class MemberCursor;
 
 constexpr std::size_t kNameCapacity = 64;      // bytes of a member's name
 constexpr std::int32_t kUsualPageSize = 4096;  // bytes, of a store that was given none
-
-enum class MemberKind { store, item };
 
 struct Member {
   std::string name;  // bytes, as they were given
@@ -135,6 +136,25 @@ class [[nodiscard]] Store {
     return captureError(error, [&] { return append(path, parents); });
   }
 
+  // An existing item for reading at any place, by several threads.
+  View view(std::string_view path) const;
+  View view(std::string_view path, std::error_code& error) const noexcept {
+    return captureError(error, [&] { return view(path); });
+  }
+
+  // All bytes of an item, at once: the fast way for small ones, which are not opened. Into a buffer
+  // as many as fit, and returns how many those were.
+  std::vector<std::byte> get(std::string_view path) const;
+  std::string getText(std::string_view path) const;
+  std::size_t get(std::string_view path, std::span<std::byte> buffer) const;
+
+  // Whether there is such a member, of either kind; and what it is, or throws notFound.
+  bool exists(std::string_view path) const;
+  MemberStatus stat(std::string_view path) const;
+
+  // What lies in the nested store `path`, or in this one if that is empty.
+  Listing list(std::string_view path = {}, ListOptions options = {}) const;
+
   MemberRange members() const;
 
   // All of a store that was created in memory, as one buffer. The store stays as it is and may grow
@@ -175,6 +195,10 @@ class [[nodiscard]] Store {
   Store(std::shared_ptr<Opening> opening, hx::Store* store) noexcept;
 
   Store openNested(std::string_view path, std::uint32_t flags, Parents parents) const;
+  template <typename Use>
+  auto useMember(std::string_view path, Use use) const;
+  hx::Member* findMember(std::string_view path) const;
+  std::size_t readAtOnce(std::string_view path, std::span<std::byte> buffer, View& rest) const;
   template <typename Handle>
   Handle openItem(std::string_view path, std::uint32_t flags, Parents parents) const;
   void requireWritable() const;

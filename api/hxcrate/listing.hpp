@@ -1,0 +1,94 @@
+// What lies in a store: listings of any depth, and single members.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <memory>
+#include <ranges>
+#include <string>
+
+#include "hxcrate/error.hpp"
+
+namespace hx {
+struct Store;
+}
+
+namespace hxcrate {
+
+class ListingWalk;
+class Opening;
+
+enum class MemberKind { store, item };
+
+// What a member is, without opening it.
+struct MemberStatus {
+  MemberKind kind;
+  std::int64_t size;   // of an item, bytes; also of one that is being written, what it has by now
+  std::int64_t pages;  // that hold them
+  std::int64_t place;  // of its first record in the file or blob; 0: it has none yet
+};
+
+struct ListOptions {
+  bool isRecursive = true;  // nested stores with all that is in them, each behind its store
+  bool isSorted = false;  // the members of each store by the bytes of their names, not as they lie
+  bool hasSizes = false;  // of items
+};
+
+struct ListedMember {
+  std::string path;  // inside the store that is listed
+  MemberKind kind;
+  std::int64_t size;  // of an item, bytes, where sizes were asked for; else -1
+};
+
+// The members of a store, and of the stores in it. A range and a view of C++20 that can be gone
+// through any number of times; it holds the store's file open as a MemberRange does. An iterator
+// that asks for sizes throws where the records of an item are damaged.
+class [[nodiscard]] Listing : public std::ranges::view_base {
+ public:
+  // Movable, not copyable; an input iterator.
+  class Iterator {
+   public:
+    using value_type = ListedMember;
+    using difference_type = std::ptrdiff_t;
+    using iterator_concept = std::input_iterator_tag;
+
+    Iterator(Iterator&& other) noexcept;
+    Iterator& operator=(Iterator&& other) noexcept;
+    ~Iterator();
+
+    // Stays until the iterator moves on, and is its own: copy what is to stay longer.
+    const ListedMember& operator*() const& noexcept { return member_; }
+    const ListedMember* operator->() const& noexcept { return &member_; }
+    const ListedMember& operator*() const&& = delete;
+    const ListedMember* operator->() const&& = delete;
+    Iterator& operator++() {
+      advance();
+      return *this;
+    }
+    void operator++(int) { advance(); }
+    bool operator==(std::default_sentinel_t) const noexcept { return walk_ == nullptr; }
+
+   private:
+    friend class Listing;
+    explicit Iterator(std::unique_ptr<ListingWalk> walk);
+    void advance();
+
+    std::unique_ptr<ListingWalk> walk_;  // null at the end
+    ListedMember member_{};
+  };
+
+  Iterator begin() const;
+  std::default_sentinel_t end() const noexcept { return {}; }
+
+ private:
+  friend class Store;
+  Listing(std::shared_ptr<Opening> opening, hx::Store* store, ListOptions options)
+      : opening_(std::move(opening)), store_(store), options_(options) {}
+
+  std::shared_ptr<Opening> opening_;
+  hx::Store* store_;
+  ListOptions options_;
+};
+
+}  // namespace hxcrate

@@ -1,0 +1,156 @@
+// Views, single members and listings of the C++ API, over every kind of store.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <functional>
+#include <hxcrate/crate.hpp>
+#include <map>
+#include <random>
+
+#include "tests/temporary_directory.h"
+#include "tests/transcoded_file.h"
+
+namespace hxcrate {
+namespace {
+
+using hxtest::makeBytes;
+using hxtest::TemporaryDirectory;
+using Items = std::map<std::string, std::string>;
+
+std::string textOf(std::span<const std::byte> bytes) {
+  return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
+}
+
+std::error_code errorOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const Error& error) {
+    return error.code();
+  }
+  return {};
+}
+
+class ViewTest : public testing::Test {
+ protected:
+  static constexpr std::int32_t kPage = 512;
+
+  ViewTest() {
+    for (const int size : {0, 1, 100, 511, 512, 513, 4096, 4097, 100000})
+      items_["n" + std::string(60, 'x') + "/i" + std::to_string(size)] =
+          makeBytes(static_cast<std::size_t>(size), 1);
+    items_["alone"] = makeBytes(300, 2);
+  }
+
+  Store fill(Store store) const {
+    for (const auto& [path, bytes] : items_)
+      store.create(path, Parents::create).write(bytes);
+    return store;
+  }
+
+  // Everything that can be read in a store is what was written.
+  void compare(const Store& store, bool isInMemory) const {
+    for (const auto& [path, bytes] : items_) {
+      SCOPED_TRACE(path);
+      EXPECT_EQ(store.getText(path), bytes);
+      EXPECT_EQ(textOf(store.get(path)), bytes);
+      std::array<std::byte, 200> few;
+      EXPECT_EQ(store.get(path, few), std::min<std::size_t>(200, bytes.size()));
+      EXPECT_EQ(textOf(few).substr(0, bytes.size()), bytes.substr(0, 200));
+      EXPECT_EQ(store.stat(path).size, std::ssize(bytes));
+      EXPECT_EQ(store.stat(path).pages, (std::ssize(bytes) + kPage - 1) / kPage);
+      compareView(store.view(path), bytes, isInMemory);
+    }
+  }
+
+  static void compareView(const View& view, const std::string& bytes, bool isInMemory) {
+    std::string piece(700, '\0');
+    for (std::size_t at = 0; at <= bytes.size(); at += 999) {
+      const std::size_t count =
+          view.readAt(static_cast<std::int64_t>(at), std::as_writable_bytes(std::span(piece)));
+      EXPECT_EQ(piece.substr(0, count), bytes.substr(at, 700));
+    }
+    EXPECT_EQ(view.size(), std::ssize(bytes));
+    EXPECT_EQ(view.readText(), bytes);
+    EXPECT_EQ(textOf(view.readAll()), bytes);
+    std::string pages;
+    for (const std::span<const std::byte> page : view.pages())
+      pages += textOf(page);
+    EXPECT_EQ(pages, isInMemory ? bytes : "");
+    const bool isOnePage = isInMemory && !bytes.empty() && bytes.size() <= kPage;
+    EXPECT_EQ(view.contiguous().has_value(), isOnePage);
+    EXPECT_TRUE(!isOnePage || textOf(*view.contiguous()) == bytes);
+  }
+
+  const TemporaryDirectory folder_;
+  const std::string path_ = folder_ / "x.st";
+  Session session_{{.pageSize = kPage}};
+  Items items_;
+};
+
+TEST_F(ViewTest, EveryKindOfStoreGivesTheSame) {
+  Store store = fill(session_.open(path_, Mode::create));
+  compare(store, false);  // while it is updated
+  store.close();
+  compare(session_.open(path_), false);
+  compare(session_.openMapped(path_), true);
+  const std::string foreign = folder_ / "foreign.st";
+  hxtest::transcodeFile(path_, "hxmok1/be/utf-8", foreign);
+  compare(session_.open(foreign), false);
+  Store memory = fill(session_.createInMemory("m"));
+  compare(memory, true);
+  const Blob blob = memory.makeBlob();
+  compare(session_.openBlob(blob.bytes(), "b"), true);
+}
+
+TEST_F(ViewTest, TellsWhatIsThere) {
+  Store store = fill(session_.open(path_, Mode::create));
+  const std::string nested = "n" + std::string(60, 'x');
+  EXPECT_TRUE(store.exists("alone") && store.exists(nested) && store.exists(nested + "/i100"));
+  for (const char* path : {"other", "other/x", "alone/x"})
+    EXPECT_FALSE(store.exists(path)) << path;
+  EXPECT_EQ(errorOf([&] { (void)store.exists("a//b"); }), Errc::badName);
+  EXPECT_EQ(errorOf([&] { (void)store.stat("other"); }), Errc::notFound);
+  EXPECT_EQ(errorOf([&] { (void)store.getText("other"); }), Errc::notFound);
+  EXPECT_EQ(errorOf([&] { (void)store.view(nested); }), Errc::notFound);
+  EXPECT_EQ(store.stat(nested).kind, MemberKind::store);
+  Writer writer = store.append("alone");
+  writer.write("more");
+  EXPECT_EQ(store.stat("alone").size, 304);  // by now
+  EXPECT_EQ(errorOf([&] { (void)store.view("alone"); }), Errc::itemInUse);
+  EXPECT_EQ(errorOf([&] { (void)store.getText("alone"); }), Errc::itemInUse);
+  writer.close();
+  View view = store.view("alone");
+  EXPECT_EQ(view.path(), "alone");
+  EXPECT_EQ(errorOf([&] { (void)store.append("alone"); }), Errc::itemInUse);
+  View moved = std::move(view);
+  EXPECT_EQ(errorOf([&] { (void)view.size(); }), Errc::closed);
+  EXPECT_EQ(errorOf([&] { store.close(); }), Errc::membersOpen);
+  moved.close();
+  store.close();
+}
+
+TEST_F(ViewTest, ListsAtAnyDepth) {
+  Store store = session_.open(path_, Mode::create);
+  for (const char* path : {"b/y/2", "b/y/1", "b/x", "c", "a"})
+    store.create(path, Parents::create).write(path);
+  const auto paths = [](const Listing& listing) {
+    std::string told;
+    for (const ListedMember& member : listing) {
+      told += member.path + (member.kind == MemberKind::store ? "/ " : " ");
+      if (member.size >= 0) told += "(" + std::to_string(member.size) + ") ";
+    }
+    return told;
+  };
+  EXPECT_EQ(paths(store.list("", {.isSorted = true})), "a b/ b/x b/y/ b/y/1 b/y/2 c ");
+  EXPECT_EQ(paths(store.list("b", {.isSorted = true, .hasSizes = true})),
+            "x (3) y/ y/1 (5) y/2 (5) ");
+  EXPECT_EQ(paths(store.list("", {.isRecursive = false, .isSorted = true})), "a b/ c ");
+  std::string asItLies;
+  for (const Member& member : store.members())
+    asItLies += member.name + (member.kind == MemberKind::store ? "/ " : " ");
+  EXPECT_EQ(paths(store.list("", {.isRecursive = false})), asItLies);
+  EXPECT_EQ(errorOf([&] { (void)store.list("a"); }), Errc::notFound);
+}
+
+}  // namespace
+}  // namespace hxcrate
