@@ -4,6 +4,8 @@
 #include <bit>
 #include <cstdint>
 
+#include "hxcrate/inspect.hpp"
+
 namespace hxcrate {
 
 namespace {
@@ -27,9 +29,7 @@ std::string_view textOf(const hx::EncodingId& id) {
 }
 
 std::optional<bool> isTurned(std::string_view identity) {
-  if (identity == "hxmok1/le/utf-8") return false;
-  if (identity == "hxmok1/be/utf-8") return true;
-  return std::nullopt;
+  return isBigEndian(identity);
 }
 
 void setIdentity(hx::EncodingId& id, std::string_view identity) {

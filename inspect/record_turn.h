@@ -8,7 +8,7 @@
 
 namespace hxcrate {
 
-// Identities are "hxmok1/", "le" or "be", and "/utf-8", padded with zeros.
+// Identities are padded with zeros.
 std::string_view textOf(const hx::EncodingId& id);
 // Whether data of that identity have the other byte order than this machine; nothing when the
 // identity is not known.

@@ -83,8 +83,7 @@ class Transcoder {
 
 void transcode(const ByteSource& source, std::string_view encodingId, const PutBytes& put) {
   if (!isTurned(encodingId)) {
-    throw Error(Errc::unknownEncoding, std::string(encodingId), "",
-                "known are hxmok1/le/utf-8 and hxmok1/be/utf-8");
+    throw Error(Errc::unknownEncoding, std::string(encodingId), "", "known are " + listEncodings());
   }
   Transcoder(source, encodingId, put).run();
 }

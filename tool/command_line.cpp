@@ -4,6 +4,7 @@
 #include <limits>
 #include <utility>
 
+#include "hxcrate/inspect.hpp"
 #include "output.h"
 
 namespace tool {
@@ -123,8 +124,9 @@ void addPageSize(CLI::App& words, std::int32_t& pageSize, const char* meaning) {
 
 void addEncoding(CLI::App& words, std::string& encoding, const char* meaning) {
   const auto isKnown = [](const std::string& id) {
-    const bool known = id == "hxmok1/le/utf-8" || id == "hxmok1/be/utf-8";
-    return known ? "" : "no encoding " + id + "; known are hxmok1/le/utf-8 and hxmok1/be/utf-8";
+    return hxcrate::isBigEndian(id)
+               ? ""
+               : "no encoding " + id + "; known are " + hxcrate::listEncodings();
   };
   words.add_option("--encoding", encoding, meaning)->check(isKnown)->type_name("ID");
 }

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -167,6 +168,11 @@ class Inspection {
   struct Parts;
   std::unique_ptr<Parts> parts_;
 };
+
+// The byte order of data in the encoding `identity`; nothing when it is not known here.
+std::optional<bool> isBigEndian(std::string_view identity) noexcept;
+// The identities that are known, for a message: "A and B".
+std::string listEncodings();
 
 // Told of bytes and of where they belong; some of a place more than once, the last ones count.
 using PutBytes = std::function<void(std::int64_t offset, std::span<const std::byte> bytes)>;

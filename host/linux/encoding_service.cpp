@@ -10,22 +10,18 @@
 
 #include "host/linux/byte_order.h"
 #include "host/linux/conversion.h"
+#include "host/linux/known_encodings.h"
 
 namespace hxhost {
 namespace {
 
 using Identity = std::array<char, hx::HX_ENCODING_ID_LENGTH>;
 
-constexpr Identity makeIdentity(const char* text) {
+constexpr Identity identityOf(const KnownEncoding& encoding) {
   Identity identity{};
-  for (size_t i = 0; text[i] != 0; ++i)
-    identity[i] = text[i];
+  std::copy(encoding.identity.begin(), encoding.identity.end(), identity.begin());
   return identity;
 }
-
-constexpr Identity kLittleEndian = makeIdentity("hxmok1/le/utf-8");
-constexpr Identity kBigEndian = makeIdentity("hxmok1/be/utf-8");
-static_assert(std::endian::native == std::endian::little, "this process writes kLittleEndian");
 
 constexpr int32_t kDone = 0;
 constexpr int32_t kFailed = 1;
@@ -36,8 +32,9 @@ struct OrderConverter : hx::Converter {
 
 std::optional<std::endian> byteOrderOf(const void* id) {
   if (id == nullptr) return std::nullopt;
-  if (std::memcmp(id, kLittleEndian.data(), kLittleEndian.size()) == 0) return std::endian::little;
-  if (std::memcmp(id, kBigEndian.data(), kBigEndian.size()) == 0) return std::endian::big;
+  for (const KnownEncoding& known : kKnownEncodings) {
+    if (std::memcmp(id, identityOf(known).data(), sizeof(Identity)) == 0) return known.order;
+  }
   return std::nullopt;
 }
 
@@ -116,8 +113,8 @@ hx::Converter* makeConverterSlot(hx::Encoding*, int64_t, const void* fromId,
 }
 
 int32_t fillEncodingIdSlot(hx::Encoding*, void* buffer, int64_t length, int64_t, int64_t) noexcept {
-  if (buffer == nullptr || length != int64_t{kLittleEndian.size()}) return kFailed;
-  std::memcpy(buffer, kLittleEndian.data(), kLittleEndian.size());
+  if (buffer == nullptr || length != int64_t{sizeof(Identity)}) return kFailed;
+  std::memcpy(buffer, identityOf(kNativeEncoding).data(), sizeof(Identity));
   return kDone;
 }
 

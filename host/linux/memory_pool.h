@@ -5,6 +5,10 @@
 // bytes beside its block. Blocks above 256 KiB are mapped one by one and go back to the system when
 // they are freed. Under AddressSanitizer every block comes from `calloc`, so that each has its own
 // surroundings watched.
+//
+// It is our own because std::pmr's pool resource, over calloc, makes a store in memory one buffer
+// at half the speed (2.1 instead of 3.9 GB/s: it can't tell memory that is zero still) and 1000
+// small items 4 % slower; nothing was faster with it.
 #pragma once
 
 #include <mutex>
