@@ -96,7 +96,8 @@ std::vector<Story> storiesIn(const std::string& file) {
       told.steps.clear();
     } else {
       const Script step = parse(line, path, number);
-      if (step.size() > 3) throw std::invalid_argument(path + ": more than one step: " + line);
+      if (step.size() > 3)
+        throw std::invalid_argument(path + ":" + std::to_string(number) + ": more than one step");
       told.steps.insert(told.steps.end(), step.begin(), step.end());
     }
   }
