@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <hxcrate/crate.hpp>
+#include <iterator>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -406,6 +408,27 @@ TEST_F(CommandTest, SaysTheSameOfItsOptionsEverywhere) {
     expectPrinted(
         0, "bash -c '. " + completion + "; printf \"%s \" $(_hxcrate_options " + command + ")'",
         options);
+  }
+}
+
+// The manual's words for the keys of a command's object are all those, and only those, that come.
+TEST_F(CommandTest, DocumentsEveryKeyOfItsJson) {
+  const std::string manual = cut(readFile(HX_SOURCE_DIR "/tool/hxcrate.1"), ".SH JSON", ".SH EXIT");
+  makeStore("x.st", {"a/b", "c"});
+  makeStore("y.st", {"a/b", "c", "d"});
+  expectRun(0, "echo more | hxcrate put --append y.st c; head -c -1 x.st >damaged.st");
+  for (const std::string words :
+       {"ls -R x.st", "diff x.st y.st", "stat x.st", "map x.st", "check damaged.st"}) {
+    expectRun(words[0] == 'd' || words[0] == 'c' ? 1 : 0, "hxcrate " + words + " --json");
+    const auto wordsOf = [](const std::string& text) {
+      std::istringstream stream(text);
+      return std::set<std::string>(std::istream_iterator<std::string>(stream), {});
+    };
+    const std::string section =
+        cut(manual, ".SS " + words.substr(0, words.find(' ')) + "\n", ".SS");
+    EXPECT_EQ(wordsOf(findAll(out_, "\"([a-zA-Z]+)\": ")),
+              wordsOf(findAll(section, "\n\\.B ([^\n]+)")))
+        << words;
   }
 }
 

@@ -6,7 +6,7 @@
 
 #include "tests/fuzzed.h"
 #include "tests/temporary_directory.h"
-#include "tool/run_command.h"
+#include "tool/command_line.h"
 
 namespace hxtest {
 namespace {

@@ -7,7 +7,6 @@
 
 #include "byte_pump.h"
 #include "command_line.h"
-#include "commands.h"
 #include "output.h"
 #include "store_walk.h"
 

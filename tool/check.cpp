@@ -1,26 +1,12 @@
 // hxcrate check: what is wrong with a store file.
-//
-// Under --json, in this order:
-//   store      as given
-//   quick      whether the items' pages were left out
-//   findings   array of what was found:
-//     severity   "error": bytes are lost or wrong, or would be after the next update; "warning":
-//                what no writer leaves and no reader needs; "note": unusual, not wrong
-//     offset     of the field or the bytes in the file
-//     place      path of the member, a name; empty: the store as a whole
-//     reason     sentence for people
-//   errors, warnings, notes   how many of each
-//   stores, items             how many can be reached; the whole store is one
-//   lost       how many were found besides, to which nothing leads
-//   asItLies   whether it could not be locked, as opening it as a store takes
+#include <fmt/format.h>
+
 #include <memory>
-#include <optional>
 #include <string>
 
+#include "answer.h"
 #include "command_line.h"
-#include "commands.h"
 #include "inspected_store.h"
-#include "json.h"
 
 namespace tool {
 
@@ -41,55 +27,52 @@ const char* nameOf(Severity severity) {
 
 class Checker {
  public:
-  explicit Checker(const CheckOptions& options) : options_(options) {}
+  explicit Checker(const CheckOptions& options) : options_(options), answer_(options.asJson) {}
 
   ExitCode run() {
-    InspectedStore store(options_.store, [this](const hxcrate::Finding& found) { print(found); });
+    answer_.tellPrograms([&](JsonWriter& json) {
+      json.writeName("store", options_.store);
+      json.writeFlag("quick", options_.quick);
+      json.beginArray("findings");
+    });
+    InspectedStore store(options_.store, [this](const hxcrate::Finding& found) { add(found); });
     stores_ = store.count(hxcrate::MemberKind::store);
     items_ = store.count(hxcrate::MemberKind::item);
     if (!options_.quick) store.inspection().walkPages({.readSlack = true, .adoptMembers = true});
     countLost(store);
-    finish(store);
+    addCounts(store);
+    answer_.finish();
     complain(options_.store, "", summarize(store));
     return store.outcome();
   }
 
  private:
-  // Made with the first finding or at the end: before, the file may turn out to be no store.
-  JsonWriter& json() {
-    if (json_) return *json_;
-    json_.emplace(output_);
-    json_->writeName("store", options_.store);
-    json_->writeFlag("quick", options_.quick);
-    json_->beginArray("findings");
-    return *json_;
+  void add(const hxcrate::Finding& finding) {
+    answer_.tell(
+        [&](Output& text) {
+          text.print("{} {}: {}: {}\n", finding.offset, showPlace(finding.place),
+                     nameOf(finding.severity), escape(finding.reason));
+        },
+        [&](JsonWriter& json) {
+          json.beginObject();
+          json.writeText("severity", nameOf(finding.severity));
+          json.writeNumber("offset", finding.offset);
+          json.writeName("place", finding.place);
+          json.writeText("reason", finding.reason);
+          json.endObject();
+        });
   }
 
-  void print(const hxcrate::Finding& finding) {
-    if (options_.asJson) return printJson(finding);
-    output_.write(std::to_string(finding.offset) + " " + showPlace(finding.place) + ": " +
-                  nameOf(finding.severity) + ": " + escape(finding.reason) + "\n");
-  }
-
-  void printJson(const hxcrate::Finding& finding) {
-    json().beginObject();
-    json().writeText("severity", nameOf(finding.severity));
-    json().writeNumber("offset", finding.offset);
-    json().writeName("place", finding.place);
-    json().writeText("reason", finding.reason);
-    json().endObject();
-  }
-
-  void finish(const InspectedStore& store) {
-    if (!options_.asJson) return output_.finish();
-    json().endArray();
-    for (const Severity severity : {Severity::error, Severity::warning, Severity::note})
-      json().writeNumber(std::string(nameOf(severity)) + "s", store.count(severity));
-    json().writeNumber("stores", stores_);
-    json().writeNumber("items", items_);
-    json().writeNumber("lost", lost_);
-    json().writeFlag("asItLies", !store.file().caveat().empty());
-    json().finish();
+  void addCounts(const InspectedStore& store) {
+    answer_.tellPrograms([&](JsonWriter& json) {
+      json.endArray();
+      for (const Severity severity : {Severity::error, Severity::warning, Severity::note})
+        json.writeNumber(fmt::format("{}s", nameOf(severity)), store.count(severity));
+      json.writeNumber("stores", stores_);
+      json.writeNumber("items", items_);
+      json.writeNumber("lost", lost_);
+      json.writeFlag("asItLies", !store.file().caveat().empty());
+    });
   }
 
   // What was found besides is in a store of its own, which is none of the file's.
@@ -103,15 +86,14 @@ class Checker {
   std::string summarize(const InspectedStore& store) const {
     std::string text;
     for (const Severity severity : {Severity::error, Severity::warning, Severity::note})
-      text += (text.empty() ? "" : ", ") + countOf(store.count(severity), nameOf(severity));
-    return text + " in " + countOf(stores_, "store") + " and " + countOf(items_, "item") +
+      text += (text.empty() ? "" : ", ") + countThings(store.count(severity), nameOf(severity));
+    return text + " in " + countThings(stores_, "store") + " and " + countThings(items_, "item") +
            (options_.quick ? ", of which no pages were looked at" : "") +
-           (lost_ > 0 ? "; besides, nothing leads to " + countOf(lost_, "member") : "");
+           (lost_ > 0 ? "; besides, nothing leads to " + countThings(lost_, "member") : "");
   }
 
   const CheckOptions& options_;
-  Output output_;
-  std::optional<JsonWriter> json_;
+  Answer answer_;
   std::int64_t stores_ = 0;
   std::int64_t items_ = 0;
   std::int64_t lost_ = 0;

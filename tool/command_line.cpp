@@ -1,10 +1,15 @@
 #include "command_line.h"
 
+#include <fmt/format.h>
+
 #include <charconv>
+#include <exception>
 #include <limits>
 #include <utility>
+#include <vector>
 
 #include "hxcrate/inspect.hpp"
+#include "interruption.h"
 #include "output.h"
 
 namespace tool {
@@ -44,7 +49,7 @@ std::string trimPath(std::string path) {
 
 // In decimal alone, whatever it begins with; the parser's own numbers may be octal or too large.
 CLI::Validator number(std::int64_t least, std::int64_t most) {
-  const std::string range = std::to_string(least) + " to " + std::to_string(most);
+  const std::string range = fmt::format("{} to {}", least, most);
   const auto normalize = [=](std::string& text) -> std::string {
     std::int64_t value = 0;
     const char* const end = text.data() + text.size();
@@ -52,10 +57,32 @@ CLI::Validator number(std::int64_t least, std::int64_t most) {
     if (error != std::errc() || rest != end || value < least || value > most) {
       return text + " is no number from " + range;
     }
-    text = std::to_string(value);
+    text = fmt::to_string(value);
     return "";
   };
   return {normalize, ""};
+}
+
+using Adder = void (*)(CommandLine&);
+
+struct Group {
+  const char* heading;
+  std::vector<Adder> adders;
+};
+
+// As the help shows them.
+void addCommands(CommandLine& line) {
+  const Group groups[] = {
+      {"Trees of files", {addPack, addUnpack}},
+      {"What is in a store", {addLs, addTree, addCat, addDiff}},
+      {"Making and adding", {addPut, addMkstore, addCopy}},
+      {"The file itself", {addStat, addMap, addCheck, addSalvage}},
+  };
+  for (const Group& group : groups) {
+    line.beginGroup(group.heading);
+    for (const Adder add : group.adders)
+      add(line);
+  }
 }
 
 }  // namespace
@@ -146,6 +173,25 @@ void addWait(CLI::App& words, std::int64_t& seconds) {
 
 void addDryRun(CLI::App& words, bool& dryRun) {
   words.add_flag("--dry-run", dryRun, "write nothing, say what would be done");
+}
+
+ExitCode runCommand(int argc, char** argv) {
+  try {
+    CommandLine line;
+    addCommands(line);
+    return line.run(argc, argv);
+  } catch (const Failure& failure) {
+    failure.print();
+    return failure.code();
+  } catch (const hxcrate::Error& error) {
+    complain(error);
+    return exitCodeOf(error);
+  } catch (const Interrupted& interrupted) {
+    endBySignal(interrupted.signal());
+  } catch (const std::exception& error) {
+    complain("", "", error.what());
+    return ExitCode::inputOutput;
+  }
 }
 
 }  // namespace tool

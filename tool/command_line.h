@@ -47,4 +47,24 @@ void addCount(CLI::App& words, const char* name, std::int64_t& count, const char
 void addWait(CLI::App& words, std::int64_t& seconds);
 void addDryRun(CLI::App& words, bool& dryRun);
 
+// The subcommands, each of a file of its own.
+void addPack(CommandLine& line);
+void addUnpack(CommandLine& line);
+void addLs(CommandLine& line);
+void addTree(CommandLine& line);
+void addCat(CommandLine& line);
+void addPut(CommandLine& line);
+void addMkstore(CommandLine& line);
+void addCopy(CommandLine& line);
+void addDiff(CommandLine& line);
+void addStat(CommandLine& line);
+void addCheck(CommandLine& line);
+void addMap(CommandLine& line);
+void addSalvage(CommandLine& line);
+
+// The command as a function: does what the words say, as the program of that name would. What went
+// wrong is told on standard error; after a signal it ends the process. Not for two threads at once:
+// signals, progress and standard streams are the process's.
+ExitCode runCommand(int argc, char** argv);
+
 }  // namespace tool

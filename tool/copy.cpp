@@ -9,7 +9,6 @@
 
 #include "byte_pump.h"
 #include "command_line.h"
-#include "commands.h"
 #include "new_store.h"
 #include "store_walk.h"
 #include "write_limits.h"

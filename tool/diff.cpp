@@ -1,5 +1,7 @@
 // hxcrate diff: how the contents of two stores differ.
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <exception>
 #include <memory>
@@ -8,10 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "answer.h"
 #include "command_line.h"
-#include "commands.h"
-#include "json.h"
-#include "output.h"
 #include "store_walk.h"
 
 namespace tool {
@@ -29,59 +29,54 @@ struct DiffOptions {
 // One line a difference, or one element of a JSON array.
 class Differences {
  public:
-  explicit Differences(const DiffOptions& options) : options_(options) {
-    if (!options.asJson) return;
-    json_.emplace(output_);
-    json_->writeName("first", options.first);
-    json_->writeName("second", options.second);
-    json_->beginArray("differences");
+  explicit Differences(const DiffOptions& options) : options_(options), answer_(options.asJson) {
+    answer_.tellPrograms([&](JsonWriter& json) {
+      json.writeName("first", options.first);
+      json.writeName("second", options.second);
+      json.beginArray("differences");
+    });
   }
 
   void addOnlyIn(bool isFirst, const std::string& place, bool isStore) {
-    if (json_) return addElement(place, isFirst ? "onlyInFirst" : "onlyInSecond", std::nullopt);
-    addLine("only in " + escape(isFirst ? options_.first : options_.second), place,
-            isStore ? "/" : "");
+    const std::string& store = isFirst ? options_.first : options_.second;
+    add(isFirst ? "onlyInFirst" : "onlyInSecond", "only in " + escape(store), place,
+        isStore ? "/" : "");
   }
   void addKind(const std::string& place, bool isFirstStore) {
-    if (json_) return addElement(place, "kind", std::nullopt);
-    addLine("kind differs", place,
-            isFirstStore ? ": a store and an item" : ": an item and a store");
+    add("kind", "kind differs", place,
+        isFirstStore ? ": a store and an item" : ": an item and a store");
   }
   void addContents(const std::string& place, std::int64_t offset) {
-    if (json_) return addElement(place, "contents", offset);
-    addLine("contents differ", place, ": at byte " + std::to_string(offset));
+    add("contents", "contents differ", place, fmt::format(": at byte {}", offset), offset);
   }
 
   bool any() const { return any_; }
   void finish() {
-    if (json_) {
-      json_->endArray();
-      json_->finish();
-    }
-    output_.finish();
+    answer_.tellPrograms([](JsonWriter& json) { json.endArray(); });
+    answer_.finish();
   }
 
  private:
-  void addLine(const std::string& what, const std::string& place, const std::string& how) {
+  void add(std::string_view difference, const std::string& what, const std::string& place,
+           const std::string& how, std::optional<std::int64_t> offset = std::nullopt) {
     any_ = true;
-    output_.write(what + ": ");
-    output_.writeName(place);
-    output_.write(how + "\n");
-  }
-
-  void addElement(const std::string& place, std::string_view what,
-                  std::optional<std::int64_t> offset) {
-    any_ = true;
-    json_->beginObject();
-    json_->writeName("path", place);
-    json_->writeText("difference", what);
-    if (offset) json_->writeNumber("offset", *offset);
-    json_->endObject();
+    answer_.tell(
+        [&](Output& text) {
+          text.print("{}: ", what);
+          text.writeName(place);
+          text.print("{}\n", how);
+        },
+        [&](JsonWriter& json) {
+          json.beginObject();
+          json.writeName("path", place);
+          json.writeText("difference", difference);
+          if (offset) json.writeNumber("offset", *offset);
+          json.endObject();
+        });
   }
 
   const DiffOptions& options_;
-  Output output_;
-  std::optional<JsonWriter> json_;
+  Answer answer_;
   bool any_ = false;
 };
 

@@ -38,15 +38,11 @@ void InspectedStore::complainOfDamage() const {
   const std::int64_t errors = count(hxcrate::Severity::error);
   if (errors == 0) return;
   complain(file_.name(), "",
-           "it is damaged in " + countOf(errors, "place") + ", which hxcrate check lists");
+           "it is damaged in " + countThings(errors, "place") + ", which hxcrate check lists");
 }
 
 std::string showPlace(const std::string& path) {
   return path.empty() ? "/" : escape(path);
-}
-
-std::string countOf(std::int64_t count, const std::string& noun) {
-  return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
 
 }  // namespace tool

@@ -45,7 +45,4 @@ class InspectedStore {
 // What a member is called; "/" for the store as a whole. Escaped as for a terminal.
 std::string showPlace(const std::string& path);
 
-// "1 item", "2 items".
-std::string countOf(std::int64_t count, const std::string& noun);
-
 }  // namespace tool

@@ -1,5 +1,7 @@
 #include "json.h"
 
+#include <fmt/format.h>
+
 #include <string>
 
 #include "utf8.h"
@@ -62,7 +64,7 @@ void JsonWriter::beginArray(std::string_view key) {
 }
 
 void JsonWriter::writeNumber(std::string_view key, std::int64_t value) {
-  begin(key, std::to_string(value));
+  begin(key, fmt::to_string(value));
 }
 
 void JsonWriter::writeFlag(std::string_view key, bool value) {

@@ -1,20 +1,18 @@
 // hxcrate ls: the members of a store, one a line, by the bytes of their names.
 
+#include <fmt/format.h>
+
 #include <memory>
 #include <optional>
 #include <string>
 
+#include "answer.h"
 #include "command_line.h"
-#include "commands.h"
-#include "json.h"
-#include "output.h"
 #include "store_walk.h"
 
 namespace tool {
 
 namespace {
-
-constexpr std::size_t kSizeColumn = 10;  // the longest item's size
 
 struct ListOptions {
   std::string store;
@@ -25,94 +23,27 @@ struct ListOptions {
   bool asJson = false;
 };
 
-// How a member is shown.
-class Listing {
- public:
-  virtual ~Listing() = default;
-  virtual void addStore(const std::string& path) = 0;
-  // No size: it could not be read, or was not asked for.
-  virtual void addItem(const std::string& path, std::optional<std::int64_t> size) = 0;
-  virtual void finish() = 0;
-};
-
-// A nested store's name ends in "/".
-class PlainListing : public Listing {
- public:
-  explicit PlainListing(const ListOptions& options) : options_(options) {}
-
-  void addStore(const std::string& path) override { add("-", path + "/"); }
-  void addItem(const std::string& path, std::optional<std::int64_t> size) override {
-    add(size ? std::to_string(*size) : "?", path);
-  }
-  void finish() override { output_.finish(); }
-
- private:
-  void add(const std::string& size, const std::string& path) {
-    if (options_.withSizes) {
-      output_.write(std::string(kSizeColumn - size.size(), ' '));
-      output_.write(size + "  ");
-    }
-    output_.writeName(path);
-    output_.write(options_.endWithNul ? std::string_view("\0", 1) : "\n");
-  }
-
-  const ListOptions& options_;
-  Output output_;
-};
-
-class JsonListing : public Listing {
- public:
-  explicit JsonListing(const ListOptions& options) : json_(output_) {
-    json_.writeName("store", options.store);
-    json_.writeName("path", options.path);
-    json_.beginArray("members");
-  }
-
-  void addStore(const std::string& path) override {
-    begin(path, "store");
-    json_.endObject();
-  }
-  void addItem(const std::string& path, std::optional<std::int64_t> size) override {
-    begin(path, "item");
-    if (size) json_.writeNumber("size", *size);
-    json_.endObject();
-  }
-  void finish() override {
-    json_.endArray();
-    json_.finish();
-  }
-
- private:
-  void begin(const std::string& path, std::string_view kind) {
-    json_.beginObject();
-    json_.writeName("path", path);
-    json_.writeText("kind", kind);
-  }
-
-  Output output_;
-  JsonWriter json_;
-};
-
-std::unique_ptr<Listing> makeListing(const ListOptions& options) {
-  if (options.asJson) return std::make_unique<JsonListing>(options);
-  return std::make_unique<PlainListing>(options);
-}
-
+// In text a nested store's name ends in "/".
 class Lister {
  public:
-  explicit Lister(const ListOptions& options) : options_(options) {}
+  explicit Lister(const ListOptions& options) : options_(options), answer_(options.asJson) {}
 
   ExitCode list() {
     hxcrate::Session session;
     hxcrate::Store store = openWhatThereIs(session, options_.store, outcome_);
     std::optional<hxcrate::Store> start = openIfStore(store, options_.path);
-    listing_ = makeListing(options_);
+    answer_.tellPrograms([&](JsonWriter& json) {
+      json.writeName("store", options_.store);
+      json.writeName("path", options_.path);
+      json.beginArray("members");
+    });
     if (start) {
       listStore(*std::move(start));
     } else {
       addItem(store, options_.path, options_.path);
     }
-    listing_->finish();
+    answer_.tellPrograms([](JsonWriter& json) { json.endArray(); });
+    answer_.finish();
     return outcome_;
   }
 
@@ -127,7 +58,8 @@ class Lister {
       if (event == StoreWalk::Event::item) {
         addItem(walk.container(), walk.name(), shown);
       } else {
-        listing_->addStore(shown);
+        answer_.tell([&](Output& text) { printLine(text, "-", shown + "/"); },
+                     [&](JsonWriter& json) { writeMember(json, shown, "store", std::nullopt); });
         if (options_.recursive) enterOrNote(walk, outcome_);
       }
     }
@@ -136,11 +68,27 @@ class Lister {
   void addItem(const hxcrate::Store& store, const std::string& path, const std::string& shown) {
     std::optional<std::int64_t> size;
     if (options_.withSizes || options_.asJson) size = sizeOrNote(store, path, outcome_);
-    listing_->addItem(shown, size);
+    answer_.tell([&](Output& text) { printLine(text, size ? fmt::to_string(*size) : "?", shown); },
+                 [&](JsonWriter& json) { writeMember(json, shown, "item", size); });
+  }
+
+  void printLine(Output& text, const std::string& size, const std::string& path) const {
+    if (options_.withSizes) text.print("{:>10}  ", size);  // has room for the longest item's
+    text.writeName(path);
+    text.write(options_.endWithNul ? std::string_view("\0", 1) : "\n");
+  }
+
+  static void writeMember(JsonWriter& json, const std::string& path, std::string_view kind,
+                          std::optional<std::int64_t> size) {
+    json.beginObject();
+    json.writeName("path", path);
+    json.writeText("kind", kind);
+    if (size) json.writeNumber("size", *size);
+    json.endObject();
   }
 
   const ListOptions& options_;
-  std::unique_ptr<Listing> listing_;
+  Answer answer_;
   ExitCode outcome_ = ExitCode::fine;
 };
 

@@ -5,7 +5,7 @@
 
 #include <csignal>
 
-#include "run_command.h"
+#include "command_line.h"
 
 namespace {
 

@@ -1,14 +1,4 @@
 // hxcrate map: who owns every byte of a store file.
-//
-// Under --json, in this order; offsets and sizes in bytes:
-//   store      as given
-//   extents    array, in no order; they cover every byte of the file once:
-//     kind       header, entries (members' records), chunks (pages' records), data, slack (room
-//                behind an item's end), unreachable
-//     offset, length
-//     path       of the member that owns it, a name; missing when nobody does and for the header
-//   bytes      object: the sums of header, entries, chunks, data, slack, unreachable; and file
-//   damaged    whether an error was found
 #include <memory>
 #include <string>
 
@@ -16,10 +6,9 @@
 #include <array>
 #include <numeric>
 
+#include "answer.h"
 #include "byte_map.h"
 #include "command_line.h"
-#include "commands.h"
-#include "json.h"
 #include "map_picture.h"
 #include "new_file.h"
 
@@ -52,15 +41,15 @@ constexpr Look kLooks[hxcrate::kByteKinds] = {{'H', "\x1b[41;37m", "header"},
 
 class TextMap {
  public:
-  TextMap(const InspectedStore& store, const ByteMap& map) : store_(store), map_(map) {}
+  TextMap(const InspectedStore& store, const ByteMap& map, Output& output)
+      : store_(store), map_(map), output_(output) {}
 
   void print() {
-    output_.write("One character is " + std::to_string(map_.bytesPerCell()) +
-                  " bytes and shows what most of them are.\n\n");
+    output_.print("One character is {} bytes and shows what most of them are.\n\n",
+                  map_.bytesPerCell());
     printRows();
     printTotals();
     printOwners();
-    output_.finish();
   }
 
  private:
@@ -68,7 +57,7 @@ class TextMap {
     const auto& cells = map_.cells();
     for (std::size_t start = 0; start < cells.size(); start += ByteMap::kCellsPerRow) {
       const std::size_t end = std::min(cells.size(), start + ByteMap::kCellsPerRow);
-      output_.write(alignRight(static_cast<std::int64_t>(start) * map_.bytesPerCell()) + "  ");
+      output_.print("{:>12}  ", static_cast<std::int64_t>(start) * map_.bytesPerCell());
       const Look* last = nullptr;
       for (std::size_t i = start; i < end; ++i)
         printCell(cells[i], last);
@@ -88,42 +77,31 @@ class TextMap {
     for (std::size_t kind = 0; kind < hxcrate::kByteKinds; ++kind) {
       const Look& look = kLooks[kind];
       const std::string_view name = nameOf(static_cast<ByteKind>(kind));
-      std::string line = alignRight(map_.totals()[kind]) + "  ";
-      if (output_.isTerminal()) line += look.colour;
-      line += look.letter;
-      line += output_.isTerminal() ? "\x1b[0m  " : "  ";
-      line += name;
-      if (name != look.meaning) line.append(", ").append(look.meaning);
-      output_.write(line + "\n");
+      const bool isColoured = output_.isTerminal();
+      output_.print("{:>12}  {}{}{}  {}", map_.totals()[kind], isColoured ? look.colour : "",
+                    look.letter, isColoured ? "\x1b[0m" : "", name);
+      output_.write(name == look.meaning ? "\n" : fmt::format(", {}\n", look.meaning));
     }
     const auto& totals = map_.totals();
     const std::int64_t sum = std::accumulate(totals.begin(), totals.end(), std::int64_t{0});
-    output_.write(alignRight(sum) + "     the whole file\n");
+    output_.print("{:>12}     the whole file\n", sum);
   }
 
   void printOwners() {
     const std::vector<MapOwner> owners = map_.findLargestOwners(kOwnersShown);
     if (!owners.empty()) output_.write("\nWhat owns most, records and room included:\n");
     for (const MapOwner& owner : owners) {
-      output_.write(alignRight(owner.bytes) + "  " +
-                    showPlace(store_.inspection().pathOf(owner.member)) + "\n");
+      output_.print("{:>12}  {}\n", owner.bytes,
+                    showPlace(store_.inspection().pathOf(owner.member)));
     }
-  }
-
-  static std::string alignRight(std::int64_t number) {
-    constexpr std::size_t kWidth = 12;
-    const std::string text = std::to_string(number);
-    return std::string(kWidth - std::min(kWidth, text.size()), ' ') + text;
   }
 
   const InspectedStore& store_;
   const ByteMap& map_;
-  Output output_;
+  Output& output_;
 };
 
-void printJson(InspectedStore& store) {
-  Output output;
-  JsonWriter json(output);
+void writeExtents(InspectedStore& store, JsonWriter& json) {
   json.writeName("store", store.file().name());
   json.beginArray("extents");
   KindBytes totals{};
@@ -145,7 +123,6 @@ void printJson(InspectedStore& store) {
   json.writeNumber("file", std::accumulate(totals.begin(), totals.end(), std::int64_t{0}));
   json.endObject();
   json.writeFlag("damaged", store.count(hxcrate::Severity::error) > 0);
-  json.finish();
 }
 
 void writePicture(const MapOptions& options, const std::string& picture) {
@@ -167,15 +144,13 @@ void writePicture(const MapOptions& options, const std::string& picture) {
 // ExitCode::damaged. Throws Failure or hxcrate::Error.
 ExitCode map(const MapOptions& options) {
   InspectedStore store(options.store);
-  if (options.asJson) {
-    printJson(store);
+  if (!options.svg.empty()) {
+    writePicture(options, drawMap(store, ByteMap(store)));
   } else {
-    const ByteMap bytes(store);
-    if (options.svg.empty()) {
-      TextMap(store, bytes).print();
-    } else {
-      writePicture(options, drawMap(store, bytes));
-    }
+    Answer answer(options.asJson);
+    answer.tell([&](Output& text) { TextMap(store, ByteMap(store), text).print(); },
+                [&](JsonWriter& json) { writeExtents(store, json); });
+    answer.finish();
   }
   store.complainOfDamage();
   return store.outcome();

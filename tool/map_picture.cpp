@@ -1,8 +1,8 @@
 #include "map_picture.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
-#include <array>
-#include <cstdio>
 
 namespace tool {
 
@@ -62,7 +62,7 @@ std::string shorten(const std::string& path) {
 }
 
 std::string groupDigits(std::int64_t number) {
-  std::string text = std::to_string(number);
+  std::string text = fmt::to_string(number);
   for (std::size_t at = text.size(); at > 3; at -= 3)
     text.insert(at - 3, 1, ' ');
   return text;
@@ -84,12 +84,11 @@ class Picture {
 
  private:
   std::string head() const {
-    const std::string size =
-        "width=\"" + std::to_string(kWidth) + "\" height=\"" + std::to_string(y_) + "\"";
-    return "<svg xmlns=\"http://www.w3.org/2000/svg\" " + size + " viewBox=\"0 0 " +
-           std::to_string(kWidth) + " " + std::to_string(y_) +
-           "\" font-family=\"sans-serif\" font-size=\"13\" fill=\"#222\">\n"
-           "<rect width=\"100%\" height=\"100%\" fill=\"#fff\"/>\n";
+    return fmt::format(
+        "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"{0}\" height=\"{1}\" "
+        "viewBox=\"0 0 {0} {1}\" font-family=\"sans-serif\" font-size=\"13\" fill=\"#222\">\n"
+        "<rect width=\"100%\" height=\"100%\" fill=\"#fff\"/>\n",
+        kWidth, y_);
   }
 
   void drawTitle() {
@@ -132,11 +131,10 @@ class Picture {
     const MapCell& cell = map_.cells()[index];
     const std::int64_t start = static_cast<std::int64_t>(index) * map_.bytesPerCell();
     const std::int64_t end = std::min(start + map_.bytesPerCell(), map_.length());
-    std::string text = "bytes " + std::to_string(start) + " to " + std::to_string(end - 1);
+    std::string text = fmt::format("bytes {} to {}", start, end - 1);
     for (std::size_t kind = 0; kind < hxcrate::kByteKinds; ++kind) {
       if (cell.bytes[kind] == 0) continue;
-      text += "\n" + std::string(nameOf(static_cast<ByteKind>(kind))) + ": " +
-              std::to_string(cell.bytes[kind]);
+      text += fmt::format("\n{}: {}", nameOf(static_cast<ByteKind>(kind)), cell.bytes[kind]);
     }
     if (cell.member == hxcrate::kNoMember) return text;
     return text + "\nmostly of /" + store_.inspection().pathOf(cell.member);
@@ -167,16 +165,12 @@ class Picture {
   }
 
   void addBar(double x, double width, const char* colour) {
-    std::array<char, 160> text{};
-    std::snprintf(text.data(), text.size(),
-                  "<rect x=\"%.2f\" y=\"%d\" width=\"%.2f\" height=\"%d\" fill=\"%s\"/>", x, y_,
-                  width, kCell, colour);
-    body_ += text.data();
+    body_ += fmt::format(R"(<rect x="{:.2f}" y="{}" width="{:.2f}" height="{}" fill="{}"/>)", x, y_,
+                         width, kCell, colour);
   }
 
   void addText(int x, int y, const std::string& style, const std::string& text) {
-    body_ += "<text x=\"" + std::to_string(x) + "\" y=\"" + std::to_string(y) + "\" " + style +
-             ">" + quoteXml(text) + "</text>\n";
+    body_ += fmt::format("<text x=\"{}\" y=\"{}\" {}>{}</text>\n", x, y, style, quoteXml(text));
   }
 
   // Lines of a title stay lines.

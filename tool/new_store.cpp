@@ -1,5 +1,7 @@
 #include "new_store.h"
 
+#include <fmt/format.h>
+
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -154,10 +156,10 @@ void NewStore::announce(const SizeForecast& forecast, const Options& options) co
   const std::int64_t size = forecast.fileSize(pageSize, options.inMemory);
   requireRoomFor(size, options);
   complain(shown_, "",
-           "would hold " + countThings(forecast.items(), "item") + " in " +
-               countThings(forecast.stores() + 1, "store") + ", " +
-               countThings(forecast.bytes(), "byte") + "; a file of " + std::to_string(size) +
-               " bytes, with pages of " + std::to_string(pageSize));
+           fmt::format("would hold {} in {}, {}; a file of {} bytes, with pages of {}",
+                       countThings(forecast.items(), "item"),
+                       countThings(forecast.stores() + 1, "store"),
+                       countThings(forecast.bytes(), "byte"), size, pageSize));
 }
 
 }  // namespace tool

@@ -1,10 +1,13 @@
 // Standard output: data only, and every byte accounted for.
 #pragma once
 
+#include <fmt/format.h>
+
 #include <cstddef>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace tool {
 
@@ -15,6 +18,12 @@ class Output {
 
   void write(std::span<const std::byte> bytes);
   void write(std::string_view text) { write(std::as_bytes(std::span(text))); }
+
+  // Formatted as by fmt::format.
+  template <typename... Values>
+  void print(fmt::format_string<Values...> pattern, Values&&... values) {
+    write(fmt::format(pattern, std::forward<Values>(values)...));
+  }
 
   // A name: as it is for a program, escaped for a terminal.
   void writeName(std::string_view name);

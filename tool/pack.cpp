@@ -8,10 +8,9 @@
 
 #include "byte_pump.h"
 #include "command_line.h"
-#include "commands.h"
 #include "directory.h"
 #include "new_store.h"
-#include "source_tree.h"
+#include "pack_source.h"
 
 namespace tool {
 

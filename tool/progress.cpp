@@ -1,10 +1,11 @@
 #include "progress.h"
 
+#include <fmt/format.h>
+
 #include <unistd.h>
 
 #include <array>
 #include <cmath>
-#include <cstdio>
 
 namespace tool {
 
@@ -24,25 +25,21 @@ void send(const std::string& text) {
 
 std::string describeTime(double seconds) {
   const long long whole = std::llround(std::ceil(seconds));
-  std::array<char, 48> text{};
-  std::snprintf(text.data(), text.size(), "%lld:%02lld", whole / 60, whole % 60);
-  return text.data();
+  return fmt::format("{}:{:02}", whole / 60, whole % 60);
 }
 
 }  // namespace
 
 std::string describeBytes(std::int64_t bytes) {
   constexpr std::array kUnits = {"kB", "MB", "GB", "TB", "PB", "EB"};
-  if (bytes < 1000) return std::to_string(bytes) + " B";
+  if (bytes < 1000) return fmt::format("{} B", bytes);
   double amount = static_cast<double>(bytes) / 1000;
   std::size_t unit = 0;
   while (amount >= 999.95) {
     amount /= 1000;
     ++unit;
   }
-  std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), "%.1f %s", amount, kUnits.at(unit));
-  return text.data();
+  return fmt::format("{:.1f} {}", amount, kUnits.at(unit));
 }
 
 Progress::Progress(const char* action)
@@ -66,13 +63,13 @@ void Progress::drawWhenDue() {
 
 std::string Progress::describe(double seconds) const {
   const double rate = static_cast<double>(done_) / seconds;
-  std::string line = std::string(action_) + "  " + describeBytes(done_);
+  std::string line = fmt::format("{}  {}", action_, describeBytes(done_));
   if (total_ > 0) {
-    line += " of " + describeBytes(total_) + "  " + std::to_string(done_ * 100 / total_) + " %";
+    line += fmt::format(" of {}  {} %", describeBytes(total_), done_ * 100 / total_);
   }
-  line += "  " + describeBytes(static_cast<std::int64_t>(rate)) + "/s";
+  line += fmt::format("  {}/s", describeBytes(static_cast<std::int64_t>(rate)));
   if (total_ > done_ && rate > 0) {
-    line += "  " + describeTime(static_cast<double>(total_ - done_) / rate) + " left";
+    line += fmt::format("  {} left", describeTime(static_cast<double>(total_ - done_) / rate));
   }
   return line;
 }

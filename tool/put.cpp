@@ -10,7 +10,6 @@
 
 #include "byte_pump.h"
 #include "command_line.h"
-#include "commands.h"
 #include "item_input.h"
 #include "new_store.h"
 #include "store_walk.h"

@@ -1,5 +1,7 @@
 #include "report.h"
 
+#include <fmt/format.h>
+
 #include <unistd.h>
 
 #include <algorithm>
@@ -91,7 +93,7 @@ void complain(const hxcrate::Error& error) {
 }
 
 std::string countThings(std::int64_t number, std::string_view noun) {
-  return std::to_string(number) + " " + std::string(noun) + (number == 1 ? "" : "s");
+  return fmt::format("{} {}{}", number, noun, number == 1 ? "" : "s");
 }
 
 std::string escape(std::string_view bytes) {

@@ -1,5 +1,7 @@
 // hxcrate salvage: what can be read of a damaged store file becomes a new one.
 
+#include <fmt/format.h>
+
 #include <memory>
 #include <string>
 
@@ -9,7 +11,6 @@
 #include <vector>
 
 #include "command_line.h"
-#include "commands.h"
 #include "inspected_store.h"
 #include "new_store.h"
 #include "output.h"
@@ -75,8 +76,8 @@ class Rebuilder {
 
   // What follows would stand in a wrong place.
   void abandonItem(std::int64_t offset) {
-    tell(item_, "byte " + std::to_string(offset) + " of the file can't be read; its first " +
-                    countOf(writer_->size(), "byte") + " were kept");
+    tell(item_, fmt::format("byte {} of the file can't be read; its first {} were kept", offset,
+                            countThings(writer_->size(), "byte")));
     writer_->close();
     writer_.reset();
     hasLost_ = true;
@@ -98,7 +99,7 @@ class Rebuilder {
     if (member.size == 0 && !member.isWhole) {
       lose(item, "nothing of it could be kept");
     } else if (!member.isWhole && writer_) {
-      lose(item, "its first " + countOf(member.size, "byte") + " were kept");
+      lose(item, "its first " + countThings(member.size, "byte") + " were kept");
     }
     if (writer_) writer_->close();
     writer_.reset();
@@ -140,7 +141,7 @@ class Rebuilder {
     std::replace(base.begin(), base.end(), '/', '_');
     std::string name = base;
     while (!level.names.emplace(name, 1).second) {
-      const std::string suffix = "~" + std::to_string(++level.names[base]);
+      const std::string suffix = fmt::format("~{}", ++level.names[base]);
       name = base.substr(0, hxcrate::kNameCapacity - suffix.size()) + suffix;
     }
     if (name != own) tell(member, "is now called " + escape(name));
@@ -200,7 +201,8 @@ ExitCode rebuild(InspectedStore& source, const SalvageOptions& options,
   target.make(forecast, {.copyOf = options.store}, [&](hxcrate::Store& store) {
     Rebuilder rebuilder(source, store, output);
     rebuilder.run();
-    kept = countOf(rebuilder.items(), "item") + " and " + countOf(rebuilder.stores(), "store");
+    kept =
+        countThings(rebuilder.items(), "item") + " and " + countThings(rebuilder.stores(), "store");
     const bool isSure = source.file().caveat().empty() && !lacksTop(source);
     if (rebuilder.hasLost() || !isSure) outcome = ExitCode::partial;
   });
@@ -217,8 +219,8 @@ ExitCode salvage(const SalvageOptions& options) {
   Output output;
   const auto tell = [&](const hxcrate::Finding& finding) {
     if (finding.severity != hxcrate::Severity::error) return;
-    output.write(showPlace(finding.place) + ": at byte " + std::to_string(finding.offset) + ", " +
-                 escape(finding.reason) + "\n");
+    output.print("{}: at byte {}, {}\n", showPlace(finding.place), finding.offset,
+                 escape(finding.reason));
   };
   const hxcrate::HeaderOverride header{options.encoding, options.pageSize};
   InspectedStore source(options.store, tell, header);

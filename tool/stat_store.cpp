@@ -1,28 +1,15 @@
 // hxcrate stat: what is in a store file, in numbers.
-//
-// Under --json, in this order; sizes in bytes:
-//   store      as given
-//   name       in the file's first ENTRY, a name
-//   encoding   identity of the file's encoding
-//   pageSize   of the store; 0: the header states none
-//   stores     how many, the whole store included
-//   items      how many
-//   depth      of stores in stores; 1: none is nested; 0: there is no directory
-//   largest    object: path (a name) and size of the largest item; missing without items
-//   bytes      object: header, entries, chunks, data, slack, unreachable, which add up to file
-//   copySaves  how much shorter a copy is
-//   damaged    whether an error was found
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <memory>
 #include <numeric>
 #include <string>
 
+#include "answer.h"
 #include "command_line.h"
-#include "commands.h"
 #include "inspected_store.h"
-#include "json.h"
 
 namespace tool {
 
@@ -66,50 +53,50 @@ std::string nameOfTop(const InspectedStore& store) {
   return members.empty() ? "" : members.front().name;
 }
 
-std::string percentOf(std::int64_t part, std::int64_t whole) {
-  std::array<char, 16> text{};
-  const double percent = 100.0 * static_cast<double>(part) / static_cast<double>(whole);
-  std::snprintf(text.data(), text.size(), "%5.1f %%", percent);
-  return text.data();
+void printLine(Output& text, std::string_view label, std::string_view value) {
+  text.print("{:<13}{}\n", label, value);
 }
 
-void printJson(const InspectedStore& store, const Numbers& numbers, Output& output) {
+void tellMembers(const InspectedStore& store, const Numbers& numbers, Answer& answer) {
   const hxcrate::Inspection& inspection = store.inspection();
-  JsonWriter json(output);
-  json.writeName("store", store.file().name());
-  json.writeName("name", nameOfTop(store));
-  json.writeText("encoding", inspection.encoding());
-  json.writeNumber("pageSize", inspection.pageSize());
-  json.writeNumber("stores", store.count(hxcrate::MemberKind::store));
-  json.writeNumber("items", store.count(hxcrate::MemberKind::item));
-  json.writeNumber("depth", static_cast<std::int64_t>(inspection.depth()));
-  if (numbers.largest != hxcrate::kNoMember) {
-    json.beginObject("largest");
-    json.writeName("path", inspection.pathOf(numbers.largest));
-    json.writeNumber("size", inspection.members()[numbers.largest].size);
-    json.endObject();
-  }
-  json.beginObject("bytes");
-  for (std::size_t kind = 0; kind < hxcrate::kByteKinds; ++kind)
-    json.writeNumber(nameOf(static_cast<ByteKind>(kind)), numbers.bytes[kind]);
-  json.writeNumber("file", numbers.file());
-  json.endObject();
-  json.writeNumber("copySaves", numbers.of(ByteKind::unreachable));
-  json.writeFlag("damaged", store.count(hxcrate::Severity::error) > 0);
-  json.finish();
+  const std::int64_t stores = store.count(hxcrate::MemberKind::store);
+  const std::int64_t items = store.count(hxcrate::MemberKind::item);
+  answer.tell(
+      [&](Output& text) {
+        printLine(text, "name", escape(nameOfTop(store)));
+        printLine(text, "encoding", escape(inspection.encoding()));
+        printLine(text, "page size", fmt::to_string(inspection.pageSize()));
+        printLine(text, "stores", fmt::format("{}, at most {} deep", stores, inspection.depth()));
+        printLine(text, "items", fmt::to_string(items));
+      },
+      [&](JsonWriter& json) {
+        json.writeName("store", store.file().name());
+        json.writeName("name", nameOfTop(store));
+        json.writeText("encoding", inspection.encoding());
+        json.writeNumber("pageSize", inspection.pageSize());
+        json.writeNumber("stores", stores);
+        json.writeNumber("items", items);
+        json.writeNumber("depth", static_cast<std::int64_t>(inspection.depth()));
+      });
+  if (numbers.largest == hxcrate::kNoMember) return;
+  const std::string path = inspection.pathOf(numbers.largest);
+  const std::int64_t size = inspection.members()[numbers.largest].size;
+  answer.tell(
+      [&](Output& text) {
+        printLine(text, "largest", fmt::format("{}, {} bytes", escape(path), size));
+      },
+      [&](JsonWriter& json) {
+        json.beginObject("largest");
+        json.writeName("path", path);
+        json.writeNumber("size", size);
+        json.endObject();
+      });
 }
 
-void printLine(Output& output, std::string_view label, const std::string& value) {
-  constexpr std::size_t kLabelWidth = 13;
-  output.write(label);
-  output.write(std::string(kLabelWidth - std::min(kLabelWidth, label.size()), ' ') + value + "\n");
-}
-
-void printBytes(Output& output, const Numbers& numbers) {
+void printBytes(Output& text, const Numbers& numbers) {
   const auto print = [&](std::string_view label, std::int64_t bytes, const char* meaning) {
-    std::string value = std::to_string(bytes);
-    value.insert(0, 14 - std::min<std::size_t>(14, value.size()), ' ');
-    printLine(output, label, value + " bytes  " + percentOf(bytes, numbers.file()) + meaning);
+    const double percent = 100.0 * static_cast<double>(bytes) / static_cast<double>(numbers.file());
+    printLine(text, label, fmt::format("{:>14} bytes  {:5.1f} %{}", bytes, percent, meaning));
   };
   constexpr const char* kMeanings[] = {"  what items hold",
                                        "  members' records",
@@ -123,21 +110,17 @@ void printBytes(Output& output, const Numbers& numbers) {
   print("overhead", numbers.file() - numbers.of(ByteKind::data), "  all but data");
 }
 
-void printText(const InspectedStore& store, const Numbers& numbers, Output& output) {
-  const hxcrate::Inspection& inspection = store.inspection();
-  printLine(output, "name", escape(nameOfTop(store)));
-  printLine(output, "encoding", escape(inspection.encoding()));
-  printLine(output, "page size", std::to_string(inspection.pageSize()));
-  printLine(output, "stores",
-            std::to_string(store.count(hxcrate::MemberKind::store)) + ", at most " +
-                std::to_string(inspection.depth()) + " deep");
-  printLine(output, "items", std::to_string(store.count(hxcrate::MemberKind::item)));
-  if (numbers.largest != hxcrate::kNoMember) {
-    printLine(output, "largest",
-              escape(inspection.pathOf(numbers.largest)) + ", " +
-                  std::to_string(inspection.members()[numbers.largest].size) + " bytes");
-  }
-  printBytes(output, numbers);
+void tellBytes(const InspectedStore& store, const Numbers& numbers, Answer& answer) {
+  answer.tell([&](Output& text) { printBytes(text, numbers); },
+              [&](JsonWriter& json) {
+                json.beginObject("bytes");
+                for (std::size_t kind = 0; kind < hxcrate::kByteKinds; ++kind)
+                  json.writeNumber(nameOf(static_cast<ByteKind>(kind)), numbers.bytes[kind]);
+                json.writeNumber("file", numbers.file());
+                json.endObject();
+                json.writeNumber("copySaves", numbers.of(ByteKind::unreachable));
+                json.writeFlag("damaged", store.count(hxcrate::Severity::error) > 0);
+              });
 }
 
 // Prints the numbers; of a damaged store those of what can be reached, with a complaint and
@@ -145,13 +128,10 @@ void printText(const InspectedStore& store, const Numbers& numbers, Output& outp
 ExitCode statStore(const StatOptions& options) {
   InspectedStore store(options.store);
   const Numbers numbers = measure(store);
-  Output output;
-  if (options.asJson) {
-    printJson(store, numbers, output);
-  } else {
-    printText(store, numbers, output);
-    output.finish();
-  }
+  Answer answer(options.asJson);
+  tellMembers(store, numbers, answer);
+  tellBytes(store, numbers, answer);
+  answer.finish();
   store.complainOfDamage();
   return store.outcome();
 }

@@ -1,5 +1,7 @@
 // hxcrate unpack: a store file becomes a tree of directories.
 
+#include <fmt/format.h>
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -12,7 +14,6 @@
 
 #include "byte_pump.h"
 #include "command_line.h"
-#include "commands.h"
 #include "directory.h"
 #include "member_selection.h"
 #include "new_file.h"
@@ -57,14 +58,13 @@ class Quota {
   // Before an entry is made of `place`, and before its bytes are written.
   void takeEntry(const std::string& place) {
     if (entries_ == options_.maxEntries) {
-      fail(place, "is beyond the " + std::to_string(options_.maxEntries) + " entries allowed");
+      fail(place, fmt::format("is beyond the {} entries allowed", options_.maxEntries));
     }
     ++entries_;
   }
   void takeBytes(const std::string& place, std::int64_t bytes) {
     if (bytes > options_.maxBytes - bytes_) {
-      fail(place, "its " + std::to_string(bytes) + " bytes go beyond the " +
-                      std::to_string(options_.maxBytes) + " allowed");
+      fail(place, fmt::format("its {} bytes go beyond the {} allowed", bytes, options_.maxBytes));
     }
     bytes_ += bytes;
   }
@@ -238,8 +238,7 @@ class Unpacker {
 
   void announce() const {
     complain(options_.directory, "",
-             "would get " + std::to_string(quota_.entries()) + " entries, " +
-                 std::to_string(quota_.bytes()) + " bytes");
+             fmt::format("would get {} entries, {} bytes", quota_.entries(), quota_.bytes()));
   }
 
   const Purpose purpose_;

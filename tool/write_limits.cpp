@@ -1,5 +1,7 @@
 #include "write_limits.h"
 
+#include <fmt/format.h>
+
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -18,22 +20,23 @@ void requireRoom(const Descriptor& directory, std::int64_t bytes, const std::str
   const std::uint64_t wanted = static_cast<std::uint64_t>(std::max<std::int64_t>(bytes, 0));
   if (wanted / status.f_frsize < blocks || wanted <= blocks * status.f_frsize) return;
   throw Failure(ExitCode::inputOutput, path, "",
-                std::to_string(bytes) + " bytes would be written, and there is room for " +
-                    std::to_string(blocks * status.f_frsize));
+                fmt::format("{} bytes would be written, and there is room for {}", bytes,
+                            blocks * status.f_frsize));
 }
 
 void requireOwnBytes(const std::string& store, std::int64_t bytes, std::int64_t most) {
   if (bytes > most) {
     throw Failure(ExitCode::inputOutput, store, "",
-                  "its items have " + std::to_string(bytes) + " bytes, more than the " +
-                      std::to_string(most) + " allowed");
+                  fmt::format("its items have {} bytes, more than the {} allowed", bytes, most));
   }
   std::error_code failed;
   const std::uintmax_t length = std::filesystem::file_size(store, failed);
   if (failed || most != kUnlimited || bytes <= static_cast<std::int64_t>(length)) return;
-  throw Failure(ExitCode::damaged, store, "",
-                "its items have " + std::to_string(bytes) + " bytes, more than the file's " +
-                    std::to_string(length) + ", so they share pages; --max-bytes allows it");
+  throw Failure(
+      ExitCode::damaged, store, "",
+      fmt::format("its items have {} bytes, more than the file's {}, so they share pages; "
+                  "--max-bytes allows it",
+                  bytes, length));
 }
 
 }  // namespace tool

@@ -1,12 +1,13 @@
 // hxcrate tree: what a store holds, as a drawing.
 
+#include <fmt/format.h>
+
 #include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "command_line.h"
-#include "commands.h"
 #include "output.h"
 #include "store_walk.h"
 
@@ -80,12 +81,12 @@ class Drawer {
     ++items_;
     const std::optional<std::int64_t> size = sizeOrNote(store, path, outcome_);
     bytes_ += size.value_or(0);
-    output_.write("  " + (size ? std::to_string(*size) : "?") + "\n");
+    output_.print("  {}\n", size ? fmt::to_string(*size) : "?");
   }
 
   void drawSummary() {
-    output_.write("\n" + countThings(stores_, "store") + ", " + countThings(items_, "item") + ", " +
-                  countThings(bytes_, "byte") + "\n");
+    output_.print("\n{}, {}, {}\n", countThings(stores_, "store"), countThings(items_, "item"),
+                  countThings(bytes_, "byte"));
   }
 
   const TreeOptions& options_;

@@ -1,4 +1,6 @@
-#include "source_tree.h"
+#include "pack_source.h"
+
+#include <fmt/format.h>
 
 #include <utility>
 
@@ -34,8 +36,8 @@ class TreeScanner {
     }
     if (refusals_ > 0) {
       throw Failure(ExitCode::inputOutput, cursor_.path(), "",
-                    std::to_string(refusals_) + (refusals_ == 1 ? " entry" : " entries") +
-                        " can't be kept, nothing was packed");
+                    fmt::format("{} can't be kept, nothing was packed",
+                                refusals_ == 1 ? "1 entry" : fmt::format("{} entries", refusals_)));
     }
     return std::move(steps_);
   }
@@ -67,9 +69,8 @@ class TreeScanner {
       return complain(path, "", describeKind(status->st_mode));
     }
     if (name.size() > hxcrate::kNameCapacity) {
-      const std::string size = std::to_string(name.size());
-      refuse(path, "a name of " + size + " bytes, at most " +
-                       std::to_string(hxcrate::kNameCapacity) + " fit");
+      refuse(path, fmt::format("a name of {} bytes, at most {} fit", name.size(),
+                               hxcrate::kNameCapacity));
     }
     if (isDirectory) {
       enter(std::move(name));
@@ -80,8 +81,8 @@ class TreeScanner {
 
   void takeFile(std::string name, const struct stat& status) {
     if (status.st_size > hxcrate::kItemCapacity) {
-      const std::string size = std::to_string(status.st_size);
-      refuse(cursor_.pathTo(name), size + " bytes, at most 2147483647 fit");
+      refuse(cursor_.pathTo(name),
+             fmt::format("{} bytes, at most {} fit", status.st_size, hxcrate::kItemCapacity));
     }
     steps_.push_back({SourceStep::Kind::file, std::move(name), status});
   }
