@@ -1,4 +1,5 @@
 // hxcrate check: what is wrong with a store file.
+
 #include <fmt/format.h>
 
 #include <memory>

@@ -1,10 +1,12 @@
 // hxcrate map: who owns every byte of a store file.
-#include <memory>
-#include <string>
+
+#include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
+#include <memory>
 #include <numeric>
+#include <string>
 
 #include "answer.h"
 #include "byte_map.h"

@@ -2,11 +2,10 @@
 
 #include <fmt/format.h>
 
-#include <memory>
-#include <string>
-
 #include <algorithm>
+#include <memory>
 #include <optional>
+#include <string>
 #include <unordered_map>
 #include <vector>
 

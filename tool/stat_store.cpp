@@ -1,4 +1,5 @@
 // hxcrate stat: what is in a store file, in numbers.
+
 #include <fmt/format.h>
 
 #include <algorithm>
