@@ -133,7 +133,7 @@ class SimulatedDisk : public hxhost::FileOps {
 
   int close(int file) override {
     openings_.erase(file);
-    return fails(DiskOperation::kLook) ? -failure : 0;
+    return fails(DiskOperation::kLook) ? failure : 0;
   }
 
   int64_t readAt(int file, void* out, size_t count, int64_t offset) override {
@@ -154,7 +154,7 @@ class SimulatedDisk : public hxhost::FileOps {
   }
 
   int inspect(int file, hxhost::FileInfo& info) override {
-    if (fails(DiskOperation::kLook)) return -failure;
+    if (fails(DiskOperation::kLook)) return failure;
     info = {!hasBecomeDevice,
             false,
             std::ssize(bytesOf(file)),
@@ -166,8 +166,8 @@ class SimulatedDisk : public hxhost::FileOps {
   }
 
   int inspectPath(const std::string& path, hxhost::FileInfo& info) override {
-    if (fails(DiskOperation::kLook)) return -failure;
-    if (!live_.has(path)) return -ENOENT;
+    if (fails(DiskOperation::kLook)) return failure;
+    if (!live_.has(path)) return ENOENT;
     info = {true,
             false,
             std::ssize(live_.at(path)),
@@ -179,13 +179,13 @@ class SimulatedDisk : public hxhost::FileOps {
   }
 
   int truncate(int file, int64_t size) override {
-    if (fails(DiskOperation::kTruncate, pathOf(file))) return -failure;
+    if (fails(DiskOperation::kTruncate, pathOf(file))) return failure;
     change({DiskOperation::kTruncate, openings_.at(file).inode, "", static_cast<size_t>(size)});
     return 0;
   }
 
   int sync(int file) override {
-    if (fails(DiskOperation::kSync, pathOf(file))) return -failure;
+    if (fails(DiskOperation::kSync, pathOf(file))) return failure;
     const uint64_t inode = openings_.at(file).inode;
     settle([=](const DiskChange& done) { return done.inode == inode && done.path.empty(); });
     return 0;
@@ -193,30 +193,30 @@ class SimulatedDisk : public hxhost::FileOps {
 
   int lock(int file, hxhost::LockPart part, hxhost::LockKind kind) override {
     using hxhost::LockKind;
-    if (kind != LockKind::kNone && fails(DiskOperation::kLook)) return -failure;
+    if (kind != LockKind::kNone && fails(DiskOperation::kLook)) return failure;
     Opening& own = openings_.at(file);
     for (const auto& [number, other] : openings_) {
       const LockKind held = other.locks[static_cast<size_t>(part)];
       if (number == file || other.inode != own.inode || held == LockKind::kNone) continue;
       const bool sharesIt = kind == LockKind::kShared && held == LockKind::kShared;
-      if (kind != LockKind::kNone && !sharesIt) return -EAGAIN;
+      if (kind != LockKind::kNone && !sharesIt) return EAGAIN;
     }
     own.locks[static_cast<size_t>(part)] = kind;
     return 0;
   }
 
-  int copyAccess(int, int) override { return fails(DiskOperation::kLook) ? -failure : 0; }
+  int copyAccess(int, int) override { return fails(DiskOperation::kLook) ? failure : 0; }
 
   int syncDirectory(const std::string& path) override {
-    if (fails(DiskOperation::kSyncDirectory, path)) return -failure;
+    if (fails(DiskOperation::kSyncDirectory, path)) return failure;
     settle([](const DiskChange& done) { return !done.path.empty(); });
     return 0;
   }
 
   int remove(const std::string& path, int file) override {
-    if (fails(DiskOperation::kUnlink, path)) return -failure;
-    if (!live_.has(path)) return -ENOENT;
-    if (live_.names.at(path) != openings_.at(file).inode) return -ESTALE;
+    if (fails(DiskOperation::kUnlink, path)) return failure;
+    if (!live_.has(path)) return ENOENT;
+    if (live_.names.at(path) != openings_.at(file).inode) return ESTALE;
     change({DiskOperation::kUnlink, live_.names.at(path), path});
     return 0;
   }
@@ -231,9 +231,9 @@ class SimulatedDisk : public hxhost::FileOps {
   void closeAll() { openings_.clear(); }
 
   int resolve(const std::string& path, std::string& resolved) override {
-    if (fails(DiskOperation::kLook)) return -failure;
+    if (fails(DiskOperation::kLook)) return failure;
     resolved = path;
-    return live_.has(path) ? 0 : -ENOENT;
+    return live_.has(path) ? 0 : ENOENT;
   }
 
  private:

@@ -111,9 +111,9 @@ void DiskFile::endUpdate() noexcept {
 bool DiskFile::commit() noexcept {
   if (!journal_->exists()) return false;
   if (durability_ == Durability::full) {
-    const int result = ops_.sync(lease_.file().descriptor.number());
-    if (result < 0) noteFailure({-result, FileOperation::kSync});
-    if (result < 0) return false;
+    const int error = ops_.sync(lease_.file().descriptor.number());
+    if (error != 0) noteFailure({error, FileOperation::kSync});
+    if (error != 0) return false;
   }
   // Behind another file's name, or none, nobody would find what is said to be there.
   if (const int error = inspectAgain(ops_, lease_.file()); error != 0) {

@@ -21,6 +21,12 @@ auto repeatInterrupted(Call call) {
   return result < 0 ? -errno : result;
 }
 
+// Of a call that has no other result.
+template <typename Call>
+int errorOf(Call call) {
+  return -repeatInterrupted(call);
+}
+
 int accessFlags(OpenMode mode) {
   switch (mode) {
     case OpenMode::kRead:
@@ -52,7 +58,7 @@ int64_t birthOf(const struct statx& status) {
 
 int inspectAt(int file, const char* path, int flags, FileInfo& info) {
   struct statx status {};
-  if (::statx(file, path, flags, STATX_BASIC_STATS | STATX_BTIME, &status) != 0) return -errno;
+  if (::statx(file, path, flags, STATX_BASIC_STATS | STATX_BTIME, &status) != 0) return errno;
   info = {S_ISREG(status.stx_mode),
           S_ISDIR(status.stx_mode),
           static_cast<int64_t>(status.stx_size),
@@ -73,10 +79,10 @@ int openDirectory(const std::string& path, int access) {
 int removeFrom(int directory, const char* name, int file) {
   struct stat there {};
   struct stat own {};
-  if (::fstatat(directory, name, &there, AT_SYMLINK_NOFOLLOW) != 0) return -errno;
-  if (::fstat(file, &own) != 0) return -errno;
-  if (there.st_dev != own.st_dev || there.st_ino != own.st_ino) return -ESTALE;
-  return ::unlinkat(directory, name, 0) == 0 ? 0 : -errno;
+  if (::fstatat(directory, name, &there, AT_SYMLINK_NOFOLLOW) != 0) return errno;
+  if (::fstat(file, &own) != 0) return errno;
+  if (there.st_dev != own.st_dev || there.st_ino != own.st_ino) return ESTALE;
+  return ::unlinkat(directory, name, 0) == 0 ? 0 : errno;
 }
 
 class SystemFileOps : public FileOps {
@@ -88,7 +94,7 @@ class SystemFileOps : public FileOps {
 
   int close(int file) override {
     // Linux has let go of the descriptor even when a signal came in between.
-    return ::close(file) == 0 || errno == EINTR ? 0 : -errno;
+    return ::close(file) == 0 || errno == EINTR ? 0 : errno;
   }
 
   int64_t readAt(int file, void* out, size_t count, int64_t offset) override {
@@ -112,11 +118,11 @@ class SystemFileOps : public FileOps {
   }
 
   int truncate(int file, int64_t size) override {
-    return repeatInterrupted([&] { return ::ftruncate(file, size); });
+    return errorOf([&] { return ::ftruncate(file, size); });
   }
 
   int sync(int file) override {
-    return repeatInterrupted([&] { return ::fdatasync(file); });
+    return errorOf([&] { return ::fdatasync(file); });
   }
 
   int lock(int file, LockPart part, LockKind kind) override {
@@ -125,40 +131,40 @@ class SystemFileOps : public FileOps {
     range.l_whence = SEEK_SET;
     range.l_start = part == LockPart::kBytes ? 0 : kLongestFile;
     range.l_len = part == LockPart::kBytes ? kLongestFile : 1;
-    const int result = repeatInterrupted([&] { return ::fcntl(file, F_OFD_SETLK, &range); });
-    return result == -EACCES ? -EAGAIN : result;
+    const int error = errorOf([&] { return ::fcntl(file, F_OFD_SETLK, &range); });
+    return error == EACCES ? EAGAIN : error;
   }
 
   int copyAccess(int from, int to) override {
     struct stat status {};
-    if (::fstat(from, &status) != 0) return -errno;
+    if (::fstat(from, &status) != 0) return errno;
     mode_t permissions = status.st_mode & 0666;
     const bool hasGroup = ::fchown(to, status.st_uid, status.st_gid) == 0 ||
                           ::fchown(to, static_cast<uid_t>(-1), status.st_gid) == 0;
     if (!hasGroup) permissions &= ~mode_t{0060};  // it would let in another group
-    return ::fchmod(to, permissions) == 0 ? 0 : -errno;
+    return ::fchmod(to, permissions) == 0 ? 0 : errno;
   }
 
   int syncDirectory(const std::string& path) override {
     const int directory = openDirectory(path, O_RDONLY);
-    if (directory < 0) return directory;
-    const int result = repeatInterrupted([&] { return ::fsync(directory); });
+    if (directory < 0) return -directory;
+    const int error = errorOf([&] { return ::fsync(directory); });
     ::close(directory);
-    return result;
+    return error;
   }
 
   int remove(const std::string& path, int file) override {
     const int directory = openDirectory(directoryOf(path), O_PATH);
-    if (directory < 0) return directory;
-    const int result = removeFrom(directory, path.c_str() + path.rfind('/') + 1, file);
+    if (directory < 0) return -directory;
+    const int error = removeFrom(directory, path.c_str() + path.rfind('/') + 1, file);
     ::close(directory);
-    return result;
+    return error;
   }
 
   int resolve(const std::string& path, std::string& resolved) override {
     const std::unique_ptr<char, decltype(&std::free)> real(::realpath(path.c_str(), nullptr),
                                                            &std::free);
-    if (real == nullptr) return -errno;
+    if (real == nullptr) return errno;
     resolved = real.get();
     return 0;
   }

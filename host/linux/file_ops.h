@@ -45,7 +45,8 @@ struct FileInfo {
   int64_t birth;  // nanoseconds since 1970; 0 where the system does not know
 };
 
-// Every operation returns -errno when it fails. They may be called by several threads at once and
+// An operation returns 0 when it is done, else an errno; one whose result is a number returns that,
+// or an errno below zero. They may be called by several threads at once and
 // never throw but for std::bad_alloc where a std::string is made. Paths are UTF-8.
 class FileOps {
  public:
@@ -68,17 +69,16 @@ class FileOps {
     return readAt(file, parts->iov_base, parts->iov_len, offset);
   }
 
-  // 0 when done.
   virtual int inspect(int file, FileInfo& info) = 0;
   virtual int inspectPath(const std::string& path, FileInfo& info) = 0;  // of a link itself
   virtual int truncate(int file, int64_t size) = 0;
   virtual int sync(int file) = 0;  // the file's bytes and its length, not its name
 
-  // Takes from the open `file` its name `path`. -ESTALE when that is another file's by now.
+  // Takes from the open `file` its name `path`. ESTALE when that is another file's by now.
   virtual int remove(const std::string& path, int file) = 0;
 
   // The lock on that part of the file that this opening of it has from now on: it excludes other
-  // openings, in this process and elsewhere. -EAGAIN when one of theirs is in the way; what this
+  // openings, in this process and elsewhere. EAGAIN when one of theirs is in the way; what this
   // opening had stays then. From one kind to another there is no moment without a lock.
   virtual int lock(int file, LockPart part, LockKind kind) = 0;
 
@@ -88,7 +88,7 @@ class FileOps {
   // Puts on disk what was created and removed in a directory.
   virtual int syncDirectory(const std::string& path) = 0;
 
-  // 0 and the absolute path without links of what is there.
+  // The absolute path without links of what is there.
   virtual int resolve(const std::string& path, std::string& resolved) = 0;
 };
 

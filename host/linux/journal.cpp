@@ -58,8 +58,8 @@ int Journal::begin() {
   const int number = ops_.open(path, OpenMode::kCreatePrivate);
   if (number < 0) return -number;
   journal_ = Descriptor(ops_, number);
-  const int result = ops_.copyAccess(file_.descriptor.number(), number);
-  if (result < 0) return -result;
+  const int error = ops_.copyAccess(file_.descriptor.number(), number);
+  if (error != 0) return error;
   salt_ = makeSalt();
   JournalHeader header{};
   header.magic = kJournalMagic;
@@ -123,7 +123,7 @@ int Journal::putOnDisk() noexcept {
   if (pending_.empty() && written_ == synced_) return 0;
   if (const int error = writePending(); error != 0) return error;
   if (isFull()) {
-    if (const int result = ops_.sync(journal_.number()); result < 0) return -result;
+    if (const int error = ops_.sync(journal_.number()); error != 0) return error;
     if (synced_ == 0) {
       if (const int error = syncName(); error != 0) return error;
     }
@@ -151,13 +151,13 @@ bool Journal::isThere() noexcept try {
 }
 
 int Journal::remove() noexcept try {
-  return -ops_.remove(journalPathOf(file_.path), journal_.number());
+  return ops_.remove(journalPathOf(file_.path), journal_.number());
 } catch (const std::bad_alloc&) {
   return ENOMEM;
 }
 
 int Journal::syncName() noexcept try {
-  return isFull() ? -ops_.syncDirectory(directoryOf(file_.path)) : 0;
+  return isFull() ? ops_.syncDirectory(directoryOf(file_.path)) : 0;
 } catch (const std::bad_alloc&) {
   return ENOMEM;
 }

@@ -29,8 +29,8 @@ int checkStillThere(FileOps& ops, RegularFile& file) {
 }
 
 int setLock(FileOps& ops, const RegularFile& file, LockPart part, LockKind kind) {
-  const int result = ops.lock(file.descriptor.number(), part, kind);
-  return result == -EAGAIN ? EBUSY : -result;
+  const int error = ops.lock(file.descriptor.number(), part, kind);
+  return error == EAGAIN ? EBUSY : error;
 }
 
 // A place in the turnstile of a file, once it is taken.
@@ -259,10 +259,10 @@ int LockedFiles::removeReserved(LockedFile& locked) {
 // journal that tells of the new one. And once the name is free that journal may be there already:
 // so none is touched from here on.
 int LockedFiles::removeLocked(const RegularFile& file) {
-  if (const int result = ops_->remove(file.path, file.descriptor.number()); result < 0)
-    return -result;
+  const int error = ops_->remove(file.path, file.descriptor.number());
+  if (error != 0) return error;
   if (durability_ != Durability::full) return 0;
-  return -ops_->syncDirectory(directoryOf(file.path));
+  return ops_->syncDirectory(directoryOf(file.path));
 }
 
 int LockedFiles::release(LockedFile& locked, bool wasUpdate) noexcept {

@@ -31,7 +31,7 @@ class NamelessFileOps : public FileOps {
 
   // Nothing lies beside the file.
   int inspectPath(const std::string& path, FileInfo& info) override {
-    return path == path_ ? inspect(file_, info) : -ENOENT;
+    return path == path_ ? inspect(file_, info) : ENOENT;
   }
   int truncate(int file, int64_t size) override { return system_->truncate(file, size); }
   int sync(int file) override { return system_->sync(file); }

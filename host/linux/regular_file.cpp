@@ -13,7 +13,7 @@ Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
 
 int Descriptor::close() {
   if (!isOpen()) return 0;
-  return -ops_->close(std::exchange(number_, -1));
+  return ops_->close(std::exchange(number_, -1));
 }
 
 namespace {
@@ -40,9 +40,9 @@ int createFile(FileOps& ops, const std::string& path, RegularFile& file) {
   if (error == EEXIST) error = openAt(ops, path, OpenMode::kCreate, file);
   if (error != 0) return error;
   std::string resolved;
-  if (const int result = ops.resolve(path, resolved); result < 0) return -result;
-  file.path = std::move(resolved);
-  return 0;
+  error = ops.resolve(path, resolved);
+  if (error == 0) file.path = std::move(resolved);
+  return error;
 }
 
 bool isRefusalToWrite(int error) {
@@ -59,8 +59,8 @@ int openLocated(FileOps& ops, Purpose purpose, RegularFile& file) {
 
 int locateRegularFile(FileOps& ops, const std::string& path, RegularFile& file) {
   std::string resolved;
-  if (const int result = ops.resolve(path, resolved); result < 0) return -result;
-  if (const int result = ops.inspectPath(resolved, file.info); result < 0) return -result;
+  if (const int error = ops.resolve(path, resolved); error != 0) return error;
+  if (const int error = ops.inspectPath(resolved, file.info); error != 0) return error;
   if (const int error = refusalOf(file.info); error != 0) return error;
   file.path = std::move(resolved);
   return 0;
@@ -70,16 +70,16 @@ int openRegularFile(FileOps& ops, const std::string& path, Purpose purpose, Regu
   const bool isAbsent = file.path.empty();
   const int error = isAbsent ? createFile(ops, path, file) : openLocated(ops, purpose, file);
   if (error != 0) return error;
-  const int result = ops.inspect(file.descriptor.number(), file.info);
-  return result < 0 ? -result : refusalOf(file.info);
+  const int unseen = ops.inspect(file.descriptor.number(), file.info);
+  return unseen != 0 ? unseen : refusalOf(file.info);
 }
 
 int inspectAgain(FileOps& ops, RegularFile& file) {
-  if (const int result = ops.inspect(file.descriptor.number(), file.info); result < 0) {
-    return -result;
+  if (const int error = ops.inspect(file.descriptor.number(), file.info); error != 0) {
+    return error;
   }
   FileInfo there{};
-  if (const int result = ops.inspectPath(file.path, there); result < 0) return -result;
+  if (const int error = ops.inspectPath(file.path, there); error != 0) return error;
   return isSameFile(there, file.info) ? 0 : ENOENT;
 }
 
@@ -92,7 +92,7 @@ int removeIfLeftEmpty(FileOps& ops, RegularFile& file) {
   const int error = inspectAgain(ops, file);
   if (error == ENOENT) return 0;
   if (error != 0 || file.info.size != 0) return error;
-  return -ops.remove(file.path, file.descriptor.number());
+  return ops.remove(file.path, file.descriptor.number());
 }
 
 std::string directoryOf(const std::string& path) {

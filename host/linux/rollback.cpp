@@ -16,15 +16,14 @@ namespace {
 int openJournal(FileOps& ops, const std::string& path, RegularFile& journal) {
   FileInfo& info = journal.info;
   const int looked = ops.inspectPath(path, info);
-  if (looked == -ENOENT) return 0;
-  if (looked < 0) return -looked;
+  if (looked != 0) return looked == ENOENT ? 0 : looked;
   if (!info.isRegular) return ENOTSUP;
   const int number = ops.open(path, OpenMode::kRead);
   if (number == -ENOENT) return 0;
   if (number < 0) return -number;
   journal.descriptor = Descriptor(ops, number);
-  const int result = ops.inspect(number, info);
-  if (result < 0) return -result;
+  const int unseen = ops.inspect(number, info);
+  if (unseen != 0) return unseen;
   return info.isRegular ? 0 : ENOTSUP;
 }
 
@@ -97,15 +96,15 @@ int restoreBlocks(FileOps& ops, int journal, const JournalHeader& header, int fi
 // do: the journal, which goes next, may be of one that was to survive a power cut.
 int restoreFile(FileOps& ops, const JournalHeader& header, RegularFile& file) {
   const int number = file.descriptor.number();
-  if (const int result = ops.inspect(number, file.info); result < 0) return -result;
+  if (const int error = ops.inspect(number, file.info); error != 0) return error;
   if (file.info.size > header.fileLength) {
-    if (const int result = ops.truncate(number, header.fileLength); result < 0) return -result;
+    if (const int error = ops.truncate(number, header.fileLength); error != 0) return error;
   }
-  if (const int result = ops.sync(number); result < 0) return -result;
+  if (const int error = ops.sync(number); error != 0) return error;
   if ((header.flags & kFileCreated) == 0) return 0;
   const int error = inspectAgain(ops, file);
   if (error != 0) return error == ENOENT ? 0 : error;
-  return -ops.remove(file.path, number);
+  return ops.remove(file.path, number);
 }
 
 }  // namespace
@@ -128,8 +127,9 @@ int recoverFile(FileOps& ops, RegularFile& file) {
     error = applyJournal(ops, journal.descriptor.number(), file);
     if (error != 0) return error;
   }
-  if (const int result = ops.remove(path, journal.descriptor.number()); result < 0) return -result;
-  return -ops.syncDirectory(directoryOf(path));
+  error = ops.remove(path, journal.descriptor.number());
+  if (error != 0) return error;
+  return ops.syncDirectory(directoryOf(path));
 }
 
 int clearJournal(FileOps& ops, RegularFile& file) {
