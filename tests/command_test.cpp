@@ -109,7 +109,7 @@ TEST_F(CommandTest, ReplacesAStoreOnlyWhenToldToAndOnlyByAWholeOne) {
   }
   expectRun(5, "echo mine >x.st-journal; hxcrate salvage x.st s.st");
   expectRun(0, "rm x.st-journal s.st; ln x.st in/x.st; ln -s / in/root; mkfifo in/fifo");
-  expectPrinted(0, "hxcrate pack --replace x.st in; hxcrate ls x.st", "new\n",
+  expectPrinted(5, "hxcrate pack --replace x.st in", "",
                 "hxcrate: in/fifo: skipped: a FIFO\nhxcrate: in/root: skipped: a symbolic link\n"
                 "hxcrate: in/x.st: skipped: the store\n");
 }
@@ -223,6 +223,9 @@ TEST_F(CommandTest, AddsToStoresWholeOrNotAtAll) {
   const Case cases[] = {
       {4, "hxcrate put x.st a/b file", "hxcrate: x.st: a: no such store; -p makes it\n"},
       {0, "hxcrate put --dry-run -p x.st a/b", "hxcrate: x.st: a/b: would be written\n"},
+      {3, "hxcrate put --dry-run x.st a absent",
+       "hxcrate: absent: open: No such file or directory\n"},
+      {3, "hxcrate put --dry-run x.st a .", "hxcrate: .: read: Is a directory\n"},
       {0, "hxcrate put -p x.st a/b file", "hxcrate: x.st: a new store was made\n"},
       {4, "hxcrate put x.st a/b", "hxcrate: x.st: a/b: exists already; --append adds to it\n"},
       {4, "hxcrate put --append x.st a", "hxcrate: x.st: a: exists already\n"},

@@ -5,6 +5,7 @@
 #include <charconv>
 #include <exception>
 #include <limits>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -188,6 +189,9 @@ ExitCode runCommand(int argc, char** argv) {
     return exitCodeOf(error);
   } catch (const Interrupted& interrupted) {
     endBySignal(interrupted.signal());
+  } catch (const std::bad_alloc&) {
+    complain("", "", "there is not enough memory for this");
+    return ExitCode::inputOutput;
   } catch (const std::exception& error) {
     complain("", "", error.what());
     return ExitCode::inputOutput;

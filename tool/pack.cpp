@@ -93,18 +93,19 @@ SizeForecast forecastOf(const std::vector<SourceStep>& steps) {
 
 ExitCode pack(const PackOptions& options) {
   const NewStore target(options.store, options.replace);
-  const std::vector<SourceStep> steps = scanTree(options.directory, target.existing());
-  const SizeForecast forecast = forecastOf(steps);
+  const Source source = scanTree(options.directory, target.existing());
+  const ExitCode outcome = source.isWhole ? ExitCode::fine : ExitCode::partial;
+  const SizeForecast forecast = forecastOf(source.steps);
   if (options.dryRun) {
     target.announce(forecast, options.made);
-    return ExitCode::fine;
+    return outcome;
   }
   Progress progress("packing");
   progress.expect(forecast.bytes());
   target.make(forecast, options.made, [&](hxcrate::Store& store) {
-    Packer(options.directory, store, progress).pack(steps);
+    Packer(options.directory, store, progress).pack(source.steps);
   });
-  return ExitCode::fine;
+  return outcome;
 }
 
 }  // namespace

@@ -24,7 +24,7 @@ class TreeScanner {
   TreeScanner(const std::string& directory, const std::optional<struct stat>& except)
       : cursor_(directory), except_(except) {}
 
-  std::vector<SourceStep> scan() {
+  Source scan() {
     levels_.push_back({list(), 0});
     while (!levels_.empty()) {
       Level& level = levels_.back();
@@ -39,7 +39,7 @@ class TreeScanner {
                     fmt::format("{} can't be kept, nothing was packed",
                                 refusals_ == 1 ? "1 entry" : fmt::format("{} entries", refusals_)));
     }
-    return std::move(steps_);
+    return std::move(source_);
   }
 
  private:
@@ -66,6 +66,7 @@ class TreeScanner {
     if (except_ && isSameFile(*status, *except_)) return complain(path, "", "skipped: the store");
     const bool isDirectory = S_ISDIR(status->st_mode);
     if (!isDirectory && !S_ISREG(status->st_mode)) {
+      source_.isWhole = false;
       return complain(path, "", describeKind(status->st_mode));
     }
     if (name.size() > hxcrate::kNameCapacity) {
@@ -84,33 +85,32 @@ class TreeScanner {
       refuse(cursor_.pathTo(name),
              fmt::format("{} bytes, at most {} fit", status.st_size, hxcrate::kItemCapacity));
     }
-    steps_.push_back({SourceStep::Kind::file, std::move(name), status});
+    source_.steps.push_back({SourceStep::Kind::file, std::move(name), status});
   }
 
   void enter(std::string name) {
     if (!cursor_.enter(name)) return refuse(cursor_.pathTo(name), systemReason());
-    steps_.push_back({SourceStep::Kind::enterDirectory, std::move(name)});
+    source_.steps.push_back({SourceStep::Kind::enterDirectory, std::move(name)});
     levels_.push_back({list(), 0});
   }
 
   void leave() {
     levels_.pop_back();
     if (levels_.empty()) return;
-    steps_.push_back({SourceStep::Kind::leaveDirectory, ""});
+    source_.steps.push_back({SourceStep::Kind::leaveDirectory, ""});
     cursor_.leave();
   }
 
   DirectoryCursor cursor_;
   const std::optional<struct stat>& except_;
   std::vector<Level> levels_;
-  std::vector<SourceStep> steps_;
+  Source source_;
   std::size_t refusals_ = 0;
 };
 
 }  // namespace
 
-std::vector<SourceStep> scanTree(const std::string& directory,
-                                 const std::optional<struct stat>& except) {
+Source scanTree(const std::string& directory, const std::optional<struct stat>& except) {
   return TreeScanner(directory, except).scan();
 }
 

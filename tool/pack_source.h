@@ -17,10 +17,14 @@ struct SourceStep {
   struct stat status = {};  // of a file, when it was found
 };
 
+struct Source {
+  std::vector<SourceStep> steps;
+  bool isWhole = true;  // nothing was left out
+};
+
 // Walks the tree below `directory`, but for the file `except`. What the format can't keep is named
 // on standard error, every one, and then ends the command with nothing done; links, devices,
 // sockets and FIFOs are named and left out.
-std::vector<SourceStep> scanTree(const std::string& directory,
-                                 const std::optional<struct stat>& except);
+Source scanTree(const std::string& directory, const std::optional<struct stat>& except);
 
 }  // namespace tool

@@ -1,5 +1,6 @@
 // hxcrate put and hxcrate mkstore: what adds to a store.
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -111,9 +112,22 @@ void writeItem(const PutOptions& options, const ItemInput& input, hxcrate::Store
   writer.close();
 }
 
+// As far as it can be known without reading it.
+void requireReadable(const std::string& path) {
+  struct stat status {};
+  if (path == "-") return;
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!file.isOpen() || ::fstat(file.number(), &status) != 0) throw systemFailure(path, "open");
+  errno = EISDIR;
+  if (S_ISDIR(status.st_mode)) throw systemFailure(path, "read");
+  if (status.st_size <= hxcrate::kItemCapacity) return;
+  throw Failure(ExitCode::inputOutput, path, "", "more than the 2147483647 bytes of an item");
+}
+
 ExitCode put(const PutOptions& options) {
   rehearse(options, hxcrate::MemberKind::item, options.append);
   if (options.dryRun) {
+    requireReadable(options.file);
     complain(options.store, options.path, "would be written");
     return ExitCode::fine;
   }
