@@ -138,11 +138,13 @@ class CrashFiles {
   CrashFiles(const CrashFiles&) = delete;
   CrashFiles& operator=(const CrashFiles&) = delete;
 
-  hx::FileHandle* open(std::u32string_view path, int32_t mode) {
+  hx::FileHandle* open(std::u32string_view path, int32_t mode) const {
     hx::OpenParameters parameters{};
     parameters.accessMode = mode;
     return io_->open(io_, path.data(), std::ssize(path), &parameters, 0, 0, "hxfio", nullptr, 0);
   }
+
+  hx::FileIo* io() const { return io_; }
 
   hxhost::LinuxHost host;
 

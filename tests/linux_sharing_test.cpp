@@ -10,8 +10,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <thread>
+#include <vector>
 
 #include "records/records.h"
 #include "tests/crash_session.h"
@@ -192,6 +194,42 @@ TEST_F(LinuxSharingTest, WhatIsReservedIsTheThreadsAlone) {
     }
     fs::remove(file_ + "2");
   }
+}
+
+// Readers and updaters of one file service, and of two: each update adds one to what the file
+// holds.
+TEST_F(LinuxSharingTest, NoUpdateOfAThreadIsLost) {
+  constexpr int kRounds = 40;
+  CrashFiles one(options_);
+  CrashFiles two(options_);
+  const std::u32string path = path_ + U"2";
+  const auto work = [&](const CrashFiles& files, bool isUpdate) {
+    for (int i = 0; i < kRounds; ++i) {
+      const OpenRequest request({.lockWait = -1ms});
+      const Purpose purpose = isUpdate ? Purpose::kUpdate : Purpose::kRead;
+      if (!LinuxHost::reserve(files.io(), path, purpose)) continue;  // there is no file yet
+      hx::FileHandle* file = files.open(path, isUpdate ? hx::HX_ACCESS_UPDATE : hx::HX_ACCESS_READ);
+      ASSERT_NE(file, nullptr);
+      int count = 0;
+      hx::ReadRequest wanted{&count, sizeof(count)};
+      file->read(file, &wanted, &wanted.count, 0, 0, 0);
+      int64_t start = 0;
+      ++count;
+      if (isUpdate) file->seek(file, &start, hx::HX_SEEK_START, 0);
+      if (isUpdate) file->write(file, &count, sizeof(count), 0, 0, 0);
+      file->close(file);
+      EXPECT_FALSE(request.file()->loss());
+    }
+  };
+  std::vector<std::thread> threads;
+  for (const CrashFiles* files : {&one, &two})
+    for (const bool isUpdate : {true, true, false})
+      threads.emplace_back(work, std::cref(*files), isUpdate);
+  for (std::thread& thread : threads)
+    thread.join();
+  const std::string bytes = readFile(file_ + "2");
+  ASSERT_EQ(bytes.size(), sizeof(int));
+  EXPECT_EQ(*reinterpret_cast<const int*>(bytes.data()), 4 * kRounds);
 }
 
 TEST_F(LinuxSharingTest, TellsWhoIsInTheWay) {
