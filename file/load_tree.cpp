@@ -13,6 +13,15 @@ namespace {
 
 // ---- members
 
+// The ENTRY at `offset`, ready for use; false when it can't be read.
+bool readEntry(Store* store, int64_t offset, Entry* entry) {
+  if (!readStored(store, offset, entry, kEntrySize)) return false;
+  translate(store, entry);
+  int64_t& end = store->root->directoryEnd;
+  if (end < offset + kEntrySize) end = offset + kEntrySize;
+  return true;
+}
+
 bool takeStoredName(Pool* pool, Member* member, const Entry& entry) {
   const int32_t length = storedNameLength(entry.name);
   if (!allocateName(pool, member, length)) return false;

@@ -1,7 +1,6 @@
 #include "file/storage.h"
 
 #include "file/shared_storage.h"
-#include "file/translation.h"
 
 namespace hx {
 
@@ -89,12 +88,6 @@ void writeStored(const Store* store, int64_t offset, const void* from, int64_t l
   if (meantLength < offset + length) meantLength = offset + length;
   if (!seekFile(file, offset)) return;
   file->write(file, from, length, 0, 0, 0);
-}
-
-bool readEntry(Store* store, int64_t offset, Entry* entry) {
-  if (!readStored(store, offset, entry, kEntrySize)) return false;
-  translate(store, entry);
-  return true;
 }
 
 }  // namespace hx

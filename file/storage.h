@@ -54,7 +54,4 @@ bool readStored(const Store* store, int64_t offset, void* to, int64_t length);
 // it when the file is closed.
 void writeStored(const Store* store, int64_t offset, const void* from, int64_t length);
 
-// The ENTRY at `offset`, ready for use; false when it can't be read.
-bool readEntry(Store* store, int64_t offset, Entry* entry);
-
 }  // namespace hx

@@ -151,11 +151,12 @@ struct Store {
   MemberIndex memberIndex;  // of `members`
 
   // The module's own, all of the top-level store.
-  int32_t loadStatus;   // why the directory was read only in part; kOk when whole
-  int32_t openHandles;  // item handles open in the tree; while there are any it is not purged
-  bool hasHadFile;      // a file was opened for it at least once; never true in a blob's tree
-  bool condemned;       // dropped while handles were open: the last handle's close purges it
-  FileStamp stamp;      // its header is valid while the store is cached and closed
+  int32_t loadStatus;    // why the directory was read only in part; kOk when whole
+  int32_t openHandles;   // item handles open in the tree; while there are any it is not purged
+  int64_t directoryEnd;  // behind the last ENTRY in the file when it was loaded
+  bool hasHadFile;       // a file was opened for it at least once; never true in a blob's tree
+  bool condemned;        // dropped while handles were open: the last handle's close purges it
+  FileStamp stamp;       // its header is valid while the store is cached and closed
 
   // What bytes may be read from without the lock (file/shared_storage.h): the file while it is open
   // for reading, if the host has `readAt`; the blob; else null. Set with the lock held.

@@ -1,5 +1,6 @@
 #include "store/open_store.h"
 
+#include "file/cut_short.h"
 #include "file/header.h"
 #include "file/item_pages.h"
 #include "file/load_tree.h"
@@ -226,10 +227,11 @@ class StoreOpener {
   }
 
   // What was read only in part can be read, but never updated: its directory would be written back
-  // without the rest.
+  // without the rest. Nor is a file that was cut short.
   Store* takeLoaded(Store* store) {
     if (wants(kUpdate)) {
       if (isForeign(store)) *status_ = kOtherEncoding;
+      if (*status_ == kOk && isCutShort(store)) *status_ = kUnreadable;
       if (*status_ != kOk) {
         closeStoreFile(store);
         dropStore(store);

@@ -180,6 +180,18 @@ TEST(Frame, SpaceComesFromReleasedExtentsOfTheSameLengthOrTheEnd) {
   releaseDiskSpace(store, 5000, 24);
 }
 
+// The file ends with the page of an item that was there before: its ENTRY lies in front of it.
+TEST(Frame, AFileThatWasCutShortIsReadButNotUpdated) {
+  for (const std::string size : {"10", "9000"}) {
+    for (const std::string cut : {"0", "-1", "-4000", "-4086"}) {
+      World w;
+      w.run("open x UC; write x:e 0; write x:b 20; close x; restart; open x U; write x:e " + size);
+      w.run("close x; grow x " + cut + "; restart; open x R; read x:b -> 20; close x; restart");
+      w.run("open x U" + std::string(cut == "0" ? "" : " -> unreadable"));
+    }
+  }
+}
+
 // What stands behind them in the product has other results.
 TEST(Frame, ExportedRoutinesHaveTheResultsTheyAreKnownBy) {
   using namespace exported;
