@@ -136,7 +136,8 @@ TEST_F(NewFileTest, LetsNobodyReadWhatHeCouldNotReadBefore) {
     const std::string name = std::string(made) == "y.st" ? "x.st" : made;
     expectRun(0, "umask 022; set -- " + std::string(before) + "; rm -f y.st; >>" + name +
                      "; chown $2:$3 " + name + "; chmod $1 " + name);
-    tellTwice([&](bool) { expectRun(0, "umask 022; rm -f y.st; hxcrate " + std::string(words)); });
+    const std::string run = std::string("umask 022; rm -f y.st; hxcrate ") + words;
+    tellTwice([&](bool) { expectRun(0, run); });
     EXPECT_EQ(rightsOf(made), after) << words;
   }
   const std::string asUser = "setpriv --reuid=1 --regid=1 --clear-groups hxcrate ";
