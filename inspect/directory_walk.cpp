@@ -32,11 +32,6 @@ constexpr EntryField kFirstLink = {"firstLink", &hx::Entry::firstLink,
                                    offsetof(hx::Entry, firstLink)};
 constexpr int64_t kName = offsetof(hx::Entry, name);
 
-bool isAllZero(const hx::Entry& entry) {
-  constexpr hx::Entry kZeros{};
-  return std::memcmp(&entry, &kZeros, sizeof(entry)) == 0;
-}
-
 // The link in a member's ENTRY.
 Link linkIn(const hx::Entry& entry, const EntryField& field, int64_t at, std::size_t holder) {
   return {field.in(entry), field.name, at + field.offset, holder};
@@ -216,6 +211,11 @@ class DirectoryWalk {
 
 void walkDirectory(Ledger& ledger) {
   DirectoryWalk(ledger).walk();
+}
+
+bool isAllZero(const hx::Entry& entry) {
+  constexpr hx::Entry kZeros{};
+  return std::memcmp(&entry, &kZeros, sizeof(entry)) == 0;
 }
 
 std::string nameIn(const hx::Entry& entry) {

@@ -9,6 +9,9 @@ namespace hxcrate {
 // ENTRY that is followed owns its 96 bytes, so there is an end to it.
 void walkDirectory(Ledger& ledger);
 
+// What a member's ENTRY never is: that of a store without a name and without members alone may be.
+bool isAllZero(const hx::Entry& entry);
+
 // The name in an ENTRY.
 std::string nameIn(const hx::Entry& entry);
 

@@ -359,6 +359,11 @@ TEST_F(InspectFileTest, LosesNothingOfItsDirectoryUnseen) {
   writeImage(zero(start, 4096));
   expectRun(5, "hxcrate check x.st || hxcrate salvage x.st new.st");
   expectSaid("331 items and ");
+  for (std::size_t at = start; at + 512 <= image.size(); at += 12007) {
+    writeImage(zero(at, 512));
+    for (const char* command : {"ls -R x.st", "tree x.st", "unpack x.st out", "diff x.st x.st"})
+      expectRun(1, "rm -rf out; hxcrate " + std::string(command));
+  }
 }
 
 TEST_F(InspectFileTest, IsTurnedIntoTheOtherByteOrderAndBack) {

@@ -7,6 +7,7 @@
 
 #include "byte_pump.h"
 #include "command_line.h"
+#include "inspected_store.h"
 #include "output.h"
 #include "store_walk.h"
 
@@ -64,10 +65,11 @@ class Printer {
 
 void addCat(CommandLine& line) {
   const auto options = std::make_shared<CatOptions>();
-  CLI::App& words = line.add("cat", "Print the bytes of items",
-                             "  hxcrate cat docs.st guide/intro.txt guide/usage.txt\n"
-                             "  hxcrate cat --offset 512 --length 16 docs.st image | xxd",
-                             [options] { return Printer(*options).print(); });
+  CLI::App& words =
+      line.add("cat", "Print the bytes of items",
+               "  hxcrate cat docs.st guide/intro.txt guide/usage.txt\n"
+               "  hxcrate cat --offset 512 --length 16 docs.st image | xxd",
+               [options] { return seeLostMembers(options->store, Printer(*options).print()); });
   addStore(words, options->store);
   addMemberPaths(words, options->paths, "items, as a/b/c")->required();
   addCount(words, "--offset", options->offset, "begin at this byte of each item, from 0");

@@ -9,6 +9,7 @@
 
 #include "byte_pump.h"
 #include "command_line.h"
+#include "inspected_store.h"
 #include "new_store.h"
 #include "store_walk.h"
 #include "write_limits.h"
@@ -116,7 +117,7 @@ void addCopy(CommandLine& line) {
                "  hxcrate copy docs.st small.st\n"
                "  hxcrate copy --encoding hxmok1/be/utf-8 docs.st foreign.st\n"
                "  hxcrate copy --exclude 'images/*' --exclude '*.bak' docs.st text.st",
-               [options] { return copy(*options); });
+               [options] { return seeLostMembers(options->store, copy(*options)); });
   explain(words,
           "The bytes of items stay what they are, whatever the encoding: numbers in them keep the\n"
           "order of bytes that they were written in.");

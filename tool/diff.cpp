@@ -12,6 +12,7 @@
 
 #include "answer.h"
 #include "command_line.h"
+#include "inspected_store.h"
 #include "store_walk.h"
 
 namespace tool {
@@ -204,8 +205,12 @@ class Comparison {
 void addDiff(CommandLine& line) {
   const auto options = std::make_shared<DiffOptions>();
   CLI::App& words = line.add("diff", "Tell how the contents of the stores A and B differ",
-                             "  hxcrate diff monday.st tuesday.st",
-                             [options] { return Comparison(*options).compare(); });
+                             "  hxcrate diff monday.st tuesday.st", [options] {
+                               const ExitCode outcome = Comparison(*options).compare();
+                               const ExitCode first =
+                                   seeLostMembers(options->first, ExitCode::fine);
+                               return worse(outcome, seeLostMembers(options->second, first));
+                             });
   words.add_option("A", options->first, "a store file")->required();
   words.add_option("B", options->second, "another")->required();
   words.add_flag("--json", options->asJson, "as JSON");

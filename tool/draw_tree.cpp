@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "command_line.h"
+#include "inspected_store.h"
 #include "output.h"
 #include "store_walk.h"
 
@@ -104,9 +105,10 @@ class Drawer {
 
 void addTree(CommandLine& line) {
   const auto options = std::make_shared<TreeOptions>();
-  CLI::App& words =
-      line.add("tree", "Draw what STORE holds, with the sizes of items in bytes",
-               "  hxcrate tree docs.st guide", [options] { return Drawer(*options).draw(); });
+  CLI::App& words = line.add("tree", "Draw what STORE holds, with the sizes of items in bytes",
+                             "  hxcrate tree docs.st guide", [options] {
+                               return seeLostMembers(options->store, Drawer(*options).draw());
+                             });
   addStore(words, options->store);
   addMemberPath(words, options->path, "a store in it to draw alone, as a/b/c");
   words.add_flag("--ascii", options->asAscii, "draw with ASCII instead of UTF-8 characters");

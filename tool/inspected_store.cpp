@@ -41,6 +41,20 @@ void InspectedStore::complainOfDamage() const {
            "it is damaged in " + countThings(errors, "place") + ", which hxcrate check lists");
 }
 
+ExitCode seeLostMembers(const std::string& store, ExitCode outcome) {
+  if (worse(outcome, ExitCode::damaged) == outcome) return outcome;  // it was told of worse
+  try {
+    const std::int64_t faults = hxcrate::countDirectoryFaults(hxcrate::InspectedFile(store));
+    if (faults == 0) return outcome;
+    complain(store, "",
+             "its directory has lost members, as " + countThings(faults, "record") + " of it " +
+                 (faults == 1 ? "shows" : "show") + ": see hxcrate check");
+    return ExitCode::damaged;
+  } catch (const hxcrate::Error&) {
+    return outcome;  // it is another file by now, or somebody's who updates it
+  }
+}
+
 std::string showPlace(const std::string& path) {
   return path.empty() ? "/" : escape(path);
 }

@@ -42,6 +42,10 @@ class InspectedStore {
   hxcrate::Inspection inspection_;
 };
 
+// The outcome of a command that opened the store as one; damaged, after a complaint, when its
+// directory shows that it has lost members, which opening it does not see.
+ExitCode seeLostMembers(const std::string& store, ExitCode outcome);
+
 // What a member is called; "/" for the store as a whole. Escaped as for a terminal.
 std::string showPlace(const std::string& path);
 

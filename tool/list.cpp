@@ -8,6 +8,7 @@
 
 #include "answer.h"
 #include "command_line.h"
+#include "inspected_store.h"
 #include "store_walk.h"
 
 namespace tool {
@@ -96,10 +97,11 @@ class Lister {
 
 void addLs(CommandLine& line) {
   const auto options = std::make_shared<ListOptions>();
-  CLI::App& words = line.add("ls", "List the members of STORE, or of the store PATH in it",
-                             "  hxcrate ls -lR docs.st\n"
-                             "  hxcrate ls --json docs.st guide",
-                             [options] { return Lister(*options).list(); });
+  CLI::App& words =
+      line.add("ls", "List the members of STORE, or of the store PATH in it",
+               "  hxcrate ls -lR docs.st\n"
+               "  hxcrate ls --json docs.st guide",
+               [options] { return seeLostMembers(options->store, Lister(*options).list()); });
   addStore(words, options->store);
   addMemberPath(words, options->path, "a store or an item in it, as a/b/c");
   words.add_flag("-l", options->withSizes, "with the sizes of items, in bytes");

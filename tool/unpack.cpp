@@ -15,6 +15,7 @@
 #include "byte_pump.h"
 #include "command_line.h"
 #include "directory.h"
+#include "inspected_store.h"
 #include "member_selection.h"
 #include "new_file.h"
 #include "planted_journal.h"
@@ -304,7 +305,7 @@ void addUnpack(CommandLine& line) {
       line.add("unpack", "Unpack STORE, or PATHs of it, into the directory DIR, made if missing",
                "  hxcrate unpack docs.st copy\n"
                "  hxcrate unpack --overwrite docs.st copy guide/intro.txt images",
-               [options] { return unpack(*options); });
+               [options] { return seeLostMembers(options->store, unpack(*options)); });
   addStore(words, options->store);
   words.add_option("DIR", options->directory, "the directory")->required();
   addMemberPaths(words, options->paths, "items, and stores with all they hold; all unless given");
