@@ -229,6 +229,8 @@ TEST_F(CommandTest, AddsToStoresWholeOrNotAtAll) {
       {0, "hxcrate put -p x.st a/b file", "hxcrate: x.st: a new store was made\n"},
       {4, "hxcrate put x.st a/b", "hxcrate: x.st: a/b: exists already; --append adds to it\n"},
       {4, "hxcrate put --append x.st a", "hxcrate: x.st: a: exists already\n"},
+      {4, "hxcrate put -p x.st a/b/c file", "hxcrate: x.st: a/b: is an item\n"},
+      {4, "hxcrate mkstore x.st a/b/c", "hxcrate: x.st: a/b: is an item\n"},
       {0, "hxcrate put --append x.st a/b - <file"},
       {0, "cat file file | hxcrate put x.st piped"},
       {0, ">y.st; hxcrate put y.st a file; hxcrate ls y.st >/dev/null"},

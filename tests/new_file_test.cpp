@@ -132,7 +132,6 @@ TEST_F(NewFileTest, LetsNobodyReadWhatHeCouldNotReadBefore) {
       {"604 0 0", "copy --page-size 9 x.st y.st", "y.st", "604 0 0\n"},
   };
   for (const auto& [before, words, made, after] : cases) {
-    const std::string mode = std::string(before).substr(0, std::string(before).find(' '));
     const std::string name = std::string(made) == "y.st" ? "x.st" : made;
     expectRun(0, "umask 022; set -- " + std::string(before) + "; rm -f y.st; >>" + name +
                      "; chown $2:$3 " + name + "; chmod $1 " + name);

@@ -66,7 +66,9 @@ void rehearse(const PutOptions& options, hxcrate::MemberKind kind, bool mayExist
   if (size.value_or(0) == 0) return needsParent ? refuse(parent, noParent) : void();
   hxcrate::Session session(options.session());
   const hxcrate::Store store = session.open(options.store);
-  if (needsParent && kindOf(store, parent) != hxcrate::MemberKind::store) refuse(parent, noParent);
+  const auto parentKind = parent.empty() ? hxcrate::MemberKind::store : kindOf(store, parent);
+  if (parentKind == hxcrate::MemberKind::item) refuse(parent, "is an item");
+  if (needsParent && !parentKind) refuse(parent, noParent);
   const auto existing = kindOf(store, options.path);
   if (existing && (*existing != kind || !mayExist)) {
     const bool helps = *existing == hxcrate::MemberKind::item && kind == *existing;
