@@ -30,6 +30,18 @@ bool isRemovalResult(Errc code) {
   return std::ranges::find(kResults, static_cast<std::int32_t>(code)) != std::end(kResults);
 }
 
+[[noreturn]] void failBusy(const std::string& path, const OpenRefusal& refusal) {
+  FileFailure failure = translate(*refusal.failure, path);
+  failure.waited = refusal.waited;
+  if (refusal.holder == hxhost::Holder::kReadersHere) {
+    failure.holder = "open for reading in this session";
+  }
+  if (refusal.holder == hxhost::Holder::kUpdaterHere) {
+    failure.holder = "open for update in this session";
+  }
+  throw Error(Errc::storeInUse, path, "", failure);
+}
+
 }  // namespace
 
 FileFailure translate(const hxhost::FileFailure& failure, const std::string& path,
@@ -44,10 +56,26 @@ std::optional<FileFailure> takeFailureOf(hxhost::FileOutcome& outcome, const std
   return failedRead ? std::optional(translate(*failedRead, path)) : std::nullopt;
 }
 
+OpenRefusal refusalOf(const hxhost::OpenRequest& request) {
+  return {request.failure(), request.holder(), request.waited()};
+}
+
+void failOpening(const std::string& path, const OpenRefusal& refusal, Errc code, bool mayCreate) {
+  if (isRemovalResult(code)) code = Errc::fileNotOpen;
+  if (code == Errc::notFound) code = refusal.failure ? Errc::fileNotOpen : Errc::notAStore;
+  if (!refusal.failure) throw Error(code, path, "");
+  const int error = refusal.failure->error;
+  if (error == EEXIST) throw Error(Errc::exists, path, "");
+  if (error == ENOENT && !mayCreate) throw Error(Errc::notFound, path, "");
+  if (error == EBUSY) failBusy(path, refusal);
+  throw Error(code, path, "", translate(*refusal.failure, path));
+}
+
 Engine::Engine(SessionOptions options, std::shared_ptr<hxhost::FileOps> files)
     : options_(std::move(options)),
       host_(hostOptionsOf(options_, std::move(files))),
-      module_(makeModuleInstance(host_.handle())) {}
+      module_(makeModuleInstance(host_.handle())),
+      files_(module_, options_.cachedStores) {}
 
 Engine::~Engine() {
   module_->destroy(module_);
@@ -66,21 +94,9 @@ MemoryUse Engine::memoryUse() const {
   return {use.bytes, use.blocks, use.peakBytes};
 }
 
-void Engine::failOpening(const std::string& path, const std::optional<hxhost::FileFailure>& failure,
-                         Errc code, bool mayCreate) {
-  if (isRemovalResult(code)) code = Errc::fileNotOpen;
-  if (code == Errc::notFound) code = failure ? Errc::fileNotOpen : Errc::notAStore;
-  if (!failure) throw Error(code, path, "");
-  if (failure->error == EEXIST) throw Error(Errc::exists, path, "");
-  if (failure->error == ENOENT && !mayCreate) {
-    throw Error(Errc::notFound, path, "");
-  }
-  if (failure->error == EBUSY) code = Errc::storeInUse;
-  throw Error(code, path, "", translate(*failure, path));
-}
-
+// Whoever abandoned an update knows that what was written is lost.
 void Engine::report(const Error& error) noexcept {
-  if (!options_.onUnreportedError) return;
+  if (!options_.onUnreportedError || error.errc() == Errc::abandoned) return;
   try {
     options_.onUnreportedError(error);
   } catch (...) {  // NOLINT(bugprone-empty-catch): a destructor has nobody to pass it on to

@@ -2,21 +2,37 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 
 #include "host/linux/linux_host.h"
+#include "host/linux/open_request.h"
 #include "hxcrate/error.hpp"
 #include "hxcrate/session.hpp"
 #include "records/records.h"
+#include "session_files.h"
 
 namespace hxcrate {
 
 // What the file service says of the file that was asked for as `path`.
 FileFailure translate(const hxhost::FileFailure& failure, const std::string& path,
                       bool rolledBack = false);
+
+// Why a file was not opened.
+struct OpenRefusal {
+  std::optional<hxhost::FileFailure> failure;  // when the system has said it
+  hxhost::Holder holder = hxhost::Holder::kNobody;
+  std::chrono::milliseconds waited{0};
+};
+OpenRefusal refusalOf(const hxhost::OpenRequest& request);
+
+// Throws why the file `path` was not opened: `code`, by what was refused if anything was, unless
+// there is no such file, or one where it was to be made; `mayCreate`: that it was.
+[[noreturn]] void failOpening(const std::string& path, const OpenRefusal& refusal, Errc code,
+                              bool mayCreate);
 
 // What the update was lost by, else a read that failed since this was last asked.
 std::optional<FileFailure> takeFailureOf(hxhost::FileOutcome& outcome, const std::string& path);
@@ -39,14 +55,9 @@ class Engine {
   // A pool of its own, which holds the engine `self` that it came from. Throws std::bad_alloc.
   static std::shared_ptr<hx::Pool> makePool(std::shared_ptr<Engine> self);
 
-  // Held around the open and the close of a store file.
+  // Held around the open and the close of a store file; guards `files`.
   std::mutex& openingMutex() { return openingMutex_; }
-
-  // Throws why the file `path` was not opened: `code`, by that failure if there is one, unless
-  // there is no such file, or one where it was to be made; `mayCreate`: that it was.
-  [[noreturn]] static void failOpening(const std::string& path,
-                                       const std::optional<hxhost::FileFailure>& failure, Errc code,
-                                       bool mayCreate = false);
+  SessionFiles& files() { return files_; }
 
   // A number that no other store in memory has.
   unsigned numberStoreInMemory() { return storesInMemory_++; }
@@ -72,6 +83,7 @@ class Engine {
   hx::ExtensionInstance* module_;
   std::atomic<unsigned> storesInMemory_{0};
   std::mutex openingMutex_;
+  SessionFiles files_;
 };
 
 }  // namespace hxcrate

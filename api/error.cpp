@@ -55,7 +55,7 @@ constexpr Meaning kMeanings[] = {
     {Errc::itemFull, "an item ends at 2147483647 bytes", std::errc::file_too_large},
     {Errc::noModule, "the module can't be loaded", kNoCondition},
     {Errc::fileFailed, "the file service failed", std::errc::io_error},
-    {Errc::notAStore, "too short to be a store", kNoCondition},
+    {Errc::notAStore, "not a store", kNoCondition},
     {Errc::badPageSize, "a page has at least one byte", std::errc::invalid_argument},
     {Errc::closed, "closed already", std::errc::bad_file_descriptor},
     {Errc::membersOpen, "members of the store are still open", std::errc::device_or_resource_busy},
@@ -63,27 +63,52 @@ constexpr Meaning kMeanings[] = {
      std::errc::invalid_argument},
     {Errc::cutElement, "the item ends within an element", kNoCondition},
     {Errc::unknownEncoding, "not an encoding that is known here", std::errc::not_supported},
+    {Errc::abandoned, "the update was abandoned", std::errc::operation_canceled},
+    {Errc::isAStore, "is a store", std::errc::is_a_directory},
+    {Errc::isAnItem, "is an item", std::errc::not_a_directory},
 };
 
-const Meaning* findMeaning(int code) {
+const Meaning* findMeaning(Errc code) {
   for (const Meaning& meaning : kMeanings) {
-    if (meaning.code == static_cast<Errc>(code)) return &meaning;
+    if (meaning.code == code) return &meaning;
   }
   return nullptr;
+}
+
+// A value of the category is an Errc, or an errno with an Errc in its low 8 bits.
+constexpr int kErrcBits = 8;
+constexpr int kMostErrc = 127;
+
+int valueOf(Errc code, int systemError) {
+  return systemError << kErrcBits | (static_cast<int>(code) & 0xff);
+}
+
+int systemErrorOf(int value) {
+  return value > kMostErrc ? value >> kErrcBits : 0;
+}
+
+Errc errcOfValue(int value) {
+  return static_cast<Errc>(value > kMostErrc ? static_cast<std::int8_t>(value) : value);
 }
 
 class Category final : public std::error_category {
  public:
   const char* name() const noexcept override { return "hxcrate"; }
 
-  std::string message(int code) const override {
-    const Meaning* meaning = findMeaning(code);
-    return meaning != nullptr ? meaning->sentence : "unknown status " + std::to_string(code);
+  std::string message(int value) const override {
+    const Meaning* meaning = findMeaning(errcOfValue(value));
+    if (meaning == nullptr) return "unknown status " + std::to_string(value);
+    const int error = systemErrorOf(value);
+    if (error == 0) return meaning->sentence;
+    return std::string(meaning->sentence) + " (" + std::system_category().message(error) + ")";
   }
 
-  std::error_condition default_error_condition(int code) const noexcept override {
-    const Meaning* meaning = findMeaning(code);
-    if (meaning == nullptr || meaning->condition == kNoCondition) return {code, *this};
+  std::error_condition default_error_condition(int value) const noexcept override {
+    if (const int error = systemErrorOf(value); error != 0) {
+      return std::system_category().default_error_condition(error);
+    }
+    const Meaning* meaning = findMeaning(errcOfValue(value));
+    if (meaning == nullptr || meaning->condition == kNoCondition) return {value, *this};
     return std::make_error_condition(meaning->condition);
   }
 };
@@ -102,12 +127,22 @@ std::string describe(const FileFailure& failure) {
   std::string text = failure.operation;
   if (failure.offset >= 0) text += " at byte " + std::to_string(failure.offset);
   text += ": " + explain(failure);
+  if (!failure.holder.empty()) text = failure.holder;
+  if (failure.waited.count() > 0) {
+    text += ", waited " + std::to_string(failure.waited.count()) + " ms";
+  }
   if (failure.rolledBack) text += "; the store is as it was";
   return text;
 }
 
+constexpr std::size_t kLongestName = 1024;  // bytes of a path in what()
+
 // One line, whatever a name holds.
 void appendEscaped(std::string& line, std::string_view text) {
+  if (text.size() > kLongestName) {
+    line += "...";
+    text.remove_prefix(text.size() - kLongestName);
+  }
   for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
     if (byte >= ' ' && byte != 0x7f) {
@@ -129,6 +164,10 @@ const std::error_category& category() noexcept {
 
 std::error_code make_error_code(Errc code) noexcept {
   return {static_cast<int>(code), category()};
+}
+
+Errc errcOf(const std::error_code& code) noexcept {
+  return errcOfValue(code.value());
 }
 
 struct Error::Details {
@@ -153,16 +192,18 @@ struct Error::Details {
   }
 };
 
-Error::Error(Errc code, std::shared_ptr<const Details> details)
-    : std::system_error(make_error_code(code)), details_(std::move(details)) {}
+Error::Error(std::error_code code, std::shared_ptr<const Details> details)
+    : std::system_error(code), details_(std::move(details)) {}
 
 Error::Error(Errc code, std::string store, std::string member, std::string_view detail)
-    : Error(code, std::make_shared<const Details>(code, std::move(store), std::move(member), detail,
-                                                  std::nullopt)) {}
+    : Error(make_error_code(code),
+            std::make_shared<const Details>(code, std::move(store), std::move(member), detail,
+                                            std::nullopt)) {}
 
 Error::Error(Errc code, std::string store, std::string member, const FileFailure& failure)
-    : Error(code, std::make_shared<const Details>(code, std::move(store), std::move(member),
-                                                  describe(failure), failure)) {}
+    : Error({valueOf(code, failure.reason.value()), category()},
+            std::make_shared<const Details>(code, std::move(store), std::move(member),
+                                            describe(failure), failure)) {}
 
 const char* Error::what() const noexcept {
   return details_->what.c_str();

@@ -12,12 +12,6 @@ namespace hxcrate {
 
 namespace {
 
-hx::FileIo* loadFileService(hx::HostHandle* host) {
-  void* files = host->loadExtension(host, U"hxfio", 5, 0);
-  if (files == nullptr) throw std::bad_alloc();
-  return static_cast<hx::FileIo*>(files);
-}
-
 hx::FileHandle* openForReading(hx::FileIo* files, const std::u32string& path) {
   hx::OpenParameters parameters{};
   parameters.accessMode = hx::HX_ACCESS_READ;
@@ -31,12 +25,19 @@ hx::FileHandle* openForReading(hx::FileIo* files, const std::u32string& path) {
 
 }  // namespace
 
-HeldFile::HeldFile(hx::HostHandle* host, const std::u32string& path,
-                   std::chrono::milliseconds lockWait)
-    : files_(loadFileService(host)) {
+OwnedFileService loadFileService(hx::HostHandle* host) {
+  void* files = host->loadExtension(host, U"hxfio", 5, 0);
+  if (files == nullptr) throw std::bad_alloc();
+  return OwnedFileService(static_cast<hx::FileIo*>(files));
+}
+
+HeldFile::HeldFile(hx::FileIo* files, const std::u32string& path,
+                   std::chrono::milliseconds lockWait) {
   const hxhost::OpenRequest request({.lockWait = lockWait});
-  file_.reset(openForReading(files_.get(), path));
-  failure_ = request.failure();
+  if (hxhost::LinuxHost::reserve(files, path, hxhost::Purpose::kRead)) {
+    file_.reset(openForReading(files, path));
+  }
+  refusal_ = refusalOf(request);
 }
 
 std::string HeldFile::path() const {

@@ -3,41 +3,41 @@
 
 #include <chrono>
 #include <memory>
-#include <optional>
 #include <string>
 
+#include "engine.h"
 #include "host/file_io.h"
-#include "host/linux/file_outcome.h"
 
 namespace hxcrate {
 
+struct FileServiceEnder {
+  void operator()(hx::FileIo* files) const { files->head.destroy(files); }
+};
+using OwnedFileService = std::unique_ptr<hx::FileIo, FileServiceEnder>;
+
+// A file service of its own. Throws std::bad_alloc.
+OwnedFileService loadFileService(hx::HostHandle* host);
+
 // While it lives, whoever wants to update the file is kept out, in this process too; an update that
-// was cut off is undone before. The file service is one of its own, because a session's would let
-// that session go from reading to updating.
+// was cut off is undone before.
 class HeldFile {
  public:
-  // Opens the file, and waits so long when it is being updated; isOpen tells whether it did.
-  // Throws std::bad_alloc.
-  HeldFile(hx::HostHandle* host, const std::u32string& path,
-           std::chrono::milliseconds lockWait = {});
+  // Opens the file by a service that outlives this, and waits so long when it is being updated;
+  // isOpen tells whether it did. Throws std::bad_alloc.
+  HeldFile(hx::FileIo* files, const std::u32string& path, std::chrono::milliseconds lockWait = {});
 
   bool isOpen() const { return file_ != nullptr; }
-  // Why it is not open, when the system has said it.
-  const std::optional<hxhost::FileFailure>& failure() const { return failure_; }
+  const OpenRefusal& refusal() const { return refusal_; }  // when it is not
   // Where it is, without links.
   std::string path() const;
 
  private:
-  struct ServiceEnder {
-    void operator()(hx::FileIo* files) const { files->head.destroy(files); }
-  };
   struct FileCloser {
     void operator()(hx::FileHandle* file) const { file->close(file); }
   };
 
-  std::unique_ptr<hx::FileIo, ServiceEnder> files_;
   std::unique_ptr<hx::FileHandle, FileCloser> file_;
-  std::optional<hxhost::FileFailure> failure_;
+  OpenRefusal refusal_;
 };
 
 // Owns a file descriptor.

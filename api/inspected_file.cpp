@@ -17,6 +17,7 @@ namespace hxcrate {
 struct InspectedFile::Parts {
   std::string name;
   hxhost::LinuxHost host;
+  OwnedFileService files = loadFileService(host.handle());
   std::optional<HeldFile> held;  // nothing when it lies there unlocked
   std::string caveat;
   std::optional<ReadDescriptor> file;
@@ -35,8 +36,8 @@ constexpr std::int64_t kLongestFile = std::int64_t{1} << 62;
 
 // Why a file that is there was not opened. Throws storeInUse.
 std::string explainRefusal(const HeldFile& file, const std::string& path) {
-  if (!file.failure()) return "the file service does not open it";
-  const FileFailure failure = translate(*file.failure(), path);
+  if (!file.refusal().failure) return "the file service does not open it";
+  const FileFailure failure = translate(*file.refusal().failure, path);
   if (failure.reason == std::errc::device_or_resource_busy) {
     throw Error(Errc::storeInUse, path, "", failure);
   }
@@ -59,7 +60,7 @@ InspectedFile::InspectedFile(const std::string& path) : parts_(std::make_unique<
   Parts& parts = *parts_;
   parts.name = path;
   requireRegular(ReadDescriptor(path), path);
-  parts.held.emplace(parts.host.handle(), decodeFilePath(path));
+  parts.held.emplace(parts.files.get(), decodeFilePath(path));
   if (!parts.held->isOpen()) {
     parts.caveat = explainRefusal(*parts.held, path);
     parts.held.reset();

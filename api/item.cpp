@@ -16,6 +16,8 @@ namespace {
 constexpr std::size_t kLongestTransfer = std::numeric_limits<std::int32_t>::max();
 // What is converted needs as much memory again, so it goes in pieces: whole elements of any width.
 constexpr std::size_t kConvertedPiece = std::size_t{64} << 10;
+// What is lost is known after each.
+constexpr std::size_t kWrittenPiece = std::size_t{8} << 20;
 constexpr std::size_t kSkippedPiece = std::size_t{16} << 10;
 
 }  // namespace
@@ -52,9 +54,14 @@ std::string OpenItem::path() const {
 
 void OpenItem::close() {
   if (handle_ == nullptr) return;
-  if (handle_->item->close(handle_) != 0) fail(hx::kNotLocked);
+  const hx::ItemMember& item = *handle_->item;
+  const bool wasWriter = handle_->access == hx::kUpdate;
+  if (item.close(handle_) != 0) fail(hx::kNotLocked);
   handle_ = nullptr;
-  opening_.reset();
+  const std::shared_ptr<Opening> opening = std::move(opening_);
+  if (!wasWriter) return;
+  --opening->writers();
+  opening->requireKept(item);
 }
 
 hx::ItemHandle* OpenItem::handle() const {
@@ -98,6 +105,7 @@ std::size_t Reader::countLeft(std::size_t width, std::size_t wanted) const {
 
 std::size_t Reader::transfer(std::span<std::byte> buffer, std::size_t width) {
   hx::ItemHandle* item = handle();
+  opening()->requireKept(*item->item);
   hx::ItemConversion conversion{static_cast<std::int32_t>(width), 0};
   void* argument = width == 1 ? nullptr : &conversion;
   const std::size_t longest = width == 1 ? kLongestTransfer : kConvertedPiece;
@@ -128,9 +136,14 @@ void Writer::write(std::span<const std::byte> bytes) {
     refuse(Errc::itemFull, "");
   }
   if (bytes.empty()) return;  // the module would write the page again for nothing
-  std::int32_t status = hx::kOk;
-  item->item->write(item, bytes.data(), static_cast<std::int32_t>(bytes.size()), &status);
-  if (status != hx::kOk) fail(status);
+  opening()->requireWhole(*item->item);
+  for (; !bytes.empty(); bytes = bytes.subspan(std::min(bytes.size(), kWrittenPiece))) {
+    const std::size_t count = std::min(bytes.size(), kWrittenPiece);
+    std::int32_t status = hx::kOk;
+    item->item->write(item, bytes.data(), static_cast<std::int32_t>(count), &status);
+    opening()->requireWhole(*item->item);
+    if (status != hx::kOk) fail(status);
+  }
 }
 
 }  // namespace hxcrate

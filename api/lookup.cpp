@@ -25,6 +25,7 @@ MemberStatus describeStore(const hx::Store& store) {
 template <typename Use>
 auto Store::useMember(std::string_view path, Use use) const {
   const hx::Store* start = store();
+  opening_->requireKept(*start);
   const std::string fault = findPathFault(path);
   if (!fault.empty()) {
     throw Error(Errc::badName, opening_->path(), join(pathOf(*start), path), fault);
@@ -60,7 +61,7 @@ bool Store::exists(std::string_view path) const {
   try {
     return findMember(path) != nullptr;
   } catch (const Error& error) {
-    if (error.errc() != Errc::notFound) throw;
+    if (error.errc() != Errc::notFound && error.errc() != Errc::isAnItem) throw;
     return false;
   }
 }

@@ -23,11 +23,12 @@ void MappedFile::Unmapper::operator()(const std::byte* start) const {
   ::munmap(const_cast<std::byte*>(start), size);
 }
 
-MappedFile::MappedFile(std::shared_ptr<Engine> engine, const std::string& path)
+MappedFile::MappedFile(std::shared_ptr<Engine> engine, const std::string& path,
+                       std::chrono::milliseconds lockWait)
     : engine_(std::move(engine)),
-      file_(engine_->host(), decodeFilePath(path), engine_->options().lockWait),
+      file_(engine_->module()->fileExtension, decodeFilePath(path), lockWait),
       mapping_(nullptr, Unmapper{0}) {
-  if (!file_.isOpen()) Engine::failOpening(path, file_.failure(), Errc::fileNotOpen);
+  if (!file_.isOpen()) failOpening(path, file_.refusal(), Errc::fileNotOpen, false);
   const ReadDescriptor opened(file_.path());
   struct stat status {};
   if (opened.number() < 0 || ::fstat(opened.number(), &status) != 0) fail(path, "open");

@@ -14,8 +14,9 @@ namespace hxcrate {
 // Holds the file open, as any reader does, for as long as it is mapped.
 class MappedFile {
  public:
-  // Maps the regular file `path`. The caller holds the engine's opening mutex. Throws.
-  MappedFile(std::shared_ptr<Engine> engine, const std::string& path);
+  // Maps the regular file `path`, and waits so long when it is being updated. Throws.
+  MappedFile(std::shared_ptr<Engine> engine, const std::string& path,
+             std::chrono::milliseconds lockWait);
 
   std::span<const std::byte> bytes() const { return {mapping_.get(), mapping_.get_deleter().size}; }
 

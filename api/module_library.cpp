@@ -8,6 +8,7 @@
 #include <string>
 
 #include "hxcrate/error.hpp"
+#include "records/status.h"
 
 namespace hxcrate {
 
@@ -20,6 +21,8 @@ namespace {
 struct ModuleLibrary {
   int32_t (*introduceHost)(hx::HostHandle* host);
   hx::ExtensionInstance* (*makeInstance)();
+  int32_t (*writeBack)(hx::Store* store);
+  void (*forgetStore)(hx::ExtensionInstance* instance, const char32_t* name, int32_t length);
 };
 
 const char* lastLoaderError() {
@@ -53,13 +56,20 @@ ModuleLibrary load() {
   ModuleLibrary module{};
   bind(library, "hxmodent", module.introduceHost);
   bind(library, "hxcrate", module.makeInstance);
+  bind(library, "hxcrateWriteBack", module.writeBack);
+  bind(library, "hxcrateForgetStore", module.forgetStore);
   return module;
+}
+
+const ModuleLibrary& library() {
+  static const ModuleLibrary loaded = load();
+  return loaded;
 }
 
 }  // namespace
 
 hx::ExtensionInstance* makeModuleInstance(hx::HostHandle* host) {
-  static const ModuleLibrary module = load();
+  const ModuleLibrary& module = library();
   // The module keeps the host in one global between the two calls.
   static std::mutex handover;
   const std::lock_guard guard(handover);
@@ -67,6 +77,14 @@ hx::ExtensionInstance* makeModuleInstance(hx::HostHandle* host) {
   hx::ExtensionInstance* instance = module.makeInstance();
   if (instance == nullptr) refuse("it made no instance");
   return instance;
+}
+
+bool writeBack(hx::Store* root) {
+  return library().writeBack(root) == hx::kOk;
+}
+
+void forgetStore(hx::ExtensionInstance* instance, std::u32string_view name) {
+  library().forgetStore(instance, name.data(), static_cast<int32_t>(name.size()));
 }
 
 }  // namespace hxcrate

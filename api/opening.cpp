@@ -1,31 +1,47 @@
 #include "opening.h"
 
+#include <exception>
 #include <utility>
 
+#include "module_library.h"
 #include "records/lock_guard.h"
+#include "records/status.h"
 
 namespace hxcrate {
 
 namespace {
 
-std::shared_ptr<hxhost::FileOutcome> outcomeOf(hx::Store* root) {
+std::shared_ptr<hxhost::FileOutcome> outcomeOf(const hx::Store* root) {
   hx::FileHandle* file = hx::fileOf(root);
   return file != nullptr ? hxhost::LinuxHost::outcomeOf(file) : nullptr;
 }
 
 }  // namespace
 
-Opening::Opening(std::shared_ptr<Engine> engine, OpenedRoot root, std::string path, bool writable,
+Opening::Opening(std::shared_ptr<Engine> engine, std::string path, bool writable,
                  std::shared_ptr<const void> bytes)
     : engine_(std::move(engine)),
       bytes_(std::move(bytes)),
       path_(std::move(path)),
-      outcome_(outcomeOf(root.get())),
       writable_(writable),
-      root_(root.release()) {}
+      exceptionsAtOpening_(std::uncaught_exceptions()) {}
 
 Opening::~Opening() {
-  engine_->reportFailureOf(path_, [this] { close(); });
+  if (root_ == nullptr) return;
+  engine_->reportFailureOf(path_, [this] {
+    if (writable_ && isUnwinding()) abandon();
+    close();
+  });
+}
+
+void Opening::take(OpenedRoot root, std::u32string name) noexcept {
+  root_ = root.release();
+  name_ = std::move(name);
+  outcome_ = outcomeOf(root_);
+}
+
+bool Opening::isUnwinding() const noexcept {
+  return std::uncaught_exceptions() > exceptionsAtOpening_;
 }
 
 std::optional<FileFailure> Opening::takeFailure() {
@@ -33,34 +49,58 @@ std::optional<FileFailure> Opening::takeFailure() {
 }
 
 void Opening::fail(std::int32_t status, const std::string& member) {
+  if (isAbandoned_) failAbandoned(member);
   const Errc code = static_cast<Errc>(status);
   if (std::optional<FileFailure> failure = takeFailure()) {
-    throw Error(code, path_, member, *failure);
+    throw Error(outcome_->isLost() ? Errc::fileFailed : code, path_, member, *failure);
   }
   throw Error(code, path_, member);
 }
 
-bool Opening::abandonUpdate() {
-  if (!writable_) return false;
-  const hx::LockGuard lock(module()->lock);  // without it others may be in the middle of a write
-  if (!lock.taken()) throw Error(Errc::notLocked, path_, "");
-  hx::FileHandle* file = hx::fileOf(root_);
-  if (file != nullptr) hxhost::LinuxHost::abandonUpdate(file);
-  return file != nullptr;
+void Opening::failAbandoned(const std::string& member) const {
+  throw Error(Errc::abandoned, path_, member);
 }
 
+void Opening::commit(const std::string& place) {
+  const hx::LockGuard lock(module()->lock);  // without it others may be in the middle of a write
+  if (!lock.taken()) throw Error(Errc::notLocked, path_, place);
+  if (writers_ > 0) throw Error(Errc::membersOpen, path_, place, "an item is open for writing");
+  hx::FileHandle* file = hx::fileOf(root_);
+  if (file == nullptr) return;
+  writeBack(root_);
+  if (!hxhost::LinuxHost::commitUpdate(file)) fail(static_cast<int>(Errc::fileFailed), place);
+}
+
+void Opening::abandon() {
+  const hx::LockGuard lock(module()->lock);
+  if (!lock.taken()) throw Error(Errc::notLocked, path_, "");
+  isAbandoned_ = true;
+  if (hx::FileHandle* file = hx::fileOf(root_)) hxhost::LinuxHost::abandonUpdate(file);
+}
+
+// The module would keep a closed store in memory for a later open, which nobody can ask for when it
+// has no file.
 void Opening::close() {
   if (root_ == nullptr) return;
   const std::lock_guard guard(engine_->openingMutex());
-  // The module would keep a closed store in memory for a later open, which nobody can ask for.
   const bool isDropped = isInMemory();
-  if (auto current = outcomeOf(root_))
-    outcome_ = std::move(current);  // readers may get an updater's
   hx::Store* root = std::exchange(root_, nullptr);
   isDropped ? root->closeAndDeleteStore(root) : root->closeStore(root);
-  if (std::optional<FileFailure> failure = takeFailure()) {
+  const bool isLost = outcome_ != nullptr && outcome_->isLost();
+  if (!name_.empty()) {
+    engine_->files().leave(name_, isLost ? std::nullopt : outcome_->closed());
+  }
+  if (std::optional<FileFailure> failure = endFailure()) {
     throw Error(Errc::fileFailed, path_, "", *failure);
   }
+}
+
+// What an abandoned update was lost by is no failure when the file is what it was.
+std::optional<FileFailure> Opening::endFailure() {
+  std::optional<FileFailure> failure = takeFailure();
+  const bool isWanted =
+      isTold_ || (isAbandoned_ && outcome_ != nullptr && outcome_->wasRolledBack());
+  return isWanted ? std::nullopt : failure;
 }
 
 }  // namespace hxcrate

@@ -1,32 +1,38 @@
 // The opening of a store, which everything opened through it shares.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include "engine.h"
+#include "member_path.h"
 #include "records/records.h"
 
 namespace hxcrate {
 
-// Closes what the module opened, until a Opening does.
+// Closes what the module opened, until an Opening does.
 struct RootCloser {
   void operator()(hx::Store* root) const { root->closeStore(root); }
 };
 using OpenedRoot = std::unique_ptr<hx::Store, RootCloser>;
 
 // One opening of a store file, a store in memory or a blob, shared by everything that was opened
-// through it. The last to go closes it.
+// through it. The last to go closes it, or abandons its update when it goes by an exception that
+// came after the opening.
 class Opening {
  public:
-  // Takes over the opening of `root`, and a share in the `bytes` that it was opened from.
-  Opening(std::shared_ptr<Engine> engine, OpenedRoot root, std::string path, bool writable,
+  // Of nothing yet. The `bytes` are what a blob is opened from.
+  Opening(std::shared_ptr<Engine> engine, std::string path, bool writable,
           std::shared_ptr<const void> bytes = nullptr);
   ~Opening();
   Opening(const Opening&) = delete;
   Opening& operator=(const Opening&) = delete;
+
+  // Takes over the opening of a root. With a name it is a file that the session's list was told of.
+  void take(OpenedRoot root, std::u32string name = {}) noexcept;
 
   Engine& engine() const { return *engine_; }
   const std::shared_ptr<Engine>& sharedEngine() const { return engine_; }
@@ -36,26 +42,59 @@ class Opening {
   bool writable() const { return writable_; }
   bool isInMemory() const { return (root_->flags & hx::kNoFileStore) != 0; }
 
-  // What the update of the file was lost by, else a read that failed since this was last asked.
-  std::optional<FileFailure> takeFailure();
-
   // An error of this file: `status` as the module gave it, and the system's reason if there is one.
   [[noreturn]] void fail(std::int32_t status, const std::string& member);
 
-  // Makes the update of the file fail on purpose, whoever takes part in it: its end undoes it.
-  // False when there is no file or it is open for reading.
-  bool abandonUpdate();
+  // Throws abandoned; `place` is the record of what was to be used.
+  template <typename Record>
+  void requireKept(const Record& place) const {
+    if (isAbandoned_) failAbandoned(pathOf(place));
+  }
 
-  // Throws fileFailed when not everything reached the file; it is closed all the same.
+  // Throws also what the update was lost by.
+  template <typename Record>
+  void requireWhole(const Record& place) {
+    requireKept(place);
+    if (outcome_ != nullptr && outcome_->isLost())
+      fail(static_cast<int>(Errc::fileFailed), pathOf(place));
+  }
+
+  // How many items are open for writing, and about to be.
+  std::atomic<int>& writers() { return writers_; }
+
+  // Throws membersOpen while an item is open for writing, notLocked, and what the update was lost
+  // by; then it is over.
+  void commit(const std::string& place);
+
+  // Gives up the update of the file, by whatever is open in it. Throws notLocked.
+  void abandon();
+
+  // Whether an exception unwinds that came after the opening.
+  bool isUnwinding() const noexcept;
+
+  // Nothing is told of what the update was lost by at its end: somebody was.
+  void markTold() noexcept { isTold_ = true; }
+
+  // Throws fileFailed when not everything reached the file, or could be undone; it is closed all
+  // the same.
   void close();
 
  private:
+  std::optional<FileFailure> takeFailure();
+  std::optional<FileFailure> endFailure();
+  [[noreturn]] void failAbandoned(const std::string& member) const;
+
   std::shared_ptr<Engine> engine_;
   std::shared_ptr<const void> bytes_;
   std::string path_;
+  std::u32string name_;                           // what the module knows the file by
   std::shared_ptr<hxhost::FileOutcome> outcome_;  // of the file; null without one
-  bool writable_;
-  hx::Store* root_;  // null when closed; taken over last, when nothing can fail any more
+  const bool writable_;
+  const int exceptionsAtOpening_;
+  std::atomic<int> writers_{0};
+  std::atomic<bool> isAbandoned_{false};
+  std::atomic<bool> isTold_{false};
+  hx::Store* root_ = nullptr;  // null before it is taken and when closed
 };
 
 }  // namespace hxcrate

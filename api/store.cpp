@@ -1,5 +1,6 @@
 #include "hxcrate/store.hpp"
 
+#include <atomic>
 #include <utility>
 
 #include "file/format.h"
@@ -28,7 +29,7 @@ class Step {
     hx::Store* left = std::exchange(store_, next);
     if (left != nullptr) left->closeStore(left);
   }
-  hx::Store* release() { return std::exchange(store_, nullptr); }
+  bool isOpen() const { return store_ != nullptr; }
 
  private:
   hx::Store* store_;
@@ -53,12 +54,11 @@ class MemberOpener {
   hx::ItemHandle* openItem(std::uint32_t flags, Parents parents) const {
     Step container(nullptr);
     hx::Store* store = walk(container, parents);
-    const WideName name(lastName());
     std::int32_t status = hx::kOk;
-    hx::ItemHandle* handle = opening_.module()->openItem(
-        opening_.module(), store, name.characters(), name.length(), flags, &status);
-    if (handle == nullptr) fail(status);
-    return handle;
+    hx::ItemHandle* handle = tryItem(store, lastName(), flags, status);
+    if (handle != nullptr) return handle;
+    const bool isOther = status == hx::kNotFound || status == hx::kExists;
+    fail(isOther && isStore(store, lastName()) ? Errc::isAStore : static_cast<Errc>(status));
   }
 
  private:
@@ -79,21 +79,64 @@ class MemberOpener {
   std::string_view lastName() const { return path_.substr(path_.rfind('/') + 1); }
 
   hx::Store* step(hx::Store* store, std::string_view component, std::uint32_t flags) const {
-    const WideName name(component);
     std::int32_t status = hx::kOk;
-    hx::Store* next = opening_.module()->openStore(opening_.module(), store, name.characters(),
-                                                   name.length(), flags, &status);
-    if (next == nullptr) fail(status);
-    return next;
+    if (hx::Store* next = tryStore(store, component, flags, status)) return next;
+    const bool isOther = status == hx::kNotFound || status == hx::kExists;
+    fail(isOther && isItem(store, component) ? Errc::isAnItem : static_cast<Errc>(status));
+  }
+
+  hx::Store* tryStore(hx::Store* store, std::string_view component, std::uint32_t flags,
+                      std::int32_t& status) const {
+    const WideName name(component);
+    return opening_.module()->openStore(opening_.module(), store, name.characters(), name.length(),
+                                        flags, &status);
+  }
+
+  hx::ItemHandle* tryItem(hx::Store* store, std::string_view component, std::uint32_t flags,
+                          std::int32_t& status) const {
+    const WideName name(component);
+    return opening_.module()->openItem(opening_.module(), store, name.characters(), name.length(),
+                                       flags, &status);
+  }
+
+  bool isStore(hx::Store* store, std::string_view component) const {
+    std::int32_t status = hx::kOk;
+    return Step(tryStore(store, component, hx::kRead, status)).isOpen();
+  }
+
+  // An exclusive open finds a member of either kind, and opens none.
+  bool isItem(hx::Store* store, std::string_view component) const {
+    if (isStore(store, component)) return false;
+    std::int32_t status = hx::kOk;
+    tryItem(store, component, hx::kExclusive, status);
+    return status == hx::kExists;
   }
 
   std::string place() const { return join(pathOf(*start_), path_); }
 
-  [[noreturn]] void fail(std::int32_t status) const { opening_.fail(status, place()); }
+  [[noreturn]] void fail(Errc code) const {
+    opening_.fail(static_cast<std::int32_t>(code), place());
+  }
 
   Opening& opening_;
   hx::Store* start_;
   std::string_view path_;
+};
+
+// Counts a writer that is about to be, until it is.
+class WriterCount {
+ public:
+  explicit WriterCount(std::atomic<int>& count) : count_(&count) { ++*count_; }
+  ~WriterCount() {
+    if (count_ != nullptr) --*count_;
+  }
+  WriterCount(const WriterCount&) = delete;
+  WriterCount& operator=(const WriterCount&) = delete;
+
+  void keep() { count_ = nullptr; }
+
+ private:
+  std::atomic<int>* count_;
 };
 
 }  // namespace
@@ -128,6 +171,10 @@ Store& Store::operator=(Store&& other) noexcept {
 }
 
 Store::~Store() {
+  const bool isUpdate = store_ != nullptr && hx::isRoot(store_) && opening_->writable();
+  if (isUpdate && opening_->isUnwinding()) {
+    opening_->engine().reportFailureOf(opening_->path(), [this] { opening_->abandon(); });
+  }
   release();
 }
 
@@ -149,17 +196,28 @@ void Store::close() {
   release();
 }
 
+// A store that was lost is closed before it is told, so that the failure says what became of it.
+void Store::commit() {
+  requireWritable();
+  const hx::Store& place = *store();
+  opening_->requireKept(place);
+  const std::shared_ptr<Opening> opening = opening_;
+  try {
+    opening->commit(pathOf(place));
+  } catch (const Error& error) {
+    if (error.errc() == Errc::fileFailed) release();
+    if (store_ != nullptr || opening.use_count() > 1) throw;
+    opening->close();
+    throw;
+  }
+}
+
 void Store::abandon() {
   if (store_ == nullptr) return;
-  if (hx::isRoot(store_) && opening_.use_count() > 1) throw Error(Errc::membersOpen, path(), "");
-  const bool isAbandoned = opening_->abandonUpdate();
-  try {
-    close();
-  } catch (const Error& error) {
-    const FileFailure* failure = error.fileFailure();
-    const bool isWanted = failure != nullptr && failure->reason == std::errc::operation_canceled;
-    if (!isAbandoned || !isWanted) throw;
-  }
+  const std::shared_ptr<Opening> opening = opening_;
+  if (opening->writable()) opening->abandon();
+  release();
+  if (opening.use_count() == 1) opening->close();
 }
 
 Store Store::openStore(std::string_view path) const {
@@ -178,13 +236,21 @@ Store Store::openOrCreateStore(std::string_view path, Parents parents) {
 
 Store Store::openNested(std::string_view path, std::uint32_t flags, Parents parents) const {
   hx::Store* start = store();
+  requireSound(*start, flags);
   return {opening_, MemberOpener(*opening_, start, path).openStore(flags, parents)};
 }
 
 template <typename Handle>
 Handle Store::openItem(std::string_view path, std::uint32_t flags, Parents parents) const {
   hx::Store* start = store();
-  return {opening_, MemberOpener(*opening_, start, path).openItem(flags, parents)};
+  requireSound(*start, flags);
+  if ((flags & hx::kUpdate) == 0) {
+    return {opening_, MemberOpener(*opening_, start, path).openItem(flags, parents)};
+  }
+  WriterCount count(opening_->writers());
+  Handle handle(opening_, MemberOpener(*opening_, start, path).openItem(flags, parents));
+  count.keep();
+  return handle;
 }
 
 Reader Store::read(std::string_view path) const {
@@ -237,6 +303,11 @@ bool Store::isWritable() const {
 std::error_code Store::damage() const {
   const std::int32_t status = store()->root->loadStatus;
   return status == hx::kOk ? std::error_code() : make_error_code(static_cast<Errc>(status));
+}
+
+// Who writes is told what the update was lost by.
+void Store::requireSound(const hx::Store& start, std::uint32_t flags) const {
+  (flags & hx::kUpdate) != 0 ? opening_->requireWhole(start) : opening_->requireKept(start);
 }
 
 void Store::requireWritable() const {

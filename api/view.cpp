@@ -82,6 +82,7 @@ void View::close() {
 
 hx::ItemView* View::view() const {
   if (view_ == nullptr) throw Error(Errc::closed, "", "");
+  opening_->requireKept(*view_->item);
   return view_;
 }
 

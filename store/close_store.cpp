@@ -5,6 +5,8 @@
 #include "file/translation.h"
 #include "file/write_directory.h"
 #include "records/lock_guard.h"
+#include "records/member_table.h"
+#include "records/status.h"
 #include "store/purge.h"
 
 namespace hx {
@@ -38,6 +40,22 @@ extern "C" void hxcrateCloseStore(Store* store) {
   closeStoreFile(store);
   releaseConverters(store);
   if (isInBlob(store)) dropStore(store);
+}
+
+extern "C" int32_t hxcrateWriteBack(Store* store) {
+  Store* root = store->root;
+  if (root->openCount >= 0 || fileOf(root) == nullptr) return kContradiction;
+  writeBack(root);
+  return kOk;
+}
+
+extern "C" void hxcrateForgetStore(ExtensionInstance* instance, const char32_t* name,
+                                   int32_t length) {
+  const LockGuard lock(instance->lock);
+  if (!lock.taken()) return;
+  Member* found = findMember(storesOf(instance), makeName(name, length));
+  if (found == nullptr || asStore(found)->openCount != 0) return;
+  if (asStore(found)->openHandles == 0) dropStore(asStore(found));
 }
 
 extern "C" void hxcrateCloseAndDeleteStore(Store* store) {

@@ -16,6 +16,16 @@ HX_EXPORT void hxcrateCloseStore(Store* store);
 // the store with everything below it. A nested store is never deleted.
 HX_EXPORT void hxcrateCloseAndDeleteStore(Store* store);
 
+// Writes header and directory into the file of a tree that is open for update, as its last close
+// would, and leaves it open. The caller holds the instance's lock. kOk, or kContradiction when
+// there is no such file.
+HX_EXPORT int32_t hxcrateWriteBack(Store* store);
+
+// Drops the closed top-level store of that name from memory, if there is one; its file stays. A
+// store that is open, or has an item open, stays too.
+HX_EXPORT void hxcrateForgetStore(ExtensionInstance* instance, const char32_t* name,
+                                  int32_t length);
+
 }  // extern "C"
 
 }  // namespace hx

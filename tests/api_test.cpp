@@ -258,8 +258,10 @@ TEST_F(ApiTest, RefusesWhatContradictsWhatIsThere) {
   expect(writer, Errc::closed);
   expect(store.create("s/item", error), Errc::exists);
   expect(store.createStore("s", error), Errc::exists);
-  expect(store.openOrCreateStore("s/item", error), Errc::exists);
-  expect(store.openStore("s/item", error), std::errc::no_such_file_or_directory);
+  expect(store.openOrCreateStore("s/item", error), Errc::isAnItem);
+  expect(store.openStore("s/item/x", error), std::errc::not_a_directory);
+  expect(store.read("s", error), Errc::isAStore);
+  expect(store.openStore("none", error), std::errc::no_such_file_or_directory);
   expect(store.create("none/item", error), Errc::notFound);
   expect(session_.open(path_, Mode::replace, error), Errc::storeInUse);
   expect(session_.open(path_, Mode::update, error, {.pageSize = -1}), Errc::badPageSize);
@@ -458,12 +460,14 @@ TEST_F(ApiTest, SaysWhatTheDiskDidNotTake) {
   ::getrlimit(RLIMIT_FSIZE, &unlimited);
   const rlimit limit = {100000, unlimited.rlim_max};
   ::setrlimit(RLIMIT_FSIZE, &limit);
+  const auto write = [&](Store& store) { append(store, "a", bytes); };
   {
     Store dropped = session.open(path_, Mode::update);
-    append(dropped, "a", bytes);
+    EXPECT_EQ(errorOf([&] { write(dropped); }), std::errc::file_too_large);
+    EXPECT_EQ(errorOf([&] { dropped.createStore("b").close(); }), Errc::fileFailed);
   }
   Store store = session.open(path_, Mode::update);
-  append(store, "a", bytes);
+  EXPECT_EQ(errorOf([&] { write(store); }), Errc::fileFailed);
   for (const Mode mode : {Mode::read, Mode::replace})
     EXPECT_EQ(errorOf([&] { return session.open(directory_.path(), mode); }), Errc::fileNotOpen);
   EXPECT_FALSE(errorOf([&] { return session.open(directory_ / "y.st", Mode::create).close(); }));
@@ -481,20 +485,34 @@ TEST_F(ApiTest, SaysWhatTheDiskDidNotTake) {
   EXPECT_EQ(readFile(path_), before);
 }
 
-// Also what others wrote in the same update, and what grew within a page.
+// Also what grew within a page, and with members open, which then do nothing more.
 TEST_F(ApiTest, KeepsNothingOfAnAbandonedUpdate) {
   const std::string before = makeStore({{"old", "old"}});
   for (const std::string& bytes : {std::string("short"), makeBytes(5000000)}) {
-    Store store = session_.open(path_, Mode::update), other = session_.open(path_, Mode::update);
-    append(other, "old", bytes);
-    bytes.size() > 5 ? append(store, "s/new", bytes) : store.createStore("n").close();
+    Store store = session_.open(path_, Mode::update);
+    append(store, "s/new", bytes);
+    Store nested = store.openStore("s");
+    Reader reader = store.read("s/new");
+    View view = store.view("s/new");
     Writer writer = store.append("old");
-    EXPECT_EQ(errorOf([&] { store.abandon(); }), Errc::membersOpen);
-    writer.close();
+    writer.write(bytes);
     store.abandon();
     EXPECT_FALSE(store.isOpen());
-    EXPECT_EQ(thrownBy([&] { other.close(); })->fileFailure()->reason,
-              std::errc::operation_canceled);
+    const std::function<void()> calls[] = {[&] { writer.write("x"); },
+                                           [&] { reader.readText(); },
+                                           [&] { nested.read("new").close(); },
+                                           [&] { nested.createStore("t").close(); },
+                                           [&] { nested.openStore("x").close(); },
+                                           [&] { nested.commit(); },
+                                           [&] { view.readText(); },
+                                           [&] { nested.get("new"); },
+                                           [&] { writer.close(); }};
+    for (const auto& call : calls)
+      EXPECT_EQ(errorOf(call), Errc::abandoned);
+    EXPECT_FALSE(writer.isOpen());
+    view.close();
+    reader.close();
+    nested.close();
     EXPECT_EQ(readFile(path_), before);
     EXPECT_EQ(get(session_.open(path_), "old"), "old");
     EXPECT_EQ(membersOf(session_.open(path_)).size(), 1u);

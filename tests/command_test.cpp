@@ -339,7 +339,7 @@ TEST_F(CommandTest, AnswersWithTheRightExitCode) {
       {2, "salvage --encoding other unknown no.st"},
       {4, "cat x.st b", "hxcrate: x.st: b: not found\n"},
       {4, "ls absent", "hxcrate: absent: not found\n"},
-      {4, "ls text", "hxcrate: text: too short to be a store\n"},
+      {4, "ls text", "hxcrate: text: not a store\n"},
       {4, "ls dir", "hxcrate: dir: the store's file does not open (open: Is a directory)\n"},
       {4, "salvage unknown no.st"},
       {3, "pack no.st absent", "hxcrate: absent: open directory: No such file or directory\n"},

@@ -149,7 +149,7 @@ TEST_F(ViewTest, ListsAtAnyDepth) {
   for (const Member& member : store.members())
     asItLies += member.name + (member.kind == MemberKind::store ? "/ " : " ");
   EXPECT_EQ(paths(store.list("", {.isRecursive = false})), asItLies);
-  EXPECT_EQ(errorOf([&] { (void)store.list("a"); }), Errc::notFound);
+  EXPECT_EQ(errorOf([&] { (void)store.list("a"); }), Errc::isAnItem);
 }
 
 }  // namespace

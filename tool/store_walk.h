@@ -60,7 +60,9 @@ auto openIfThere(Open open) -> std::optional<decltype(open())> {
   try {
     return open();
   } catch (const hxcrate::Error& error) {
-    if (error.errc() != hxcrate::Errc::notFound) throw;
+    using hxcrate::Errc;
+    const Errc code = error.errc();
+    if (code != Errc::notFound && code != Errc::isAStore && code != Errc::isAnItem) throw;
     return std::nullopt;
   }
 }

@@ -1,6 +1,7 @@
 // What can go wrong, as exceptions that carry a std::error_code and a sentence for people.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -32,19 +33,36 @@ enum class Errc : std::int32_t {
   itemFull = 3,          // an item ends at 2,147,483,647 bytes
   noModule = 4,          // libhxcrate.so is missing or not what it should be
   fileFailed = 5,        // the file service failed; Error::fileFailure() says where
-  notAStore = 6,         // fewer bytes than any store has
+  notAStore = 6,         // too few bytes, or they do not begin as those of a store
   badPageSize = 7,       // below 1
   closed = 8,            // the object was closed or moved from
   membersOpen = 9,       // a store closes after what was opened in it
   noBlob = 10,           // a blob is made of a whole store that was created in memory
   cutElement = 11,       // an array's item ends within an element
   unknownEncoding = 12,  // a store file, or what was asked for, of no known encoding
+  abandoned = 13,        // the update that it belongs to was given up
+  isAStore = 14,         // an item was asked for
+  isAnItem = 15,         // a store was asked for
 };
+
+}  // namespace hxcrate
+
+template <>
+struct std::is_error_code_enum<hxcrate::Errc> : std::true_type {};
+
+namespace hxcrate {
 
 // The category of Errc. Its conditions compare equal to the std::errc of the same meaning where
 // there is one (notFound to no_such_file_or_directory, and so on).
 const std::error_category& category() noexcept;
 std::error_code make_error_code(Errc code) noexcept;
+
+// Where the system refused something, the code carries its errno as well: it compares equal to the
+// Errc and to the std::errc of that number (fileFailed and no_space_on_device, say).
+Errc errcOf(const std::error_code& code) noexcept;  // of a code of this category
+inline bool operator==(const std::error_code& code, Errc errc) noexcept {
+  return code.category() == category() && errcOf(code) == errc;
+}
 
 // One operation on a file that the system refused.
 struct FileFailure {
@@ -54,18 +72,21 @@ struct FileFailure {
   std::error_code reason;  // the system's
   // All of an update was undone because of it: the store file is as it was before.
   bool rolledBack = false;
+  std::string holder = {};              // who has the file open, when that is this session
+  std::chrono::milliseconds waited{0};  // for whoever has the file open
 };
 
 // Every failure of this API but running out of memory in the library itself (std::bad_alloc).
 // what() is one line, "STORE: MEMBER: reason (detail)", with the parts that there are; control
-// characters are octal escapes there. Never changes; any number of threads may read one.
+// characters are octal escapes there, and names are cut to a line's length. Never changes; any
+// number of threads may read one.
 class Error : public std::system_error {
  public:
   Error(Errc code, std::string store, std::string member, std::string_view detail = {});
   Error(Errc code, std::string store, std::string member, const FileFailure& failure);
 
   const char* what() const noexcept override;
-  Errc errc() const noexcept { return static_cast<Errc>(code().value()); }
+  Errc errc() const noexcept { return errcOf(code()); }
   const std::string& store() const noexcept;   // the store file's path as it was given
   const std::string& member() const noexcept;  // path inside the store; empty: the store itself
   // what() without the store and the member.
@@ -75,7 +96,7 @@ class Error : public std::system_error {
 
  private:
   struct Details;
-  Error(Errc code, std::shared_ptr<const Details> details);
+  Error(std::error_code code, std::shared_ptr<const Details> details);
   std::shared_ptr<const Details> details_;  // shared: copying an exception must not throw
 };
 
@@ -97,6 +118,3 @@ std::invoke_result_t<Call> captureError(std::error_code& error, const Call& call
 }
 
 }  // namespace hxcrate
-
-template <>
-struct std::is_error_code_enum<hxcrate::Errc> : std::true_type {};

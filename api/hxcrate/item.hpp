@@ -44,8 +44,8 @@ class OpenItem {
   std::int64_t position() const;  // of the next byte
   std::string path() const;       // inside the store; empty when closed
 
-  // Does nothing when closed. Throws notLocked, and the item stays open then. What the disk does
-  // not take of an item is told when its store closes.
+  // Does nothing when closed. Throws notLocked, and the item stays open then; a Writer of an update
+  // that was abandoned is closed and throws that.
   void close();
   void close(std::error_code& error) noexcept {
     captureError(error, [&] { close(); });
@@ -85,6 +85,12 @@ class [[nodiscard]] Reader : public OpenItem {
   // when not all of it can be read.
   std::vector<std::byte> readAll() { return readRest<std::vector<std::byte>>(); }
   std::string readText() { return readRest<std::string>(); }
+  std::vector<std::byte> readAll(std::error_code& error) noexcept {
+    return captureError(error, [&] { return readAll(); });
+  }
+  std::string readText(std::error_code& error) noexcept {
+    return captureError(error, [&] { return readText(); });
+  }
 
   // The same as numbers, which a writer stores by write(std::as_bytes(...)). In a store file of
   // another byte order the bytes of each are turned. Throws cutElement, with nothing read, when
@@ -106,6 +112,9 @@ class [[nodiscard]] Reader : public OpenItem {
   // Passes over `count` bytes, or as many as there are, and returns how many that were. They are
   // read on the way.
   std::size_t skip(std::size_t count);
+  std::size_t skip(std::size_t count, std::error_code& error) noexcept {
+    return captureError(error, [&] { return skip(count); });
+  }
 
  private:
   friend class Store;
@@ -137,7 +146,8 @@ class [[nodiscard]] Writer : public OpenItem {
   Writer() noexcept = default;  // closed
 
   // Appends all of `bytes`. Throws itemFull, with nothing written, when they would take the item
-  // past kItemCapacity; noMemory, with some of them written, when there is none for a page.
+  // past kItemCapacity; noMemory, with some of them written, when there is none for a page; and as
+  // soon as the disk has refused a byte of the update, by whomever, fileFailed.
   void write(std::span<const std::byte> bytes);
   void write(std::string_view text) { write(std::as_bytes(std::span(text))); }
   void write(std::span<const std::byte> bytes, std::error_code& error) noexcept {

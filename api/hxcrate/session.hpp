@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <ranges>
 #include <span>
 #include <string>
@@ -30,13 +31,17 @@ enum class Durability {
 
 struct SessionOptions {
   Durability durability = Durability::full;
-  // How long opening waits for a file that somebody else has open.
+  // How long opening waits for a file that somebody else has open, in this session too; below zero:
+  // for ever. Who waits to update comes before readers that ask later.
   std::chrono::milliseconds lockWait{0};
   // Bytes of a page, for new stores whose own options name none; 0: kUsualPageSize.
   std::int32_t pageSize = 0;
   // Memory for the blocks of each open file, 256 bytes to 64 MiB; what lies outside is taken for
   // the nearer of them. More of it means fewer and larger transfers.
   std::int64_t cacheBytesPerFile = std::int64_t{2} << 20;
+  // So many closed store files are kept in memory, each for as long as nobody changes the file, so
+  // that the next open need not read it; the longest unused goes first.
+  std::size_t cachedStores = 16;
   // Told of what a destructor could not throw. May be called by any thread that drops the last
   // opening of a store; what it throws is dropped.
   std::function<void(const Error&)> onUnreportedError = {};
@@ -53,6 +58,7 @@ enum class Mode {
 struct OpenOptions {
   std::int32_t pageSize = 0;   // bytes, for a store that is made now; 0: the session's
   bool acceptDamaged = false;  // open for reading what is left of a damaged directory
+  std::optional<std::chrono::milliseconds> lockWait = {};  // nothing: the session's
 };
 
 // What the module and the blobs that it made hold of the host's memory.
@@ -63,8 +69,9 @@ struct MemoryUse {
 };
 
 // Stores stay usable after their session is gone. Movable; what was moved from is closed. Several
-// threads may use one session; a store file that is opened twice through one session, by the same
-// absolute path, is shared, by threads as well.
+// threads may use one session. A store file is open for one update or for any number of readers, in
+// a session as among processes, whatever path it was asked for by; threads share one Store. The
+// close of the store that was opened for update is the commit.
 class [[nodiscard]] Session {
  public:
   // Throws noModule when libhxcrate.so can't be loaded, badPageSize below 0.
@@ -74,7 +81,8 @@ class [[nodiscard]] Session {
 
   // The store file `path` (UTF-8).
   Store open(const std::string& path, Mode mode = Mode::read, OpenOptions options = {});
-  // The same without exceptions: with an error, what it returns is not open.
+  // The same without exceptions, as all that takes a std::error_code: with an error, what it
+  // returns is not open. The code carries the system's number where it refused something.
   Store open(const std::string& path, Mode mode, std::error_code& error,
              OpenOptions options = {}) noexcept {
     return captureError(error, [&] { return open(path, mode, options); });
@@ -85,6 +93,13 @@ class [[nodiscard]] Session {
   // file. There is no journal beside it: what fails leaves any bytes in the file. The descriptor
   // stays the caller's, who keeps it open until the store and all that was opened in it is closed.
   Store createIn(int file, const std::string& path, OpenOptions options = {});
+
+  Store open(const std::string& path, std::error_code& error, OpenOptions options = {}) noexcept {
+    return open(path, Mode::read, error, options);
+  }
+
+  // Keeps nothing in memory of a closed store file.
+  void forget(const std::string& path);
 
   // A new store that lives in memory, for writing and for Store::makeBlob; it is gone when it is
   // closed. What follows the last "/", ":" or "\" of `name`, at most 64 bytes, goes into its
@@ -99,6 +114,10 @@ class [[nodiscard]] Session {
   Store openBlob(std::span<const std::byte> bytes, const std::string& name);
   // Shares the bytes with the blob, which may go.
   Store openBlob(const Blob& blob, const std::string& name);
+  Store openBlob(std::span<const std::byte> bytes, const std::string& name,
+                 std::error_code& error) noexcept {
+    return captureError(error, [&] { return openBlob(bytes, name); });
+  }
   // Of a buffer that would be gone at once.
   template <typename Buffer>
   requires(!std::is_lvalue_reference_v<Buffer> && std::ranges::contiguous_range<Buffer> &&
@@ -110,7 +129,11 @@ class [[nodiscard]] Session {
   // was opened in it. It is locked against updates as by any reader. Should somebody cut it shorter
   // regardless of that, the next read behind its end kills the program (SIGBUS): use `open` where
   // that can happen.
-  Store openMapped(const std::string& path);
+  Store openMapped(const std::string& path, OpenOptions options = {});
+  Store openMapped(const std::string& path, std::error_code& error,
+                   OpenOptions options = {}) noexcept {
+    return captureError(error, [&] { return openMapped(path, options); });
+  }
 
   MemoryUse memoryUse() const;
 

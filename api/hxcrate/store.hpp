@@ -97,9 +97,9 @@ class [[nodiscard]] Store {
   Store() noexcept = default;  // closed
   Store(Store&& other) noexcept;
   Store& operator=(Store&& other) noexcept;  // closes what was open
-  // Closes, which ends an update as close() does, also while an exception is on its way: what was
-  // written stays, unless abandon() came first. A failure goes to the session's onUnreportedError:
-  // call close() to be told.
+  // Closes as close() does; of the store that was opened for update, while an exception unwinds
+  // that came after the opening, as abandon() does. A failure goes to the session's
+  // onUnreportedError: call close() to be told.
   ~Store();
 
   // An existing nested store; a new one (throws exists); either.
@@ -175,20 +175,31 @@ class [[nodiscard]] Store {
   // OpenOptions::acceptDamaged alone.
   std::error_code damage() const;
 
-  // Closes; does nothing when closed. The last close of a store file that is being updated ends the
-  // update, be it that of one who only reads it in this session; a failure of that is thrown here,
-  // and the store counts as closed. Throws
-  // membersOpen, and stays open, while members opened through it are.
+  // Closes; does nothing when closed. The close of the store that was opened for update is the
+  // commit: it throws fileFailed when that did not succeed, and the store counts as closed then.
+  // Throws membersOpen, and stays open, while members opened through it are.
   void close();
   void close(std::error_code& error) noexcept {
     captureError(error, [&] { close(); });
   }
 
-  // Closes, and gives up the update of the store file, by whomever in this session: at its last
-  // close the file becomes what it was before, and until then its reads and writes fail. Who else
-  // takes part in the update is told by fileFailed at the close, with ECANCELED. The same as
-  // close() for what is open for reading or lives in memory. Throws membersOpen as close() does.
+  // Makes durable what was written to the file so far, and the update goes on: nobody gets in
+  // between, and what is open in it stays so. Throws membersOpen, and changes nothing, while an
+  // item is open for writing; readOnly. After fileFailed the file is as it was after the commit
+  // before, and this is closed. Nothing is to be done for a store in memory.
+  void commit();
+  void commit(std::error_code& error) noexcept {
+    captureError(error, [&] { commit(); });
+  }
+
+  // Closes, and gives up the update of the file since its last commit, also with members open:
+  // whatever is done through them fails with `abandoned` from now on. With the last of them the
+  // file is closed and what it was. The same as close() for what is open for reading. Throws
+  // fileFailed when the file could not be made what it was.
   void abandon();
+  void abandon(std::error_code& error) noexcept {
+    captureError(error, [&] { abandon(); });
+  }
 
  private:
   friend class Session;
@@ -201,6 +212,7 @@ class [[nodiscard]] Store {
   std::size_t readAtOnce(std::string_view path, std::span<std::byte> buffer, View& rest) const;
   template <typename Handle>
   Handle openItem(std::string_view path, std::uint32_t flags, Parents parents) const;
+  void requireSound(const hx::Store& start, std::uint32_t flags) const;
   void requireWritable() const;
   hx::Store* store() const;  // throws closed
   void release() noexcept;

@@ -1,6 +1,7 @@
 #include "host/linux/disk_file.h"
 
 #include <algorithm>
+#include <ctime>
 #include <utility>
 
 #include "host/linux/transfer.h"
@@ -13,6 +14,7 @@ DiskFile::DiskFile(LockedFiles& files, FileLease lease, std::shared_ptr<FileOutc
       durability_(files.durability()),
       outcome_(std::move(outcome)),
       length_(lease_.file().info.size) {
+  outcome_->noteOpened(lease_.file().info);
   startUpdate();
 }
 
@@ -25,9 +27,27 @@ void DiskFile::startUpdate() noexcept {
 
 DiskFile::~DiskFile() {
   if (lease_.isUpdate() && end_ == End::kNone) endUpdate();
+  noteClosed();
   const int error = lease_.release();
   if (error != 0) noteFailure({error, FileOperation::kClose});
   if (end_ == End::kRolledBack && error == 0) outcome_->noteRolledBack();
+}
+
+// Before the lock goes. A file that was changed in the present tick of the system's coarse clock,
+// or the present second of some file systems, may be changed again and have the same time: unless
+// that was stamped by an update, more finely.
+void DiskFile::noteClosed() noexcept {
+  const int number = lease_.file().descriptor.number();
+  const bool isStamped = end_ == End::kHappened && ops_.stampChange(number) == 0;
+  timespec tick{};
+  FileInfo info{};
+  if (::clock_gettime(CLOCK_REALTIME_COARSE, &tick) != 0) return;
+  if (ops_.inspect(number, info) != 0) return;
+  constexpr int64_t kSecond = 1'000'000'000;
+  const int64_t last = std::max(info.modified, info.changed);
+  const bool isCoarse = last % kSecond == 0;
+  const bool isSettled = tick.tv_sec * kSecond + tick.tv_nsec > last + (isCoarse ? 2 * kSecond : 0);
+  if (isSettled || (isStamped && !isCoarse)) outcome_->noteClosed(info);
 }
 
 int64_t DiskFile::read(int64_t offset, void* out, int64_t wanted, int64_t needed) noexcept {

@@ -74,6 +74,7 @@ class DiskFile {
   // again then.
   enum class End { kNone, kHappened, kRolledBack };
 
+  void noteClosed() noexcept;
   void endUpdate() noexcept;
   bool commit() noexcept;
   bool rollBack() noexcept;

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -51,9 +52,8 @@ short lockType(LockKind kind) {
   return kind == LockKind::kShared ? F_RDLCK : F_WRLCK;
 }
 
-int64_t birthOf(const struct statx& status) {
-  if ((status.stx_mask & STATX_BTIME) == 0) return 0;
-  return status.stx_btime.tv_sec * 1'000'000'000 + status.stx_btime.tv_nsec;
+int64_t nanosecondsOf(const statx_timestamp& time) {
+  return time.tv_sec * 1'000'000'000 + time.tv_nsec;
 }
 
 int inspectAt(int file, const char* path, int flags, FileInfo& info) {
@@ -65,7 +65,9 @@ int inspectAt(int file, const char* path, int flags, FileInfo& info) {
           makedev(status.stx_dev_major, status.stx_dev_minor),
           status.stx_ino,
           status.stx_uid,
-          birthOf(status)};
+          (status.stx_mask & STATX_BTIME) != 0 ? nanosecondsOf(status.stx_btime) : 0,
+          nanosecondsOf(status.stx_mtime),
+          nanosecondsOf(status.stx_ctime)};
   return 0;
 }
 
@@ -143,6 +145,12 @@ class SystemFileOps : public FileOps {
                           ::fchown(to, static_cast<uid_t>(-1), status.st_gid) == 0;
     if (!hasGroup) permissions &= ~mode_t{0060};  // it would let in another group
     return ::fchmod(to, permissions) == 0 ? 0 : errno;
+  }
+
+  int stampChange(int file) override {
+    timespec times[2] = {{0, UTIME_OMIT}, {}};
+    if (::clock_gettime(CLOCK_REALTIME, &times[1]) != 0) return errno;
+    return ::futimens(file, times) == 0 ? 0 : errno;
   }
 
   int syncDirectory(const std::string& path) override {

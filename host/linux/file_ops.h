@@ -4,6 +4,7 @@
 
 #include <sys/uio.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -42,7 +43,9 @@ struct FileInfo {
   uint64_t device;
   uint64_t inode;
   uint32_t owner;
-  int64_t birth;  // nanoseconds since 1970; 0 where the system does not know
+  int64_t birth;         // nanoseconds since 1970; 0 where the system does not know
+  int64_t modified = 0;  // the same, of the bytes
+  int64_t changed = 0;   // of anything
 };
 
 // An operation returns 0 when it is done, else an errno; one whose result is a number returns that,
@@ -84,6 +87,10 @@ class FileOps {
 
   // Lets those open the file `to` who may open `from`, and nobody else; as far as the caller may.
   virtual int copyAccess(int from, int to) = 0;
+
+  // Gives the file the time of now to the nanosecond as that of its last change. The system stamps
+  // changes with the ticks of a coarser clock, so that the next one never gets the same.
+  virtual int stampChange(int) { return ENOSYS; }
 
   // Puts on disk what was created and removed in a directory.
   virtual int syncDirectory(const std::string& path) = 0;

@@ -50,9 +50,20 @@ bool FileOutcome::wasRolledBack() const {
   return wasRolledBack_ && loss_;
 }
 
+std::optional<FileInfo> FileOutcome::closed() const {
+  const std::lock_guard guard(mutex_);
+  return closed_;
+}
+
+void FileOutcome::noteClosed(const FileInfo& info) {
+  const std::lock_guard guard(mutex_);
+  closed_ = info;
+}
+
 void FileOutcome::noteLoss(const FileFailure& failure) {
   const std::lock_guard guard(mutex_);
   if (!loss_) loss_ = failure;
+  isLost_ = true;
 }
 
 void FileOutcome::noteFailedRead(const FileFailure& failure) {

@@ -1,9 +1,12 @@
 // What went wrong with a file, told by the handle that it went wrong with.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <mutex>
 #include <optional>
+
+#include "host/linux/file_ops.h"
 
 namespace hxhost {
 
@@ -52,6 +55,18 @@ class FileOutcome {
   // opens it next.
   bool wasRolledBack() const;
 
+  // Whether there is a loss.
+  bool isLost() const { return isLost_; }
+
+  // Which file it is, as it was when the handle was made.
+  const FileInfo& opened() const { return opened_; }
+
+  // What the file was when the handle was closed. Nothing while it is open, or when a change of the
+  // file behind that might leave it with the same times.
+  std::optional<FileInfo> closed() const;
+
+  void noteOpened(const FileInfo& info) { opened_ = info; }
+  void noteClosed(const FileInfo& info);
   void noteLoss(const FileFailure& failure);
   void noteFailedRead(const FileFailure& failure);
   void noteRolledBack();
@@ -61,6 +76,9 @@ class FileOutcome {
   std::optional<FileFailure> loss_;
   std::optional<FileFailure> failedRead_;
   bool wasRolledBack_ = false;
+  std::atomic<bool> isLost_{false};
+  FileInfo opened_{};  // stays
+  std::optional<FileInfo> closed_;
 };
 
 }  // namespace hxhost

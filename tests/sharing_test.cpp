@@ -1,0 +1,356 @@
+// Who may have a store file open, what an update is undone by, and what is told of it: the API over
+// the real host and the real module.
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <chrono>
+#include <csignal>
+#include <functional>
+#include <future>
+#include <hxcrate/crate.hpp>
+#include <thread>
+
+#include "tests/temporary_directory.h"
+
+namespace hxcrate {
+
+namespace {
+
+using hxtest::makeBytes;
+using hxtest::readFile;
+using hxtest::writeFile;
+using std::chrono::milliseconds;
+
+// What was thrown; "" when nothing was.
+std::string whatOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const Error& error) {
+    return error.what();
+  }
+  return "";
+}
+
+std::error_code errorOf(const std::function<void()>& call) {
+  try {
+    call();
+  } catch (const Error& error) {
+    return error.code();
+  }
+  return {};
+}
+
+// While it lives, no file grows past so many bytes.
+class SizeLimit {
+ public:
+  explicit SizeLimit(rlim_t bytes) : handler_(std::signal(SIGXFSZ, SIG_IGN)) {
+    ::getrlimit(RLIMIT_FSIZE, &before_);
+    const rlimit limit = {bytes, before_.rlim_max};
+    ::setrlimit(RLIMIT_FSIZE, &limit);
+  }
+  ~SizeLimit() {
+    ::setrlimit(RLIMIT_FSIZE, &before_);
+    std::signal(SIGXFSZ, handler_);
+  }
+
+ private:
+  sighandler_t handler_;
+  rlimit before_{};
+};
+
+class Sharing : public testing::Test {
+ protected:
+  Sharing() {
+    Store store = session_.open(path_, Mode::create);
+    put(store, "old");
+    store.close();
+  }
+
+  static void put(Store& store, const std::string& name) { store.append(name).write(name); }
+
+  // The names of the items in the file, as anybody else sees them.
+  static std::string namesIn(const Store& store) {
+    std::string names;
+    for (const char* name : {"old", "a", "b", "c"}) {
+      std::error_code error;
+      if (store.read(name, error).isOpen()) names += name;
+    }
+    return names;
+  }
+  std::string names() const { return namesIn(Session().open(path_)); }
+
+  // As if the machine stopped now and went on with a copy of the disk.
+  std::string namesAfterCrash() const {
+    const std::string copy = directory_ / "copy";
+    std::filesystem::create_directory(copy);
+    for (const char* name : {"/x.st", "/x.st-journal"}) {
+      std::filesystem::remove(copy + name);
+      if (std::filesystem::exists(directory_.path().string() + name)) {
+        writeFile(copy + name, readFile(directory_.path().string() + name));
+      }
+    }
+    return namesIn(Session().open(copy + "/x.st"));
+  }
+
+  const hxtest::TemporaryDirectory directory_;
+  const std::string path_ = directory_ / "x.st";
+  Session session_;
+};
+
+// By whatever path it is asked for.
+TEST_F(Sharing, IsOneUpdateOrAnyNumberOfReaders) {
+  const std::string link = directory_ / "link";
+  std::filesystem::create_symlink(path_, link);
+  const auto in = [](const std::string& path, const char* use) {
+    return path + ": the store is in use (open for " + use + " in this session)";
+  };
+  Store reader = session_.open(path_);
+  for (const std::string& path : {path_, link}) {
+    for (const Mode mode : {Mode::update, Mode::openOrCreate, Mode::replace})
+      EXPECT_EQ(whatOf([&] { return session_.open(path, mode); }), in(path, "reading"));
+    EXPECT_EQ(namesIn(session_.open(path)), "old");
+  }
+  reader.close();
+  Store mapped = session_.openMapped(link);
+  EXPECT_EQ(whatOf([&] { return session_.open(path_, Mode::update); }), in(path_, "reading"));
+  mapped.close();
+
+  Store update = session_.open(link, Mode::update);
+  for (const std::string& path : {path_, link}) {
+    for (const Mode mode : {Mode::read, Mode::update, Mode::replace})
+      EXPECT_EQ(whatOf([&] { return session_.open(path, mode); }), in(path, "update"));
+    EXPECT_EQ(whatOf([&] { return session_.openMapped(path); }), in(path, "update"));
+  }
+  put(update, "a");
+  update.close();
+  EXPECT_EQ(namesAfterCrash(), "olda");
+}
+
+TEST_F(Sharing, CommitsAndGoesOn) {
+  Store store = session_.open(path_, Mode::update);
+  Store nested = store.createStore("s");
+  Reader reader = store.read("old");
+  Writer writer = store.append("a");
+  const std::string before = readFile(path_);
+  EXPECT_EQ(errorOf([&] { store.commit(); }), Errc::membersOpen);
+  EXPECT_EQ(readFile(path_), before);
+  writer.close();
+  store.commit();
+  EXPECT_EQ(namesAfterCrash(), "olda");
+  EXPECT_EQ(errorOf([&] { return Session().open(path_); }), Errc::storeInUse);
+  EXPECT_EQ(reader.readText(), "old");
+  put(nested, "x");
+  put(store, "b");
+  nested.commit();
+  EXPECT_EQ(namesAfterCrash(), "oldab");
+  put(store, "c");
+  reader.close();
+  nested.close();
+  store.abandon();
+  EXPECT_EQ(names(), "oldab");
+  EXPECT_EQ(session_.open(path_).read("s/x").readText(), "x");
+  EXPECT_EQ(errorOf([&] { session_.open(path_).commit(); }), Errc::readOnly);
+}
+
+// Told by the next call that writes, and by the close.
+TEST_F(Sharing, TellsAFailureAsSoonAsItIsKnown) {
+  const std::string before = readFile(path_);
+  const SizeLimit limit(300000);
+  std::string what;
+  {
+    Store store = session_.open(path_, Mode::update);
+    Writer writer = store.create("a");
+    const std::string piece = makeBytes(1 << 20);
+    int written = 0;
+    while (written < 32 && what.empty()) {
+      what = whatOf([&] { writer.write(piece); });
+      ++written;
+    }
+    EXPECT_LT(written, 8);
+    EXPECT_EQ(errorOf([&] { return store.create("b"); }), std::errc::file_too_large);
+    writer.close();
+    EXPECT_EQ(errorOf([&] { store.close(); }), Errc::fileFailed);
+  }
+  EXPECT_EQ(readFile(path_), before);
+
+  Store store = session_.open(path_, Mode::update);
+  Store nested = store.createStore("s");
+  store.create("a").write(makeBytes(400000));
+  EXPECT_EQ(errorOf([&] { nested.commit(); }), std::errc::file_too_large);
+  EXPECT_FALSE(nested.isOpen());
+  what = whatOf([&] { store.commit(); });
+  EXPECT_TRUE(what.ends_with("; the store is as it was)") || !store.isOpen()) << what;
+  EXPECT_FALSE(store.isOpen());
+  EXPECT_EQ(readFile(path_), before);
+  EXPECT_EQ(namesIn(session_.open(path_, Mode::update)), "old");
+}
+
+// The store first, its members after it, or a nested store alone.
+TEST_F(Sharing, LeavingByAnExceptionUndoes) {
+  const std::function<void()> leave[] = {[&] {
+                                           Store store = session_.open(path_, Mode::update);
+                                           put(store, "a");
+                                           throw 1;
+                                         },
+                                         [&] {
+                                           Store nested;
+                                           Store store = session_.open(path_, Mode::update);
+                                           nested = store.createStore("s");
+                                           put(store, "a");
+                                           throw 1;
+                                         },
+                                         [&] {
+                                           Store store = session_.open(path_, Mode::update);
+                                           put(store, "a");
+                                           const Store nested = store.createStore("s");
+                                           store = Store();
+                                           throw 1;
+                                         }};
+  for (const auto& call : leave) {
+    EXPECT_THROW(call(), int);
+    EXPECT_EQ(names(), "old");
+  }
+  // What is opened while an exception is on its way is none of its business.
+  struct Cleanup {
+    Session& session;
+    const std::string& path;
+    ~Cleanup() {
+      Store store = session.open(path, Mode::update);
+      put(store, "b");
+    }
+  };
+  const auto clean = [&] {
+    const Cleanup cleanup{session_, path_};
+    throw 1;
+  };
+  EXPECT_THROW(clean(), int);
+  EXPECT_EQ(names(), "oldb");
+}
+
+// Whoever waits for one file keeps nobody from another, and says how long it was.
+TEST_F(Sharing, WaitsAlone) {
+  Store busy = Session().open(path_, Mode::update);
+  const auto waiting = std::async(std::launch::async, [&] {
+    return whatOf(
+        [&] { return session_.open(path_, Mode::read, {.lockWait = milliseconds(600)}); });
+  });
+  std::this_thread::sleep_for(milliseconds(50));
+  const auto begin = std::chrono::steady_clock::now();
+  session_.open(directory_ / "y", Mode::create).close();
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, milliseconds(300));
+  waiting.wait();
+  for (const milliseconds wait : {milliseconds(-1), milliseconds::max()}) {
+    auto patient = std::async(std::launch::async, [&] {
+      return errorOf([&] { return session_.open(path_, Mode::read, {.lockWait = wait}); });
+    });
+    EXPECT_EQ(patient.wait_for(milliseconds(50)), std::future_status::timeout);
+    busy.close();
+    EXPECT_FALSE(patient.get());
+    busy = session_.open(path_, Mode::update);
+  }
+  const std::string what =
+      whatOf([&] { return session_.open(path_, Mode::update, {.lockWait = milliseconds(20)}); });
+  EXPECT_TRUE(what.find("in this session, waited 2") != what.npos) << what;
+}
+
+// A file of the same header and length in place of the one that was closed, and one that was
+// changed within the same tick of the clock.
+TEST_F(Sharing, ShowsNothingStale) {
+  EXPECT_EQ(namesIn(session_.open(path_)), "old");
+  const std::string other = directory_ / "other";
+  Store made = Session().open(other, Mode::create);
+  made.append("new").write("old");
+  made.close();
+  ASSERT_EQ(readFile(other).size(), readFile(path_).size());
+  std::this_thread::sleep_for(milliseconds(20));
+  EXPECT_EQ(namesIn(session_.open(path_)), "old");  // kept from here on
+  std::filesystem::rename(other, path_);
+  EXPECT_EQ(session_.open(path_).read("new").readText(), "old");
+  EXPECT_EQ(names(), "");
+
+  Session another({.durability = Durability::none});
+  std::string text = "old";
+  for (int round = 0; round < 100; ++round) {
+    EXPECT_EQ(session_.open(path_).read("new").readText(), text);
+    Store update = another.open(path_, Mode::update);
+    update.append("new").write("x");
+    update.close();
+    text += "x";
+  }
+}
+
+// A reader of a file that lost its name stays with it.
+TEST_F(Sharing, TellsFilesApartThatHadOneName) {
+  const Store old = session_.open(path_);
+  std::filesystem::remove(path_);
+  EXPECT_EQ(errorOf([&] { return session_.open(path_); }), Errc::notFound);
+  Store made = session_.open(path_, Mode::create);
+  put(made, "a");
+  made.close();
+  EXPECT_EQ(namesIn(session_.open(path_)), "a");
+  EXPECT_EQ(namesIn(old), "old");
+}
+
+TEST_F(Sharing, KeepsAsManyClosedStoresAsItIsTold) {
+  const std::string bytes = readFile(path_);
+  for (int i = 0; i < 300; ++i)
+    writeFile(directory_ / std::to_string(i), bytes);
+  std::this_thread::sleep_for(milliseconds(20));
+  Session session;
+  const std::uint64_t empty = session.memoryUse().bytes;
+  Store first = session.open(path_);
+  const std::uint64_t one = session.memoryUse().bytes - empty;
+  first.close();
+  session.forget(path_);
+  EXPECT_EQ(session.memoryUse().bytes, empty);
+  for (int i = 0; i < 300; ++i)
+    session.open(directory_ / std::to_string(i)).close();
+  EXPECT_LT(session.memoryUse().bytes, empty + 18 * one);
+  EXPECT_GT(session.memoryUse().bytes, empty + 14 * one);
+
+  Session updating;
+  Store update = updating.open(path_, Mode::update);
+  update.close();
+  EXPECT_GT(updating.memoryUse().bytes, empty + one / 2) << "its own update is no doubt";
+}
+
+// Nothing but waiting comes of it.
+TEST_F(Sharing, MakesStoresBesideWhoeverReplacesThem) {
+  const auto work = [&](Mode mode) {
+    Session session({.durability = Durability::none, .lockWait = milliseconds(-1)});
+    std::string failures;
+    for (int round = 0; round < 300; ++round)
+      failures += whatOf([&] { session.open(path_, mode).close(); });
+    return failures;
+  };
+  auto replacing = std::async(std::launch::async, [&] { return work(Mode::replace); });
+  EXPECT_EQ(work(Mode::openOrCreate), "");
+  EXPECT_EQ(replacing.get(), "");
+}
+
+// The same from either overload: the number of the system, and what it means here.
+TEST_F(Sharing, GivesCodesThatAProgramCanUse) {
+  writeFile(directory_ / "text", makeBytes(500));
+  const std::pair<std::string, std::pair<std::errc, Errc>> cases[] = {
+      {directory_.path(), {std::errc::is_a_directory, Errc::fileNotOpen}},
+      {directory_ / std::string(300, 'n'), {std::errc::filename_too_long, Errc::fileNotOpen}},
+      {path_ + "/x", {std::errc::not_a_directory, Errc::fileNotOpen}},
+      {directory_ / "none", {std::errc::no_such_file_or_directory, Errc::notFound}}};
+  for (const auto& [path, codes] : cases) {
+    std::error_code error;
+    EXPECT_FALSE(session_.open(path, error).isOpen());
+    EXPECT_TRUE(error == codes.first && error == codes.second) << path << error.message();
+    EXPECT_EQ(error, errorOf([&, path = path] { return session_.open(path); }));
+    EXPECT_FALSE(session_.openMapped(path, error).isOpen());
+    EXPECT_TRUE(error == codes.first && error == codes.second) << path << error.message();
+  }
+  EXPECT_EQ(errorOf([&] { return session_.open(directory_ / "text"); }), Errc::notAStore);
+  const std::string what =
+      whatOf([&] { return session_.open(directory_ / std::string(100000, 'n')); });
+  EXPECT_LT(what.size(), 4096u);
+}
+
+}  // namespace
+
+}  // namespace hxcrate
