@@ -66,6 +66,9 @@ Status loadFirstPage(ItemMember* item) {
   if (!hasStorage(item)) return kFileNotOpen;
   ChunkPlace first = {};
   if (!readFirstChunk(item, &first)) return kUnreadable;
+  // Somebody may have changed the record since the size was found by it.
+  const int32_t expected = item->size < pageSizeOf(item) ? item->size : pageSizeOf(item);
+  if (first.chunk.used < expected) return kUnreadable;
   Status status = kOk;
   PageBuf* page = loadPage(item, first, &status);
   if (page == nullptr) return status;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
+#include <cstring>
 #include <functional>
 #include <hxcrate/crate.hpp>
 #include <hxcrate/inspect.hpp>
@@ -531,6 +532,18 @@ TEST_F(ApiTest, OpensADamagedStoreOnlyWhenAskedTo) {
   EXPECT_EQ(errorOf(turn), Errc::damaged);
   EXPECT_EQ(errorOf([&] { return Session().open(path_); }), Errc::damaged);
   EXPECT_EQ(session_.open(path_, Mode::read, {.acceptDamaged = true}).damage(), Errc::damaged);
+}
+
+// As by whoever ignores the lock of a mapped file, while a reader keeps the item's size known.
+TEST_F(ApiTest, ReadsNothingBehindTheEndOfABlobThatChanges) {
+  const std::string bytes = makeBytes(3 * 4096);
+  std::string blob = makeStore({{"a", bytes}});
+  const Store store = session_.openBlob(asBytes(blob), "x");
+  Reader first = store.read("a");
+  first.skip(2 * 4096 + 1);
+  const hx::DataChunk changed{std::ssize(blob) - 1, 4096, 1, 0};
+  std::memcpy(&blob[blob.find(bytes.substr(0, 4096)) - sizeof(changed)], &changed, sizeof(changed));
+  EXPECT_EQ(errorOf([&] { return store.read("a").readText(); }), Errc::damaged);
 }
 
 // Damage that comes and goes under an open reader is thrown, after the bytes before it.
