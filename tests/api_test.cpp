@@ -203,29 +203,6 @@ TEST_F(ApiTest, OpensAsTheModeSaysAndLeavesWhatItRefuses) {
   }
 }
 
-// Whoever makes a file, and fails for another who was quicker, leaves the other's store alone.
-TEST_F(ApiTest, MakesNoFileAwayFromWhoeverElseDoes) {
-  for (int round = 0; round < 300; ++round) {
-    std::filesystem::remove(path_);
-    const auto make = [&](Mode mode, const char* item, bool& made) {
-      Session session({.durability = Durability::none});
-      std::error_code error;
-      Store store = session.open(path_, mode, error);
-      if (error) return;
-      append(store, item, item);
-      store.close();
-      made = true;
-    };
-    bool mine = false, others = false;
-    std::thread other([&] { make(Mode::openOrCreate, "b", others); });
-    make(Mode::create, "a", mine);
-    other.join();
-    ASSERT_EQ(!readFile(path_).empty(), mine || others) << round;
-    EXPECT_TRUE(!mine || get(Session().open(path_), "a") == "a");
-    EXPECT_TRUE(!others || get(Session().open(path_), "b") == "b");
-  }
-}
-
 // The path is kept when the working directory changes, what the file held is not when it is
 // removed.
 TEST_F(ApiTest, FindsAFileWhereItWasAndMakesItAnewWhenItIsGone) {
@@ -276,20 +253,6 @@ TEST_F(ApiTest, RefusesWhatContradictsWhatIsThere) {
   EXPECT_EQ(thrownBy([&] { return store.openStore("s").create("item"); })->member(), "s/item");
   store.close(error);
   EXPECT_TRUE(!error && !store.isOpen());
-}
-
-// A store per level is open, and each path has 65 bytes a level.
-TEST_F(ApiTest, KeepsNoPathsOfWhatIsNestedDeeply) {
-  const std::string name(64, 'n');
-  std::vector<Store> open;
-  open.push_back(session_.createInMemory("x"));
-  const std::size_t before = ::mallinfo2().uordblks + ::mallinfo2().hblkhd;
-  for (int level = 1; level <= 2000; ++level)
-    open.push_back(open.back().createStore(name));
-  EXPECT_EQ(open.back().place().size(), 2000u * 65 - 1);
-  EXPECT_LT(::mallinfo2().uordblks + ::mallinfo2().hblkhd - before, 16u << 20);
-  while (!open.empty())
-    open.pop_back();
 }
 
 TEST_F(ApiTest, KeepsOthersOutOfAFileThatIsUpdatedOrMapped) {

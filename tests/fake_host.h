@@ -52,6 +52,7 @@ class FakeHost : public HostHandle {
   // The nth call of these kinds from now on fails, and the `second` one or kAllAfter it.
   void fail(const std::string& kinds, int nth, int second = 0);
   void stopFailing() { fail("", 0); }
+  bool isFailing() const { return !faultKinds_.empty(); }
   int fired = 0;  // how many of them failed
 
   Disk files;
@@ -68,7 +69,7 @@ class FakeHost : public HostHandle {
   int64_t longestRead = INT64_MAX;     // a read delivers at most this many bytes
   int32_t removeResult = 0;            // nonzero: what `remove` answers, leaving the file alone
   bool knowsEncodings = true;          // whether there is an hxmok
-  bool readsAt = false;                // whether hxfio says that its files have `readAt`
+  bool readsAt = true;                 // whether hxfio says that its files have `readAt`
 
   // For the slots.
   bool takesFault(const char* kind);

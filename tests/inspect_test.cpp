@@ -366,14 +366,6 @@ TEST_F(InspectFileTest, LosesNothingOfItsDirectoryUnseen) {
   }
 }
 
-TEST_F(InspectFileTest, IsTurnedIntoTheOtherByteOrderAndBack) {
-  writeImage(makeImage());
-  const std::string path = directory_ / "x.st", foreign = directory_ / "be.st";
-  hxtest::transcodeFile(path, "hxmok1/be/utf-8", foreign);
-  hxtest::transcodeFile(foreign, "hxmok1/le/utf-8", directory_ / "le.st");
-  expectRun(0, "cmp x.st le.st");
-}
-
 TEST_F(InspectFileTest, HasEveryByteCountedOnceByTheCommands) {
   Bytes image = makeImage();
   const auto length = static_cast<std::int64_t>(image.size());

@@ -87,19 +87,6 @@ TEST(LinuxFaultTest, ARollbackThatFailsIsMadeUpFor) {
   }
 }
 
-TEST(LinuxFaultTest, AReplacementNeverShowsHalfAnUpdate) {
-  SimulatedDisk disk(interruptedUpdate(2));
-  std::set<std::string> found;
-  disk.watch = [&](const DiskStep& step) {
-    if (!step.changesDisk()) return;
-    for (const DiskImage& image : {disk.live(), disk.synced()})
-      found.insert(lookAt(image));
-  };
-  CrashSession session(hostOver(disk));
-  session.close(session.open(kCrashStore, kReplaceAll));
-  EXPECT_EQ(found, (std::set{lookAt(diskBefore(2)), "absent"s, ""s}));
-}
-
 TEST(LinuxFaultTest, AJournalIsAppliedToItsOwnFileOnlyAndGoesWithIt) {
   const std::string before = lookAt(diskBefore(2));
   const std::string after = lookAt(diskBefore(3));

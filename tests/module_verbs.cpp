@@ -209,6 +209,21 @@ void useItem(World& w, const Words& words) {
   std::tie(w.status, w.number) = outcome;
 }
 
+// What is read at any place is what a handle reads.
+void compareView(World& w, const ItemMember* item, int64_t size) {
+  View view(w, item->parent, {item->name, static_cast<size_t>(item->nameLength)});
+  ASSERT_TRUE(view.isOpen()) << view.status;
+  const auto length = static_cast<size_t>(2 * int64_t{item->parent->root->pageSize});
+  for (int64_t offset = 0; offset <= size; offset += static_cast<int64_t>(length) * 3 / 4) {
+    std::string expected;
+    for (int64_t at = offset; at < size && expected.size() < length; ++at)
+      expected += Model::byteAt(nameIn(item), at);
+    const Bytes bytes = view.read(offset, length);
+    ASSERT_EQ(std::string(bytes.begin(), bytes.end()), expected) << "from " << offset;
+    EXPECT_EQ(view.status, expected.size() < length ? kEndOfItem : kOk);
+  }
+}
+
 void countPages(World& w, const Words& words) {
   if (w.handle(words[1]) == nullptr) return skip(w);
   for (const PageBuf* page = w.handle(words[1])->item->firstPage; page != nullptr;
@@ -294,6 +309,7 @@ Sizes World::contents(const std::string& path) {
       useItem(*this, {"read", inside, ""});
       const bool isRead = status == kOk || status == kEndOfItem;
       sizes[pathOf(asItem(member))] = isRead ? static_cast<int32_t>(number) : status;
+      if (isRead && !host.isFailing()) compareView(*this, asItem(member), number);
     }
   }
   return sizes;

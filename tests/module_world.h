@@ -7,11 +7,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <optional>
 #include <string>
 #include <vector>
 
+#include "item/item_view.h"
 #include "module/entry.h"
 #include "records/records.h"
 #include "records/status.h"
@@ -76,6 +78,35 @@ class World {
   static const Verbs kVerbs;
   void step(const Statement& statement);
   bool isAsWritten(const Statement& statement) const;
+};
+
+// A view in the words of the tests. Closed at the end, however often the lock fails.
+class View {
+ public:
+  View(World& w, Store* store, const std::u32string& name)
+      : world_(w),
+        view_(w.instance->openView(w.instance, store, name.data(),
+                                   static_cast<int32_t>(name.size()), &status)) {}
+  ~View() {
+    while (view_ != nullptr && view_->close(view_) != 0)
+      EXPECT_GT(world_.host.fired, 0);
+  }
+  View(const View&) = delete;
+
+  bool isOpen() const { return view_ != nullptr; }
+  Bytes read(int64_t offset, size_t length) {
+    Bytes bytes(length);
+    const int32_t count =
+        view_->readAt(view_, offset, bytes.data(), static_cast<int32_t>(length), &status);
+    bytes.resize(static_cast<size_t>(std::max(count, 0)));
+    return bytes;
+  }
+
+  int32_t status = kOk;
+
+ private:
+  World& world_;
+  ItemView* view_;
 };
 
 // A statement that could not be begun has this for its status.

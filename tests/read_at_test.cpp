@@ -1,11 +1,10 @@
-// Reading items at any place: the same bytes as a handle that reads on, whatever they lie in,
-// whatever is damaged and whatever fails.
+// Reading items at any place: as a handle that reads on, whatever is damaged and whatever fails. That
+// the bytes are the same is compared wherever a story looks into a store.
 #include "item/read_at.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <random>
 
 #include "item/open_view.h"
 #include "tests/module_world.h"
@@ -32,124 +31,11 @@ Outcome readOn(World& w, Store* store, const std::u32string& name) {
   return outcome;
 }
 
-// A view in the words of the tests. Closed at the end, however often the lock fails.
-class View {
- public:
-  View(World& w, Store* store, const std::u32string& name)
-      : world_(w),
-        view_(w.instance->openView(w.instance, store, name.data(),
-                                   static_cast<int32_t>(name.size()), &status)) {}
-  ~View() {
-    while (view_ != nullptr && view_->close(view_) != 0)
-      EXPECT_GT(world_.host.fired, 0);
-  }
-  View(const View&) = delete;
-
-  bool isOpen() const { return view_ != nullptr; }
-  ItemMember* item() const { return view_->item; }
-  int64_t size() { return view_->size(view_, &status); }
-  Bytes read(int64_t offset, size_t length) {
-    Bytes bytes(length);
-    const int32_t count =
-        view_->readAt(view_, offset, bytes.data(), static_cast<int32_t>(length), &status);
-    bytes.resize(static_cast<size_t>(std::max(count, 0)));
-    return bytes;
-  }
-  // By their addresses; false when they lie in a file.
-  bool look(Bytes& bytes) {
-    for (int64_t count = 0;; bytes.insert(bytes.end(), place_, place_ + count)) {
-      const auto offset = static_cast<int64_t>(bytes.size());
-      place_ = static_cast<const uint8_t*>(view_->bytesAt(view_, offset, &count, &status));
-      if (place_ == nullptr) return status == kEndOfItem;
-    }
-  }
-
-  int32_t status = kOk;
-
- private:
-  World& world_;
-  ItemView* view_;
-  const uint8_t* place_ = nullptr;
-};
-
 Bytes part(const Bytes& all, int64_t offset, size_t length) {
   const auto from = std::min(static_cast<size_t>(offset), all.size());
   const auto to = std::min(from + length, all.size());
   return {all.begin() + static_cast<std::ptrdiff_t>(from),
           all.begin() + static_cast<std::ptrdiff_t>(to)};
-}
-
-void compareAtRandom(World& w, Store* store, const std::u32string& name, unsigned seed) {
-  const Bytes all = readOn(w, store, name).bytes;
-  std::mt19937 random(seed);
-  const auto below = [&](size_t bound) { return random() % (bound + 1); };
-  View view(w, store, name);
-  ASSERT_TRUE(view.isOpen()) << view.status;
-  const auto pageSize = static_cast<size_t>(store->root->pageSize);
-  for (int i = 0; i < 12; ++i) {
-    const bool isOnPage = random() % 3 == 0;
-    const size_t offset =
-        isOnPage ? below(all.size() / pageSize) * pageSize : below(all.size() + 3);
-    const size_t length = below(random() % 2 == 0 ? all.size() + 3 : 2 * pageSize);
-    const Bytes expected = part(all, static_cast<int64_t>(offset), length);
-    ASSERT_EQ(view.read(static_cast<int64_t>(offset), length), expected) << offset << " " << length;
-    EXPECT_EQ(view.status, expected.size() < length ? kEndOfItem : kOk);
-  }
-  EXPECT_EQ(view.size(), std::ssize(all));
-  Bytes seen;
-  EXPECT_TRUE(!view.look(seen) || seen == all);
-  EXPECT_EQ(w.openItem(store, name, "U"), nullptr);  // nobody writes what somebody looks at
-  Bytes single(pageSize);
-  int64_t size = 0;
-  int32_t status = kOk;
-  w.instance->readItem(w.instance, store, name.data(), 1, single.data(),
-                       static_cast<int32_t>(pageSize), &size, &status);
-  EXPECT_EQ(status, kOk);
-  EXPECT_TRUE(size < 0 || part(single, 0, static_cast<size_t>(size)) == all);
-  EXPECT_EQ(w.instance->sizeOfItem(view.item(), &status), std::ssize(all));
-}
-
-// Items of many lengths: alone, in turns, and one that was continued behind the others.
-std::string itemsOf(const std::string& store, int pageSize) {
-  std::string script = "pagesize " + store + " " + std::to_string(pageSize);
-  const int lengths[] = {0, 1, pageSize - 1, pageSize, pageSize + 1, 40 * pageSize + 3};
-  for (size_t i = 0; i < std::size(lengths); ++i)
-    script += "; write " + store + ":" + "abcdef"[i] + " " + std::to_string(lengths[i]);
-  script += "; item p " + store + ":p UC; item q " + store + ":q UC";
-  for (int i = 0; i < 30; ++i)
-    script += std::string("; write ") + "pq"[i % 2] + " " + std::to_string(1 + i * pageSize / 9);
-  return script + "; shut p; shut q; write " + store + ":e " + std::to_string(3 * pageSize);
-}
-
-void compareAll(World& w, const std::string& store, unsigned seed) {
-  for (const char32_t name : std::u32string(U"abcdefpq")) {
-    SCOPED_TRACE(store + ":" + static_cast<char>(name));
-    compareAtRandom(w, w.find(store), std::u32string(1, name), seed);
-  }
-}
-
-TEST(ReadAt, GivesTheBytesThatAHandleGives) {
-  for (const int pageSize : {1, 7, 64, 4096}) {
-    for (const bool readsAt : {false, true}) {
-      SCOPED_TRACE(std::to_string(pageSize) + (readsAt ? " with readAt" : " without"));
-      World w;
-      w.instance->filesReadAt = readsAt;
-      const auto seed = static_cast<unsigned>(pageSize);
-      w.run("open x UC; " + itemsOf("x", pageSize));
-      compareAll(w, "x", seed);
-      w.run("close x; open x R");
-      compareAll(w, "x", seed + 1);
-      w.run("open x U");  // while it is read
-      compareAll(w, "x", seed + 2);
-      w.run("close x; close x; foreign y x; open y R");
-      compareAll(w, "y", seed + 3);
-      w.run("open m UCN; " + itemsOf("m", pageSize));
-      compareAll(w, "m", seed + 4);
-      w.run("blob m B; load B R; foreign C B; load C R");
-      compareAll(w, "B", seed + 5);
-      compareAll(w, "C", seed + 6);
-    }
-  }
 }
 
 TEST(ReadAt, TheHostSaysWhetherItsFilesCan) {
