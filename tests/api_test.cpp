@@ -72,16 +72,8 @@ class ApiTest : public testing::Test {
     store.append(path, Parents::create).write(bytes);
   }
 
-  // Reads in pieces that fit no page.
   static std::string get(const Store& store, const std::string& path) {
-    Reader reader = store.read(path);
-    std::string text, piece(3333, '\0');
-    while (const std::size_t count = reader.read(std::as_writable_bytes(std::span(piece)))) {
-      text += piece.substr(0, count);
-      EXPECT_EQ(reader.position(), std::ssize(text));
-    }
-    EXPECT_EQ(store.read(path).readText(), text);
-    return text;
+    return store.read(path).readText();
   }
 
   static std::map<std::string, MemberKind> membersOf(const Store& store) {
@@ -104,32 +96,6 @@ class ApiTest : public testing::Test {
   std::string path_ = directory_ / "x.st";
   Session session_;
 };
-
-// Sizes around the ends of pages, as a file, as a mapped file and as a blob; all for reading only.
-TEST_F(ApiTest, ReadsTheSameOfAFileAMappedFileAndABlob) {
-  for (const std::int32_t pageSize : {1, 7, 65536}) {
-    const auto page = static_cast<std::size_t>(pageSize);
-    Session session({.pageSize = pageSize, .cacheBytesPerFile = 1});
-    Store memory = session.createInMemory("x.st");
-    Store file = session.open(path_, Mode::replace);
-    for (const std::size_t length : {std::size_t{0}, page - 1, page, page + 1, 5 * page + 2}) {
-      append(memory, "a/b/" + std::to_string(length), makeBytes(length));
-      append(file, "a/b/" + std::to_string(length), makeBytes(length));
-    }
-    file.close();
-    EXPECT_EQ(errorOf([&] { return memory.openStore("a").makeBlob(); }), Errc::noBlob);
-    const Blob blob = memory.makeBlob();
-    Store opened[] = {session_.open(path_, Mode::read), session_.openMapped(path_),
-                      session_.openBlob(blob.bytes(), "x.st")};
-    for (Store& store : opened) {
-      EXPECT_EQ(store.pageSize(), pageSize);
-      for (const auto& [name, kind] : membersOf(store.openStore("a/b")))
-        EXPECT_EQ(get(store, "a/b/" + name), makeBytes(std::stoul(name)));
-      EXPECT_EQ(errorOf([&] { return store.create("b"); }), Errc::readOnly);
-      EXPECT_EQ(errorOf([&] { return store.createStore("b"); }), Errc::readOnly);
-    }
-  }
-}
 
 TEST_F(ApiTest, ABlobNeedsNeitherItsStoreNorItsSession) {
   auto session = std::make_unique<Session>();
@@ -203,21 +169,6 @@ TEST_F(ApiTest, OpensAsTheModeSaysAndLeavesWhatItRefuses) {
   }
 }
 
-// The path is kept when the working directory changes, what the file held is not when it is
-// removed.
-TEST_F(ApiTest, FindsAFileWhereItWasAndMakesItAnewWhenItIsGone) {
-  const std::filesystem::path before = std::filesystem::current_path();
-  std::filesystem::current_path(directory_.path());
-  Store store = session_.open("x.st", Mode::create);
-  std::filesystem::current_path(before);
-  append(store, "a", "here");
-  store.close();
-  EXPECT_EQ(errorOf([&] { return session_.open("x.st"); }), Errc::notFound);
-  EXPECT_EQ(get(session_.open(path_), "a"), "here");
-  std::filesystem::remove(path_);
-  EXPECT_TRUE(membersOf(session_.open(path_, Mode::create)).empty());
-}
-
 // By codes in place of exceptions here, by exceptions elsewhere.
 TEST_F(ApiTest, RefusesWhatContradictsWhatIsThere) {
   std::error_code error = Errc::damaged;
@@ -253,21 +204,6 @@ TEST_F(ApiTest, RefusesWhatContradictsWhatIsThere) {
   EXPECT_EQ(thrownBy([&] { return store.openStore("s").create("item"); })->member(), "s/item");
   store.close(error);
   EXPECT_TRUE(!error && !store.isOpen());
-}
-
-TEST_F(ApiTest, KeepsOthersOutOfAFileThatIsUpdatedOrMapped) {
-  Store store = session_.open(path_, Mode::create);
-  EXPECT_EQ(errorOf([&] { return session_.openMapped(path_); }), Errc::storeInUse);
-  std::thread closing([&] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    store.close();
-  });
-  Session patient({.durability = Durability::none, .lockWait = std::chrono::seconds(20)});
-  EXPECT_FALSE(errorOf([&] { return patient.open(path_); }));
-  closing.join();
-  const Store mapped = session_.openMapped(path_);
-  EXPECT_EQ(errorOf([&] { return session_.open(path_, Mode::update); }), Errc::storeInUse);
-  EXPECT_FALSE(errorOf([&] { return session_.open(path_); }));
 }
 
 TEST_F(ApiTest, KeepsTheFileOpenOrMappedForWhatWasOpenedInIt) {

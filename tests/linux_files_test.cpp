@@ -354,6 +354,12 @@ TEST_F(LinuxFilesTest, LeavesNoEmptyFileBehindButItsOwnOnly) {
   EXPECT_TRUE(fs::is_symlink(link) && !fs::exists(target)) << "it goes where the data are";
 }
 
+TEST_F(LinuxFilesTest, TheJournalIsNobodysWayIntoAnotherFile) {
+  fs::create_symlink(folder_ / "victim", path_.string() + "-journal");
+  EXPECT_FALSE(opens(path_));
+  EXPECT_FALSE(fs::exists(folder_ / "victim"));
+}
+
 // What is said to be there must be found under its name.
 TEST_F(LinuxFilesTest, AFileThatLosesItsNameIsNoSuccessAndIsWhatItWas) {
   const fs::path moved = folder_ / "moved";

@@ -126,45 +126,6 @@ bool reserve(CrashSession& session, const std::u32string& path, Purpose purpose)
   return LinuxHost::reserve(session.module->fileExtension, path, purpose);
 }
 
-TEST_F(LinuxSharingTest, WaitsAsLongAsItIsToldAndTellsForHowLong) {
-  for (const auto wait : {-1ms, std::chrono::milliseconds::max(), 5ms, 0ms}) {
-    CrashSession other(options_);
-    hx::Store* held = session_.open(path_, hx::kUpdate);
-    std::thread holder([&] {
-      if (wait != 5ms && wait != 0ms) std::this_thread::sleep_for(40ms);
-      if (wait != 5ms && wait != 0ms) session_.close(held);
-    });
-    const OpenRequest request({.lockWait = wait});
-    const bool isHad = reserve(other, path_, Purpose::kUpdate);
-    holder.join();
-    const bool isLong = wait != 5ms && wait != 0ms;
-    EXPECT_EQ(isHad, isLong);
-    EXPECT_TRUE(isHad || request.failure()->error == EBUSY);
-    EXPECT_GE(request.waited(), isLong ? 20ms : wait);
-    EXPECT_LT(request.waited(), wait == 0ms ? 1ms : 20s);
-    if (!isLong) session_.close(held);
-  }
-}
-
-TEST_F(LinuxSharingTest, WaitingForOneFileLetsTheOthersBe) {
-  CrashSession holder(options_);
-  hx::Store* held = holder.open(path_, hx::kRead);
-  std::atomic<bool> waits = true;
-  std::thread waiting([&] {
-    const OpenRequest request({.lockWait = 10s});
-    EXPECT_TRUE(reserve(session_, path_, Purpose::kUpdate));
-    waits = false;
-  });
-  std::this_thread::sleep_for(20ms);
-  const std::u32string next = path_ + U"2";
-  for (int i = 0; i < 10; ++i)
-    session_.close(session_.open(next, hx::kUpdate | hx::kCreate));
-  EXPECT_EQ(session_.look(path_), "status -8") << "nobody reads past one who waits to update";
-  EXPECT_TRUE(waits);
-  holder.close(held);
-  waiting.join();
-}
-
 TEST_F(LinuxSharingTest, WhatIsReservedIsTheThreadsAlone) {
   const std::u32string absent = path_ + U"2";
   const std::tuple<std::u32string, Purpose, uint32_t, const char*> cases[] = {

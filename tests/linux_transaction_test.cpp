@@ -2,16 +2,12 @@
 // whose. The real module, over simulated disks and on the real one.
 #include <gtest/gtest.h>
 
-#include <filesystem>
-
 #include "host/linux/journal_format.h"
 #include "tests/crash_session.h"
-#include "tests/temporary_directory.h"
 
 namespace hxtest {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::string_literals;
 using hx::kCreate;
 using hx::kRead;
@@ -188,54 +184,6 @@ TEST(LinuxFaultTest, NothingIsRemovedButWhatWasLookedAt) {
     session.open(kCrashStore, kReplaceAll);
     EXPECT_EQ(disk.live().names.at(path), theirs) << path;
   }
-}
-
-// Two instances on the real disk. Other processes: crash_test.cpp.
-class LinuxFileLockTest : public testing::Test {
- protected:
-  LinuxFileLockTest() {
-    hx::Store* store = one_.open(path_, kUpdate | kCreate);
-    one_.append(store, "item", "old");
-    one_.close(store);
-  }
-
-  const TemporaryDirectory directory_;
-  const std::string file_ = directory_ / "store";
-  const std::u32string path_{file_.begin(), file_.end()};
-  const HostOptions quick_{1 << 20, nullptr, Durability::none};
-  CrashSession one_{quick_};
-  CrashSession other_{quick_};
-};
-
-TEST_F(LinuxFileLockTest, ReadersShareAndUpdatersExclude) {
-  for (const uint32_t first : {uint32_t{kRead}, uint32_t{kUpdate}}) {
-    for (const uint32_t second : {uint32_t{kRead}, uint32_t{kUpdate}, kReplaceAll}) {
-      hx::Store* held = one_.open(path_, first);
-      hx::Store* wanted = other_.open(path_, second);
-      EXPECT_EQ(wanted != nullptr, first == kRead && second == kRead);
-      EXPECT_TRUE(wanted != nullptr || other_.refusal->error == EBUSY);
-      EXPECT_TRUE(second != kReplaceAll || other_.status == hx::HX_REMOVE_IN_USE);
-      if (wanted != nullptr) other_.close(wanted);
-      one_.close(held);
-    }
-  }
-  EXPECT_EQ(other_.look(path_), "item=old;");
-}
-
-TEST_F(LinuxFileLockTest, TwoNamesOfOneFileExcludeEachOther) {
-  fs::create_hard_link(file_, directory_ / "alias");
-  hx::Store* held = one_.open(path_, kRead);
-  const std::u32string alias = path_.substr(0, path_.size() - 5) + U"alias";
-  EXPECT_EQ(one_.open(alias, kUpdate), nullptr);
-  EXPECT_EQ(one_.look(alias), "item=old;");
-  EXPECT_EQ(one_.open(path_, kUpdate), nullptr) << "it was read by two names";
-  one_.close(held);
-}
-
-TEST_F(LinuxFileLockTest, TheJournalIsNobodysWayIntoAnotherFile) {
-  fs::create_symlink(directory_ / "victim", file_ + "-journal");
-  EXPECT_EQ(one_.open(path_, kUpdate), nullptr);
-  EXPECT_FALSE(fs::exists(directory_ / "victim"));
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Reading items at any place: as a handle that reads on, whatever is damaged and whatever fails. That
-// the bytes are the same is compared wherever a story looks into a store.
+// Reading items at any place: as a handle that reads on, whatever is damaged and whatever fails.
+// That the bytes are the same is compared wherever a story looks into a store.
 #include "item/read_at.h"
 
 #include <gtest/gtest.h>

@@ -59,7 +59,18 @@ class ViewTest : public testing::Test {
       EXPECT_EQ(store.stat(path).size, std::ssize(bytes));
       EXPECT_EQ(store.stat(path).pages, (std::ssize(bytes) + kPage - 1) / kPage);
       compareView(store.view(path), bytes, isInMemory);
+      compareReader(store.read(path), bytes);
     }
+  }
+
+  // In pieces that fit no page.
+  static void compareReader(Reader reader, const std::string& bytes) {
+    std::string text, piece(333, '\0');
+    while (const std::size_t count = reader.read(std::as_writable_bytes(std::span(piece)))) {
+      text += piece.substr(0, count);
+      EXPECT_EQ(reader.position(), std::ssize(text));
+    }
+    EXPECT_EQ(text, bytes);
   }
 
   static void compareView(const View& view, const std::string& bytes, bool isInMemory) {
@@ -99,7 +110,16 @@ TEST_F(ViewTest, EveryKindOfStoreGivesTheSame) {
   Store memory = fill(session_.createInMemory("m"));
   compare(memory, true);
   const Blob blob = memory.makeBlob();
+  EXPECT_EQ(errorOf([&] { return memory.openStore("n" + std::string(60, 'x')).makeBlob(); }),
+            Errc::noBlob);
   compare(session_.openBlob(blob.bytes(), "b"), true);
+  Store readOnly[] = {session_.open(path_), session_.openMapped(path_),
+                      session_.openBlob(blob.bytes(), "b")};
+  for (Store& opened : readOnly) {
+    EXPECT_EQ(opened.pageSize(), kPage);
+    EXPECT_EQ(errorOf([&] { return opened.create("b"); }), Errc::readOnly);
+    EXPECT_EQ(errorOf([&] { return opened.createStore("b"); }), Errc::readOnly);
+  }
 }
 
 TEST_F(ViewTest, TellsWhatIsThere) {
