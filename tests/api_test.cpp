@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "file/format.h"
+#include "tests/api_errors.h"
 #include "tests/temporary_directory.h"
 #include "tests/transcoded_file.h"
 
@@ -49,21 +50,6 @@ static_assert(Element<std::uint8_t> && Element<double> && !Element<bool> && !Ele
 
 std::span<const std::byte> asBytes(const std::string& text) {
   return std::as_bytes(std::span(text));
-}
-
-std::optional<Error> thrownBy(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const Error& error) {
-    return error;
-  }
-  return std::nullopt;
-}
-
-// No error when nothing was thrown.
-std::error_code errorOf(const std::function<void()>& call) {
-  const std::optional<Error> error = thrownBy(call);
-  return error ? error->code() : std::error_code();
 }
 
 class ApiTest : public testing::Test {

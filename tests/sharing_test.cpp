@@ -11,6 +11,7 @@
 #include <hxcrate/crate.hpp>
 #include <thread>
 
+#include "tests/api_errors.h"
 #include "tests/temporary_directory.h"
 
 namespace hxcrate {
@@ -21,25 +22,6 @@ using hxtest::makeBytes;
 using hxtest::readFile;
 using hxtest::writeFile;
 using std::chrono::milliseconds;
-
-// What was thrown; "" when nothing was.
-std::string whatOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const Error& error) {
-    return error.what();
-  }
-  return "";
-}
-
-std::error_code errorOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const Error& error) {
-    return error.code();
-  }
-  return {};
-}
 
 // While it lives, no file grows past so many bytes.
 class SizeLimit {

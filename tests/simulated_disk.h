@@ -155,26 +155,15 @@ class SimulatedDisk : public hxhost::FileOps {
 
   int inspect(int file, hxhost::FileInfo& info) override {
     if (fails(DiskOperation::kLook)) return failure;
-    info = {!hasBecomeDevice,
-            false,
-            std::ssize(bytesOf(file)),
-            1,
-            openings_.at(file).inode,
-            ownerOf(openings_.at(file).inode),
-            live_.birth};
+    info = infoOf(openings_.at(file).inode);
+    info.isRegular = !hasBecomeDevice;
     return 0;
   }
 
   int inspectPath(const std::string& path, hxhost::FileInfo& info) override {
     if (fails(DiskOperation::kLook)) return failure;
     if (!live_.has(path)) return ENOENT;
-    info = {true,
-            false,
-            std::ssize(live_.at(path)),
-            1,
-            live_.names.at(path),
-            ownerOf(live_.names.at(path)),
-            live_.birth};
+    info = infoOf(live_.names.at(path));
     return 0;
   }
 
@@ -258,9 +247,10 @@ class SimulatedDisk : public hxhost::FileOps {
     return "";
   }
 
-  uint32_t ownerOf(uint64_t inode) const {
-    const auto found = live_.owners.find(inode);
-    return found == live_.owners.end() ? 0 : found->second;
+  hxhost::FileInfo infoOf(uint64_t inode) const {
+    const auto owner = live_.owners.find(inode);
+    const uint32_t user = owner == live_.owners.end() ? 0 : owner->second;
+    return {true, false, std::ssize(live_.inodes.at(inode)), 1, inode, user, live_.birth};
   }
 
   int64_t transferred(size_t count) const {

@@ -1,7 +1,5 @@
 // What a store of a stranger, or one that is too large, may do by the command.
 
-#include <fcntl.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <hxcrate/crate.hpp>
@@ -16,27 +14,7 @@ using hxtest::makeBytes;
 using hxtest::readFile;
 using hxtest::writeFile;
 
-class StrangerStoreTest : public hxtest::CommandFixture {
- protected:
-  // The most memory in kilobytes that the command took; what it prints is lost.
-  long peakOf(std::vector<std::string> words) {
-    const pid_t child = ::fork();
-    if (child == 0) {
-      std::vector<char*> arguments = {const_cast<char*>("hxcrate")};
-      for (std::string& word : words)
-        arguments.push_back(word.data());
-      arguments.push_back(nullptr);
-      ::dup2(::open("/dev/null", O_WRONLY), STDOUT_FILENO);
-      if (::chdir(directory_.path().c_str()) == 0) ::execv(HX_COMMAND_PATH, arguments.data());
-      ::_exit(127);
-    }
-    int status = 0;
-    rusage usage{};
-    ::wait4(child, &status, 0, &usage);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) < 2) << words[0] << ' ' << status;
-    return usage.ru_maxrss;
-  }
-};
+class StrangerStoreTest : public hxtest::CommandFixture {};
 
 TEST_F(StrangerStoreTest, PlantsNoJournal) {
   writeFile(directory_ / "a/text", "text");
@@ -108,37 +86,6 @@ TEST_F(StrangerStoreTest, FillsNoDisk) {
       "rmdir small; hxcrate pack big.st in; " + small +
           "hxcrate unpack big.st small/out; r=$?; ls small; exit $r'",
       "", "hxcrate: small/out: 2000000 bytes would be written, and there is room for 1048576\n");
-}
-
-// 10,000 stores in each other: a path for each would be 450 MB.
-TEST_F(StrangerStoreTest, CostsNoMoreMemoryForItsDepth) {
-  if (HX_SANITIZED) GTEST_SKIP() << "takes memory of its own";
-  std::string path = "d";
-  {
-    hxcrate::Session session;
-    hxcrate::Store top = session.open(directory_ / "x.st", hxcrate::Mode::create, {.pageSize = 64});
-    hxcrate::Store inner = top.createStore(path);
-    for (int i = 0; i < 10000; ++i) {
-      inner = inner.createStore("12345678");
-      path += "/12345678";
-    }
-    inner.create("item").write("1");
-    inner.close();
-    top.close();
-  }
-  const hxtest::TemporaryDirectory memory("/dev/shm");
-  constexpr long kMost = 64 * 1024;
-  const std::vector<std::string> commands[] = {{"tree", "x.st"},
-                                               {"ls", "-R", "x.st"},
-                                               {"diff", "x.st", "x.st"},
-                                               {"copy", "x.st", "y.st"},
-                                               {"unpack", "x.st", memory / "o"},
-                                               {"cat", "x.st", path + "/item"},
-                                               {"check", "x.st"},
-                                               {"salvage", "x.st", "z.st"}};
-  for (const std::vector<std::string>& words : commands)
-    EXPECT_LT(peakOf(words), kMost) << words[0];
-  expectRun(0, "rm -r " + (memory / "o"));  // deeper than some removers go
 }
 
 }  // namespace

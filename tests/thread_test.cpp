@@ -8,10 +8,10 @@
 #include <random>
 #include <thread>
 
-#include "host/linux/linux_host.h"
 #include "item/item_view.h"
 #include "module/entry.h"
 #include "records/status.h"
+#include "tests/crash_session.h"
 #include "tests/module_image.h"
 #include "tests/temporary_directory.h"
 #include "tests/transcoded_file.h"
@@ -150,27 +150,6 @@ TEST_F(Threads, WorkTogetherInOneStore) {
   runTogether(session_.open(foreign), {convertShared, convertShared, convertBlob, convertBlob});
 }
 
-// One call after the other, in one thread.
-class Module {
- public:
-  Module() {
-    hx::hxmodent(host_.handle());
-    instance = hx::hxcrate();
-  }
-  ~Module() { instance->destroy(instance); }
-
-  hx::Store* open(const std::u32string& path, std::uint32_t flags) {
-    std::int32_t status = hx::kOk;
-    return instance->openStore(instance, nullptr, path.data(),
-                               static_cast<std::int32_t>(path.size()), flags, &status);
-  }
-
-  hx::ExtensionInstance* instance;
-
- private:
-  hxhost::LinuxHost host_;
-};
-
 void readAnywhere(hx::ItemView* view, const std::string& expected, unsigned seed) {
   std::mt19937 random(seed);
   std::vector<char> bytes(3000);
@@ -195,11 +174,11 @@ TEST(ViewThreads, AViewIsReadWhileItsFileIsTakenAway) {
     Session session({.pageSize = 512});
     session.open(path, Mode::create).create("a").write(expected);
   }
-  Module module;
+  hxtest::CrashSession module({});
   for (unsigned round = 0; round < 20; ++round) {
     hx::Store* store = module.open(wide, hx::kRead);
     std::int32_t status = hx::kOk;
-    hx::ItemView* view = module.instance->openView(module.instance, store, U"a", 1, &status);
+    hx::ItemView* view = module.module->openView(module.module, store, U"a", 1, &status);
     std::vector<std::thread> threads;
     for (unsigned i = 0; i < 8; ++i)
       threads.emplace_back([&, i] { readAnywhere(view, expected, 8 * round + i); });

@@ -7,6 +7,7 @@
 #include <map>
 #include <random>
 
+#include "tests/api_errors.h"
 #include "tests/temporary_directory.h"
 #include "tests/transcoded_file.h"
 
@@ -19,15 +20,6 @@ using Items = std::map<std::string, std::string>;
 
 std::string textOf(std::span<const std::byte> bytes) {
   return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
-
-std::error_code errorOf(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const Error& error) {
-    return error.code();
-  }
-  return {};
 }
 
 class ViewTest : public testing::Test {

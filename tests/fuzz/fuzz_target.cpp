@@ -9,6 +9,6 @@ extern "C" int LLVMFuzzerInitialize(int* /*count*/, char*** /*arguments*/) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  hx::fake::HX_FUZZED({data, size});
+  HX_FUZZED({data, size});
   return 0;
 }
