@@ -35,6 +35,7 @@ std::streamsize ItemInputBuffer::xsgetn(char* to, std::streamsize count) {
     const std::size_t got = reader_.read(std::as_writable_bytes(wanted.subspan(done)));
     if (got == 0) break;
     done += got;
+    setg(bytes_.data(), bytes_.data(), bytes_.data());  // what it holds lies elsewhere now
   }
   return static_cast<std::streamsize>(done);
 }
@@ -52,11 +53,15 @@ ItemInputBuffer::pos_type ItemInputBuffer::seekoff(off_type offset, std::ios_bas
                         : from == std::ios_base::cur ? position
                                                      : size;
   if ((which & std::ios_base::in) == 0) return kFailed;
-  if (offset < position - base || offset > size - base) return kFailed;
-  const auto distance = static_cast<std::size_t>(base + offset - position);
-  const std::size_t ready = std::min(distance, buffered());
-  gbump(static_cast<int>(ready));
-  reader_.skip(distance - ready);
+  if (offset < -base || offset > size - base) return kFailed;
+  const off_type target = base + offset;
+  const off_type start = reader_.position() - (egptr() - eback());
+  if (target >= start && target <= reader_.position()) {
+    setg(eback(), eback() + (target - start), egptr());
+  } else {
+    setg(bytes_.data(), bytes_.data(), bytes_.data());
+    reader_.seek(target);
+  }
   return base + offset;
 }
 

@@ -234,11 +234,11 @@ void keepArray(Session& session, const std::string& path, std::vector<T> values)
   const Store foreign = session.open(path + std::to_string(sizeof(T)));
   EXPECT_EQ(foreign.read("a").readArray<T>(), values);
   Reader reader = foreign.read("a");
-  EXPECT_EQ(reader.skip(sizeof(T)), sizeof(T));
+  EXPECT_EQ(reader.skip(sizeof(T)), std::int64_t{sizeof(T)});
   std::vector<T> rest(values.size());
   EXPECT_EQ(reader.readArray(std::span(rest)), values.size() - 1);  // as many as left
   EXPECT_TRUE(std::equal(values.begin() + 1, values.end(), rest.begin()));
-  EXPECT_EQ(reader.skip(1), 0u);
+  EXPECT_EQ(reader.skip(1), 0);
 }
 
 TEST_F(ApiTest, ReadsNumbersOfEitherByteOrder) {
@@ -276,9 +276,9 @@ TEST_F(ApiTest, ServesAsStreamsOfTheStandardLibrary) {
   in = std::move(begun);
   constexpr auto kBegin = std::ios_base::beg, kHere = std::ios_base::cur, kEnd = std::ios_base::end;
   const std::tuple<std::streamoff, std::ios_base::seekdir, std::streamoff> seeks[] = {
-      {4, kHere, 9},         {9, kBegin, -1}, {10, kBegin, 10},  // to -1: it fails
-      {20000, kHere, 20011}, {-1, kHere, -1}, {20013, kBegin, 20013},
-      {-20000, kEnd, 50006}, {1, kEnd, -1}};
+      {4, kHere, 9},         {9, kBegin, 9},        {-1, kBegin, -1},       {10, kBegin, 10},
+      {20000, kHere, 20011}, {-1, kHere, 20011},    {20013, kBegin, 20013},  // to -1: it fails
+      {-20014, kHere, 0},    {-20000, kEnd, 50006}, {1, kEnd, -1}};
   for (const auto& [offset, from, to] : seeks) {
     in.clear();
     EXPECT_EQ(in.seekg(offset, from).fail(), to < 0) << offset;
@@ -425,7 +425,8 @@ TEST_F(ApiTest, ReadsNothingBehindTheEndOfABlobThatChanges) {
   std::string blob = makeStore({{"a", bytes}});
   const Store store = session_.openBlob(asBytes(blob), "x");
   Reader first = store.read("a");
-  first.skip(2 * 4096 + 1);
+  std::vector<std::byte> passed(2 * 4096 + 1);  // so that no page before is in memory
+  first.read(passed);
   const hx::DataChunk changed{std::ssize(blob) - 1, 4096, 1, 0};
   std::memcpy(&blob[blob.find(bytes.substr(0, 4096)) - sizeof(changed)], &changed, sizeof(changed));
   std::array<std::byte, 100> buffer;

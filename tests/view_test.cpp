@@ -114,6 +114,44 @@ TEST_F(ViewTest, EveryKindOfStoreGivesTheSame) {
   }
 }
 
+// A reader that goes anywhere between reads of all sizes holds its place as a model does.
+TEST_F(ViewTest, AReaderGoesToAnyPlace) {
+  const std::string bytes = makeBytes(100000, 3), foreign = folder_ / "foreign.st";
+  Store store = session_.open(path_, Mode::create);
+  store.create("a").write(bytes);
+  const auto wander = [&](const Store& wandered, bool turns) {
+    Reader reader = wandered.read("a");
+    std::mt19937 random(5);
+    std::int64_t place = 0;
+    for (int i = 0; i < 200; ++i) {
+      const auto to = static_cast<std::int64_t>(random() % (bytes.size() + 1));
+      if (i % 3 == 0) reader.seek(to);
+      EXPECT_TRUE(i % 3 != 1 || reader.skip(to - place) == to - place);
+      if (i % 3 != 2) place = to;
+      ASSERT_EQ(reader.tell(), place);
+      std::vector<std::uint16_t> piece(random() % (random() % 4 == 0 ? 30000 : 40));
+      const auto left = (bytes.size() - static_cast<std::size_t>(place)) / 2;
+      piece.resize(std::min(piece.size(), left));
+      std::string expected = bytes.substr(static_cast<std::size_t>(place), 2 * piece.size());
+      for (std::size_t at = 0; turns && at < expected.size(); at += 2)
+        std::swap(expected[at], expected[at + 1]);
+      EXPECT_EQ(reader.readArray(std::span(piece)), piece.size());
+      ASSERT_EQ(textOf(std::as_bytes(std::span(piece))), expected);
+      place += std::ssize(expected);
+    }
+    EXPECT_EQ(reader.skip(-200000), -place);
+    EXPECT_EQ(reader.skip(200000), std::ssize(bytes));
+    EXPECT_EQ(errorOf([&] { reader.seek(-1); }), Errc::endOfItem);
+    EXPECT_EQ(errorOf([&] { reader.seek(std::ssize(bytes) + 1); }), Errc::endOfItem);
+  };
+  wander(store, false);
+  store.close();
+  hxtest::transcodeFile(path_, "hxmok1/be/utf-8", foreign);
+  wander(session_.open(path_), false);
+  wander(session_.openMapped(path_), false);
+  wander(session_.open(foreign), true);
+}
+
 TEST_F(ViewTest, TellsWhatIsThere) {
   Store store = fill(session_.open(path_, Mode::create));
   const std::string nested = "n" + std::string(60, 'x');

@@ -49,7 +49,7 @@ class Printer {
       outcome_ = worse(outcome_, ExitCode::notOpenable);
       return;
     }
-    reader->skip(static_cast<std::size_t>(options_.offset));
+    reader->skip(options_.offset);
     pump_.move(options_.length, takeFrom(*reader),
                [&](std::span<const std::byte> bytes) { output_.write(bytes); });
   }

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "hxcrate/error.hpp"
+#include "hxcrate/view.hpp"
 
 namespace hx {
 struct ItemHandle;
@@ -109,11 +110,22 @@ class [[nodiscard]] Reader : public OpenItem {
     return count;
   }
 
-  // Passes over `count` bytes, or as many as there are, and returns how many that were. They are
-  // read on the way.
-  std::size_t skip(std::size_t count);
-  std::size_t skip(std::size_t count, std::error_code& error) noexcept {
+  std::int64_t tell() const { return position(); }
+  std::int64_t position() const;
+
+  // Goes to any place from 0 to the item's end, or throws endOfItem and stays. Nothing is read.
+  void seek(std::int64_t position);
+
+  // Passes over `count` bytes, or over -`count` back, but not past the item's ends, and returns how
+  // far it went. They are not read.
+  std::int64_t skip(std::int64_t count);
+  std::int64_t skip(std::int64_t count, std::error_code& error) noexcept {
     return captureError(error, [&] { return skip(count); });
+  }
+
+  void close();  // as OpenItem's
+  void close(std::error_code& error) noexcept {
+    captureError(error, [&] { close(); });
   }
 
  private:
@@ -134,10 +146,21 @@ class [[nodiscard]] Reader : public OpenItem {
   // `wanted` and there are bytes behind the last.
   std::size_t countLeft(std::size_t width, std::size_t wanted) const;
   std::size_t transfer(std::span<std::byte> buffer, std::size_t width);
+  void leave(std::int64_t position);
+  bool isFasterAway(std::size_t count) const;
+  std::size_t readAway(std::span<std::byte> buffer, std::size_t width);
+  std::size_t readAhead(std::span<std::byte> buffer);
   // All of `buffer`, of which the item has enough, or throws.
   void fill(std::span<std::byte> buffer, std::size_t width);
 
   std::int32_t pendingStatus_ = 0;  // the failure behind the bytes that the last read delivered
+
+  // Open once the reader went to another place, or reads so much at once that this is the faster
+  // way. Then the position is here and no longer the handle's.
+  View view_;
+  std::int64_t position_ = 0;
+  std::vector<std::byte> ahead_;  // for small reads, from aheadFrom_ on
+  std::int64_t aheadFrom_ = 0;
 };
 
 // Writes at the end of an item. Nobody else has the item open meanwhile.

@@ -72,8 +72,8 @@ class ItemOutputBuffer : public std::streambuf {
 };
 
 // An item as a std::istream from the reader's position on. A failure sets badbit, and is thrown
-// where exceptions() asks for it. tellg() tells the position in the item, seekg() goes forward
-// only. Movable; what was moved from is bad. One thread at a time uses it.
+// where exceptions() asks for it. tellg() tells the position in the item, seekg() goes to any.
+// Movable; what was moved from is bad. One thread at a time uses it.
 class [[nodiscard]] ItemInputStream : public std::istream {
  public:
   explicit ItemInputStream(Reader reader);
