@@ -336,41 +336,6 @@ TEST_F(ApiTest, RefusesToTakeAnItemPastItsCapacity) {
   ::munmap(room, kTooLong);
 }
 
-// The failure is this file's, whatever happens to others meanwhile.
-TEST_F(ApiTest, SaysWhatTheDiskDidNotTake) {
-  const std::string before = makeStore({{"old", "old"}}), bytes = makeBytes(5000000);
-  std::vector<std::string> told;
-  Session session({.onUnreportedError = [&](const Error& error) { told.push_back(error.what()); }});
-  const auto handler = std::signal(SIGXFSZ, SIG_IGN);
-  rlimit unlimited{};
-  ::getrlimit(RLIMIT_FSIZE, &unlimited);
-  const rlimit limit = {100000, unlimited.rlim_max};
-  ::setrlimit(RLIMIT_FSIZE, &limit);
-  const auto write = [&](Store& store) { append(store, "a", bytes); };
-  {
-    Store dropped = session.open(path_, Mode::update);
-    EXPECT_EQ(errorOf([&] { write(dropped); }), std::errc::file_too_large);
-    EXPECT_EQ(errorOf([&] { dropped.createStore("b").close(); }), Errc::fileFailed);
-  }
-  Store store = session.open(path_, Mode::update);
-  EXPECT_EQ(errorOf([&] { write(store); }), Errc::fileFailed);
-  for (const Mode mode : {Mode::read, Mode::replace})
-    EXPECT_EQ(errorOf([&] { return session.open(directory_.path(), mode); }), Errc::fileNotOpen);
-  EXPECT_FALSE(errorOf([&] { return session.open(directory_ / "y.st", Mode::create).close(); }));
-  const std::optional<Error> error = thrownBy([&] { store.close(); });
-  ::setrlimit(RLIMIT_FSIZE, &unlimited);
-  std::signal(SIGXFSZ, handler);
-
-  ASSERT_TRUE(error && error->fileFailure() != nullptr) << "closed as if all were well";
-  EXPECT_EQ(error->fileFailure()->reason, std::errc::file_too_large);
-  const std::string what = error->what();
-  EXPECT_TRUE(what.starts_with(path_ + ": the file service failed (write at byte ")) << what;
-  EXPECT_TRUE(what.ends_with("; the store is as it was)")) << what;
-  EXPECT_EQ(told, std::vector{what});
-  EXPECT_FALSE(store.isOpen());
-  EXPECT_EQ(readFile(path_), before);
-}
-
 // Also what grew within a page, and with members open, which then do nothing more.
 TEST_F(ApiTest, KeepsNothingOfAnAbandonedUpdate) {
   const std::string before = makeStore({{"old", "old"}});

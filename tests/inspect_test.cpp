@@ -293,15 +293,8 @@ TEST(CommandLimitsTest, HoldWhateverTheFileHolds) {
 // A megabyte of stores in stores, whose paths together would have 500 megabytes.
 TEST_F(InspectFileTest, TakesLittleMemoryHoweverDeepTheTree) {
   constexpr int kLevels = 10900;
-  const auto placeOf = [](int level) { return hx::kHeaderSize + int64_t{level} * hx::kEntrySize; };
-  Bytes image(static_cast<std::size_t>(placeOf(kLevels)), 0);
-  putRecord(image, 0, hx::fake::headerOf(0, placeOf(0)));
+  Bytes image = hx::fake::deepImage(kLevels, "nnnnnnnn");
   std::string("hxmok1/le/utf-8").copy(reinterpret_cast<char*>(image.data()), 15);
-  for (int level = 0; level < kLevels; ++level) {
-    const int64_t parent = level == 0 ? 0 : placeOf(level - 1);
-    const int64_t first = level + 1 < kLevels ? -placeOf(level + 1) : 0;
-    putRecord(image, placeOf(level), hx::fake::entryOf(parent, 0, 0, first, "nnnnnnnn"));
-  }
   writeImage(image);
   const std::string limit =
       HX_SANITIZED ? "" : "ulimit -v $((64 * 1024 + 32 * 1024));";  // libraries

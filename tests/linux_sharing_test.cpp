@@ -215,6 +215,15 @@ TEST_F(LinuxSharingTest, TellsWhoIsInTheWay) {
   }
 }
 
+TEST_F(LinuxSharingTest, WhoReadsByTwoNamesUpdatesByNeither) {
+  fs::create_hard_link(file_, file_ + "2");
+  hx::Store* held = session_.open(path_, hx::kRead);
+  EXPECT_EQ(session_.open(path_ + U"2", hx::kUpdate), nullptr);
+  EXPECT_EQ(session_.look(path_ + U"2"), "item=old;");
+  EXPECT_EQ(session_.open(path_, hx::kUpdate), nullptr);
+  session_.close(held);
+}
+
 TEST_F(LinuxSharingTest, ARequestSaysWhatMayBeThere) {
   const std::tuple<std::u32string, hxhost::OpenTerms, int> cases[] = {
       {path_, {.onlyNew = true}, EEXIST},

@@ -83,6 +83,13 @@ TEST(LinuxFaultTest, ARollbackThatFailsIsMadeUpFor) {
   }
 }
 
+template <typename Field>
+void changeHeader(DiskBytes& journal, Field hxhost::JournalHeader::*field, Field value) {
+  auto& header = *reinterpret_cast<hxhost::JournalHeader*>(journal.data());
+  header.*field = value;
+  header.checksum = checksumOf(header);
+}
+
 TEST(LinuxFaultTest, AJournalIsAppliedToItsOwnFileOnlyAndGoesWithIt) {
   const std::string before = lookAt(diskBefore(2));
   const std::string after = lookAt(diskBefore(3));
@@ -106,9 +113,7 @@ TEST(LinuxFaultTest, AJournalIsAppliedToItsOwnFileOnlyAndGoesWithIt) {
        before, false},
       {"of no birth",
        [](auto&, auto&, auto& journal) {
-         auto& header = *reinterpret_cast<hxhost::JournalHeader*>(journal.data());
-         header.birth = 0;
-         header.checksum = checksumOf(header);
+         changeHeader(journal, &hxhost::JournalHeader::birth, int64_t{0});
        },
        "absent", true},
       {"cut", [](auto&, auto& file, auto&) { file.resize(3000); }, "absent", true},
@@ -116,9 +121,7 @@ TEST(LinuxFaultTest, AJournalIsAppliedToItsOwnFileOnlyAndGoesWithIt) {
       {"removed", [](auto& image, auto&, auto&) { image.names.erase(kCrashFile); }, "absent", true},
       {"a later version",
        [](auto&, auto&, auto& journal) {
-         auto& header = *reinterpret_cast<hxhost::JournalHeader*>(journal.data());
-         header.version = 2;
-         header.checksum = checksumOf(header);
+         changeHeader(journal, &hxhost::JournalHeader::version, uint32_t{2});
        },
        "absent", true},
       {"damaged", [](auto&, auto&, auto& journal) { journal[8] ^= 2; }, after, false},

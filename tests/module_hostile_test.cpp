@@ -74,21 +74,8 @@ TEST(Hostile, AnItemOfMoreThanItsLimit) {
   munmap(room, kSize);
 }
 
-// Stores within stores; with `twice`, each leads to the next one two ways.
-Bytes deepImage(int64_t levels, bool twice) {
-  Bytes image(static_cast<size_t>(kHeaderSize + levels * kEntrySize));
-  putRecord(image, 0, headerOf(0, kHeaderSize));
-  for (int64_t level = 0; level < levels; ++level) {
-    const int64_t offset = kHeaderSize + level * kEntrySize;
-    const int64_t below = level + 1 < levels ? -offset - kEntrySize : 0;
-    const int64_t next = twice && level > 0 ? below : 0;
-    putRecord(image, offset, entryOf(level == 0 ? 0 : offset - kEntrySize, 0, next, below, ""));
-  }
-  return image;
-}
-
 TEST(Hostile, SubTreesThatDoubleAtEachLevel) {
-  expectAgreement(deepImage(60, true));
+  expectAgreement(deepImage(60, "", true));
 }
 
 void runOnSmallestStack(std::function<void()> work) {
@@ -108,7 +95,7 @@ void runOnSmallestStack(std::function<void()> work) {
 
 void liveInDeepTree(int32_t levels) {
   World w;
-  const Bytes image = deepImage(levels, false);
+  const Bytes image = deepImage(levels, "");
   w.image("x") = image;
   Store* deepest = nullptr;
   int64_t blobSize = 0;

@@ -17,6 +17,18 @@ Entry entryOf(int64_t parent, int64_t previous, int64_t next, int64_t first, con
   return entry;
 }
 
+Bytes deepImage(int64_t levels, const char* name, bool twice) {
+  Bytes image(static_cast<size_t>(kHeaderSize + levels * kEntrySize));
+  putRecord(image, 0, headerOf(0, kHeaderSize));
+  for (int64_t level = 0; level < levels; ++level) {
+    const int64_t offset = kHeaderSize + level * kEntrySize;
+    const int64_t below = level + 1 < levels ? -offset - kEntrySize : 0;
+    const int64_t next = twice && level > 0 ? below : 0;
+    putRecord(image, offset, entryOf(level == 0 ? 0 : offset - kEntrySize, 0, next, below, name));
+  }
+  return image;
+}
+
 namespace {
 
 struct Field {

@@ -44,6 +44,9 @@ void setField(Bytes& image, int64_t offset, Field Record::*field, Field value) {
 Header headerOf(int64_t pageSizeCode, int64_t directoryOffset);
 Entry entryOf(int64_t parent, int64_t previous, int64_t next, int64_t first, const char* name);
 
+// Stores of that name within stores; with `twice`, each leads to the next one two ways.
+Bytes deepImage(int64_t levels, const char* name, bool twice = false);
+
 // All records of a sound image, each store's members behind it; the pages come last.
 std::vector<StoredRecord> recordsOf(const Bytes& image);
 std::string nameAt(const Bytes& image, int64_t entryOffset);

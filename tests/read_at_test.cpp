@@ -51,7 +51,6 @@ TEST(ReadAt, TheHostSaysWhetherItsFilesCan) {
 
 TEST(ReadAt, CallsTheHostOnceForManyPagesAndForASmallItem) {
   World w;
-  w.instance->filesReadAt = true;
   w.run("open x UC; write x:a 300000; write x:b 100; close x; open x R; mark");
   View view(w, w.find("x"), U"a");
   for (int64_t offset = 0; offset < 262144; offset += 65536)
@@ -140,7 +139,6 @@ TEST(ReadAt, ChecksEachRecordAsTheLoaderDoes) {
 // Every call of the host fails once, or from then on.
 TEST(ReadAt, AFailureOfTheHostIsToldOrMadeGood) {
   World w;
-  w.instance->filesReadAt = true;
   w.run(
       "open x UC; pagesize x 16; write x:a 1000; item p x:p UC; item q x:q UC; write p 20; write q "
       "20; "
