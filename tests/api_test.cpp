@@ -58,10 +58,6 @@ class ApiTest : public testing::Test {
     store.append(path, Parents::create).write(bytes);
   }
 
-  static std::string get(const Store& store, const std::string& path) {
-    return store.read(path).readText();
-  }
-
   static std::map<std::string, MemberKind> membersOf(const Store& store) {
     std::map<std::string, MemberKind> members;
     for (const Member& member : store.members())
@@ -95,7 +91,7 @@ TEST_F(ApiTest, ABlobNeedsNeitherItsStoreNorItsSession) {
   namesake.close();
   EXPECT_EQ(session->memoryUse().blocks, before + 1);
   session.reset();
-  EXPECT_EQ(get(session_.openBlob(blob.bytes(), "x.st"), "s/a"), "a");
+  EXPECT_EQ(session_.openBlob(blob.bytes(), "x.st").getText("s/a"), "a");
   const Session taken = std::move(session_);
   // NOLINTNEXTLINE(bugprone-use-after-move)
   EXPECT_EQ(errorOf([&] { return session_.openBlob(blob, "x.st"); }), Errc::closed);
@@ -119,7 +115,7 @@ TEST_F(ApiTest, KeepsNamesByteForByteAndRefusesWhatWouldBeCut) {
       {longest, MemberKind::store}, {bytes, MemberKind::store}, {"..", MemberKind::store}};
   EXPECT_EQ(membersOf(store), expected);
   for (const auto& [name, kind] : expected)
-    EXPECT_EQ(get(store, name + "/" + name), name);
+    EXPECT_EQ(store.getText(name + "/" + name), name);
 }
 
 // What each mode makes of each file; where it fails the file must be as it was.
@@ -264,7 +260,7 @@ TEST_F(ApiTest, ServesAsStreamsOfTheStandardLibrary) {
   EXPECT_EQ(out.tellp(), 70006);
   EXPECT_FALSE(out.seekp(0));
   out.close();
-  EXPECT_EQ(get(store, "a"), text);
+  EXPECT_EQ(store.getText("a"), text);
   out.clear();
   out << 'x';
   EXPECT_EQ(errorOf([&] { out.close(); }), Errc::closed) << "that was lost";
@@ -326,7 +322,7 @@ TEST_F(ApiTest, RefusesToTakeAnItemPastItsCapacity) {
     EXPECT_EQ(errorOf([&] { out << "y"; }), Errc::itemFull);
     if (isClosed) {
       EXPECT_EQ(errorOf([&] { out.close(); }), Errc::itemFull);
-      EXPECT_EQ(get(store, "a"), "x");
+      EXPECT_EQ(store.getText("a"), "x");
     }
     EXPECT_TRUE(told.empty());
     store = Store();
@@ -365,7 +361,7 @@ TEST_F(ApiTest, KeepsNothingOfAnAbandonedUpdate) {
     reader.close();
     nested.close();
     EXPECT_EQ(readFile(path_), before);
-    EXPECT_EQ(get(session_.open(path_), "old"), "old");
+    EXPECT_EQ(session_.open(path_).getText("old"), "old");
     EXPECT_EQ(membersOf(session_.open(path_)).size(), 1u);
   }
   Store created = session_.open(directory_ / "y", Mode::create);

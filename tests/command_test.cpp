@@ -64,16 +64,6 @@ TEST_F(CommandTest, PacksAndUnpacksATree) {
   }
 }
 
-// Deeper than a path can be long, where no disk has to keep it.
-TEST_F(CommandTest, GoesAsDeepAsTheTree) {
-  const hxtest::TemporaryDirectory memory("/dev/shm");
-  const std::string in = memory / "in", out = memory / "out";
-  expectRun(0, "deep=$(printf 'd/%.0s' $(seq 1050)); mkdir -p " + in + "/$deep; cd " + in +
-                   "/$deep; mkdir -p $deep");
-  expectRun(0, "hxcrate pack --in-memory x.st " + in + "; hxcrate unpack x.st " + out);
-  expectPrinted(0, "hxcrate pack y.st " + out + "; hxcrate ls -R y.st | wc -l", "2100\n");
-}
-
 TEST_F(CommandTest, NamesEverythingThatCanNotBeKeptAndPacksNothing) {
   const std::string tooLong(65, 'n');
   writeFile(directory_ / "in/fine", "fine");

@@ -302,7 +302,9 @@ TEST_F(InspectFileTest, TakesLittleMemoryHoweverDeepTheTree) {
   for (const std::string words : {"check x.st", "stat x.st", "map x.st", "tree x.st", "ls -R x.st",
                                   "diff x.st x.st", "copy x.st y.st", "salvage x.st new.st"})
     expectRun(0, limit + "hxcrate " + words + " >/dev/null");
-  expectRun(0, limit + "hxcrate unpack x.st " + memory / "out; rm -r " + memory / "out");
+  const std::string out = memory / "out";
+  expectRun(0, limit + "hxcrate unpack x.st " + out);
+  expectRun(0, "hxcrate pack z.st " + out + "; hxcrate diff x.st z.st; rm -r " + out);
   expectRun(0, "hxcrate stat --json new.st | grep '\"depth\": 10900,'");
 }
 

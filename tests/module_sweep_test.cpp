@@ -36,10 +36,10 @@ TEST(Sweeps, SizesAroundPageBoundaries) {
                 "open x R; item r x:a R;" +
                 inPieces("read r ", size + 3, piece));
           // From the other machine two bytes are a number; a blob is read where it lies.
-          w.run(flags.empty()
-                    ? "close x; foreign f x; open f R; item c f:a R;" +
-                          inPieces("convert c ", (size + 3) / 2, piece)
-                    : "blob x B; load B R; item c B:a R;" + inPieces("read c ", size + 3, piece));
+          w.run(flags.empty() ? "close x; foreign f x; open f R; item c f:a R;" +
+                                    inPieces("convert c ", (size + 3) / 2, piece) + "tree f"
+                              : "tree x; blob x B; load B R; tree B; item c B:a R;" +
+                                    inPieces("read c ", size + 3, piece));
           w.settle();
         }
       }
