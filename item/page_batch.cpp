@@ -6,6 +6,7 @@
 
 namespace hx {
 
+// cppcheck-suppress uninitMemberVar
 PageBatch::PageBatch(ItemView* view, int64_t offset, uint8_t* to, int64_t wanted)
     : view_(view), pageSize_(pageSizeOf(view)), offset_(offset), to_(to), wanted_(wanted) {}
 

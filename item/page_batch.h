@@ -51,8 +51,8 @@ class PageBatch {
   int32_t recordCount_ = 0;
   int32_t partCount_ = 0;
   ReadRequest parts_[2 * kMostPages + 1];
-  DataChunk records_[kMostPages + 1];
-  DataChunk passed_;  // what lies between two pages that are known
+  DataChunk records_[kMostPages + 1];  // filled by the read alone
+  DataChunk passed_{};                 // what lies between two pages that are known
 };
 
 }  // namespace hx

@@ -44,7 +44,10 @@ struct Wanted {
 // The bytes of a known page where they lie in memory, or null.
 const uint8_t* addressOf(const PagePlace& found, const SharedStorage& storage) {
   if (found.pages == 0) return nullptr;
-  if (found.isInMemory) return reinterpret_cast<const uint8_t*>(found.place);
+  if (found.isInMemory) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): runs keep places and addresses alike, as numbers
+    return reinterpret_cast<const uint8_t*>(found.place);
+  }
   return storage.blob() != nullptr ? storage.blob() + found.place : nullptr;
 }
 

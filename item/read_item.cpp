@@ -55,7 +55,7 @@ class TakenPages {
  private:
   static constexpr int32_t kMost = 16;
 
-  uint8_t* placeOf(int32_t i) const { return to_ + int64_t{i} * pageSize_; }
+  uint8_t* placeOf(int32_t i) const { return &to_[int64_t{i} * pageSize_]; }
 
   const ItemMember* item_;
   int32_t pageSize_;
