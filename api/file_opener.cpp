@@ -39,7 +39,7 @@ FileOpener::FileOpener(std::shared_ptr<Engine> engine, const std::string& path, 
 
 std::shared_ptr<Opening> FileOpener::open() {
   if (mode_ == Mode::create) requireNothing(path_);
-  const auto opening = std::make_shared<Opening>(engine_, path_, mode_ != Mode::read);
+  auto opening = std::make_shared<Opening>(engine_, path_, mode_ != Mode::read);
   for (int left = kMostAttempts; left > 0; --left) {
     if (attempt(*opening)) return opening;
   }
@@ -47,7 +47,7 @@ std::shared_ptr<Opening> FileOpener::open() {
 }
 
 std::shared_ptr<Opening> FileOpener::openEmpty() {
-  const auto opening = std::make_shared<Opening>(engine_, path_, true);
+  auto opening = std::make_shared<Opening>(engine_, path_, true);
   const hxhost::OpenRequest request({});
   OpenedRoot root = enterModule(hx::kUpdate | hx::kCreate);
   if (root == nullptr) failOpening(path_, refusalOf(request), static_cast<Errc>(status_), true);

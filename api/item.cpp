@@ -67,6 +67,7 @@ void OpenItem::close() {
 
 hx::ItemHandle* OpenItem::handle() const {
   if (handle_ == nullptr) throw Error(Errc::closed, "", "");
+  opening_->requireKept(*handle_->item);
   return handle_;
 }
 
@@ -83,7 +84,8 @@ std::size_t Reader::read(std::span<std::byte> buffer) {
 }
 
 std::int64_t Reader::position() const {
-  return view_.isOpen() ? position_ : OpenItem::position();
+  const std::int64_t unmoved = OpenItem::position();
+  return view_.isOpen() ? position_ : unmoved;
 }
 
 void Reader::seek(std::int64_t position) {
@@ -167,7 +169,6 @@ std::size_t Reader::countLeft(std::size_t width, std::size_t wanted) const {
 
 std::size_t Reader::transfer(std::span<std::byte> buffer, std::size_t width) {
   hx::ItemHandle* item = handle();
-  opening()->requireKept(*item->item);
   const bool isSound = pendingStatus_ == hx::kOk;
   if (!view_.isOpen() && isSound && isFasterAway(buffer.size())) leave(position());
   if (view_.isOpen()) return readAway(buffer, width);

@@ -14,11 +14,12 @@ namespace hxcrate {
 class ListingWalk {
  public:
   ListingWalk(std::shared_ptr<Opening> opening, hx::Store* store, ListOptions options)
-      : opening_(std::move(opening)), options_(options) {
+      : opening_(std::move(opening)), start_(store), options_(options) {
     enter(store);
   }
 
   bool next(ListedMember& listed) {
+    opening_->requireKept(*start_);
     while (!levels_.empty() && levels_.back().next == levels_.back().members.size())
       levels_.pop_back();
     if (levels_.empty()) return false;
@@ -61,6 +62,7 @@ class ListingWalk {
   }
 
   std::shared_ptr<Opening> opening_;
+  hx::Store* start_;
   ListOptions options_;
   std::vector<Level> levels_;
   std::string path_;

@@ -79,7 +79,8 @@ MemberStatus Store::stat(std::string_view path) const {
 }
 
 Listing Store::list(std::string_view path, ListOptions options) const {
-  if (path.empty()) return {opening_, store(), options};
+  opening_->requireKept(*store());
+  if (path.empty()) return {opening_, store_, options};
   return {opening_, openStore(path).store(), options};
 }
 

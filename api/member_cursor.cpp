@@ -11,7 +11,8 @@
 namespace hxcrate {
 
 MemberCursor::MemberCursor(std::shared_ptr<Opening> opening, hx::Store* store)
-    : opening_(std::move(opening)) {
+    : opening_(std::move(opening)), store_(store) {
+  opening_->requireKept(*store_);
   hx::Lock* lock = store->extension->lock;
   if (lock->acquire(lock, 1, 1) != 0) opening_->fail(hx::kNotLocked, pathOf(*store));
   table_ = store->members;
@@ -26,6 +27,7 @@ bool MemberCursor::next(Member& member) {
 }
 
 hx::Member* MemberCursor::next(std::string& name) {
+  opening_->requireKept(*store_);
   while (shown_ == chain_.size()) {
     if (!fillChain()) return nullptr;
   }

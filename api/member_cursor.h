@@ -19,7 +19,7 @@ namespace hxcrate {
 // members as that: of several of one name the first, and none without a name. Used by one thread.
 class MemberCursor {
  public:
-  // Throws notLocked.
+  // Throws notLocked. Like next, throws when what it would show is not kept.
   MemberCursor(std::shared_ptr<Opening> opening, hx::Store* store);
 
   // Fills in the next member; false at the end.
@@ -32,6 +32,7 @@ class MemberCursor {
   void dropRepeated();
 
   std::shared_ptr<Opening> opening_;  // keeps the members where they are
+  hx::Store* store_;
   hx::MemberTable table_;
   std::int32_t bucket_ = 0;                // whose chain is next
   std::vector<hx::Member*> chain_;         // what is shown of the one before

@@ -30,7 +30,7 @@ Opening::~Opening() {
   if (root_ == nullptr) return;
   engine_->reportFailureOf(path_, [this] {
     if (writable_ && isUnwinding()) abandon();
-    close();
+    isTold_ ? closeRoot() : close();
   });
 }
 
@@ -44,21 +44,17 @@ bool Opening::isUnwinding() const noexcept {
   return std::uncaught_exceptions() > exceptionsAtOpening_;
 }
 
-std::optional<FileFailure> Opening::takeFailure() {
+std::optional<FileFailure> Opening::takeFailure() const {
   return outcome_ != nullptr ? takeFailureOf(*outcome_, path_) : std::nullopt;
 }
 
-void Opening::fail(std::int32_t status, const std::string& member) {
-  if (isAbandoned_) failAbandoned(member);
+void Opening::fail(std::int32_t status, const std::string& member) const {
+  if (update_ == Update::kAbandoned) throw Error(Errc::abandoned, path_, member);
   const Errc code = static_cast<Errc>(status);
   if (std::optional<FileFailure> failure = takeFailure()) {
     throw Error(outcome_->isLost() ? Errc::fileFailed : code, path_, member, *failure);
   }
   throw Error(code, path_, member);
-}
-
-void Opening::failAbandoned(const std::string& member) const {
-  throw Error(Errc::abandoned, path_, member);
 }
 
 void Opening::commit(const std::string& place) {
@@ -68,20 +64,29 @@ void Opening::commit(const std::string& place) {
   hx::FileHandle* file = hx::fileOf(root_);
   if (file == nullptr) return;
   writeBack(root_);
-  if (!hxhost::LinuxHost::commitUpdate(file)) fail(static_cast<int>(Errc::fileFailed), place);
+  if (hxhost::LinuxHost::commitUpdate(file)) return;
+  update_ = Update::kLost;
+  fail(static_cast<int>(Errc::fileFailed), place);
 }
 
 void Opening::abandon() {
   const hx::LockGuard lock(module()->lock);
   if (!lock.taken()) throw Error(Errc::notLocked, path_, "");
-  isAbandoned_ = true;
+  update_ = Update::kAbandoned;
   if (hx::FileHandle* file = hx::fileOf(root_)) hxhost::LinuxHost::abandonUpdate(file);
+}
+
+void Opening::close() {
+  if (root_ == nullptr) return;
+  closeRoot();
+  if (std::optional<FileFailure> failure = endFailure()) {
+    throw Error(Errc::fileFailed, path_, "", *failure);
+  }
 }
 
 // The module would keep a closed store in memory for a later open, which nobody can ask for when it
 // has no file.
-void Opening::close() {
-  if (root_ == nullptr) return;
+void Opening::closeRoot() {
   const std::lock_guard guard(engine_->openingMutex());
   const bool isDropped = isInMemory();
   hx::Store* root = std::exchange(root_, nullptr);
@@ -90,17 +95,13 @@ void Opening::close() {
   if (!name_.empty()) {
     engine_->files().leave(name_, isLost ? std::nullopt : outcome_->closed());
   }
-  if (std::optional<FileFailure> failure = endFailure()) {
-    throw Error(Errc::fileFailed, path_, "", *failure);
-  }
 }
 
 // What an abandoned update was lost by is no failure when the file is what it was.
-std::optional<FileFailure> Opening::endFailure() {
-  std::optional<FileFailure> failure = takeFailure();
-  const bool isWanted =
-      isTold_ || (isAbandoned_ && outcome_ != nullptr && outcome_->wasRolledBack());
-  return isWanted ? std::nullopt : failure;
+std::optional<FileFailure> Opening::endFailure() const {
+  const bool isAbandoned = update_ == Update::kAbandoned;
+  const bool isWanted = isAbandoned && outcome_ != nullptr && outcome_->wasRolledBack();
+  return isWanted ? std::nullopt : takeFailure();
 }
 
 }  // namespace hxcrate

@@ -43,17 +43,18 @@ class Opening {
   bool isInMemory() const { return (root_->flags & hx::kNoFileStore) != 0; }
 
   // An error of this file: `status` as the module gave it, and the system's reason if there is one.
-  [[noreturn]] void fail(std::int32_t status, const std::string& member);
+  [[noreturn]] void fail(std::int32_t status, const std::string& member) const;
 
-  // Throws abandoned; `place` is the record of what was to be used.
+  // Throws abandoned, and fileFailed after a commit that failed: what would be shown is not in the
+  // file. `place` is the record of what was to be used.
   template <typename Record>
   void requireKept(const Record& place) const {
-    if (isAbandoned_) failAbandoned(pathOf(place));
+    if (update_ != Update::kKept) fail(static_cast<int>(Errc::fileFailed), pathOf(place));
   }
 
   // Throws also what the update was lost by.
   template <typename Record>
-  void requireWhole(const Record& place) {
+  void requireWhole(const Record& place) const {
     requireKept(place);
     if (outcome_ != nullptr && outcome_->isLost())
       fail(static_cast<int>(Errc::fileFailed), pathOf(place));
@@ -72,17 +73,19 @@ class Opening {
   // Whether an exception unwinds that came after the opening.
   bool isUnwinding() const noexcept;
 
-  // Nothing is told of what the update was lost by at its end: somebody was.
+  // Somebody was told what the update was lost by: it is not reported when the last member goes.
   void markTold() noexcept { isTold_ = true; }
 
-  // Throws fileFailed when not everything reached the file, or could be undone; it is closed all
-  // the same.
+  // Throws fileFailed when not everything reached the file, or could be undone, whoever was told;
+  // it is closed all the same.
   void close();
 
  private:
-  std::optional<FileFailure> takeFailure();
-  std::optional<FileFailure> endFailure();
-  [[noreturn]] void failAbandoned(const std::string& member) const;
+  enum class Update { kKept, kAbandoned, kLost };  // lost: by a commit
+
+  std::optional<FileFailure> takeFailure() const;
+  std::optional<FileFailure> endFailure() const;
+  void closeRoot();
 
   std::shared_ptr<Engine> engine_;
   std::shared_ptr<const void> bytes_;
@@ -92,7 +95,7 @@ class Opening {
   const bool writable_;
   const int exceptionsAtOpening_;
   std::atomic<int> writers_{0};
-  std::atomic<bool> isAbandoned_{false};
+  std::atomic<Update> update_{Update::kKept};
   std::atomic<bool> isTold_{false};
   hx::Store* root_ = nullptr;  // null before it is taken and when closed
 };

@@ -200,14 +200,15 @@ void Store::close() {
 void Store::commit() {
   requireWritable();
   const hx::Store& place = *store();
-  opening_->requireKept(place);
   const std::shared_ptr<Opening> opening = opening_;
   try {
+    opening->requireKept(place);
     opening->commit(pathOf(place));
   } catch (const Error& error) {
-    if (error.errc() == Errc::fileFailed) release();
-    if (store_ != nullptr || opening.use_count() > 1) throw;
-    opening->close();
+    if (error.errc() != Errc::fileFailed) throw;
+    release();
+    if (opening.use_count() == 1) opening->close();
+    opening->markTold();
     throw;
   }
 }
@@ -268,7 +269,8 @@ Writer Store::append(std::string_view path, Parents parents) {
 }
 
 MemberRange Store::members() const {
-  return {opening_, store()};
+  opening_->requireKept(*store());
+  return {opening_, store_};
 }
 
 Blob Store::makeBlob() {

@@ -177,6 +177,58 @@ TEST_F(Sharing, TellsAFailureAsSoonAsItIsKnown) {
   EXPECT_EQ(namesIn(session.open(path_, Mode::update)), "old");
 }
 
+// By whatever is still open. Who was told what an update was lost by is not told again.
+TEST_F(Sharing, ShowsNothingThatWasUndone) {
+  for (const Errc end : {Errc::fileFailed, Errc::abandoned}) {
+    int reports = 0;
+    Session session({.onUnreportedError = [&](const Error&) { ++reports; }});
+    {
+      Store store = session.open(path_, Mode::update);
+      Store nested = store.createStore("s");
+      put(nested, "a");
+      Reader reader = nested.read("a");
+      Reader ended = nested.read("a");
+      ended.readText();
+      const View view = nested.view("a");
+      Writer writer = end == Errc::abandoned ? nested.create("b") : Writer();
+      const MemberRange members = nested.members();
+      const Listing listing = nested.list();
+      auto member = members.begin();
+      auto listed = listing.begin();
+      if (end == Errc::abandoned) {
+        store.abandon();
+      } else {
+        std::filesystem::rename(path_, path_ + "2");
+        EXPECT_EQ(errorOf([&] { store.commit(); }), end);
+        std::filesystem::rename(path_ + "2", path_);
+      }
+      const std::function<void()> uses[] = {
+          [&] { return reader.size(); },
+          [&] { return reader.position(); },
+          [&] { return reader.readText(); },
+          [&] { return ended.readText(); },
+          [&] { return ended.readArray<int>(); },
+          [&] { return view.readText(); },
+          [&] { return nested.read("a"); },
+          [&] { return nested.getText("a"); },
+          [&] { return nested.exists("a"); },
+          [&] { return nested.stat("a"); },
+          [&] { return nested.list(); },
+          [&] { return nested.members(); },
+          [&] { return members.begin(); },
+          [&] { return listing.begin(); },
+          [&] { ++member; },
+          [&] { ++listed; },
+          [&] { end == Errc::abandoned ? void(writer.size()) : put(nested, "c"); },
+          [&] { end == Errc::abandoned ? writer.write("") : nested.commit(); }};
+      for (const auto& use : uses)
+        EXPECT_EQ(errorOf(use), end) << &use - uses;
+    }
+    EXPECT_EQ(reports, 0);
+    EXPECT_EQ(names(), "old");
+  }
+}
+
 // The store first, its members after it, or a nested store alone.
 TEST_F(Sharing, LeavingByAnExceptionUndoes) {
   const std::function<void()> leave[] = {[&] {

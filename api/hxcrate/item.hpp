@@ -60,7 +60,7 @@ class OpenItem {
   // Closes. A failure goes to the session's onUnreportedError.
   ~OpenItem();
 
-  hx::ItemHandle* handle() const;  // throws closed
+  hx::ItemHandle* handle() const;  // throws closed, and what its update is over by
   [[noreturn]] void fail(std::int32_t status) const;
   [[noreturn]] void refuse(Errc code, std::string_view detail) const;
   const std::shared_ptr<Opening>& opening() const noexcept { return opening_; }  // of an open item

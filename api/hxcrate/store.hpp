@@ -186,7 +186,8 @@ class [[nodiscard]] Store {
   // Makes durable what was written to the file so far, and the update goes on: nobody gets in
   // between, and what is open in it stays so. Throws membersOpen, and changes nothing, while an
   // item is open for writing; readOnly. After fileFailed the file is as it was after the commit
-  // before, and this is closed. Nothing is to be done for a store in memory.
+  // before, this is closed, and whatever is done through other members throws that too. Nothing is
+  // to be done for a store in memory.
   void commit();
   void commit(std::error_code& error) noexcept {
     captureError(error, [&] { commit(); });
