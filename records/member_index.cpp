@@ -13,9 +13,10 @@ constexpr uint32_t kIndexedFrom = 256;
 // is where this process keeps the index.
 uint32_t keyedHash(const MemberIndex& index, Name name) {
   const uint64_t key = reinterpret_cast<uintptr_t>(&index) * 0x9e3779b97f4a7c15u | 1;
-  uint64_t hash = key;
-  for (int32_t i = 0; i < name.length; ++i) {
-    hash = (hash ^ name.characters[i]) * key;
+  uint64_t hash = key + static_cast<uint32_t>(name.length);
+  for (int32_t i = 0; i < name.length; i += 2) {
+    const uint64_t second = i + 1 < name.length ? name.characters[i + 1] : 0;
+    hash = (hash ^ (second << 32 | name.characters[i])) * key;
     hash ^= hash >> 32;
   }
   return static_cast<uint32_t>(hash);
