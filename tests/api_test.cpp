@@ -3,11 +3,9 @@
 #include <gtest/gtest.h>
 #include <malloc.h>
 #include <sys/mman.h>
-#include <sys/resource.h>
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <cstring>
 #include <functional>
 #include <hxcrate/crate.hpp>
@@ -15,7 +13,6 @@
 #include <map>
 #include <optional>
 #include <ranges>
-#include <thread>
 #include <vector>
 
 #include "file/format.h"

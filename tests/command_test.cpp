@@ -9,7 +9,6 @@
 #include <vector>
 
 #include "tests/command_fixture.h"
-#include "tests/fuzzed.h"
 
 namespace {
 
@@ -113,15 +112,6 @@ TEST_F(CommandTest, LeavesNothingBehindWhenItFails) {
   }
   expectRun(5, "hxcrate pack in/y.st in; " + kFullDisk + "hxcrate unpack in/y.st out");
   expectPrinted(0, "ls; ls out", "in\nout\n");
-}
-
-TEST_F(CommandTest, UnpacksNothingOutsideWhateverTheFileHolds) {
-  std::size_t made = 0;
-  for (const auto& [name, image] : readTree(HX_SOURCE_DIR "/tests/corpus/unpack")) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(image.data());
-    EXPECT_NO_THROW(made += hxtest::expectContainedUnpack({bytes, image.size()})) << name;
-  }
-  EXPECT_GT(made, 10u) << "the corpus is missing, or can't be opened";
 }
 
 TEST_F(CommandTest, OverwritesOnlyWhenToldTo) {

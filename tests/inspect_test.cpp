@@ -11,7 +11,6 @@
 #include "records/name.h"
 
 #include "tests/command_fixture.h"
-#include "tests/fuzzed.h"
 #include "tests/module_image.h"
 #include "tests/transcoded_file.h"
 
@@ -270,24 +269,6 @@ TEST_F(InspectFileTest, TakesLittleTimeWhateverTheNames) {
                "cat x.st " + one, "put x.st new/" + one + " -p </dev/null"});
   writeImage(makeFlatImage(100000, 16, [&](int) { return names.back(); }));
   expectQuick({"ls -lR x.st", "check x.st", "diff x.st x.st", "cat x.st " + one});
-}
-
-// What the fuzzer found, and some that it would try.
-TEST(CommandLimitsTest, HoldWhateverTheFileHolds) {
-  const auto inputs = hxtest::readTree(HX_SOURCE_DIR "/tests/corpus/commands");
-  EXPECT_GE(inputs.size(), 8u) << "the corpus is missing";
-  const auto run = [](const std::string& input) {
-    const auto* bytes = reinterpret_cast<const std::uint8_t*>(input.data());
-    EXPECT_NO_THROW(hxtest::expectBoundedCommands({bytes, input.size()}));
-  };
-  for (const auto& [name, input] : inputs) {
-    SCOPED_TRACE(name);
-    run(input);
-  }
-  for (unsigned seed = 1; seed <= 40; ++seed) {
-    SCOPED_TRACE(seed);
-    run(makeBytes(20 + seed * 3, seed));
-  }
 }
 
 // A megabyte of stores in stores, whose paths together would have 500 megabytes.

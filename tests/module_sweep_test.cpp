@@ -2,13 +2,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <functional>
 #include <random>
 
 #include "tests/fuzzed.h"
 #include "tests/module_world.h"
+#include "tests/temporary_directory.h"
 
 namespace hx::fake {
 namespace {
@@ -57,19 +56,32 @@ TEST(Sweeps, RandomOperations) {
   }
 }
 
+using Use = std::function<void(std::span<const uint8_t>)>;
+
+void useText(const Use& use, const std::string& input) {
+  EXPECT_NO_THROW(use({reinterpret_cast<const uint8_t*>(input.data()), input.size()}));
+}
+
+// What the fuzzers found, and some that they would try.
 TEST(Sweeps, TheFuzzersCorpora) {
-  for (const auto& [corpus, use] :
-       {std::pair("image", &expectAgreement), std::pair("operations", &expectSoundLife)}) {
-    int inputs = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(
-             std::string(HX_SOURCE_DIR "/tests/corpus/") + corpus)) {
-      SCOPED_TRACE(entry.path());
-      std::ifstream stream(entry.path(), std::ios::binary);
-      const std::vector<char> input{std::istreambuf_iterator<char>(stream), {}};
-      use({reinterpret_cast<const uint8_t*>(input.data()), input.size()});
-      ++inputs;
+  const std::pair<const char*, Use> corpora[] = {{"image", expectAgreement},
+                                                 {"operations", expectSoundLife},
+                                                 {"unpack", hxtest::expectContainedUnpack},
+                                                 {"commands", hxtest::expectBoundedCommands}};
+  for (const auto& [corpus, use] : corpora) {
+    const auto inputs = hxtest::readTree(std::string(HX_SOURCE_DIR "/tests/corpus/") + corpus);
+    EXPECT_GE(inputs.size(), 8u) << "the corpus is missing: " << corpus;
+    for (const auto& [name, input] : inputs) {
+      SCOPED_TRACE(corpus + name);
+      useText(use, input);
     }
-    EXPECT_GE(inputs, 8) << "the corpus is missing: " << corpus;
+  }
+}
+
+TEST(Sweeps, CommandsOnRandomDamage) {
+  for (unsigned seed = 1; seed <= 40; ++seed) {
+    SCOPED_TRACE(seed);
+    useText(hxtest::expectBoundedCommands, hxtest::makeBytes(20 + seed * 3, seed));
   }
 }
 
