@@ -4,12 +4,14 @@
 #include <fcntl.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/xattr.h>
 #include <unistd.h>
 
 #include <cstddef>
+#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -39,6 +41,11 @@ void refuseNamelessFiles() {
 
 class NewFileTest : public hxtest::CommandFixture {
  protected:
+  void exchange(const std::string& one, const std::string& other) {
+    ::renameat2(AT_FDCWD, (directory_ / one).c_str(), AT_FDCWD, (directory_ / other).c_str(),
+                RENAME_EXCHANGE);
+  }
+
   // With files that have no name, and on a file system that knows none.
   template <typename Story>
   void tellTwice(Story story) {
@@ -148,6 +155,31 @@ TEST_F(NewFileTest, LetsNobodyReadWhatHeCouldNotReadBefore) {
   expectRun(0, "rm y.st; chmod 640 x.st; chown 0:1 x.st; cp -p x.st z.st; chown 1:5 z.st");
   expectRun(0, asUser + "copy z.st y.st");
   EXPECT_EQ(rightsOf("y.st"), "600 1 1\n");
+  expectRun(0, "rm y.st; chmod 604 z.st; " + asUser + "copy z.st y.st");
+  EXPECT_EQ(rightsOf("y.st"), "600 1 1\n");  // group 5 are others now
+}
+
+// Who may rename in the folder does not choose the rights of what others make there: here he gives
+// his file the name when the source is scanned, and the other one its own when that is read.
+TEST_F(NewFileTest, TakesNoRightsFromWhatTookTheNameOfTheReplaced) {
+  expectRun(0, "mkdir in; (cd in; seq 500 | xargs touch); hxcrate pack x.st in");
+  expectRun(0, "chmod 600 x.st; >mine; chmod 666 mine");
+  const int events = ::inotify_init1(IN_CLOEXEC);
+  ASSERT_GE(::inotify_add_watch(events, (directory_ / "in").c_str(), IN_OPEN | IN_ONESHOT), 0);
+  std::thread stranger([&] {
+    inotify_event event{};
+    for (int left = 2; left > 0 && ::read(events, &event, sizeof(event)) > 0;) {
+      if ((event.mask & IN_OPEN) == 0) continue;
+      --left;
+      exchange("x.st", "mine");
+      ::inotify_add_watch(events, (directory_ / "in/1").c_str(), IN_OPEN | IN_ONESHOT);
+    }
+  });
+  expectRun(3, "hxcrate pack --replace x.st in");
+  expectSaid("hxcrate: x.st: somebody gave its name to another file\n");
+  expectRun(0, "cat in/1");
+  stranger.join();
+  ::close(events);
 }
 
 TEST_F(NewFileTest, KeepsTheAclOfWhatItReplacesOrCopies) {

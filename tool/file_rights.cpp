@@ -56,11 +56,13 @@ void FileRights::bound(const Descriptor& file, const std::string& path) const {
   mode_t mode = status_.st_mode & 0666 & ~maskOfProcess();
   struct stat made {};
   if (::fstat(file.number(), &made) != 0) throw systemFailure(path, "inspect");
-  // A group of another kind of people may do what everybody may.
+  // Without its group, whose members become others, all but the owner may do what both that group
+  // and the others may; what the group may does not show in the mode when there is an ACL.
   const bool hasGroup =
       made.st_gid == status_.st_gid || ::fchown(file.number(), kSameOwner, status_.st_gid) == 0;
-  if (!hasGroup) mode = (mode & ~mode_t{0070}) | (mode & (mode & 0007) << 3);
-  if (!giveAcl(file)) mode &= 0600;
+  const mode_t shared = mode & 0007 & (mode >> 3);
+  if (!hasGroup) mode = (mode & 0700) | shared << 3 | shared;
+  if (!giveAcl(file) || (!hasGroup && acl_)) mode &= 0600;
   if (::fchmod(file.number(), mode) != 0) throw systemFailure(path, "set its mode");
 }
 

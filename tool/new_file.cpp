@@ -108,10 +108,17 @@ void NewFile::createAside(mode_t mode) {
   throw systemFailure(path_, "create");
 }
 
-// Before there is any byte that somebody could read.
+// Before there is any byte that somebody could read. The name may lead to another file by now, with
+// rights that somebody chose.
 void NewFile::takeRightsOfReplaced() {
   const Descriptor existing = openBeneath(directory_, name_, O_PATH);
-  if (!existing.isOpen()) throw systemFailure(path_, "inspect");
+  struct stat status {};
+  if (!existing.isOpen() || ::fstat(existing.number(), &status) != 0) {
+    throw systemFailure(path_, "inspect");
+  }
+  if (!isSameFile(status, *replaced_)) {
+    throw Failure(ExitCode::inputOutput, path_, "", "somebody gave its name to another file");
+  }
   FileRights(existing, path_).give(file_, path_);
 }
 
