@@ -84,13 +84,13 @@ void renameOver(SimulatedDisk& disk, unsigned seed) {
   const DiskBytes bytes = elsewhere.live().at(kCrashFile);
   CrashFiles files(hostOver(disk));
   hx::FileHandle* old = files.open(kCrashStore, hx::HX_ACCESS_READ);
-  disk.syncDirectory("/");  // a journal that is gone must not come back beside the new file
+  disk.syncDirectory(0);  // a journal that is gone must not come back beside the new file
   const int made = disk.open(kNewFile, hxhost::OpenMode::kCreateNew);
   disk.writeAt(made, bytes.data(), bytes.size(), 0);
   disk.sync(made);
   disk.close(made);
   disk.rename(kNewFile, kCrashFile);
-  disk.syncDirectory("/");
+  disk.syncDirectory(0);
   if (old != nullptr) old->close(old);
 }
 

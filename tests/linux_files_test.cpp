@@ -331,6 +331,26 @@ TEST_F(LinuxFilesTest, TheJournalIsNobodysWayIntoAnotherFile) {
   EXPECT_FALSE(fs::exists(folder_ / "victim"));
 }
 
+// The way to the store leads elsewhere once it is open: what lies beside the name there is no
+// concern of the update, and nothing is made there.
+TEST_F(LinuxFilesTest, TheJournalLiesWhereTheFileWasOpened) {
+  const fs::path way = folder_ / "way";
+  const fs::path moved = folder_ / "moved";
+  const fs::path victim = folder_ / "victim";
+  writeFile(way / "store", "old");
+  writeFile(victim / "store-journal", "theirs");
+  fs::create_hard_link(way / "store", victim / "store");
+  File file(files_.open(toPath(way / "store")));
+  fs::rename(way, moved);
+  fs::create_symlink(victim, way);
+  EXPECT_TRUE(file.writeAt(0, {'n', 'e', 'w'}));
+  file.close();
+  EXPECT_EQ(files_.failure(), "");
+  EXPECT_EQ(readFile(moved / "store"), "new");
+  EXPECT_EQ(readFile(victim / "store-journal"), "theirs");
+  EXPECT_FALSE(fs::exists(moved / "store-journal"));
+}
+
 // What is said to be there must be found under its name.
 TEST_F(LinuxFilesTest, AFileThatLosesItsNameIsNoSuccessAndIsWhatItWas) {
   const fs::path moved = folder_ / "moved";
@@ -494,7 +514,7 @@ TEST(LinuxDiskTest, ReadFailuresAreThoseOfBytesAskedFor) {
 
 TEST_F(LinuxFilesTest, SystemFilesSyncAndStayOutOfOtherPrograms) {
   const auto ops = hxhost::makeSystemFileOps();
-  const int file = ops->open(path_, hxhost::OpenMode::kCreateNew);
+  const int file = ops->open(AT_FDCWD, path_, hxhost::OpenMode::kCreateNew);
   EXPECT_EQ(fcntl(file, F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
   EXPECT_EQ(ops->sync(file) + ops->close(file), 0);
   EXPECT_EQ(ops->sync(file), EBADF);

@@ -116,7 +116,15 @@ class SimulatedDisk : public hxhost::FileOps {
     return image;
   }
 
-  int open(const std::string& path, hxhost::OpenMode mode) override {
+  int openDirectory(const std::string&) override {
+    return fails(DiskOperation::kLook) ? -failure : kDirectory;
+  }
+
+  int open(int, const std::string& name, hxhost::OpenMode mode) override {
+    return open("/" + name, mode);
+  }
+
+  int open(const std::string& path, hxhost::OpenMode mode) {
     using hxhost::OpenMode;
     if (fails(DiskOperation::kOpen, path)) return -failure;
     if (isReadOnly && mode != OpenMode::kRead) return -EACCES;
@@ -167,6 +175,10 @@ class SimulatedDisk : public hxhost::FileOps {
     return 0;
   }
 
+  int inspectName(int, const std::string& name, hxhost::FileInfo& info) override {
+    return inspectPath("/" + name, info);
+  }
+
   int truncate(int file, int64_t size) override {
     if (fails(DiskOperation::kTruncate, pathOf(file))) return failure;
     change({DiskOperation::kTruncate, openings_.at(file).inode, "", static_cast<size_t>(size)});
@@ -196,13 +208,14 @@ class SimulatedDisk : public hxhost::FileOps {
 
   int copyAccess(int, int) override { return fails(DiskOperation::kLook) ? failure : 0; }
 
-  int syncDirectory(const std::string& path) override {
-    if (fails(DiskOperation::kSyncDirectory, path)) return failure;
+  int syncDirectory(int) override {
+    if (fails(DiskOperation::kSyncDirectory, "/")) return failure;
     settle([](const DiskChange& done) { return !done.path.empty(); });
     return 0;
   }
 
-  int remove(const std::string& path, int file) override {
+  int remove(int, const std::string& name, int file) override {
+    const std::string path = "/" + name;
     if (fails(DiskOperation::kUnlink, path)) return failure;
     if (!live_.has(path)) return ENOENT;
     if (live_.names.at(path) != openings_.at(file).inode) return ESTALE;
@@ -271,7 +284,8 @@ class SimulatedDisk : public hxhost::FileOps {
   DiskImage live_, synced_;
   std::vector<DiskChange> pending_;
   std::map<int, Opening> openings_;
-  int lastOpening_ = 2;
+  static constexpr int kDirectory = 2;  // the descriptor of "/"
+  int lastOpening_ = kDirectory;
 };
 
 }  // namespace hxtest

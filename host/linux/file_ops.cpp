@@ -9,8 +9,6 @@
 #include <cerrno>
 #include <cstdlib>
 
-#include "host/linux/regular_file.h"
-
 namespace hxhost {
 namespace {
 
@@ -71,13 +69,13 @@ int inspectAt(int file, const char* path, int flags, FileInfo& info) {
   return 0;
 }
 
-int openDirectory(const std::string& path, int access) {
+int openDirectoryAt(int from, const char* path, int access) {
   const int flags = access | O_DIRECTORY | O_CLOEXEC;
-  return repeatInterrupted([&] { return ::open(path.c_str(), flags); });
+  return repeatInterrupted([&] { return ::openat(from, path, flags); });
 }
 
-// Looked at in the directory that it is removed from, right before: so whoever exchanges files
-// there meanwhile, or the directory, hardly has one of somebody else's removed.
+// Looked at right before: so whoever exchanges files there meanwhile hardly has one of somebody
+// else's removed.
 int removeFrom(int directory, const char* name, int file) {
   struct stat there {};
   struct stat own {};
@@ -89,9 +87,14 @@ int removeFrom(int directory, const char* name, int file) {
 
 class SystemFileOps : public FileOps {
  public:
-  int open(const std::string& path, OpenMode mode) override {
+  int openDirectory(const std::string& path) override {
+    return openDirectoryAt(AT_FDCWD, path.c_str(), O_PATH);
+  }
+
+  int open(int directory, const std::string& name, OpenMode mode) override {
     const int flags = accessFlags(mode) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
-    return repeatInterrupted([&] { return ::open(path.c_str(), flags, permissionsOf(mode)); });
+    return repeatInterrupted(
+        [&] { return ::openat(directory, name.c_str(), flags, permissionsOf(mode)); });
   }
 
   int close(int file) override {
@@ -116,7 +119,11 @@ class SystemFileOps : public FileOps {
   }
 
   int inspectPath(const std::string& path, FileInfo& info) override {
-    return inspectAt(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, info);
+    return inspectName(AT_FDCWD, path, info);
+  }
+
+  int inspectName(int directory, const std::string& name, FileInfo& info) override {
+    return inspectAt(directory, name.c_str(), AT_SYMLINK_NOFOLLOW | AT_NO_AUTOMOUNT, info);
   }
 
   int truncate(int file, int64_t size) override {
@@ -153,20 +160,16 @@ class SystemFileOps : public FileOps {
     return ::futimens(file, times) == 0 ? 0 : errno;
   }
 
-  int syncDirectory(const std::string& path) override {
-    const int directory = openDirectory(path, O_RDONLY);
-    if (directory < 0) return -directory;
-    const int error = errorOf([&] { return ::fsync(directory); });
-    ::close(directory);
+  int syncDirectory(int directory) override {
+    const int readable = openDirectoryAt(directory, ".", O_RDONLY);
+    if (readable < 0) return -readable;
+    const int error = errorOf([&] { return ::fsync(readable); });
+    ::close(readable);
     return error;
   }
 
-  int remove(const std::string& path, int file) override {
-    const int directory = openDirectory(directoryOf(path), O_PATH);
-    if (directory < 0) return -directory;
-    const int error = removeFrom(directory, path.c_str() + path.rfind('/') + 1, file);
-    ::close(directory);
-    return error;
+  int remove(int directory, const std::string& name, int file) override {
+    return removeFrom(directory, name.c_str(), file);
   }
 
   int resolve(const std::string& path, std::string& resolved) override {

@@ -50,13 +50,17 @@ struct FileInfo {
 
 // An operation returns 0 when it is done, else an errno; one whose result is a number returns that,
 // or an errno below zero. They may be called by several threads at once and
-// never throw but for std::bad_alloc where a std::string is made. Paths are UTF-8.
+// never throw but for std::bad_alloc where a std::string is made. Paths are UTF-8. A path may lead
+// elsewhere each time: so a name is looked for in a directory that is open.
 class FileOps {
  public:
   virtual ~FileOps() = default;
 
+  // A descriptor, 0 or more, to look for names in; it needs no right to read the directory.
+  virtual int openDirectory(const std::string& path) = 0;
+
   // A descriptor, 0 or more. Never waits for a FIFO's other end nor takes a terminal.
-  virtual int open(const std::string& path, OpenMode mode) = 0;
+  virtual int open(int directory, const std::string& name, OpenMode mode) = 0;
 
   // Releases the descriptor, also when it fails.
   virtual int close(int file) = 0;
@@ -74,11 +78,12 @@ class FileOps {
 
   virtual int inspect(int file, FileInfo& info) = 0;
   virtual int inspectPath(const std::string& path, FileInfo& info) = 0;  // of a link itself
+  virtual int inspectName(int directory, const std::string& name, FileInfo& info) = 0;  // the same
   virtual int truncate(int file, int64_t size) = 0;
   virtual int sync(int file) = 0;  // the file's bytes and its length, not its name
 
-  // Takes from the open `file` its name `path`. ESTALE when that is another file's by now.
-  virtual int remove(const std::string& path, int file) = 0;
+  // Takes from the open `file` its name. ESTALE when that is another file's by now.
+  virtual int remove(int directory, const std::string& name, int file) = 0;
 
   // The lock on that part of the file that this opening of it has from now on: it excludes other
   // openings, in this process and elsewhere. EAGAIN when one of theirs is in the way; what this
@@ -93,7 +98,7 @@ class FileOps {
   virtual int stampChange(int) { return ENOSYS; }
 
   // Puts on disk what was created and removed in a directory.
-  virtual int syncDirectory(const std::string& path) = 0;
+  virtual int syncDirectory(int directory) = 0;
 
   // The absolute path without links of what is there.
   virtual int resolve(const std::string& path, std::string& resolved) = 0;

@@ -54,8 +54,8 @@ int Journal::record(int64_t offset, int64_t count) noexcept try {
 }
 
 int Journal::begin() {
-  const std::string path = journalPathOf(file_.path);
-  const int number = ops_.open(path, OpenMode::kCreatePrivate);
+  const int number = ops_.open(file_.directory.number(), journalNameOf(nameOf(file_.path)),
+                               OpenMode::kCreatePrivate);
   if (number < 0) return -number;
   journal_ = Descriptor(ops_, number);
   const int error = ops_.copyAccess(file_.descriptor.number(), number);
@@ -144,22 +144,22 @@ int Journal::rollBack(RegularFile& file) noexcept {
 bool Journal::isThere() noexcept try {
   FileInfo there{};
   FileInfo own{};
-  return ops_.inspectPath(journalPathOf(file_.path), there) == 0 &&
+  const std::string name = journalNameOf(nameOf(file_.path));
+  return ops_.inspectName(file_.directory.number(), name, there) == 0 &&
          ops_.inspect(journal_.number(), own) == 0 && isSameFile(there, own);
 } catch (const std::bad_alloc&) {
   return false;
 }
 
 int Journal::remove() noexcept try {
-  return ops_.remove(journalPathOf(file_.path), journal_.number());
+  const std::string name = journalNameOf(nameOf(file_.path));
+  return ops_.remove(file_.directory.number(), name, journal_.number());
 } catch (const std::bad_alloc&) {
   return ENOMEM;
 }
 
-int Journal::syncName() noexcept try {
-  return isFull() ? ops_.syncDirectory(directoryOf(file_.path)) : 0;
-} catch (const std::bad_alloc&) {
-  return ENOMEM;
+int Journal::syncName() noexcept {
+  return isFull() ? ops_.syncDirectory(file_.directory.number()) : 0;
 }
 
 }  // namespace hxhost

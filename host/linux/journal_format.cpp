@@ -16,8 +16,8 @@ uint64_t mix(uint64_t state, uint64_t word) {
 
 }  // namespace
 
-std::string journalPathOf(const std::string& path) {
-  return path + "-journal";
+std::string journalNameOf(const std::string& name) {
+  return name + "-journal";
 }
 
 uint64_t journalChecksum(uint64_t seed, const void* bytes, size_t count) {

@@ -61,7 +61,7 @@ static_assert(sizeof(JournalRecord) == 24);
 constexpr uint64_t kJournalMagic = 0x0a4c4e524a5848ffu;  // never text
 constexpr uint32_t kJournalVersion = 1;
 
-std::string journalPathOf(const std::string& path);
+std::string journalNameOf(const std::string& name);
 
 uint64_t journalChecksum(uint64_t seed, const void* bytes, size_t count);
 uint64_t checksumOf(const JournalHeader& header);

@@ -259,10 +259,10 @@ int LockedFiles::removeReserved(LockedFile& locked) {
 // journal that tells of the new one. And once the name is free that journal may be there already:
 // so none is touched from here on.
 int LockedFiles::removeLocked(const RegularFile& file) {
-  const int error = ops_->remove(file.path, file.descriptor.number());
+  const int error = removeName(*ops_, file);
   if (error != 0) return error;
   if (durability_ != Durability::full) return 0;
-  return ops_->syncDirectory(directoryOf(file.path));
+  return ops_->syncDirectory(file.directory.number());
 }
 
 int LockedFiles::release(LockedFile& locked, bool wasUpdate) noexcept {

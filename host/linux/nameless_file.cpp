@@ -5,6 +5,8 @@
 
 #include <cerrno>
 
+#include "host/linux/regular_file.h"
+
 namespace hxhost {
 namespace {
 
@@ -16,7 +18,11 @@ class NamelessFileOps : public FileOps {
  public:
   explicit NamelessFileOps(int file) : file_(file) {}
 
-  int open(const std::string&, OpenMode mode) override {
+  // Whatever is open is the file.
+  int openDirectory(const std::string&) override {
+    return orError(::fcntl(file_, F_DUPFD_CLOEXEC, 0));
+  }
+  int open(int, const std::string&, OpenMode mode) override {
     if (mode == OpenMode::kCreatePrivate) return orError(::memfd_create("journal", MFD_CLOEXEC));
     return orError(::fcntl(file_, F_DUPFD_CLOEXEC, 0));
   }
@@ -33,14 +39,17 @@ class NamelessFileOps : public FileOps {
   int inspectPath(const std::string& path, FileInfo& info) override {
     return path == path_ ? inspect(file_, info) : ENOENT;
   }
+  int inspectName(int, const std::string& name, FileInfo& info) override {
+    return name == nameOf(path_) ? inspect(file_, info) : ENOENT;
+  }
   int truncate(int file, int64_t size) override { return system_->truncate(file, size); }
   int sync(int file) override { return system_->sync(file); }
-  int remove(const std::string&, int) override { return 0; }
+  int remove(int, const std::string&, int) override { return 0; }
 
   // A lock would outlast the name's coming: it is the caller's opening of the file that has it.
   int lock(int, LockPart, LockKind) override { return 0; }
   int copyAccess(int, int) override { return 0; }
-  int syncDirectory(const std::string&) override { return 0; }
+  int syncDirectory(int) override { return 0; }
   int resolve(const std::string& path, std::string& resolved) override {
     path_ = path;
     resolved = path;

@@ -23,8 +23,15 @@ int refusalOf(const FileInfo& info) {
   return info.isDirectory ? EISDIR : ENOTSUP;
 }
 
-int openAt(FileOps& ops, const std::string& path, OpenMode mode, RegularFile& file) {
-  const int number = ops.open(path, mode);
+int openDirectory(FileOps& ops, RegularFile& file) {
+  const int number = ops.openDirectory(directoryOf(file.path));
+  if (number < 0) return -number;
+  file.directory = Descriptor(ops, number);
+  return 0;
+}
+
+int openInDirectory(FileOps& ops, OpenMode mode, RegularFile& file) {
+  const int number = ops.open(file.directory.number(), nameOf(file.path), mode);
   if (number < 0) return -number;
   file.descriptor = Descriptor(ops, number);
   file.isWritable = mode != OpenMode::kRead;
@@ -34,15 +41,19 @@ int openAt(FileOps& ops, const std::string& path, OpenMode mode, RegularFile& fi
 // A path that exists now although resolving it said that it leads nowhere is a link to an absent
 // file, or was created by somebody else in between.
 int createFile(FileOps& ops, const std::string& path, RegularFile& file) {
+  if (path.ends_with('/')) return EISDIR;
   file.path = path;
-  int error = openAt(ops, path, OpenMode::kCreateNew, file);
+  int error = openDirectory(ops, file);
+  if (error != 0) return error;
+  error = openInDirectory(ops, OpenMode::kCreateNew, file);
   file.wasCreated = error == 0;
-  if (error == EEXIST) error = openAt(ops, path, OpenMode::kCreate, file);
+  if (error == EEXIST) error = openInDirectory(ops, OpenMode::kCreate, file);
   if (error != 0) return error;
   std::string resolved;
   error = ops.resolve(path, resolved);
-  if (error == 0) file.path = std::move(resolved);
-  return error;
+  if (error != 0) return error;
+  file.path = std::move(resolved);
+  return file.wasCreated ? 0 : openDirectory(ops, file);  // a link may have led to another one
 }
 
 bool isRefusalToWrite(int error) {
@@ -50,9 +61,10 @@ bool isRefusalToWrite(int error) {
 }
 
 int openLocated(FileOps& ops, Purpose purpose, RegularFile& file) {
-  const int error = openAt(ops, file.path, OpenMode::kUpdate, file);
+  if (const int error = openDirectory(ops, file); error != 0) return error;
+  const int error = openInDirectory(ops, OpenMode::kUpdate, file);
   if (purpose != Purpose::kRead || !isRefusalToWrite(error)) return error;
-  return openAt(ops, file.path, OpenMode::kRead, file);
+  return openInDirectory(ops, OpenMode::kRead, file);
 }
 
 }  // namespace
@@ -79,8 +91,11 @@ int inspectAgain(FileOps& ops, RegularFile& file) {
     return error;
   }
   FileInfo there{};
+  FileInfo named{};
   if (const int error = ops.inspectPath(file.path, there); error != 0) return error;
-  return isSameFile(there, file.info) ? 0 : ENOENT;
+  const int error = ops.inspectName(file.directory.number(), nameOf(file.path), named);
+  if (error != 0) return error;
+  return isSameFile(there, file.info) && isSameFile(named, file.info) ? 0 : ENOENT;
 }
 
 bool isSameFile(const FileInfo& a, const FileInfo& b) {
@@ -92,11 +107,20 @@ int removeIfLeftEmpty(FileOps& ops, RegularFile& file) {
   const int error = inspectAgain(ops, file);
   if (error == ENOENT) return 0;
   if (error != 0 || file.info.size != 0) return error;
-  return ops.remove(file.path, file.descriptor.number());
+  return removeName(ops, file);
+}
+
+int removeName(FileOps& ops, const RegularFile& file) {
+  return ops.remove(file.directory.number(), nameOf(file.path), file.descriptor.number());
 }
 
 std::string directoryOf(const std::string& path) {
-  return path.substr(0, std::max<size_t>(path.rfind('/'), 1));
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, std::max<size_t>(slash, 1));
+}
+
+std::string nameOf(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
 }
 
 }  // namespace hxhost

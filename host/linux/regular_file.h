@@ -31,8 +31,10 @@ class Descriptor {
   int number_ = -1;
 };
 
-// A regular file that was opened.
+// A regular file that was opened. What lies beside it is found by `directory` alone: by its path
+// somebody could have a journal made, or removed, in a directory that is not his.
 struct RegularFile {
+  Descriptor directory;  // that has the file under its name
   Descriptor descriptor;
   bool isWritable = false;  // the descriptor
   bool wasCreated = false;  // by this open; unknown, and false, for a file created through a link
@@ -51,8 +53,8 @@ int locateRegularFile(FileOps& ops, const std::string& path, RegularFile& file);
 // exclusive one. On failure `file` tells whether one was created. May throw std::bad_alloc.
 int openRegularFile(FileOps& ops, const std::string& path, Purpose purpose, RegularFile& file);
 
-// Inspects the open file anew, and whether it is still the one that its path names: 0, ENOENT when
-// it is not, or another errno.
+// Inspects the open file anew, and whether it is still the one that its path, and its name in its
+// directory, tell: 0, ENOENT when it is not, or another errno.
 int inspectAgain(FileOps& ops, RegularFile& file);
 
 bool isSameFile(const FileInfo& a, const FileInfo& b);
@@ -61,7 +63,11 @@ bool isSameFile(const FileInfo& a, const FileInfo& b);
 // exclusively, or somebody's first write could go with it. 0 also when there was nothing to remove.
 int removeIfLeftEmpty(FileOps& ops, RegularFile& file);
 
-// The directory of an absolute path.
+// Takes from the file its name; see FileOps::remove.
+int removeName(FileOps& ops, const RegularFile& file);
+
+// The directory of a path, and the name in it.
 std::string directoryOf(const std::string& path);
+std::string nameOf(const std::string& path);
 
 }  // namespace hxhost

@@ -13,12 +13,14 @@ namespace hxhost {
 namespace {
 
 // 0 also when there is none: then nothing is open.
-int openJournal(FileOps& ops, const std::string& path, RegularFile& journal) {
+int openJournal(FileOps& ops, const RegularFile& file, RegularFile& journal) {
+  const int directory = file.directory.number();
+  const std::string name = journalNameOf(nameOf(file.path));
   FileInfo& info = journal.info;
-  const int looked = ops.inspectPath(path, info);
+  const int looked = ops.inspectName(directory, name, info);
   if (looked != 0) return looked == ENOENT ? 0 : looked;
   if (!info.isRegular) return ENOTSUP;
-  const int number = ops.open(path, OpenMode::kRead);
+  const int number = ops.open(directory, name, OpenMode::kRead);
   if (number == -ENOENT) return 0;
   if (number < 0) return -number;
   journal.descriptor = Descriptor(ops, number);
@@ -63,13 +65,22 @@ int judge(const JournalHeader& header, const FileInfo& journal, const FileInfo& 
   return 0;
 }
 
-int examineOpened(FileOps& ops, const RegularFile& journal, const RegularFile& file,
+int examineOpened(FileOps& ops, const RegularFile& journal, const FileInfo& file,
                   JournalState& state) {
   state = JournalState::kNone;
   if (!journal.descriptor.isOpen()) return 0;
   JournalHeader header{};
   const int error = readHeader(ops, journal.descriptor.number(), header);
-  return error != 0 ? error : judge(header, journal.info, file.info, state);
+  return error != 0 ? error : judge(header, journal.info, file, state);
+}
+
+// What lies beside `file`, for a file there of which `info` tells.
+int examineBeside(FileOps& ops, const RegularFile& file, const FileInfo& info,
+                  JournalState& state) {
+  RegularFile journal;
+  int error = openJournal(ops, file, journal);
+  if (error == ENAMETOOLONG) error = 0;  // none can be there
+  return error != 0 ? error : examineOpened(ops, journal, info, state);
 }
 
 // Puts the blocks back, up to the first record that is not whole.
@@ -104,40 +115,35 @@ int restoreFile(FileOps& ops, const JournalHeader& header, RegularFile& file) {
   if ((header.flags & kFileCreated) == 0) return 0;
   const int error = inspectAgain(ops, file);
   if (error != 0) return error == ENOENT ? 0 : error;
-  return ops.remove(file.path, number);
+  return removeName(ops, file);
 }
 
 }  // namespace
 
 int examineJournal(FileOps& ops, const RegularFile& file, JournalState& state) {
-  RegularFile journal;
-  int error = openJournal(ops, journalPathOf(file.path), journal);
-  if (error == ENAMETOOLONG) error = 0;  // none can be there
-  return error != 0 ? error : examineOpened(ops, journal, file, state);
+  return examineBeside(ops, file, file.info, state);
 }
 
 int recoverFile(FileOps& ops, RegularFile& file) {
-  const std::string path = journalPathOf(file.path);
   RegularFile journal;
   JournalState state{};
-  int error = openJournal(ops, path, journal);
-  if (error == 0) error = examineOpened(ops, journal, file, state);
+  int error = openJournal(ops, file, journal);
+  if (error == 0) error = examineOpened(ops, journal, file.info, state);
   if (error != 0 || state == JournalState::kNone) return error;
   if (state == JournalState::kHot) {
     error = applyJournal(ops, journal.descriptor.number(), file);
     if (error != 0) return error;
   }
-  error = ops.remove(path, journal.descriptor.number());
-  if (error != 0) return error;
-  return ops.syncDirectory(directoryOf(path));
+  const int directory = file.directory.number();
+  const std::string name = journalNameOf(nameOf(file.path));
+  error = ops.remove(directory, name, journal.descriptor.number());
+  return error != 0 ? error : ops.syncDirectory(directory);
 }
 
 int clearJournal(FileOps& ops, RegularFile& file) {
   if (recoverFile(ops, file) == 0) return 0;
-  RegularFile next;
-  next.path = file.path;
   JournalState state{};
-  return examineJournal(ops, next, state);
+  return examineBeside(ops, file, FileInfo{}, state);
 }
 
 int applyJournal(FileOps& ops, int journal, RegularFile& file) noexcept {
