@@ -49,11 +49,17 @@ TEST_F(StrangerStoreTest, MakesNoMoreOfItThanTheFileHas) {
   for (const char name : {'b', 'c'})
     std::copy_n(linkOf('a'), sizeof(std::int64_t), linkOf(name));
   writeFile(directory_ / "x.st", file);
-  const std::string refusal = "hxcrate: x.st: its items have 300000 bytes, more than the file's " +
-                              std::to_string(file.size()) +
-                              ", so they share pages; --max-bytes allows it\n";
-  expectPrinted(1, "hxcrate unpack x.st out", "", refusal);
-  expectPrinted(1, "hxcrate copy x.st y.st", "", refusal);
+  const std::string damage = "hxcrate: x.st: its items have more bytes than the file's " +
+                             std::to_string(file.size()) + ", so they share pages";
+  expectPrinted(1, "hxcrate unpack x.st out", "", damage + "; --max-bytes allows it\n");
+  expectPrinted(1, "hxcrate copy x.st y.st", "", damage + "; --max-bytes allows it\n");
+  expectPrinted(1, "hxcrate ls -l x.st", "    100000  a\n         ?  b\n         ?  c\n",
+                damage + "\n");
+  expectRun(1, "hxcrate tree x.st");
+  expectPrinted(1, "hxcrate diff --json x.st x.st",
+                R"({"first": "x.st", "second": "x.st", "differences": []})"
+                "\n",
+                damage + "\n");
   expectRun(3, "hxcrate copy --max-bytes 299999 x.st y.st");
   expectPrinted(0,
                 "hxcrate copy --max-bytes 300000 x.st y.st; "

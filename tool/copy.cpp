@@ -62,11 +62,12 @@ class KeptMembers {
   bool isStore_ = false;
 };
 
-SizeForecast forecastOf(KeptMembers members) {
+SizeForecast forecastOf(KeptMembers members, const OwnBytes& limit) {
   SizeForecast forecast;
   for (auto event = members.next(); event != StoreWalk::Event::end; event = members.next()) {
     if (event == StoreWalk::Event::store) forecast.addStore();
     if (event == StoreWalk::Event::item) forecast.addItem(members.walk().itemSize());
+    limit.require(forecast.bytes());
   }
   return forecast;
 }
@@ -95,8 +96,7 @@ ExitCode copy(CopyOptions& options) {
   const NewStore target(options.target);
   hxcrate::Session session;
   const auto members = [&] { return KeptMembers(options, session.open(options.store)); };
-  const SizeForecast forecast = forecastOf(members());
-  requireOwnBytes(options.store, forecast.bytes(), options.maxBytes);
+  const SizeForecast forecast = forecastOf(members(), OwnBytes(options.store, options.maxBytes));
   if (options.dryRun) {
     target.announce(forecast, options.made);
     return ExitCode::fine;

@@ -93,7 +93,8 @@ struct Side {
 // Goes through two trees side by side; depth costs heap, not stack.
 class Comparison {
  public:
-  explicit Comparison(const DiffOptions& options) : differences_(options) {
+  explicit Comparison(const DiffOptions& options)
+      : differences_(options), firstLimit_(options.first), secondLimit_(options.second) {
     hxcrate::Store first = openWhatThereIs(session_, options.first, outcome_);
     hxcrate::Store second = openWhatThereIs(session_, options.second, outcome_);
     levels_.push_back({Side{std::move(first)}, Side{std::move(second)}, 0});
@@ -152,11 +153,19 @@ class Comparison {
         levels_.push_back({Side{first.store.openStore(a.name)},
                            Side{second.store.openStore(a.name)}, place.size()});
       } else {
-        compareItems(place, first.store.read(a.name), second.store.read(a.name));
+        hxcrate::Reader firstItem = first.store.read(a.name);
+        hxcrate::Reader secondItem = second.store.read(a.name);
+        firstLimit_.require(firstBytes_ += firstItem.size());
+        secondLimit_.require(secondBytes_ += secondItem.size());
+        compareItems(place, std::move(firstItem), std::move(secondItem));
       }
     } catch (const hxcrate::Error& error) {
       complain(error);
       outcome_ = worse(outcome_, exitCodeOf(error));
+    } catch (const Failure& failure) {
+      failure.print();
+      outcome_ = worse(outcome_, failure.code());
+      levels_.clear();  // each item that follows could be as long
     }
   }
 
@@ -194,6 +203,10 @@ class Comparison {
   hxcrate::Session session_;
   ExitCode outcome_ = ExitCode::fine;
   Differences differences_;
+  const OwnBytes firstLimit_;
+  const OwnBytes secondLimit_;
+  std::int64_t firstBytes_ = 0;
+  std::int64_t secondBytes_ = 0;
   std::vector<Level> levels_;
   std::string place_;
   std::vector<std::byte> firstBuffer_ = std::vector<std::byte>(kBufferSize);

@@ -35,7 +35,7 @@ constexpr Strokes kAscii = {"|   ", "    ", "|-- ", "`-- "};
 class Drawer {
  public:
   explicit Drawer(const TreeOptions& options)
-      : options_(options), strokes_(options.asAscii ? kAscii : kLines) {}
+      : options_(options), strokes_(options.asAscii ? kAscii : kLines), sizes_(options.store) {}
 
   ExitCode draw() {
     hxcrate::Session session;
@@ -80,7 +80,7 @@ class Drawer {
 
   void drawSize(const hxcrate::Store& store, const std::string& path) {
     ++items_;
-    const std::optional<std::int64_t> size = sizeOrNote(store, path, outcome_);
+    const std::optional<std::int64_t> size = sizes_.sizeOrNote(store, path, outcome_);
     bytes_ += size.value_or(0);
     output_.print("  {}\n", size ? fmt::to_string(*size) : "?");
   }
@@ -93,6 +93,7 @@ class Drawer {
   const TreeOptions& options_;
   const Strokes strokes_;
   Output output_;
+  ItemSizes sizes_;
   std::string margin_;
   std::vector<std::size_t> marginLengths_;  // of the stores around the current one
   std::int64_t stores_ = 0;

@@ -27,7 +27,8 @@ struct ListOptions {
 // In text a nested store's name ends in "/".
 class Lister {
  public:
-  explicit Lister(const ListOptions& options) : options_(options), answer_(options.asJson) {}
+  explicit Lister(const ListOptions& options)
+      : options_(options), answer_(options.asJson), sizes_(options.store) {}
 
   ExitCode list() {
     hxcrate::Session session;
@@ -68,7 +69,7 @@ class Lister {
 
   void addItem(const hxcrate::Store& store, const std::string& path, const std::string& shown) {
     std::optional<std::int64_t> size;
-    if (options_.withSizes || options_.asJson) size = sizeOrNote(store, path, outcome_);
+    if (options_.withSizes || options_.asJson) size = sizes_.sizeOrNote(store, path, outcome_);
     answer_.tell([&](Output& text) { printLine(text, size ? fmt::to_string(*size) : "?", shown); },
                  [&](JsonWriter& json) { writeMember(json, shown, "item", size); });
   }
@@ -90,6 +91,7 @@ class Lister {
 
   const ListOptions& options_;
   Answer answer_;
+  ItemSizes sizes_;
   ExitCode outcome_ = ExitCode::fine;
 };
 

@@ -196,7 +196,7 @@ ExitCode rebuild(InspectedStore& source, const SalvageOptions& options,
   std::string kept;
   NewStore target(options.target);
   const SizeForecast forecast = forecastOf(source.file(), header);
-  requireOwnBytes(options.store, forecast.bytes(), options.maxBytes);
+  OwnBytes(options.store, options.maxBytes).require(forecast.bytes());
   target.make(forecast, {.copyOf = options.store}, [&](hxcrate::Store& store) {
     Rebuilder rebuilder(source, store, output);
     rebuilder.run();

@@ -63,15 +63,21 @@ bool enterOrNote(StoreWalk& walk, ExitCode& outcome) {
   }
 }
 
-std::optional<std::int64_t> sizeOrNote(const hxcrate::Store& store, const std::string& path,
-                                       ExitCode& outcome) {
+std::optional<std::int64_t> ItemSizes::sizeOrNote(const hxcrate::Store& store,
+                                                  const std::string& path, ExitCode& outcome) {
+  if (isOver_) return std::nullopt;
   try {
-    return store.read(path).size();
+    const std::int64_t size = store.read(path).size();
+    limit_.require(bytes_ += size);
+    return size;
   } catch (const hxcrate::Error& error) {
     complain(error);
-    outcome = worse(outcome, ExitCode::damaged);
-    return std::nullopt;
+  } catch (const Failure& failure) {
+    failure.print();
+    isOver_ = true;
   }
+  outcome = worse(outcome, ExitCode::damaged);
+  return std::nullopt;
 }
 
 hxcrate::Store openWhatThereIs(hxcrate::Session& session, const std::string& path,

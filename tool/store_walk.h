@@ -8,6 +8,7 @@
 
 #include "hxcrate/crate.hpp"
 #include "report.h"
+#include "write_limits.h"
 
 namespace tool {
 
@@ -78,11 +79,24 @@ std::optional<hxcrate::Reader> openIfItem(const hxcrate::Store& store, const std
 // What `path` leads to; nothing when there is nothing.
 std::optional<hxcrate::MemberKind> kindOf(const hxcrate::Store& store, const std::string& path);
 
-// Into the store that `next` gave last, and the size of an item, unless they can't be read: that is
-// told on standard error and changes `outcome`.
+// Into the store that `next` gave last, unless it can't be read: that is told on standard error and
+// changes `outcome`.
 bool enterOrNote(StoreWalk& walk, ExitCode& outcome);
-std::optional<std::int64_t> sizeOrNote(const hxcrate::Store& store, const std::string& path,
-                                       ExitCode& outcome);
+
+// The sizes of items of one file.
+class ItemSizes {
+ public:
+  explicit ItemSizes(const std::string& store) : limit_(store) {}
+
+  // Nothing when it can't be read, which is noted as above, and behind items that share pages.
+  std::optional<std::int64_t> sizeOrNote(const hxcrate::Store& store, const std::string& path,
+                                         ExitCode& outcome);
+
+ private:
+  const OwnBytes limit_;
+  std::int64_t bytes_ = 0;
+  bool isOver_ = false;
+};
 
 // The store file `path`, read only, whatever can be read of it. What can't is told on standard
 // error and changes `outcome`.

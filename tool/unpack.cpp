@@ -96,6 +96,7 @@ class Unpacker {
         selection_(options.paths),
         walk_(std::move(store)),
         quota_(options),
+        ownBytes_(options.store, options.maxBytes),
         pump_(&progress) {}
 
   ExitCode unpack() {
@@ -126,6 +127,7 @@ class Unpacker {
         leaveStore();
       } else if (selection_.wants(walk_.place(), event == StoreWalk::Event::store)) {
         take(event);
+        if (purpose_ == Purpose::measure) ownBytes_.require(quota_.bytes());
       }
     }
   }
@@ -248,6 +250,7 @@ class Unpacker {
   std::optional<DirectoryCursor> cursor_;
   StoreWalk walk_;
   Quota quota_;
+  const OwnBytes ownBytes_;
   BytePump pump_;
   std::size_t missing_ = 0;
   std::int64_t growth_ = 0;
@@ -276,7 +279,6 @@ std::int64_t measure(const UnpackOptions& options, hxcrate::Store store, Progres
   const Descriptor target = openTarget(options.directory);
   Unpacker unpacker(Unpacker::Purpose::measure, options, std::move(store), progress);
   unpacker.unpack();
-  requireOwnBytes(options.store, unpacker.bytes(), options.maxBytes);
   requireRoom(target, unpacker.growth(), options.directory);
   return unpacker.bytes();
 }

@@ -24,19 +24,23 @@ void requireRoom(const Descriptor& directory, std::int64_t bytes, const std::str
                             blocks * status.f_frsize));
 }
 
-void requireOwnBytes(const std::string& store, std::int64_t bytes, std::int64_t most) {
-  if (bytes > most) {
-    throw Failure(ExitCode::inputOutput, store, "",
-                  fmt::format("its items have {} bytes, more than the {} allowed", bytes, most));
-  }
+OwnBytes::OwnBytes(const std::string& store, std::optional<std::int64_t> most)
+    : store_(store), most_(most) {
   std::error_code failed;
   const std::uintmax_t length = std::filesystem::file_size(store, failed);
-  if (failed || most != kUnlimited || bytes <= static_cast<std::int64_t>(length)) return;
-  throw Failure(
-      ExitCode::damaged, store, "",
-      fmt::format("its items have {} bytes, more than the file's {}, so they share pages; "
-                  "--max-bytes allows it",
-                  bytes, length));
+  if (!failed && most.value_or(kUnlimited) == kUnlimited)
+    length_ = static_cast<std::int64_t>(length);
+}
+
+void OwnBytes::require(std::int64_t bytes) const {
+  if (bytes > most_.value_or(kUnlimited)) {
+    throw Failure(ExitCode::inputOutput, store_, "",
+                  fmt::format("its items have more than the {} bytes allowed", *most_));
+  }
+  if (bytes <= length_) return;
+  throw Failure(ExitCode::damaged, store_, "",
+                fmt::format("its items have more bytes than the file's {}, so they share pages{}",
+                            length_, most_ ? "; --max-bytes allows it" : ""));
 }
 
 }  // namespace tool

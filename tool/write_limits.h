@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string>
 
 #include "directory.h"
@@ -16,8 +17,21 @@ constexpr std::int64_t kUnlimited = std::numeric_limits<std::int64_t>::max();
 void requireRoom(const Descriptor& directory, std::int64_t bytes, const std::string& path);
 
 // A store file holds each byte of its items, unless some of them share pages, which no writer makes
-// them do: a small file could become a huge one so. Throws a Failure when the `bytes` of all items
-// are more than the file `store` has, or more than `most`, which allows the former.
-void requireOwnBytes(const std::string& store, std::int64_t bytes, std::int64_t most);
+// them do: a small file could become a huge one so, and going from page to page anew for each item
+// could take hours.
+class OwnBytes {
+ public:
+  // `most`: of --max-bytes, where the command has it; any but kUnlimited allows shared pages.
+  explicit OwnBytes(const std::string& store, std::optional<std::int64_t> most = std::nullopt);
+
+  // Throws a Failure when the `bytes` of the items so far are more than the file has or than the
+  // most. To be asked after each item, so that the work ends there as well.
+  void require(std::int64_t bytes) const;
+
+ private:
+  std::string store_;
+  std::optional<std::int64_t> most_;
+  std::int64_t length_ = kUnlimited;
+};
 
 }  // namespace tool
