@@ -18,7 +18,6 @@ typedef struct CrateStore CrateStore;
 typedef struct CrateItem CrateItem;
 typedef struct CrateHandle CrateHandle;
 typedef struct CrateView CrateView;
-typedef struct CrateView CrateView;
 
 enum {
   HX_OK = 0,

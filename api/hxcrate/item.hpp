@@ -1,4 +1,4 @@
-// Items: named byte streams, read from their start and written at their end.
+// Items: named byte streams, read from their start or at any place, and written at their end.
 #pragma once
 
 #include <algorithm>
@@ -70,7 +70,8 @@ class OpenItem {
   hx::ItemHandle* handle_ = nullptr;
 };
 
-// Reads an item from its start. Any number of readers may have one item open.
+// Reads an item from its start, or from where it is sent. Any number of readers may have one item
+// open.
 class [[nodiscard]] Reader : public OpenItem {
  public:
   Reader() noexcept = default;  // closed
@@ -113,7 +114,8 @@ class [[nodiscard]] Reader : public OpenItem {
   std::int64_t tell() const { return position(); }
   std::int64_t position() const;
 
-  // Goes to any place from 0 to the item's end, or throws endOfItem and stays. Nothing is read.
+  // Goes to any place from 0 to the item's end, or throws endOfItem and stays. None of the item's
+  // bytes is read.
   void seek(std::int64_t position);
 
   // Passes over `count` bytes, or over -`count` back, but not past the item's ends, and returns how

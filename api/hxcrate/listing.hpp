@@ -24,7 +24,7 @@ enum class MemberKind { store, item };
 // What a member is, without opening it.
 struct MemberStatus {
   MemberKind kind;
-  std::int64_t size;   // of an item, bytes; also of one that is being written, what it has by now
+  std::int64_t size;   // of an item, bytes, or what it has by now while it is written; else 0
   std::int64_t pages;  // that hold them
   std::int64_t place;  // of its first record in the file or blob; 0: it has none yet
 };

@@ -87,6 +87,9 @@ class [[nodiscard]] Session {
              OpenOptions options = {}) noexcept {
     return captureError(error, [&] { return open(path, mode, options); });
   }
+  Store open(const std::string& path, std::error_code& error, OpenOptions options = {}) noexcept {
+    return open(path, Mode::read, error, options);
+  }
 
   // A new store in `file`, an empty regular file that is open for reading and writing and needs no
   // name. Nothing is looked at or made at `path`, which is for errors and names the store in its
@@ -94,11 +97,7 @@ class [[nodiscard]] Session {
   // stays the caller's, who keeps it open until the store and all that was opened in it is closed.
   Store createIn(int file, const std::string& path, OpenOptions options = {});
 
-  Store open(const std::string& path, std::error_code& error, OpenOptions options = {}) noexcept {
-    return open(path, Mode::read, error, options);
-  }
-
-  // Keeps nothing in memory of a closed store file.
+  // Drops what is kept in memory of the closed store file `path`, if anything is.
   void forget(const std::string& path);
 
   // A new store that lives in memory, for writing and for Store::makeBlob; it is gone when it is

@@ -90,8 +90,8 @@ enum class Parents { mustExist, create };
 // An open store: a store file, a store in memory or a blob as a whole, or a store nested in one.
 // Paths name members by their components with "/" between them; each component is 1 to 64 bytes
 // without a NUL. Any other path is badName, and nothing of it is made. Movable; what was moved from
-// is closed. Several threads may use one Store, but for its close, its moves and makeBlob; each
-// may open whatever it likes in it.
+// is closed. Several threads may use one Store, but for its close, commit, abandon, its moves and
+// makeBlob; each may open whatever it likes in it.
 class [[nodiscard]] Store {
  public:
   Store() noexcept = default;  // closed

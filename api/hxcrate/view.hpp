@@ -22,10 +22,10 @@ namespace hxcrate {
 class Opening;
 
 // An item opened for reading at any place, by any number of threads on one object, but for its
-// close and its moves. Where bytes can be had without it they move under no lock: from a store file
-// that is open for reading, from a blob, a mapped file and a store in memory. Nobody writes to the
-// item meanwhile. Keeps the store file open that the item lies in. Movable; what was moved from is
-// closed.
+// close and its moves. Bytes move under no lock from a store file that is open for reading, from a
+// blob, a mapped file and a store in memory; under the session's from a file that is open for
+// update. Nobody writes to the item meanwhile. Keeps the store file open that the item lies in.
+// Movable; what was moved from is closed.
 class [[nodiscard]] View {
  public:
   View() noexcept = default;  // closed
@@ -42,8 +42,9 @@ class [[nodiscard]] View {
   std::int64_t size() const;
 
   // Fills `buffer` with the bytes from `offset` on, as far as the item goes, and returns how many
-  // those were; fewer than asked for only at the item's end, or before a failure, which a call for
-  // what is missing throws. What lies behind them in `buffer` may have changed.
+  // those were, 0 where the item has none; fewer than asked for only at the item's end, or before a
+  // failure, which a call for what is missing throws. What lies behind them in `buffer` may have
+  // changed.
   std::size_t readAt(std::int64_t offset, std::span<std::byte> buffer) const;
   std::size_t readAt(std::int64_t offset, std::span<std::byte> buffer,
                      std::error_code& error) const noexcept {
