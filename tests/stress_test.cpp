@@ -111,11 +111,12 @@ class Worker {
   }
 
  private:
-  // Nothing in the moment in which a replacer has removed the file.
+  // Nothing in the moment in which a replacer has removed the file, or made one that is empty
+  // still.
   std::optional<Store> open(Mode mode) {
     std::error_code error;
     Store store = session_.open(path_, mode, error);
-    if (error == Errc::notFound) return std::nullopt;
+    if (error == Errc::notFound || error == Errc::notAStore) return std::nullopt;
     if (error) complain("open: " + error.message());
     if (mode == Mode::replace) return store;
     const std::vector<std::int64_t> generation = numbersOf(store, "generation");
