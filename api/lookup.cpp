@@ -119,7 +119,10 @@ std::size_t Store::get(std::string_view path, std::span<std::byte> buffer) const
   View rest;
   const std::size_t count =
       readAtOnce(path, buffer.first(std::min(buffer.size(), kReadAtOnce)), rest);
-  return rest.isOpen() ? rest.readAt(0, buffer) : count;
+  if (!rest.isOpen()) return count;
+  const auto wanted = std::min(buffer.size(), static_cast<std::size_t>(rest.size()));
+  rest.fill(buffer.first(wanted));
+  return wanted;
 }
 
 }  // namespace hxcrate
