@@ -1,6 +1,7 @@
 // Updaters, readers, abandoners and replacers of one store file, in several processes with several
 // threads each. `./dev stress` does it for as long as it is told.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
@@ -111,12 +112,13 @@ class Worker {
   }
 
  private:
-  // Nothing in the moment in which a replacer has removed the file, or made one that is empty
-  // still.
+  // Nothing in the moment in which a replacer has removed the file, or, where no file gets its name
+  // locked, made one that is empty still.
   std::optional<Store> open(Mode mode) {
     std::error_code error;
     Store store = session_.open(path_, mode, error);
-    if (error == Errc::notFound || error == Errc::notAStore) return std::nullopt;
+    if (error == Errc::notFound || (showsEmptyFiles_ && error == Errc::notAStore))
+      return std::nullopt;
     if (error) complain("open: " + error.message());
     if (mode == Mode::replace) return store;
     const std::vector<std::int64_t> generation = numbersOf(store, "generation");
@@ -136,6 +138,8 @@ class Worker {
   const std::string& path_;
   Acknowledged& acknowledged_;
   const std::size_t number_;
+  const bool showsEmptyFiles_ =
+      ::open(path_.substr(0, path_.rfind('/')).c_str(), O_TMPFILE | O_RDWR | O_CLOEXEC, 0600) < 0;
   std::int64_t generation_ = 0;
 };
 

@@ -85,6 +85,30 @@ int removeFrom(int directory, const char* name, int file) {
   return ::unlinkat(directory, name, 0) == 0 ? 0 : errno;
 }
 
+int setLock(int file, LockPart part, LockKind kind) {
+  struct flock range {};
+  range.l_type = lockType(kind);
+  range.l_whence = SEEK_SET;
+  range.l_start = part == LockPart::kBytes ? 0 : kLongestFile;
+  range.l_len = part == LockPart::kBytes ? kLongestFile : 1;
+  const int error = errorOf([&] { return ::fcntl(file, F_OFD_SETLK, &range); });
+  return error == EACCES ? EAGAIN : error;
+}
+
+// It gets its name when it is locked. EOPNOTSUPP, among others, where that can't be.
+int createLocked(int directory, const char* name) {
+  const int file = repeatInterrupted(
+      [&] { return ::openat(directory, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0666); });
+  if (file < 0) return file;
+  int error = setLock(file, LockPart::kBytes, LockKind::kExclusive);
+  const std::string opened = "/proc/self/fd/" + std::to_string(file);
+  if (error == 0 && ::linkat(AT_FDCWD, opened.c_str(), directory, name, AT_SYMLINK_FOLLOW) != 0)
+    error = errno;
+  if (error == 0) return file;
+  ::close(file);
+  return -error;
+}
+
 class SystemFileOps : public FileOps {
  public:
   int openDirectory(const std::string& path) override {
@@ -92,6 +116,10 @@ class SystemFileOps : public FileOps {
   }
 
   int open(int directory, const std::string& name, OpenMode mode) override {
+    if (mode == OpenMode::kCreateNew) {
+      const int file = createLocked(directory, name.c_str());
+      if (file >= 0 || file == -EEXIST) return file;
+    }
     const int flags = accessFlags(mode) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
     return repeatInterrupted(
         [&] { return ::openat(directory, name.c_str(), flags, permissionsOf(mode)); });
@@ -134,15 +162,7 @@ class SystemFileOps : public FileOps {
     return errorOf([&] { return ::fdatasync(file); });
   }
 
-  int lock(int file, LockPart part, LockKind kind) override {
-    struct flock range {};
-    range.l_type = lockType(kind);
-    range.l_whence = SEEK_SET;
-    range.l_start = part == LockPart::kBytes ? 0 : kLongestFile;
-    range.l_len = part == LockPart::kBytes ? kLongestFile : 1;
-    const int error = errorOf([&] { return ::fcntl(file, F_OFD_SETLK, &range); });
-    return error == EACCES ? EAGAIN : error;
-  }
+  int lock(int file, LockPart part, LockKind kind) override { return setLock(file, part, kind); }
 
   int copyAccess(int from, int to) override {
     struct stat status {};

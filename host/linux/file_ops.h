@@ -15,8 +15,9 @@ namespace hxhost {
 enum class OpenMode {
   kRead,           // an existing file, for reading; the last component is no link
   kUpdate,         // an existing file, for reading and writing; the last component is no link
-  kCreateNew,      // a file that did not exist, for reading and writing
-  kCreatePrivate,  // the same, and nobody but its owner may open it
+  kCreateNew,      // a file that did not exist, for reading and writing; locked exclusively from
+                   // the moment it has its name, where the system can
+  kCreatePrivate,  // one that did not exist, and nobody but its owner may open it
   kCreate          // for reading and writing; created when absent, links are followed
 };
 

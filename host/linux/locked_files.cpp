@@ -158,7 +158,10 @@ OpenResult LockedFiles::openNew(const std::string& path, Purpose purpose, LockWa
                                 std::unique_ptr<LockedFile> locked, FileLease& lease) {
   const bool isUpdate = purpose != Purpose::kRead;
   RegularFile& file = locked->file;
+  const bool wasThere = !file.path.empty();
   OpenResult result{openRegularFile(*ops_, path, purpose, file)};
+  // It was there a moment ago: somebody removes it, and may make the next.
+  if (result.error == ENOENT && (wasThere || file.wasCreated)) result.error = kTryAgain;
   if (result.error == 0) result = lockAndRecover(file, purpose, wait);
   if (result.error != 0 && result.error != kTryAgain) dropCreated(file);
   if (result.error == EBUSY) result.holder = findHolder(file.info, isUpdate);
@@ -213,6 +216,8 @@ void LockedFiles::dropCreated(RegularFile& file) {
 }
 
 int LockedFiles::acquire(const RegularFile& file, LockKind kind, LockWait& wait, bool mayQueue) {
+  // One that was made here has its lock, and who waits for that must not be waited for.
+  if (file.wasCreated && setLock(*ops_, file, LockPart::kBytes, kind) == 0) return 0;
   const Turn turn(*ops_, file);
   int error = turn.take(kind);
   while (error == EBUSY && mayQueue && wait.pause(kPauseBeforeTurnstile))
