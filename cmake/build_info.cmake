@@ -13,12 +13,16 @@ function(hx_ask_git out)
   set(${out} "${answer}" PARENT_SCOPE)
 endfunction()
 
-set(HX_VERSION_MAJOR ${PROJECT_VERSION_MAJOR})
-set(HX_VERSION_MINOR ${PROJECT_VERSION_MINOR})
-set(HX_VERSION_PATCH ${PROJECT_VERSION_PATCH})
 # Two digits each.
-string(REGEX REPLACE "^(.)$" "0\\1" HX_RELEASE_MAJOR ${HX_VERSION_MAJOR})
-string(REGEX REPLACE "^(.)$" "0\\1" HX_RELEASE_MINOR ${HX_VERSION_MINOR})
+string(REGEX REPLACE "^(.)$" "0\\1" HX_RELEASE_MAJOR ${PROJECT_VERSION_MAJOR})
+string(REGEX REPLACE "^(.)$" "0\\1" HX_RELEASE_MINOR ${PROJECT_VERSION_MINOR})
+
+# 13 characters, also of a version with one digit more.
+set(HX_BUILD_LABEL hxcrate-${PROJECT_VERSION})
+string(LENGTH ${HX_BUILD_LABEL} hx_label_length)
+if(hx_label_length EQUAL 14)
+  set(HX_BUILD_LABEL hxcrate${PROJECT_VERSION})
+endif()
 
 hx_ask_git(HX_BUILD_ID rev-parse HEAD)
 string(SUBSTRING "${HX_BUILD_ID}0000000" 0 7 HX_BUILD_ID)

@@ -1,6 +1,7 @@
 #include "store/open_store.h"
 
 #include "file/cut_short.h"
+#include "file/format.h"
 #include "file/header.h"
 #include "file/item_pages.h"
 #include "file/load_tree.h"
@@ -21,7 +22,7 @@ namespace hx {
 
 namespace {
 
-constexpr int32_t kLongestComponent = 63;
+constexpr int32_t kLongestComponent = kStoredNameLength - 1;
 
 // A store that was read only in part, and is closed, is always loaded anew.
 bool isWhole(const Store* store) {
