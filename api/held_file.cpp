@@ -41,7 +41,7 @@ HeldFile::HeldFile(hx::FileIo* files, const std::u32string& path,
 }
 
 std::string HeldFile::path() const {
-  return hxhost::describePath(file_->path, file_->pathLength);
+  return hxhost::encodePath(file_->path, file_->pathLength).value_or("");
 }
 
 ReadDescriptor::ReadDescriptor(const std::string& path)

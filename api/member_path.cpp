@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <optional>
 #include <vector>
 
 #include "host/file_io.h"
@@ -91,12 +90,11 @@ std::u32string decodeFilePath(const std::string& path) {
   if (const std::size_t nul = path.find('\0'); nul != std::string::npos) {
     refuse(path.substr(0, nul), "the path holds a NUL byte");
   }
-  std::optional<std::u32string> decoded = hxhost::decodePath(makeAbsolute(path));
-  if (!decoded) refuse(path, "the path is not UTF-8");
-  if (decoded->size() > hx::HX_PATH_CAPACITY) {
+  std::u32string decoded = hxhost::decodePath(makeAbsolute(path));
+  if (decoded.size() > hx::HX_PATH_CAPACITY) {
     refuse(path, "the absolute path has over 1024 characters");
   }
-  return *std::move(decoded);
+  return decoded;
 }
 
 }  // namespace hxcrate

@@ -50,8 +50,8 @@ std::string pathOf(const hx::ItemMember& item);
 std::string join(const std::string& place, std::string_view path);
 
 // A store file's path, absolute: the module keeps it for later opens and for removing the file, and
-// the working directory may have changed by then. Throws badName unless it is UTF-8 without
-// a NUL, and at most 1024 characters.
+// the working directory may have changed by then. Throws badName when it
+// is empty, holds a NUL or has over 1024 characters.
 std::u32string decodeFilePath(const std::string& path);
 
 }  // namespace hxcrate

@@ -106,7 +106,7 @@ TEST_F(ApiTest, KeepsNamesByteForByteAndRefusesWhatWouldBeCut) {
   }
   EXPECT_EQ(std::string(thrownBy([&] { return store.read("a\n\x7f"); })->what()),
             path_ + ": a\\012\\177: not found");
-  for (const std::string& file : {directory_ / "\xff", directory_ / nul, std::string()})
+  for (const std::string& file : {directory_ / nul, std::string()})
     EXPECT_EQ(errorOf([&] { return session_.open(file, Mode::create); }), Errc::badName) << file;
   const std::map<std::string, MemberKind> expected = {
       {longest, MemberKind::store}, {bytes, MemberKind::store}, {"..", MemberKind::store}};

@@ -353,6 +353,19 @@ TEST_F(CommandTest, ShowsATerminalNothingThatItWouldObey) {
                 "\\033[31mred\r\nback\\134slash\r\n\\302\\23331m\r\n\xc3\xa4\r\n\\377\r\n");
 }
 
+TEST_F(CommandTest, TakesFilesOfAnyName) {
+  expectPrinted(
+      0, "d=$(printf 'd\\351\\304'); mkdir $d; echo 1 | hxcrate put $d/s.st a 2>$d/a; cat $d/a",
+      "hxcrate: d\\351\\304/s.st: a new store was made\n");
+  expectPrinted(
+      0,
+      "cd d*; s=$(printf '\\351.st'); hxcrate copy s.st $s; hxcrate put --append $s a a; "
+      "hxcrate pack --replace $s .; hxcrate check --quick $s; hxcrate unpack $s out; ls out",
+      "a\ns.st\n",
+      "hxcrate: ./\\351.st: skipped: the store\nhxcrate: \\351.st: 0 errors, 0 warnings, "
+      "0 notes in 1 store and 2 items, of which no pages were looked at\n");
+}
+
 // The first group of each match, with a space behind it.
 std::string findAll(const std::string& text, const std::string& expression) {
   const std::regex wanted(expression);

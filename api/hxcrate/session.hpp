@@ -79,7 +79,7 @@ class [[nodiscard]] Session {
   Session(Session&&) noexcept = default;
   Session& operator=(Session&&) noexcept = default;
 
-  // The store file `path` (UTF-8).
+  // The store file `path`, whose bytes may be any but NUL.
   Store open(const std::string& path, Mode mode = Mode::read, OpenOptions options = {});
   // The same without exceptions, as all that takes a std::error_code: with an error, what it
   // returns is not open. The code carries the system's number where it refused something.

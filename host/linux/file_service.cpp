@@ -55,10 +55,9 @@ OpenResult openHandle(FileService& service, const std::string& path, bool forUpd
   const OpenResult result = service.files->open(path, forUpdate, lease);
   if (result.error != 0) return result;
   if (forUpdate && takesOnlyNew() && !lease.file().wasCreated) return {EEXIST};
-  const auto fullPath = decodePath(lease.file().path);
-  if (!fullPath) return {EILSEQ};
-  if (fullPath->size() > hx::HX_PATH_CAPACITY) return {ENAMETOOLONG};
-  auto* opened = new OpenFile(*service.files, std::move(lease), *fullPath, service.shelf,
+  const std::u32string fullPath = decodePath(lease.file().path);
+  if (fullPath.size() > hx::HX_PATH_CAPACITY) return {ENAMETOOLONG};
+  auto* opened = new OpenFile(*service.files, std::move(lease), fullPath, service.shelf,
                               service.cacheBytesPerFile);
   if (OpenRequest* request = OpenRequest::current()) request->noteOpened(opened->outcome());
   handle = opened;

@@ -2,7 +2,7 @@
 //
 // A file opened for update that is absent is created, and removed again when it is closed with
 // nothing in it. The handle's path is absolute and free of links; a file whose path can't be given
-// so (longer than 1024 characters, or no UTF-8) does not open. A link is followed by `open` and by
+// so (longer than 1024 characters) does not open. A link is followed by `open` and by
 // `remove`: a store is deleted where its data are, and the link stays. What else is opened and who
 // is kept out is told in locked_files.h, what an update leaves behind in disk_file.h, how an open
 // is told more than its slot takes, and tells more, in open_request.h.

@@ -1,6 +1,5 @@
 #include "host/linux/path_codec.h"
 
-#include <algorithm>
 #include <array>
 
 #include "host/file_io.h"
@@ -8,7 +7,12 @@
 namespace hxhost {
 namespace {
 
-constexpr char32_t kReplacement = 0xfffd;
+// A byte of a path that is part of no character travels as the one of these that ends in its value.
+constexpr char32_t kLoneByte = 0xdc00;
+
+bool isLoneByte(char32_t character) {
+  return character >= kLoneByte + 0x80 && character <= kLoneByte + 0xff;
+}
 
 bool isScalar(char32_t character) {
   return character < 0xd800 || (character > 0xdfff && character <= 0x10ffff);
@@ -16,6 +20,7 @@ bool isScalar(char32_t character) {
 
 void appendUtf8(std::string& out, char32_t character) {
   const auto put = [&out](char32_t byte) { out.push_back(static_cast<char>(byte)); };
+  if (isLoneByte(character)) return put(character - kLoneByte);
   const auto putTail = [&](int shift) { put(0x80 | ((character >> shift) & 0x3f)); };
   if (character < 0x80) return put(character);
   if (character < 0x800) {
@@ -44,6 +49,7 @@ size_t sequenceLength(uint8_t first) {
 std::optional<char32_t> decodeSequence(std::string_view bytes) {
   constexpr std::array<char32_t, 5> kSmallest = {0, 0, 0x80, 0x800, 0x10000};
   const size_t length = bytes.size();
+  if (length == 0 || length != sequenceLength(static_cast<uint8_t>(bytes[0]))) return std::nullopt;
   char32_t character = static_cast<uint8_t>(bytes[0]);
   if (length > 1) character &= 0x7fu >> length;
   for (const char tail : bytes.substr(1)) {
@@ -61,31 +67,20 @@ std::optional<std::string> encodePath(const char32_t* path, int64_t length) {
   if (path == nullptr || length < 1 || length > hx::HX_PATH_CAPACITY) return std::nullopt;
   std::string encoded;
   for (int64_t i = 0; i < length; ++i) {
-    if (path[i] == 0 || !isScalar(path[i])) return std::nullopt;
+    if (path[i] == 0 || (!isScalar(path[i]) && !isLoneByte(path[i]))) return std::nullopt;
     appendUtf8(encoded, path[i]);
   }
   return encoded;
 }
 
-std::string describePath(const char32_t* path, int64_t length) {
-  std::string text;
-  if (path == nullptr) return text;
-  const int64_t shown = std::min<int64_t>(length, hx::HX_PATH_CAPACITY);
-  for (int64_t i = 0; i < shown; ++i) {
-    appendUtf8(text, path[i] != 0 && isScalar(path[i]) ? path[i] : kReplacement);
-  }
-  return text;
-}
-
-std::optional<std::u32string> decodePath(std::string_view path) {
+std::u32string decodePath(std::string_view path) {
   std::u32string decoded;
   while (!path.empty()) {
-    const size_t length = sequenceLength(static_cast<uint8_t>(path[0]));
-    if (length == 0 || length > path.size()) return std::nullopt;
-    const auto character = decodeSequence(path.substr(0, length));
-    if (!character) return std::nullopt;
-    decoded.push_back(*character);
-    path.remove_prefix(length);
+    const auto lead = static_cast<uint8_t>(path[0]);
+    const std::string_view sequence = path.substr(0, sequenceLength(lead));
+    const auto character = decodeSequence(sequence);
+    decoded.push_back(character.value_or(kLoneByte + lead));
+    path.remove_prefix(character ? sequence.size() : 1);
   }
   return decoded;
 }
