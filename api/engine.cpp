@@ -39,6 +39,9 @@ bool isRemovalResult(Errc code) {
   if (refusal.holder == hxhost::Holder::kUpdaterHere) {
     failure.holder = "open for update in this session";
   }
+  if (refusal.holder == hxhost::Holder::kUpdaterWaitsHere) {
+    failure.holder = "waited for by an update in this session";
+  }
   throw Error(Errc::storeInUse, path, "", failure);
 }
 
@@ -51,7 +54,11 @@ FileFailure translate(const hxhost::FileFailure& failure, const std::string& pat
 }
 
 std::optional<FileFailure> takeFailureOf(hxhost::FileOutcome& outcome, const std::string& path) {
-  if (const auto loss = outcome.loss()) return translate(*loss, path, outcome.wasRolledBack());
+  if (const auto loss = outcome.loss()) {
+    FileFailure told = translate(*loss, path, outcome.wasRolledBack());
+    told.happened = outcome.hasHappened();
+    return told;
+  }
   const auto failedRead = outcome.takeFailedRead();
   return failedRead ? std::optional(translate(*failedRead, path)) : std::nullopt;
 }

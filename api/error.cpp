@@ -132,6 +132,7 @@ std::string describe(const FileFailure& failure) {
     text += ", waited " + std::to_string(failure.waited.count()) + " ms";
   }
   if (failure.rolledBack) text += "; the store is as it was";
+  if (failure.happened) text += "; the update is in the file, but a power cut may undo it";
   return text;
 }
 

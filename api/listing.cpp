@@ -77,10 +77,11 @@ Listing::Iterator& Listing::Iterator::operator=(Iterator&& other) noexcept = def
 Listing::Iterator::~Iterator() = default;
 
 void Listing::Iterator::advance() {
-  if (!walk_->next(member_)) walk_.reset();
+  if (walk_ != nullptr && !walk_->next(member_)) walk_.reset();
 }
 
 Listing::Iterator Listing::begin() const {
+  if (opening_ == nullptr) throw Error(Errc::closed, "", "");
   return Iterator(std::make_unique<ListingWalk>(opening_, store_, options_));
 }
 

@@ -36,12 +36,22 @@ auto Store::useMember(std::string_view path, Use use) const {
   return use(holder.store(), WideName(path.substr(split + 1)));
 }
 
+// Throws why the item was not to be had.
+void Store::failItem(std::int32_t status, hx::Store* holder, std::string_view path) const {
+  const WideName name(path.substr(path.rfind('/') + 1));
+  std::int32_t unused = hx::kOk;
+  const bool isStore =
+      status == hx::kNotFound &&
+      opening_->module()->findMember(holder, name.characters(), name.length(), &unused) != nullptr;
+  opening_->fail(isStore ? static_cast<int>(Errc::isAStore) : status, join(pathOf(*store()), path));
+}
+
 View Store::view(std::string_view path) const {
   return useMember(path, [&](hx::Store* holder, const WideName& name) -> View {
     std::int32_t status = hx::kOk;
     hx::ItemView* view = opening_->module()->openView(opening_->module(), holder, name.characters(),
                                                       name.length(), &status);
-    if (view == nullptr) opening_->fail(status, join(pathOf(*store()), path));
+    if (view == nullptr) failItem(status, holder, path);
     return {opening_, view};
   });
 }
@@ -79,7 +89,8 @@ MemberStatus Store::stat(std::string_view path) const {
 }
 
 Listing Store::list(std::string_view path, ListOptions options) const {
-  opening_->requireKept(*store());
+  const hx::Store* start = store();
+  opening_->requireKept(*start);
   if (path.empty()) return {opening_, store_, options};
   return {opening_, openStore(path).store(), options};
 }
@@ -93,7 +104,7 @@ std::size_t Store::readAtOnce(std::string_view path, std::span<std::byte> buffer
     opening_->module()->readItem(opening_->module(), holder, name.characters(), name.length(),
                                  buffer.data(), static_cast<std::int32_t>(buffer.size()), &size,
                                  &status);
-    if (status != hx::kOk) opening_->fail(status, join(pathOf(*store()), path));
+    if (status != hx::kOk) failItem(status, holder, path);
   });
   if (size < 0) rest = view(path);
   return static_cast<std::size_t>(std::max<std::int64_t>(size, 0));

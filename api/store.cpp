@@ -150,10 +150,11 @@ MemberRange::Iterator& MemberRange::Iterator::operator=(Iterator&& other) noexce
 MemberRange::Iterator::~Iterator() = default;
 
 void MemberRange::Iterator::advance() {
-  if (!cursor_->next(member_)) cursor_.reset();
+  if (cursor_ != nullptr && !cursor_->next(member_)) cursor_.reset();
 }
 
 MemberRange::Iterator MemberRange::begin() const {
+  if (opening_ == nullptr) throw Error(Errc::closed, "", "");
   return Iterator(std::make_unique<MemberCursor>(opening_, store_));
 }
 
@@ -269,7 +270,8 @@ Writer Store::append(std::string_view path, Parents parents) {
 }
 
 MemberRange Store::members() const {
-  opening_->requireKept(*store());
+  const hx::Store* start = store();
+  opening_->requireKept(*start);
   return {opening_, store_};
 }
 

@@ -169,6 +169,7 @@ TEST_F(ApiTest, RefusesWhatContradictsWhatIsThere) {
   expect(store.openOrCreateStore("s/item", error), Errc::isAnItem);
   expect(store.openStore("s/item/x", error), std::errc::not_a_directory);
   expect(store.read("s", error), Errc::isAStore);
+  EXPECT_EQ(errorOf([&] { store.get("s"); }), Errc::isAStore);
   expect(store.openStore("none", error), std::errc::no_such_file_or_directory);
   expect(store.create("none/item", error), Errc::notFound);
   expect(session_.open(path_, Mode::replace, error), Errc::storeInUse);
@@ -293,7 +294,16 @@ TEST_F(ApiTest, ShowsEachNameOnce) {
   bytes[bytes.find("c" + std::string(63, '\0'))] = '\0';
   const std::map<std::string, MemberKind> expected = {{"aa", MemberKind::item},
                                                       {"b", MemberKind::item}};
-  EXPECT_EQ(membersOf(session_.openBlob(asBytes(bytes), "x")), expected);
+  Store store = session_.openBlob(asBytes(bytes), "x");
+  EXPECT_EQ(membersOf(store), expected);
+  auto begun = store.members().begin();
+  const Store moved = std::move(store);
+  auto member = std::move(begun);
+  for (int i = 0; i < 3; ++i)
+    ++begun, ++member;  // NOLINT(bugprone-use-after-move)
+  EXPECT_TRUE(begun == std::default_sentinel && member == std::default_sentinel);
+  EXPECT_EQ(errorOf([&] { return store.members(); }),
+            Errc::closed);  // NOLINT(bugprone-use-after-move)
 }
 
 // By itself and as a stream, which is the last to hold its store and its session.

@@ -84,6 +84,7 @@ class Files : public CrashFiles {
   // its last failed read, which is forgotten.
   std::string failure() {
     if (refusal_ || file_ == nullptr) return describe(refusal_);
+    if (file_->hasHappened()) return describe(file_->loss()) + " happened";
     if (file_->loss()) return describe(file_->loss(), file_->wasRolledBack());
     return describe(file_->takeFailedRead());
   }
@@ -434,6 +435,8 @@ bool survives(SimulatedDisk& disk, int64_t cacheBytes, unsigned seed) {
   const bool isBack = failure.ends_with(" undone");
   EXPECT_FALSE(isBack && disk.live().has(kCrashJournal));
   EXPECT_TRUE(!isBack || disk.live().at(kCrashFile) == before);
+  const bool isThere = disk.live().at(kCrashFile) == after && !disk.live().has(kCrashJournal);
+  EXPECT_EQ(failure.ends_with(" happened"), failure.starts_with("commit") && isThere) << failure;
   SimulatedDisk repaired(disk.live());
   lookAt(repaired);
   const Bytes found = repaired.live().at(kCrashFile);

@@ -2,13 +2,17 @@
 // the real host and the real module.
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
+#include <unistd.h>
 
 #include <chrono>
 #include <csignal>
 #include <functional>
 #include <future>
 #include <hxcrate/crate.hpp>
+#include <iostream>
 #include <thread>
 
 #include "tests/api_errors.h"
@@ -288,6 +292,17 @@ TEST_F(Sharing, WaitsAlone) {
   const std::string what =
       whatOf([&] { return session_.open(path_, Mode::update, {.lockWait = milliseconds(20)}); });
   EXPECT_TRUE(what.find("in this session, waited 2") != what.npos) << what;
+  busy.close();
+
+  Store reader = Session().open(path_);
+  const auto updating = std::async(std::launch::async, [&] {
+    session_.open(path_, Mode::update, {.lockWait = milliseconds(-1)}).close();
+  });
+  std::string reason;
+  while (reason.empty())
+    reason = whatOf([&] { session_.open(path_).close(); });
+  EXPECT_TRUE(reason.ends_with("(waited for by an update in this session)")) << reason;
+  reader.close();
 }
 
 // A file of the same header and length in place of the one that was closed, and one that was
@@ -381,6 +396,45 @@ TEST_F(Sharing, GivesCodesThatAProgramCanUse) {
     EXPECT_FALSE(session_.openMapped(path, error).isOpen());
     EXPECT_TRUE(error == codes.first && error == codes.second) << path << error.message();
   }
+  const auto inChild = [&](const std::function<std::error_code()>& call, std::errc code) {
+    EXPECT_EXIT(::_exit(call() == code ? 0 : 1), testing::ExitedWithCode(0), "") << int(code);
+  };
+  inChild(
+      [&] {
+        constexpr uid_t kNobody = 65534;
+        Session session;
+        std::filesystem::permissions(directory_.path(), std::filesystem::perms::all);
+        std::filesystem::permissions(path_, std::filesystem::perms::none);
+        if (::geteuid() == 0 && ::setresuid(kNobody, kNobody, kNobody) != 0) ::_exit(2);
+        return errorOf([&] { return session.open(path_); });
+      },
+      std::errc::permission_denied);
+  inChild(
+      [&] {
+        const rlimit none = {static_cast<rlim_t>(::dup(0)), 1024};
+        Session session;
+        ::setrlimit(RLIMIT_NOFILE, &none);
+        return errorOf([&] { return session.open(directory_ / "text"); });
+      },
+      std::errc::too_many_files_open);
+  inChild(
+      [&] {
+        const std::string full = directory_ / "full";
+        std::filesystem::create_directory(full);
+        if (::unshare(CLONE_NEWNS) != 0 ||
+            ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+            ::mount("x", full.c_str(), "tmpfs", 0, "size=64k") != 0) {
+          std::cout << "no tmpfs may be mounted here: a full disk is not tried\n";
+          return make_error_code(std::errc::no_space_on_device);
+        }
+        Session session;
+        Store store = session.open(full + "/x", Mode::create);
+        std::error_code error;
+        store.create("a").write(makeBytes(1 << 20), error);
+        store.close(error);
+        return error;
+      },
+      std::errc::no_space_on_device);
   EXPECT_EQ(errorOf([&] { return session_.open(directory_ / "text"); }), Errc::notAStore);
   const std::string what =
       whatOf([&] { return session_.open(directory_ / std::string(100000, 'n')); });

@@ -161,7 +161,7 @@ TEST_F(ViewTest, TellsWhatIsThere) {
   EXPECT_EQ(errorOf([&] { (void)store.exists("a//b"); }), Errc::badName);
   EXPECT_EQ(errorOf([&] { (void)store.stat("other"); }), Errc::notFound);
   EXPECT_EQ(errorOf([&] { (void)store.getText("other"); }), Errc::notFound);
-  EXPECT_EQ(errorOf([&] { (void)store.view(nested); }), Errc::notFound);
+  EXPECT_EQ(errorOf([&] { (void)store.view(nested); }), Errc::isAStore);
   EXPECT_EQ(store.stat(nested).kind, MemberKind::store);
   Writer writer = store.append("alone");
   writer.write("more");

@@ -79,12 +79,7 @@ void rehearse(const PutOptions& options, hxcrate::MemberKind kind, bool mayExist
 void updateStore(const PutOptions& options, const NewStore::Fill& fill) {
   hxcrate::Session session(options.session());
   hxcrate::Store store = session.open(options.store, hxcrate::Mode::openOrCreate);
-  try {
-    fill(store);
-  } catch (...) {
-    store.abandon();
-    throw;
-  }
+  fill(store);  // what it throws undoes the update
   store.close();
 }
 

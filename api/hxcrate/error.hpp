@@ -72,6 +72,8 @@ struct FileFailure {
   std::error_code reason;  // the system's
   // All of an update was undone because of it: the store file is as it was before.
   bool rolledBack = false;
+  // The update is in the file in spite of it: but that may not be on disk, and a power cut undo it.
+  bool happened = false;
   std::string holder = {};              // who has the file open, when that is this session
   std::chrono::milliseconds waited{0};  // for whoever has the file open
 };

@@ -46,7 +46,8 @@ struct ListedMember {
 // that asks for sizes throws where the records of an item are damaged.
 class [[nodiscard]] Listing : public std::ranges::view_base {
  public:
-  // Movable, not copyable; an input iterator.
+  // Movable, not copyable; an input iterator. What was moved from is at the end, where ++ does
+  // nothing.
   class Iterator {
    public:
     using value_type = ListedMember;

@@ -40,7 +40,8 @@ struct Member {
 // own.
 class [[nodiscard]] MemberRange : public std::ranges::view_base {
  public:
-  // Holds the store as well. Movable, not copyable; an input iterator.
+  // Holds the store as well, wherever that is moved. Movable, not copyable; an input iterator. What
+  // was moved from is at the end, where ++ does nothing.
   class Iterator {
    public:
     using value_type = Member;
@@ -186,8 +187,9 @@ class [[nodiscard]] Store {
   // Makes durable what was written to the file so far, and the update goes on: nobody gets in
   // between, and what is open in it stays so. Throws membersOpen, and changes nothing, while an
   // item is open for writing; readOnly. After fileFailed the file is as it was after the commit
-  // before, this is closed, and whatever is done through other members throws that too. Nothing is
-  // to be done for a store in memory.
+  // before, unless the error says that the update is in it (FileFailure::happened); this is closed,
+  // and whatever is done through other members throws that too. Nothing is to be done for a store
+  // in memory.
   void commit();
   void commit(std::error_code& error) noexcept {
     captureError(error, [&] { commit(); });
@@ -210,6 +212,7 @@ class [[nodiscard]] Store {
   template <typename Use>
   auto useMember(std::string_view path, Use use) const;
   hx::Member* findMember(std::string_view path) const;
+  [[noreturn]] void failItem(std::int32_t status, hx::Store* holder, std::string_view path) const;
   std::size_t readAtOnce(std::string_view path, std::span<std::byte> buffer, View& rest) const;
   template <typename Handle>
   Handle openItem(std::string_view path, std::uint32_t flags, Parents parents) const;

@@ -146,6 +146,7 @@ bool DiskFile::commit() noexcept {
   }
   if (const int error = journal_->syncName(); error != 0) {
     noteFailure({error, FileOperation::kCommit});
+    outcome_->noteHappened();
   }
   return true;
 }

@@ -65,8 +65,8 @@ class DiskFile {
   void noteFailure(const FileFailure& failure) noexcept;
 
   // Makes what was written so far stay, and goes on with the next update of the file. False, after
-  // noting why, when that can't be: the file is what it was before, unless its outcome says that it
-  // was not rolled back, and nothing is written any more.
+  // noting why, when that can't be: the outcome says whether the file is what it was before or the
+  // update is in it, and nothing is written any more.
   bool commitUpdate() noexcept;
 
  private:

@@ -50,6 +50,11 @@ bool FileOutcome::wasRolledBack() const {
   return wasRolledBack_ && loss_;
 }
 
+bool FileOutcome::hasHappened() const {
+  const std::lock_guard guard(mutex_);
+  return hasHappened_ && loss_;
+}
+
 std::optional<FileInfo> FileOutcome::closed() const {
   const std::lock_guard guard(mutex_);
   return closed_;
@@ -74,6 +79,11 @@ void FileOutcome::noteFailedRead(const FileFailure& failure) {
 void FileOutcome::noteRolledBack() {
   const std::lock_guard guard(mutex_);
   wasRolledBack_ = true;
+}
+
+void FileOutcome::noteHappened() {
+  const std::lock_guard guard(mutex_);
+  hasHappened_ = true;
 }
 
 }  // namespace hxhost

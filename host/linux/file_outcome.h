@@ -51,9 +51,13 @@ class FileOutcome {
   std::optional<FileFailure> failure() const;
 
   // The lost update has left the file as it was. When it has not, and the handle is closed, the
-  // file may be the new one (after kCommit and kClose), or will be made what it was by whoever
-  // opens it next.
+  // file is the new one where `hasHappened` says so, and may be after kClose, or will be made what
+  // it was by whoever opens it next.
   bool wasRolledBack() const;
+
+  // The update is in the file all the same: only that it is on disk could not be had, so that a
+  // power cut may undo it.
+  bool hasHappened() const;
 
   // Whether there is a loss.
   bool isLost() const { return isLost_; }
@@ -70,12 +74,14 @@ class FileOutcome {
   void noteLoss(const FileFailure& failure);
   void noteFailedRead(const FileFailure& failure);
   void noteRolledBack();
+  void noteHappened();
 
  private:
   mutable std::mutex mutex_;
   std::optional<FileFailure> loss_;
   std::optional<FileFailure> failedRead_;
   bool wasRolledBack_ = false;
+  bool hasHappened_ = false;
   std::atomic<bool> isLost_{false};
   FileInfo opened_{};  // stays
   std::optional<FileInfo> closed_;

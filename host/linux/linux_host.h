@@ -69,7 +69,7 @@ class LinuxHost {
 
   // Makes what was written to the `file` since it was opened or committed last stay, as a close
   // would, and goes on with the update; nobody can slip in between. False when that failed: the
-  // outcome says why, the file is what it was before, and until it is closed everything fails.
+  // outcome says why and what the file is now, and until it is closed everything fails.
   // Nobody may use the file meanwhile.
   static bool commitUpdate(hx::FileHandle* file);
 

@@ -71,6 +71,29 @@ int locate(FileOps& ops, const std::string& path, bool forUpdate, RegularFile& f
 
 }  // namespace
 
+// Lists the file among those that are waited for, unless it is for reading.
+class LockedFiles::WaitingUpdate {
+ public:
+  WaitingUpdate(LockedFiles& files, const FileInfo& file, LockKind kind) : files_(files) {
+    if (kind != LockKind::kExclusive) return;
+    const std::lock_guard guard(files_.mutex_);
+    place_ = files_.waitedFor_.insert(files_.waitedFor_.end(), file);
+    isListed_ = true;
+  }
+  ~WaitingUpdate() {
+    if (!isListed_) return;
+    const std::lock_guard guard(files_.mutex_);
+    files_.waitedFor_.erase(place_);
+  }
+  WaitingUpdate(const WaitingUpdate&) = delete;
+  WaitingUpdate& operator=(const WaitingUpdate&) = delete;
+
+ private:
+  LockedFiles& files_;
+  std::list<FileInfo>::iterator place_;
+  bool isListed_ = false;
+};
+
 FileLease& FileLease::operator=(FileLease&& other) noexcept {
   std::swap(files_, other.files_);
   std::swap(locked_, other.locked_);
@@ -218,6 +241,7 @@ void LockedFiles::dropCreated(RegularFile& file) {
 int LockedFiles::acquire(const RegularFile& file, LockKind kind, LockWait& wait, bool mayQueue) {
   // One that was made here has its lock, and who waits for that must not be waited for.
   if (file.wasCreated && setLock(*ops_, file, LockPart::kBytes, kind) == 0) return 0;
+  const WaitingUpdate listed(*this, file.info, kind);
   const Turn turn(*ops_, file);
   int error = turn.take(kind);
   while (error == EBUSY && mayQueue && wait.pause(kPauseBeforeTurnstile))
@@ -242,7 +266,8 @@ OpenResult LockedFiles::tryRemove(const std::string& path, LockWait& wait) {
   RegularFile file;
   int error = locateRegularFile(*ops_, path, file);
   if (error != 0) return {error};
-  if (const Holder here = findHolder(file.info, true); here != Holder::kElsewhere) {
+  const Holder here = findHolder(file.info, true);
+  if (here == Holder::kReadersHere || here == Holder::kUpdaterHere) {
     return {EBUSY, FileOperation::kRemove, here};
   }
   error = openRegularFile(*ops_, path, Purpose::kReplace, file);
@@ -314,9 +339,11 @@ LockedFile* LockedFiles::findReserved(const std::string& path, bool forUpdate) {
 Holder LockedFiles::findHolder(const FileInfo& info, bool forUpdate) {
   const std::lock_guard guard(mutex_);
   const LockedFile* known = find(info);
-  if (known == nullptr) return Holder::kElsewhere;
-  if (known->updaters > 0) return Holder::kUpdaterHere;
-  return forUpdate ? Holder::kReadersHere : Holder::kElsewhere;
+  if (known != nullptr && known->updaters > 0) return Holder::kUpdaterHere;
+  if (known != nullptr && forUpdate) return Holder::kReadersHere;
+  const bool isWaitedFor =
+      std::ranges::any_of(waitedFor_, [&](const FileInfo& file) { return isSameFile(file, info); });
+  return isWaitedFor ? Holder::kUpdaterWaitsHere : Holder::kElsewhere;
 }
 
 }  // namespace hxhost

@@ -18,6 +18,7 @@
 #pragma once
 
 #include <chrono>
+#include <list>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -99,6 +100,7 @@ class LockedFiles : public std::enable_shared_from_this<LockedFiles> {
 
  private:
   friend class FileLease;
+  class WaitingUpdate;
 
   OpenResult tryOpen(const std::string& path, bool forUpdate, LockWait& wait, FileLease& lease);
   OpenResult openNew(const std::string& path, Purpose purpose, LockWait& wait,
@@ -127,8 +129,9 @@ class LockedFiles : public std::enable_shared_from_this<LockedFiles> {
   const std::shared_ptr<FileOps> ops_;
   const Durability durability_;
   const std::chrono::milliseconds lockWait_;  // where no OpenRequest says it
-  std::mutex mutex_;                          // guards the list and the counts of its files
+  std::mutex mutex_;                          // guards the lists and the counts of the files
   std::vector<std::unique_ptr<LockedFile>> files_;
+  std::list<FileInfo> waitedFor_;  // by updates
 };
 
 }  // namespace hxhost

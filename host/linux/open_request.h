@@ -35,7 +35,8 @@ enum class Holder {
   kNobody,
   kElsewhere,    // another process, or another file service of this one
   kReadersHere,  // of the same file service
-  kUpdaterHere
+  kUpdaterHere,
+  kUpdaterWaitsHere  // for others, before whoever comes later
 };
 
 // While it lives, all that its thread opens and removes through any host follows its terms and is
