@@ -17,11 +17,11 @@ namespace {
 }
 
 std::string findNameFault(std::string_view name) {
-  if (name.empty()) return "a component is empty";
-  if (name.find('\0') != std::string_view::npos) return "it holds a NUL byte";
+  if (name.empty()) return "is empty";
+  if (name.find('\0') != std::string_view::npos) return "holds a NUL byte";
   if (name.size() <= kNameCapacity) return "";
-  return "a component has " + std::to_string(name.size()) + " bytes, at most " +
-         std::to_string(kNameCapacity) + " fit";
+  return "has " + std::to_string(name.size()) + " bytes, at most " + std::to_string(kNameCapacity) +
+         " fit";
 }
 
 std::string makeAbsolute(const std::string& path) {
@@ -34,10 +34,14 @@ std::string makeAbsolute(const std::string& path) {
 }  // namespace
 
 std::string findPathFault(std::string_view path) {
-  while (true) {
+  const bool isSingle = path.find('/') == std::string_view::npos;
+  for (int number = 1;; ++number) {
     const std::size_t end = std::min(path.find('/'), path.size());
-    std::string fault = findNameFault(path.substr(0, end));
-    if (!fault.empty() || end == path.size()) return fault;
+    const std::string fault = findNameFault(path.substr(0, end));
+    if (!fault.empty()) {
+      return (isSingle ? "it " : "component " + std::to_string(number) + " ") + fault;
+    }
+    if (end == path.size()) return "";
     path.remove_prefix(end + 1);
   }
 }

@@ -19,6 +19,10 @@ using hxtest::readFile;
 using hxtest::readTree;
 using hxtest::writeFile;
 
+// Goes before a command: it may do what the modes of files say and no more, though root runs it.
+const std::string kObeying =
+    ::geteuid() == 0 ? "setpriv --bounding-set=-dac_override,-dac_read_search " : "";
+
 // Goes before a line: no file can grow past 100 blocks, as on a full disk.
 const std::string kFullDisk = "ulimit -f 100; trap '' XFSZ; ";
 
@@ -135,7 +139,8 @@ TEST_F(CommandTest, ListsMembersAndPrintsItems) {
   makeStore("x.st", {"b", "a/deep/item", "a/x", "c d"});
   const std::pair<const char*, std::string> cases[] = {
       {"ls -lR x.st a", "         -  deep/\n        11  deep/item\n         3  x\n"},
-      {"ls x.st a/x", "a/x\n"},
+      {"ls x.st /a/x", "a/x\n"},
+      {"ls x.st /", "a/\nb\nc d\n"},
       {"ls -0 x.st a/", std::string("deep/\0x\0", 8)},
       {"ls --json x.st a",
        "{\"store\": \"x.st\", \"path\": \"a\", \"members\": [\n"
@@ -175,6 +180,28 @@ TEST_F(CommandTest, UnpacksWhatIsAskedForAndNoMore) {
   EXPECT_FALSE(fs::exists(directory_ / "out"));
 }
 
+// With and without --dry-run, before anything is read or made.
+TEST_F(CommandTest, SaysAlikeThatItCanNotWrite) {
+  if (std::system((kObeying + "true").c_str()) != 0) GTEST_SKIP() << "takes setpriv";
+  makeStore("x.st", {"a", "d/b"});
+  expectRun(0, "mkdir in out; >in/f; chmod 555 out; cp x.st out; chmod 444 out/x.st; chmod 555 .");
+  for (const std::string words :
+       {"pack n.st in", "pack --replace x.st in", "copy x.st n.st", "unpack x.st new",
+        "unpack x.st out", "put x.st c in/f", "put n.st c in/f", "mkstore out/x.st c"}) {
+    for (const std::string way : {"", " --dry-run"}) {
+      expectRun(3, kObeying + "hxcrate " + words + way);
+      EXPECT_NE(err_.find(": Permission denied\n"), std::string::npos) << words << way << err_;
+      EXPECT_EQ(std::count(err_.begin(), err_.end(), '\n'), 1) << err_;
+    }
+  }
+  expectRun(5, "chmod 755 . out; mkdir out/d; chmod 555 out/d; " + kObeying +
+                   "hxcrate unpack --dry-run x.st out");
+  expectSaid("hxcrate: out/d/b: create: Permission denied\n");
+  hxcrate::Session session;
+  const hxcrate::Store reader = session.open(directory_ / "x.st");
+  expectRun(4, "hxcrate mkstore --dry-run x.st c");
+}
+
 TEST_F(CommandTest, ADamagedItemKeepsNoOtherFromBeingRead) {
   const std::string bytes = makeBytes(10000);
   writeFile(directory_ / "in/f", bytes);
@@ -203,9 +230,19 @@ TEST_F(CommandTest, AddsToStoresWholeOrNotAtAll) {
       {3, "hxcrate put --dry-run x.st a absent",
        "hxcrate: absent: open: No such file or directory\n"},
       {3, "hxcrate put --dry-run x.st a .", "hxcrate: .: read: Is a directory\n"},
+      {3, "hxcrate put --dry-run x.st a <&-",
+       "hxcrate: standard input: read: Bad file descriptor\n"},
+      {4, "hxcrate put x.st a/ file",
+       "hxcrate: x.st: a/: no item's name ends in a slash; mkstore makes stores\n"},
+      {4, "hxcrate put --dry-run -p x.st a//b file",
+       "hxcrate: x.st: a//b: the name can't be kept (component 2 is empty)\n"},
       {0, "hxcrate put -p x.st a/b file", "hxcrate: x.st: a new store was made\n"},
       {4, "hxcrate put x.st a/b", "hxcrate: x.st: a/b: exists already; --append adds to it\n"},
-      {4, "hxcrate put --append x.st a", "hxcrate: x.st: a: exists already\n"},
+      {4, "hxcrate put --append x.st a", "hxcrate: x.st: a: is a store\n"},
+      {4, "hxcrate put --dry-run -p x.st a/b/c/d file", "hxcrate: x.st: a/b: is an item\n"},
+      {4, "hxcrate put --dry-run x.st b/c/d file",
+       "hxcrate: x.st: b: no such store; -p makes it\n"},
+      {0, "cp x.st before; hxcrate put --dry-run x.st c file 2>/dev/null; cmp x.st before"},
       {4, "hxcrate put -p x.st a/b/c file", "hxcrate: x.st: a/b: is an item\n"},
       {4, "hxcrate mkstore x.st a/b/c", "hxcrate: x.st: a/b: is an item\n"},
       {0, "hxcrate put --append x.st a/b - <file"},
@@ -224,7 +261,7 @@ TEST_F(CommandTest, AddsToStoresWholeOrNotAtAll) {
       {4, "hxcrate mkstore x.st s", "hxcrate: x.st: s: exists already\n"},
       {0, "hxcrate mkstore -p x.st s/t/u"},
       {0, "hxcrate mkstore -p x.st s/t/u"},
-      {4, "hxcrate mkstore -p x.st a/b", "hxcrate: x.st: a/b: exists already\n"},
+      {4, "hxcrate mkstore -p x.st a/b", "hxcrate: x.st: a/b: is an item\n"},
   };
   for (const Case& test : cases)
     expectPrinted(test.code, test.line, "", test.err);
@@ -315,10 +352,16 @@ TEST_F(CommandTest, AnswersWithTheRightExitCode) {
       {0, "cat --offset 010 x.st a"},
       {2, "salvage --encoding other unknown no.st"},
       {4, "cat x.st b", "hxcrate: x.st: b: not found\n"},
+      {2, "ls x.st a z b", "hxcrate: unexpected: z b (see hxcrate ls --help)\n"},
+      {2, "copy x.st -"},
+      {4, "cat x.st /", "hxcrate: x.st: /: is a store\n"},
       {4, "ls absent", "hxcrate: absent: not found\n"},
       {4, "ls text", "hxcrate: text: not a store\n"},
       {4, "ls dir", "hxcrate: dir: the store's file does not open (open: Is a directory)\n"},
-      {4, "salvage unknown no.st"},
+      {4, "salvage unknown no.st",
+       "hxcrate: unknown: not an encoding that is known here (bytes 0 to 23); --encoding says "
+       "which it "
+       "is, known are hxmok1/le/utf-8 and hxmok1/be/utf-8\n"},
       {3, "pack no.st absent", "hxcrate: absent: open directory: No such file or directory\n"},
       {3, "unpack x.st text", "hxcrate: text: open directory: Not a directory\n"},
       {3, "ls x.st >/dev/full", "hxcrate: standard output: write: No space left on device\n"},

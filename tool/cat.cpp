@@ -45,7 +45,7 @@ class Printer {
   void print(const hxcrate::Store& store, const std::string& path) {
     std::optional<hxcrate::Reader> reader = openIfItem(store, path);
     if (!reader) {
-      complain(options_.store, path, "is a store");
+      complain(options_.store, path.empty() ? "/" : path, "is a store");
       outcome_ = worse(outcome_, ExitCode::notOpenable);
       return;
     }

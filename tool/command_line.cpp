@@ -6,6 +6,7 @@
 #include <exception>
 #include <limits>
 #include <new>
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -42,10 +43,14 @@ ExitCode refuse(const std::string& reason, const std::string& command) {
   return ExitCode::usage;
 }
 
-std::string trimPath(std::string path) {
-  while (path.size() > 1 && path.back() == '/')
-    path.pop_back();
-  return path;
+std::string trimPath(const std::string& path) {
+  const std::size_t first = path.find_first_not_of('/');
+  if (first == std::string::npos) return "";
+  return path.substr(first, path.find_last_not_of('/') + 1 - first);
+}
+
+std::string refuseStream(const std::string& path) {
+  return path == "-" ? "no standard stream can be this; ./- is the file of that name" : "";
 }
 
 // In decimal alone, whatever it begins with; the parser's own numbers may be octal or too large.
@@ -122,10 +127,23 @@ ExitCode CommandLine::run(int argc, char** argv) {
     return print(app_.help());
   } catch (const CLI::CallForVersion& version) {
     return print(std::string(version.what()) + "\n");
+  } catch (const CLI::ExtrasError&) {
+    std::string unexpected;
+    for (const std::string& word : app_.remaining(true))
+      unexpected += " " + word;
+    return refuse("unexpected:" + unexpected, name + " ");
   } catch (const CLI::ParseError& error) {
     return refuse(error.what(), isOption ? "" : name + " ");
   }
   return command_ ? command_() : refuse("no command given", "");
+}
+
+std::string CommandLine::file() const {
+  for (const CLI::App* words : app_.get_subcommands()) {
+    for (const CLI::Option* word : words->get_options())
+      if (word->get_positional() && word->count() > 0) return word->results().front();
+  }
+  return "";
 }
 
 void explain(CLI::App& words, const char* text) {
@@ -133,7 +151,11 @@ void explain(CLI::App& words, const char* text) {
 }
 
 void addStore(CLI::App& words, std::string& path) {
-  words.add_option("STORE", path, "the store file")->required();
+  addFile(words, "STORE", path, "the store file");
+}
+
+void addFile(CLI::App& words, const char* name, std::string& path, const char* meaning) {
+  words.add_option(name, path, meaning)->required()->check(CLI::Validator(refuseStream, ""));
 }
 
 CLI::Option* addMemberPath(CLI::App& words, std::string& path, const char* meaning) {
@@ -177,10 +199,14 @@ void addDryRun(CLI::App& words, bool& dryRun) {
 }
 
 ExitCode runCommand(int argc, char** argv) {
+  std::optional<CommandLine> line;
+  const auto fail = [&](const std::string& reason) {
+    complain(line ? line->file() : "", "", reason);
+    return ExitCode::inputOutput;
+  };
   try {
-    CommandLine line;
-    addCommands(line);
-    return line.run(argc, argv);
+    addCommands(line.emplace());
+    return line->run(argc, argv);
   } catch (const Failure& failure) {
     failure.print();
     return failure.code();
@@ -190,11 +216,9 @@ ExitCode runCommand(int argc, char** argv) {
   } catch (const Interrupted& interrupted) {
     endBySignal(interrupted.signal());
   } catch (const std::bad_alloc&) {
-    complain("", "", "there is not enough memory for this");
-    return ExitCode::inputOutput;
+    return fail("the memory that this takes can't be had");
   } catch (const std::exception& error) {
-    complain("", "", error.what());
-    return ExitCode::inputOutput;
+    return fail(std::string("the command failed: ") + error.what());
   }
 }
 

@@ -24,6 +24,9 @@ class CommandLine {
   // Reads the words and does what they say. Throws what the command throws.
   ExitCode run(int argc, char** argv);
 
+  // The first file that the words name, once they were read.
+  std::string file() const;
+
  private:
   CLI::App app_;
   std::string group_;
@@ -35,7 +38,9 @@ void explain(CLI::App& words, const char* text);
 
 // Words that several subcommands have.
 void addStore(CLI::App& words, std::string& path);
-// "a/b/" is taken for "a/b".
+// A file or directory that can't be a standard stream.
+void addFile(CLI::App& words, const char* name, std::string& path, const char* meaning);
+// "/a/b/" is taken for "a/b", and "/" for the store as a whole.
 CLI::Option* addMemberPath(CLI::App& words, std::string& path, const char* meaning);
 CLI::Option* addMemberPaths(CLI::App& words, std::vector<std::string>& paths, const char* meaning);
 void addPageSize(CLI::App& words, std::int32_t& pageSize, const char* meaning);

@@ -122,7 +122,7 @@ void addCopy(CommandLine& line) {
           "The bytes of items stay what they are, whatever the encoding: numbers in them keep the\n"
           "order of bytes that they were written in.");
   addStore(words, options->store);
-  words.add_option("NEW", options->target, "the store file to make")->required();
+  addFile(words, "NEW", options->target, "the store file to make");
   addPageSize(words, options->made.pageSize, kPageSizeMeaning);
   addEncoding(words, options->made.encoding, "as a machine of this encoding would write it");
   words

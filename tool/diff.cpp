@@ -224,8 +224,8 @@ void addDiff(CommandLine& line) {
                                    seeLostMembers(options->first, ExitCode::fine);
                                return worse(outcome, seeLostMembers(options->second, first));
                              });
-  words.add_option("A", options->first, "a store file")->required();
-  words.add_option("B", options->second, "another")->required();
+  addFile(words, "A", options->first, "a store file");
+  addFile(words, "B", options->second, "another");
   words.add_flag("--json", options->asJson, "as JSON");
 }
 

@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <filesystem>
 
 #include "byte_pump.h"
@@ -14,6 +16,33 @@ namespace tool {
 
 namespace {
 
+std::string nameOf(const std::string& path) {
+  return path == "-" ? "standard input" : path;
+}
+
+Descriptor openInput(const std::string& path, int flags) {
+  if (path == "-") return Descriptor(::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0));
+  return Descriptor(
+      repeatInterrupted([&] { return ::open(path.c_str(), O_RDONLY | O_CLOEXEC | flags); }));
+}
+
+struct stat statusOf(const Descriptor& file, const std::string& name) {
+  struct stat status {};
+  if (!file.isOpen() || ::fstat(file.number(), &status) != 0) throw systemFailure(name, "open");
+  return status;
+}
+
+// From where it stands. What may hold bytes that its size does not tell has none.
+std::int64_t measureRest(const Descriptor& file, const struct stat& status) {
+  if (!S_ISREG(status.st_mode)) return 0;
+  return std::max<std::int64_t>(status.st_size - ::lseek(file.number(), 0, SEEK_CUR), 0);
+}
+
+void requireCapacity(std::int64_t size, const std::string& name) {
+  if (size <= hxcrate::kItemCapacity) return;
+  throw Failure(ExitCode::inputOutput, name, "", "more than the 2147483647 bytes of an item");
+}
+
 // Where there is room for what the store is to hold: its own folder, if it is a link.
 std::string folderOf(const std::string& store) {
   std::error_code ignored;
@@ -23,20 +52,27 @@ std::string folderOf(const std::string& store) {
 }  // namespace
 
 ItemInput::ItemInput(const std::string& path, const std::string& store)
-    : name_(path == "-" ? "standard input" : path),
-      file_(path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
-                        : ::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
-  struct stat status {};
-  if (!file_.isOpen() || ::fstat(file_.number(), &status) != 0) throw systemFailure(name_, "open");
+    : name_(nameOf(path)), file_(openInput(path, 0)) {
+  const struct stat status = statusOf(file_, name_);
   if (S_ISREG(status.st_mode) && status.st_size > 0) {
     start_ = ::lseek(file_.number(), 0, SEEK_CUR);
-    size_ = std::max<std::int64_t>(status.st_size - start_, 0);
+    size_ = measureRest(file_, status);
   } else {
     collect(store);
   }
-  if (size_ > hxcrate::kItemCapacity) {
-    throw Failure(ExitCode::inputOutput, name_, "", "more than the 2147483647 bytes of an item");
-  }
+  requireCapacity(size_, name_);
+}
+
+std::int64_t ItemInput::requireReadable(const std::string& path) {
+  const std::string name = nameOf(path);
+  const Descriptor file = openInput(path, O_NONBLOCK);
+  const struct stat status = statusOf(file, name);
+  const int flags = ::fcntl(file.number(), F_GETFL);
+  errno = S_ISDIR(status.st_mode) ? EISDIR : (flags & O_ACCMODE) == O_WRONLY ? EBADF : 0;
+  if (errno != 0) throw systemFailure(name, "read");
+  const std::int64_t size = measureRest(file, status);
+  requireCapacity(size, name);
+  return size;
 }
 
 void ItemInput::collect(const std::string& store) {

@@ -16,6 +16,10 @@ class ItemInput {
   // `store`. Throws a Failure, also for more than an item can hold.
   ItemInput(const std::string& path, const std::string& store);
 
+  // Throws a Failure when the file `path` can't be read or holds too much, as far as that can be
+  // known without reading it. How many bytes there are; 0 when that is not known either.
+  static std::int64_t requireReadable(const std::string& path);
+
   const std::string& name() const { return name_; }  // in messages
   const Descriptor& descriptor() const { return file_; }
   std::int64_t size() const { return size_; }  // from where the descriptor stands at first

@@ -75,6 +75,7 @@ NewStore::NewStore(const std::string& path, bool replace) : shown_(path), place_
   if (!status && errno != ENOENT) throw systemFailure(path, "inspect");
   if (status && !replace) refuse("exists already");
   status ? locateExisting() : refuseStrayJournal();
+  requireWritable(place_.directory, path);
 }
 
 // Beside the new file it would pass for that one's, and keep it from being opened.

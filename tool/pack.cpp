@@ -116,8 +116,8 @@ void addPack(CommandLine& line) {
                              "  hxcrate pack docs.st docs\n"
                              "  hxcrate pack --replace --page-size 4096 docs.st docs",
                              [options] { return pack(*options); });
-  words.add_option("STORE", options->store, "the store file to make")->required();
-  words.add_option("DIR", options->directory, "the directory to pack")->required();
+  addFile(words, "STORE", options->store, "the store file to make");
+  addFile(words, "DIR", options->directory, "the directory to pack");
   addPageSize(words, options->made.pageSize, kPageSizeMeaning);
   words.add_flag("--replace", options->replace, "replace an existing STORE, once all is packed");
   words.add_flag("--in-memory", options->made.inMemory,

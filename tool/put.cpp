@@ -2,9 +2,12 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
+#include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -13,7 +16,7 @@
 #include "command_line.h"
 #include "item_input.h"
 #include "new_store.h"
-#include "store_walk.h"
+#include "write_limits.h"
 
 namespace tool {
 
@@ -51,32 +54,71 @@ void refuseUnmakable(const std::string& store) {
   }
 }
 
-// Throws what the change would, so that it is known before any input is read. `mayExist`: a member
-// of that kind.
-void rehearse(const PutOptions& options, hxcrate::MemberKind kind, bool mayExist) {
-  const auto refuse = [&](const std::string& place, const char* reason) {
-    throw Failure(ExitCode::notOpenable, options.store, place, reason);
-  };
-  const std::size_t slash = options.path.rfind('/');
-  const std::string parent = options.path.substr(0, slash == std::string::npos ? 0 : slash);
-  const bool needsParent = !parent.empty() && !options.withParents;
-  const char* const noParent = "no such store; -p makes it";
-  const std::optional<off_t> size = sizeOf(options.store);
-  if (!size) refuseUnmakable(options.store);
-  if (size.value_or(0) == 0) return needsParent ? refuse(parent, noParent) : void();
-  hxcrate::Session session(options.session());
-  const hxcrate::Store store = session.open(options.store);
-  const auto parentKind = parent.empty() ? hxcrate::MemberKind::store : kindOf(store, parent);
-  if (parentKind == hxcrate::MemberKind::item) refuse(parent, "is an item");
-  if (needsParent && !parentKind) refuse(parent, noParent);
-  const auto existing = kindOf(store, options.path);
-  if (existing && (*existing != kind || !mayExist)) {
-    const bool helps = *existing == hxcrate::MemberKind::item && kind == *existing;
-    refuse(options.path, helps ? "exists already; --append adds to it" : "exists already");
+// The folder in which the store and its journal lie, behind links.
+Descriptor openFolderOf(const std::string& store) {
+  std::error_code dangling;
+  const std::string target = std::filesystem::canonical(store, dangling);
+  return locateFile(dangling ? store : target).directory;
+}
+
+void requireUpdatable(const std::string& store) {
+  if (::faccessat(AT_FDCWD, store.c_str(), W_OK, AT_EACCESS) != 0) {
+    throw systemFailure(store, "open for writing");
+  }
+  requireWritable(openFolderOf(store), store + "-journal");
+}
+
+// Throws why there is no place for a new member `path`, if it is for what lies on the way.
+void explainPlace(const hxcrate::Store& store, const std::string& path) {
+  for (auto slash = path.find('/'); slash != path.npos; slash = path.find('/', slash + 1)) {
+    const std::string outer = path.substr(0, slash);
+    const auto refuse = [&](const char* reason) {
+      throw Failure(ExitCode::notOpenable, store.path(), outer, reason);
+    };
+    if (!store.exists(outer)) refuse("no such store; -p makes it");
+    if (store.stat(outer).kind == hxcrate::MemberKind::item) refuse("is an item");
   }
 }
 
-void updateStore(const PutOptions& options, const NewStore::Fill& fill) {
+// Throws the error in words that help, where there are any.
+void explain(const hxcrate::Error& error, const hxcrate::Store& store, const PutOptions& options) {
+  const hxcrate::Errc code = error.errc();
+  if (code == hxcrate::Errc::notFound || code == hxcrate::Errc::isAnItem) {
+    explainPlace(store, options.path);
+  }
+  if (code != hxcrate::Errc::exists || store.stat(options.path).kind != hxcrate::MemberKind::item)
+    return;
+  throw Failure(ExitCode::notOpenable, options.store, options.path,
+                "exists already; --append adds to it");
+}
+
+void requireItemPath(const PutOptions& options) {
+  if (!options.path.ends_with('/')) return;
+  throw Failure(ExitCode::notOpenable, options.store, options.path,
+                "no item's name ends in a slash; mkstore makes stores");
+}
+
+using Change = std::function<void(hxcrate::Store&)>;
+
+// Throws what the change would be refused for, so that it is known before any input is read: makes
+// it, or as much as can be made without the `bytes` of the input, and gives it up.
+void rehearse(const PutOptions& options, std::int64_t bytes, const Change& make) {
+  const std::optional<off_t> size = sizeOf(options.store);
+  size ? requireUpdatable(options.store) : refuseUnmakable(options.store);
+  requireRoom(openFolderOf(options.store), bytes, options.store);
+  hxcrate::Session session(options.session());
+  hxcrate::Store store = size.value_or(0) == 0 ? session.createInMemory(options.store)
+                                               : session.open(options.store, hxcrate::Mode::update);
+  try {
+    make(store);
+  } catch (const hxcrate::Error& error) {
+    explain(error, store, options);
+    throw;
+  }
+  store.abandon();
+}
+
+void updateStore(const PutOptions& options, const Change& fill) {
   hxcrate::Session session(options.session());
   hxcrate::Store store = session.open(options.store, hxcrate::Mode::openOrCreate);
   fill(store);  // what it throws undoes the update
@@ -84,7 +126,7 @@ void updateStore(const PutOptions& options, const NewStore::Fill& fill) {
 }
 
 // All or nothing, be it an existing store or one that is made for this.
-void change(const PutOptions& options, const NewStore::Fill& fill) {
+void change(const PutOptions& options, const Change& fill) {
   if (sizeOf(options.store)) return updateStore(options, fill);
   try {
     NewStore(options.store).make(SizeForecast(), {}, fill);
@@ -95,9 +137,7 @@ void change(const PutOptions& options, const NewStore::Fill& fill) {
   }
 }
 
-void writeItem(const PutOptions& options, const ItemInput& input, hxcrate::Store& store) {
-  hxcrate::Writer writer = options.append ? store.append(options.path, options.parents())
-                                          : store.create(options.path, options.parents());
+void writeItem(hxcrate::Writer writer, const ItemInput& input) {
   input.rewind();
   Progress progress("writing");
   progress.expect(input.size());
@@ -109,46 +149,43 @@ void writeItem(const PutOptions& options, const ItemInput& input, hxcrate::Store
   writer.close();
 }
 
-// As far as it can be known without reading it.
-void requireReadable(const std::string& path) {
-  struct stat status {};
-  if (path == "-") return;
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (!file.isOpen() || ::fstat(file.number(), &status) != 0) throw systemFailure(path, "open");
-  errno = EISDIR;
-  if (S_ISDIR(status.st_mode)) throw systemFailure(path, "read");
-  if (status.st_size <= hxcrate::kItemCapacity) return;
-  throw Failure(ExitCode::inputOutput, path, "", "more than the 2147483647 bytes of an item");
+hxcrate::Writer openItem(const PutOptions& options, hxcrate::Store& store) {
+  return options.append ? store.append(options.path, options.parents())
+                        : store.create(options.path, options.parents());
 }
 
 ExitCode put(const PutOptions& options) {
-  rehearse(options, hxcrate::MemberKind::item, options.append);
+  requireItemPath(options);
+  const std::int64_t bytes = ItemInput::requireReadable(options.file);
+  rehearse(options, bytes, [&](hxcrate::Store& store) {
+    if (openItem(options, store).size() <= hxcrate::kItemCapacity - bytes) return;
+    throw hxcrate::Error(hxcrate::Errc::itemFull, options.store, options.path);
+  });
   if (options.dryRun) {
-    requireReadable(options.file);
     complain(options.store, options.path, "would be written");
     return ExitCode::fine;
   }
   const ItemInput input(options.file, options.store);
-  change(options, [&](hxcrate::Store& store) { writeItem(options, input, store); });
+  change(options, [&](hxcrate::Store& store) { writeItem(openItem(options, store), input); });
   return ExitCode::fine;
 }
 
 ExitCode makeStore(const PutOptions& options) {
-  rehearse(options, hxcrate::MemberKind::store, options.withParents);
+  const Change make = [&](hxcrate::Store& store) {
+    if (options.withParents)
+      return store.openOrCreateStore(options.path, options.parents()).close();
+    store.createStore(options.path).close();
+  };
+  rehearse(options, 0, make);
   if (options.dryRun) {
     complain(options.store, options.path, "would be made");
     return ExitCode::fine;
   }
-  change(options, [&](hxcrate::Store& store) {
-    store.openOrCreateStore(options.path, options.parents()).close();
-  });
+  change(options, make);
   return ExitCode::fine;
 }
 
-void addPlace(CLI::App& words, PutOptions& options, const char* meaning) {
-  words.add_option("STORE", options.store, "the store file, made if missing")->required();
-  addMemberPath(words, options.path, meaning)->required();
-}
+constexpr const char* kStoreMeaning = "the store file, made if missing";
 
 }  // namespace
 
@@ -158,7 +195,8 @@ void addPut(CommandLine& line) {
                              "  hxcrate put docs.st guide/intro.txt intro.txt\n"
                              "  date | hxcrate put -p --append log.st 2026/visits",
                              [options] { return put(*options); });
-  addPlace(words, *options, "the item, as a/b/c");
+  addFile(words, "STORE", options->store, kStoreMeaning);
+  words.add_option("PATH", options->path, "the item, as a/b/c")->required();
   words.add_option("FILE", options->file, "the file; \"-\" or none: standard input");
   words.add_flag("-p", options->withParents, "make the stores on the way to PATH");
   words.add_flag("--append", options->append, "at the end of the item when there is one");
@@ -171,7 +209,8 @@ void addMkstore(CommandLine& line) {
   CLI::App& words = line.add("mkstore", "Make the store PATH in STORE",
                              "  hxcrate mkstore -p docs.st archive/2026",
                              [options] { return makeStore(*options); });
-  addPlace(words, *options, "the new store, as a/b/c");
+  addFile(words, "STORE", options->store, kStoreMeaning);
+  addMemberPath(words, options->path, "the new store, as a/b/c")->required();
   words.add_flag("-p", options->withParents,
                  "make the stores on the way too; fine if PATH is there already");
   addWait(words, options->wait);

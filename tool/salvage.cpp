@@ -222,8 +222,15 @@ ExitCode salvage(const SalvageOptions& options) {
                  escape(finding.reason));
   };
   const hxcrate::HeaderOverride header{options.encoding, options.pageSize};
-  InspectedStore source(options.store, tell, header);
-  return rebuild(source, options, header, output);
+  try {
+    InspectedStore source(options.store, tell, header);
+    return rebuild(source, options, header, output);
+  } catch (const hxcrate::Error& error) {
+    if (error.errc() != hxcrate::Errc::unknownEncoding) throw;
+    throw Failure(
+        ExitCode::notOpenable, options.store, "",
+        error.reason() + "; --encoding says which it is, known are " + hxcrate::listEncodings());
+  }
 }
 
 }  // namespace
@@ -240,7 +247,7 @@ void addSalvage(CommandLine& line) {
           "each. What no link leads to any more comes into the store lost+found of NEW. Exit\n"
           "code 5 when anything was lost or found there; STORE stays as it is.");
   addStore(words, options->store);
-  words.add_option("NEW", options->target, "the store file to make")->required();
+  addFile(words, "NEW", options->target, "the store file to make");
   addEncoding(words, options->encoding, "its encoding, if its header does not tell");
   addPageSize(words, options->pageSize, "bytes of a page, if its header does not tell");
   addCount(words, "--max-bytes", options->maxBytes, "refuse to save more bytes of items");

@@ -41,6 +41,7 @@ std::optional<hxcrate::Store> openIfStore(hxcrate::Store& store, const std::stri
 }
 
 std::optional<hxcrate::Reader> openIfItem(const hxcrate::Store& store, const std::string& path) {
+  if (path.empty()) return std::nullopt;
   auto item = openIfThere([&] { return store.read(path); });
   if (!item) store.openStore(path).close();
   return item;

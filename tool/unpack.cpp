@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <memory>
 #include <optional>
@@ -46,6 +47,10 @@ bool isFileName(const std::string& name) {
 class QuotaFailure : public Failure {
  public:
   using Failure::Failure;
+};
+class TargetFailure : public Failure {
+ public:
+  explicit TargetFailure(const Failure& failure) : Failure(failure) {}
 };
 
 // What may still be made.
@@ -102,6 +107,7 @@ class Unpacker {
   ExitCode unpack() {
     if (isMaking() || ::access(options_.directory.c_str(), F_OK) == 0) {
       cursor_.emplace(options_.directory);
+      top_ = cursor_->path();
       tidyUp();
     }
     try {
@@ -138,6 +144,8 @@ class Unpacker {
       quota_.takeEntry(walk_.place());
       event == StoreWalk::Event::item ? unpackItem() : enterStore();
     } catch (const QuotaFailure&) {
+      throw;
+    } catch (const TargetFailure&) {
       throw;
     } catch (const hxcrate::Error& error) {
       leaveOut(Failure(ExitCode::partial, error.store(), error.member(), error.reason()));
@@ -187,6 +195,7 @@ class Unpacker {
     }
     if (cursor_->enter(name)) return tidyUp();
     if (!isMaking() && errno == ENOENT) {
+      requireWritableHere(path);
       ++missing_;
       return;
     }
@@ -208,7 +217,7 @@ class Unpacker {
     const auto existing = inspect(place.descriptor(), name);
     if (existing) requireReplaceable(*existing, path);
     if (existing) growth_ -= existing->st_size;
-    if (!isMaking()) return;
+    if (!isMaking()) return requireWritableHere(path);
     NewFile file(place.descriptor(), name, path, {existing});
     pump_.move(BytePump::kEverything, takeFrom(reader), giveTo(file.descriptor(), path));
     if (existing ? file.deliver() : file.deliverUnsynced()) return;
@@ -219,6 +228,17 @@ class Unpacker {
     if (options_.withJournals) return;
     if (!isPlantedJournal(walk_.container(), walk_.name(), directory)) return;
     throw refusal("would be taken for the journal of the store beside it; --journals unpacks it");
+  }
+
+  // As what is made would show. Where nothing can be made in the directory that was asked for, that
+  // is the failure of the whole.
+  void requireWritableHere(const std::string& path) const {
+    try {
+      requireWritable(cursor_->descriptor(), path);
+    } catch (const Failure& failure) {
+      if (cursor_->path() == top_) throw TargetFailure(failure);
+      throw;
+    }
   }
 
   void tidyUp() const {
@@ -248,6 +268,7 @@ class Unpacker {
   const UnpackOptions& options_;
   const MemberSelection selection_;
   std::optional<DirectoryCursor> cursor_;
+  std::string top_;  // where that began
   StoreWalk walk_;
   Quota quota_;
   const OwnBytes ownBytes_;
@@ -261,17 +282,20 @@ class Unpacker {
 bool isThere(const hxcrate::Store& store, const std::string& path) {
   try {
     return kindOf(store, path).has_value();
-  } catch (const hxcrate::Error&) {
+  } catch (const hxcrate::Error& error) {
+    if (error.errc() == hxcrate::Errc::badName) throw;
     return true;
   }
 }
 
-// The directory, or the one that it is to be made in.
+// The directory, or the one that it can be made in.
 Descriptor openTarget(std::string path) {
   while (path.size() > 1 && path.back() == '/')
     path.pop_back();
-  const bool isThere = ::access(path.c_str(), F_OK) == 0;
-  return isThere ? openDirectory(path) : locateFile(path).directory;
+  if (::access(path.c_str(), F_OK) == 0) return openDirectory(path);
+  Descriptor parent = locateFile(path).directory;
+  requireWritable(parent, path);
+  return parent;
 }
 
 // Throws what keeps the whole from being made.
@@ -283,10 +307,12 @@ std::int64_t measure(const UnpackOptions& options, hxcrate::Store store, Progres
   return unpacker.bytes();
 }
 
-ExitCode unpack(const UnpackOptions& options) {
+ExitCode unpack(UnpackOptions& options) {
   ExitCode outcome = ExitCode::fine;
   hxcrate::Session session;
   hxcrate::Store store = openWhatThereIs(session, options.store, outcome);
+  // "/" is the store as a whole.
+  if (std::count(options.paths.begin(), options.paths.end(), "") > 0) options.paths.clear();
   for (const std::string& path : options.paths)
     if (!isThere(store, path)) throw hxcrate::Error(hxcrate::Errc::notFound, options.store, path);
   Progress progress("unpacking");
@@ -309,7 +335,7 @@ void addUnpack(CommandLine& line) {
                "  hxcrate unpack --overwrite docs.st copy guide/intro.txt images",
                [options] { return seeLostMembers(options->store, unpack(*options)); });
   addStore(words, options->store);
-  words.add_option("DIR", options->directory, "the directory")->required();
+  addFile(words, "DIR", options->directory, "the directory");
   addMemberPaths(words, options->paths, "items, and stores with all they hold; all unless given");
   words.add_flag("--overwrite", options->overwrite, "replace existing files");
   words.add_flag("--journals", options->withJournals, "also what passes for a store's journal");

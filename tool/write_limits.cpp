@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <fcntl.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
 
@@ -22,6 +23,11 @@ void requireRoom(const Descriptor& directory, std::int64_t bytes, const std::str
   throw Failure(ExitCode::inputOutput, path, "",
                 fmt::format("{} bytes would be written, and there is room for {}", bytes,
                             blocks * status.f_frsize));
+}
+
+void requireWritable(const Descriptor& directory, const std::string& path) {
+  if (::faccessat(directory.number(), ".", W_OK | X_OK, AT_EACCESS) == 0) return;
+  throw systemFailure(path, "create");
 }
 
 OwnBytes::OwnBytes(const std::string& store, std::optional<std::int64_t> most)

@@ -16,6 +16,10 @@ constexpr std::int64_t kUnlimited = std::numeric_limits<std::int64_t>::max();
 // system has room for so many bytes more.
 void requireRoom(const Descriptor& directory, std::int64_t bytes, const std::string& path);
 
+// Throws a Failure, in which the file to be made there is called `path`, when this user can't make
+// one in the directory.
+void requireWritable(const Descriptor& directory, const std::string& path);
+
 // A store file holds each byte of its items, unless some of them share pages, which no writer makes
 // them do: a small file could become a huge one so, and going from page to page anew for each item
 // could take hours.
