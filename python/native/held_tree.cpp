@@ -77,7 +77,8 @@ void HeldTree::requireOwnProcess() const {
 }
 
 void HeldTree::shutHandles() noexcept {
-  for (Handle* handle : handles_) handle->shut();
+  for (Handle* handle : handles_)
+    handle->shut();
 }
 
 void HeldTree::close() {

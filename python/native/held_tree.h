@@ -35,8 +35,8 @@ hxcrate::Session& sessionFor(hxcrate::Durability durability);
 
 class HeldTree;
 
-// What was opened in a tree, and is closed with it: a nested store, a view or a writer. Made while the
-// tree is shared, so that no close comes between an opening and its handle; goes with the GIL.
+// What was opened in a tree, and is closed with it: a nested store, a view or a writer. Made while
+// the tree is shared, so that no close comes between an opening and its handle; goes with the GIL.
 class Handle {
  public:
   explicit Handle(std::shared_ptr<HeldTree> tree) : tree_(std::move(tree)) {}
@@ -123,7 +123,8 @@ class HeldTree {
   std::set<Handle*> handles_;
 };
 
-// Forgets `object` without closing it: what belongs to the parent of a fork is the parent's to close.
+// Forgets `object` without closing it: what belongs to the parent of a fork is the parent's to
+// close.
 template <typename Object>
 void leak(Object&& object) {
   static_cast<void>(new std::decay_t<Object>(std::forward<Object>(object)));

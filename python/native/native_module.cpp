@@ -68,9 +68,11 @@ py::object open(py::handle path, py::handle absolute, const std::string& mode,
                 std::int32_t pageSize, bool isDurable, double wait, bool isMapped,
                 bool acceptsDamaged) {
   if (isMapped && mode != "r") throw py::value_error("only a store for reading is mapped");
-  const OpenRequest request{
-      {nameOf(absolute), isMapped, acceptsDamaged}, nameOf(path), modeOf(mode),
-      isDurable ? hxcrate::Durability::full : hxcrate::Durability::none, pageSize};
+  const OpenRequest request{{nameOf(absolute), isMapped, acceptsDamaged},
+                            nameOf(path),
+                            modeOf(mode),
+                            isDurable ? hxcrate::Durability::full : hxcrate::Durability::none,
+                            pageSize};
   constexpr double kLongest = 1e9;  // seconds
   const auto patience = static_cast<std::int64_t>(std::min(wait, kLongest) * 1000);
   return wrapStore(openPatiently(request, milliseconds{wait < 0 ? -1 : patience}), request.file);
@@ -102,9 +104,10 @@ PYBIND11_MODULE(_native, module) {
   defineWritableStores(module);
   module.attr("__version__") = std::string(hxcrate::version());
   module.def("open", open);
-  module.def("open_blob", openBlob, py::arg("buffer"), py::arg("name") = "blob",
-             "The store that a bytes-like object is: a blob's bytes or a store file's. They are read\n"
-             "where they lie and kept there as long as the store or anything of it is in use.");
+  module.def(
+      "open_blob", openBlob, py::arg("buffer"), py::arg("name") = "blob",
+      "The store that a bytes-like object is: a blob's bytes or a store file's. They are read\n"
+      "where they lie and kept there as long as the store or anything of it is in use.");
   module.def("create_in_memory", createInMemory, py::arg("name") = "memory",
              py::arg("page_size") = 0,
              "A new store without a file, for writing and for make_blob.");

@@ -50,8 +50,8 @@ class NameBytes {
 };
 
 inline py::str toText(std::string_view name) {
-  auto text = py::reinterpret_steal<py::str>(PyUnicode_DecodeUTF8(
-      name.data(), static_cast<Py_ssize_t>(name.size()), "surrogateescape"));
+  auto text = py::reinterpret_steal<py::str>(
+      PyUnicode_DecodeUTF8(name.data(), static_cast<Py_ssize_t>(name.size()), "surrogateescape"));
   if (!text) throw py::error_already_set();
   return text;
 }

@@ -17,16 +17,20 @@ PyObject* missingError = nullptr;
 // The exception for what is no failure of a file; null: an OSError.
 PyObject* plainTypeOf(Errc code) {
   switch (code) {
-    case Errc::noMemory: return PyExc_MemoryError;
-    case Errc::noModule: return PyExc_ImportError;
+    case Errc::noMemory:
+      return PyExc_MemoryError;
+    case Errc::noModule:
+      return PyExc_ImportError;
     case Errc::badName:
     case Errc::nameTooLong:
     case Errc::badPageSize:
     case Errc::pageSizeFixed:
     case Errc::closed:
     case Errc::abandoned:
-    case Errc::noBlob: return PyExc_ValueError;
-    default: return nullptr;
+    case Errc::noBlob:
+      return PyExc_ValueError;
+    default:
+      return nullptr;
   }
 }
 
@@ -53,7 +57,8 @@ py::object unsupportedOperation() {
 
 // The arguments of OSError: number, sentence, file, nothing, and the member as the second file.
 void raiseFileError(PyObject* type, const hxcrate::Error& error) {
-  const py::object member = error.member().empty() ? py::object(py::none()) : toText(error.member());
+  const py::object member =
+      error.member().empty() ? py::object(py::none()) : toText(error.member());
   const py::tuple arguments = py::make_tuple(numberOf(error), toText(error.reason()),
                                              toText(error.store()), py::none(), member);
   PyErr_SetObject(type, arguments.ptr());
@@ -65,7 +70,8 @@ void raise(const hxcrate::Error& error) {
   raiseFileError(fileTypeOf(error), error);
 }
 
-PyObject* newError(py::module_& module, const char* name, const char* text, const py::tuple& bases) {
+PyObject* newError(py::module_& module, const char* name, const char* text,
+                   const py::tuple& bases) {
   const std::string full = std::string("hxcrate.") + name;
   PyObject* type = PyErr_NewExceptionWithDoc(full.c_str(), text, bases.ptr(), nullptr);
   if (type == nullptr) throw py::error_already_set();
@@ -81,12 +87,12 @@ bool isMissing(const hxcrate::Error& error) {
 }
 
 void defineErrors(py::module_& module) {
-  damagedError = newError(module, "Damaged",
-                          "The bytes of the file are no store, or not all of one any more.",
-                          py::make_tuple(py::handle(PyExc_OSError)));
-  missingError = newError(module, "MemberNotFound", "There is no member of that name.",
-                          py::make_tuple(py::handle(PyExc_FileNotFoundError),
-                                         py::handle(PyExc_KeyError)));
+  damagedError =
+      newError(module, "Damaged", "The bytes of the file are no store, or not all of one any more.",
+               py::make_tuple(py::handle(PyExc_OSError)));
+  missingError =
+      newError(module, "MemberNotFound", "There is no member of that name.",
+               py::make_tuple(py::handle(PyExc_FileNotFoundError), py::handle(PyExc_KeyError)));
   py::register_exception_translator([](std::exception_ptr thrown) {
     try {
       std::rethrow_exception(thrown);
@@ -101,6 +107,8 @@ void raiseCurrent() noexcept {
     throw;
   } catch (py::error_already_set& error) {
     error.restore();
+  } catch (const py::builtin_exception& error) {
+    error.set_error();
   } catch (const hxcrate::Error& error) {
     raise(error);
   } catch (const std::bad_alloc&) {

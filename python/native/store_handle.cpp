@@ -73,8 +73,8 @@ bool contains(const StoreHandle& self, std::string_view path) {
   }
 }
 
-// store[path], path in store and store.get(path, default) come in without pybind11, whose calls take
-// 200 ns longer.
+// store[path], path in store and store.get(path, default) come in without pybind11, whose calls
+// take 200 ns longer.
 PyObject* subscriptSlot(PyObject* self, PyObject* key) {
   try {
     const StoreHandle& store = handleOf(self);
@@ -117,7 +117,8 @@ Py_ssize_t lengthSlot(PyObject* self) {
     const StoreHandle& store = handleOf(self);
     return store.tree().share([&] {
       Py_ssize_t count = 0;
-      for ([[maybe_unused]] const auto& member : store.store().members()) ++count;
+      for ([[maybe_unused]] const auto& member : store.store().members())
+        ++count;
       return count;
     });
   } catch (...) {
@@ -129,14 +130,15 @@ Py_ssize_t lengthSlot(PyObject* self) {
 py::iterator iterate(const StoreHandle& self) {
   const auto names = self.tree().share([&] {
     std::vector<std::string> all;
-    for (const hxcrate::Member& member : self.store().members()) all.push_back(member.name);
+    for (const hxcrate::Member& member : self.store().members())
+      all.push_back(member.name);
     return all;
   });
   py::list list(names.size());
-  for (std::size_t at = 0; at < names.size(); ++at) list[at] = toText(names[at]);
+  for (std::size_t at = 0; at < names.size(); ++at)
+    list[at] = toText(names[at]);
   return py::iter(list);
 }
-
 
 // A tuple with named fields, of steals.
 template <typename... Fields>
@@ -144,7 +146,8 @@ py::object newRecord(PyTypeObject* type, Fields... fields) {
   auto record = py::reinterpret_steal<py::object>(PyStructSequence_New(type));
   if (!record) throw py::error_already_set();
   Py_ssize_t at = 0;
-  (PyStructSequence_SetItem(record.ptr(), at++, py::object(std::move(fields)).release().ptr()), ...);
+  (PyStructSequence_SetItem(record.ptr(), at++, py::object(std::move(fields)).release().ptr()),
+   ...);
   return record;
 }
 
@@ -164,9 +167,9 @@ py::list list(const StoreHandle& self, py::handle path, bool isRecursive, bool i
   py::list listed(members.size());
   for (std::size_t at = 0; at < members.size(); ++at) {
     const hxcrate::ListedMember& member = members[at];
-    listed[at] = newRecord(memberType, toText(member.path),
-                           py::bool_(member.kind == hxcrate::MemberKind::store),
-                           py::int_(member.size));
+    listed[at] =
+        newRecord(memberType, toText(member.path),
+                  py::bool_(member.kind == hxcrate::MemberKind::store), py::int_(member.size));
   }
   return listed;
 }
@@ -208,7 +211,8 @@ void defineRecords(py::module_& module) {
       {"pages", "that hold them"},
       {"offset", "of its first record in the file; 0: it has none yet"},
       {nullptr, nullptr}};
-  static PyStructSequence_Desc member{"hxcrate.Member", "A member that was listed.", memberFields, 3};
+  static PyStructSequence_Desc member{"hxcrate.Member", "A member that was listed.", memberFields,
+                                      3};
   static PyStructSequence_Desc status{"hxcrate.Status", "What a member is.", statusFields, 4};
   memberType = PyStructSequence_NewType(&member);
   statusType = PyStructSequence_NewType(&status);
@@ -217,10 +221,10 @@ void defineRecords(py::module_& module) {
   module.attr("Status") = py::handle(reinterpret_cast<PyObject*>(statusType));
 }
 
-PyMethodDef getDefinition = {"get", reinterpret_cast<PyCFunction>(reinterpret_cast<void*>(getMethod)),
-                             METH_FASTCALL,
-                             "get($self, path, default=None, /)\n--\n\n"
-                             "The item's bytes or the nested store, or `default` without them."};
+PyMethodDef getDefinition = {
+    "get", reinterpret_cast<PyCFunction>(reinterpret_cast<void*>(getMethod)), METH_FASTCALL,
+    "get($self, path, default=None, /)\n--\n\n"
+    "The item's bytes or the nested store, or `default` without them."};
 
 template <typename Type>
 void defineGet(Type& type) {
@@ -268,12 +272,14 @@ void defineStores(py::module_& module) {
       .def("read_into", readInto, py::arg("path"), py::arg("buffer"),
            "Reads as much of an item as fits and returns how many bytes that were.")
       .def(
-          "view", [](const StoreHandle& self, py::handle path) {
+          "view",
+          [](const StoreHandle& self, py::handle path) {
             return openView(self, NameBytes(path.ptr()));
           },
           py::arg("path"), "An item for reading at any place, by any number of threads.")
       .def(
-          "open_store", [](const StoreHandle& self, py::handle path) {
+          "open_store",
+          [](const StoreHandle& self, py::handle path) {
             return openStore(self, NameBytes(path.ptr()));
           },
           py::arg("path"), "A nested store.")
@@ -281,27 +287,41 @@ void defineStores(py::module_& module) {
            "Closes it and, of a whole store, all that was opened in it. That is the commit of an\n"
            "update. Pages that are in use stay where they are.")
       .def("__enter__", [](py::object self) { return self; })
-      .def("__exit__", [](StoreHandle& self, py::handle thrown, const py::args&) {
-        leave(self, thrown.is_none());
-      })
-      .def("_reopening", [](const StoreHandle& self) {
-        return describeReopening(self, self.tree().share([&] { return self.store().place(); }));
-      })
-      .def_property_readonly("closed", [](const StoreHandle& self) {
-        return self.tree().share([&] { return !self.store().isOpen(); });
-      })
-      .def_property_readonly("filename", [](const StoreHandle& self) {
-        return toText(self.tree().share([&] { return self.store().path(); }));
-      }, "The file's path as it was given; the name of a store without one.")
-      .def_property_readonly("place", [](const StoreHandle& self) {
-        return toText(self.tree().share([&] { return self.store().place(); }));
-      }, "The path inside the file; empty: all of it.")
-      .def_property_readonly("page_size", [](const StoreHandle& self) {
-        return self.tree().share([&] { return self.store().pageSize(); });
-      }, "Of the file, in bytes.")
-      .def_property_readonly("damaged", [](const StoreHandle& self) {
-        return self.tree().share([&] { return bool(self.store().damage()); });
-      }, "Whether the directory was read only in part.");
+      .def("__exit__", [](StoreHandle& self, py::handle thrown,
+                          const py::args&) { leave(self, thrown.is_none()); })
+      .def("_reopening",
+           [](const StoreHandle& self) {
+             return describeReopening(self,
+                                      self.tree().share([&] { return self.store().place(); }));
+           })
+      .def_property_readonly("closed",
+                             [](const StoreHandle& self) {
+                               return self.tree().share([&] { return !self.store().isOpen(); });
+                             })
+      .def_property_readonly(
+          "filename",
+          [](const StoreHandle& self) {
+            return toText(self.tree().share([&] { return self.store().path(); }));
+          },
+          "The file's path as it was given; the name of a store without one.")
+      .def_property_readonly(
+          "place",
+          [](const StoreHandle& self) {
+            return toText(self.tree().share([&] { return self.store().place(); }));
+          },
+          "The path inside the file; empty: all of it.")
+      .def_property_readonly(
+          "page_size",
+          [](const StoreHandle& self) {
+            return self.tree().share([&] { return self.store().pageSize(); });
+          },
+          "Of the file, in bytes.")
+      .def_property_readonly(
+          "damaged",
+          [](const StoreHandle& self) {
+            return self.tree().share([&] { return bool(self.store().damage()); });
+          },
+          "Whether the directory was read only in part.");
 }
 
 }  // namespace hxpython

@@ -57,8 +57,8 @@ std::size_t ViewHandle::readInto(std::span<std::byte> buffer, std::int64_t offse
   return tree().share([&] {
     std::size_t done = 0;
     while (done < buffer.size()) {
-      const std::size_t count = view().readAt(offset + static_cast<std::int64_t>(done),
-                                              buffer.subspan(done));
+      const std::size_t count =
+          view().readAt(offset + static_cast<std::int64_t>(done), buffer.subspan(done));
       if (count == 0) break;
       done += count;
     }
@@ -91,13 +91,14 @@ void ViewHandle::close() {
 }
 
 py::object ViewHandle::expose(std::span<const std::byte> page) const {
-  return py::reinterpret_steal<py::object>(PyMemoryView_FromObject(
-      py::cast(std::make_unique<Page>(sharedTree(), view_, page)).ptr()));
+  return py::reinterpret_steal<py::object>(
+      PyMemoryView_FromObject(py::cast(std::make_unique<Page>(sharedTree(), view_, page)).ptr()));
 }
 
 py::list ViewHandle::pages() const {
   py::list pages;
-  for (const auto page : tree().share([&] { return view().pages(); })) pages.append(expose(page));
+  for (const auto page : tree().share([&] { return view().pages(); }))
+    pages.append(expose(page));
   return pages;
 }
 
@@ -149,7 +150,8 @@ void defineItems(py::module_& module) {
           "path", [](const ViewHandle& view) { return toText(view.path()); }, "Inside the file.")
       .def_property_readonly("closed", [](const ViewHandle& view) { return !view.isOpen(); })
       .def("close", &ViewHandle::close, "Raises BufferError while pages of it are in use.")
-      .def("_reopening", [](const ViewHandle& self) { return describeReopening(self, self.path()); })
+      .def("_reopening",
+           [](const ViewHandle& self) { return describeReopening(self, self.path()); })
       .def("__enter__", [](py::object self) { return self; })
       .def("__exit__", [](ViewHandle& view, const py::args&) { view.close(); })
       .def("read", &ViewHandle::read, py::arg("size") = -1, py::arg("offset") = 0,

@@ -91,8 +91,8 @@ class WriterHandle final : public Handle {
   hxcrate::Writer writer_;
 };
 
-// How another process opens it: path, whether it is mapped and accepts damage, and the `place` in it;
-// None: a store in memory, or one that is open for update, is this process's alone.
+// How another process opens it: path, whether it is mapped and accepts damage, and the `place` in
+// it; None: a store in memory, or one that is open for update, is this process's alone.
 py::object describeReopening(const Handle& self, const std::string& place);
 
 void defineItems(py::module_& module);

@@ -10,13 +10,38 @@ namespace {
 using hxcrate::Errc;
 using hxcrate::Parents;
 
+// What is there already is that, of whichever kind it is.
+[[noreturn]] void refuse(const hxcrate::Store& store, std::string_view path,
+                         const hxcrate::Error& error) {
+  const bool isOther = error.errc() == Errc::isAStore || error.errc() == Errc::isAnItem;
+  if (isOther && store.exists(path))
+    throw hxcrate::Error(Errc::exists, error.store(), error.member());
+  throw error;
+}
+
+hxcrate::Writer createItem(hxcrate::Store& store, std::string_view path) {
+  try {
+    return store.create(path, Parents::create);
+  } catch (const hxcrate::Error& error) {
+    refuse(store, path, error);
+  }
+}
+
+hxcrate::Store createStore(hxcrate::Store& store, std::string_view path) {
+  try {
+    return store.createStore(path, Parents::create);
+  } catch (const hxcrate::Error& error) {
+    refuse(store, path, error);
+  }
+}
+
 // Refuses what would be too long before an item is made for it.
 void put(const WritableHandle& self, std::string_view path, std::span<const std::byte> bytes) {
   self.tree().share([&] {
     if (bytes.size() > static_cast<std::size_t>(hxcrate::kItemCapacity)) {
       throw hxcrate::Error(Errc::itemFull, self.store().path(), std::string(path));
     }
-    hxcrate::Writer writer = self.store().create(path, Parents::create);
+    hxcrate::Writer writer = createItem(self.store(), path);
     writer.write(bytes);
     writer.close();
   });
@@ -36,8 +61,8 @@ std::size_t append(const WritableHandle& self, py::handle path, py::handle data)
 std::shared_ptr<WriterHandle> openWriter(const WritableHandle& self, py::handle path, bool isNew) {
   const NameBytes place(path.ptr());
   return self.tree().share([&] {
-    hxcrate::Writer writer = isNew ? self.store().create(place, Parents::create)
-                                   : self.store().append(place, Parents::create);
+    hxcrate::Writer writer =
+        isNew ? createItem(self.store(), place) : self.store().append(place, Parents::create);
     return std::make_shared<WriterHandle>(self.sharedTree(), std::move(writer));
   });
 }
@@ -46,7 +71,7 @@ std::shared_ptr<WritableHandle> makeStore(const WritableHandle& self, std::strin
                                           bool mayExist) {
   return self.tree().share([&] {
     hxcrate::Store made = mayExist ? self.store().openOrCreateStore(path, Parents::create)
-                                   : self.store().createStore(path, Parents::create);
+                                   : createStore(self.store(), path);
     return std::make_shared<WritableHandle>(self.sharedTree(), std::move(made));
   });
 }
@@ -86,21 +111,22 @@ void defineWritableStores(py::module_& module) {
       .def("writer", openWriter, py::arg("path"), py::kw_only(), py::arg("exclusive") = false,
            "The end of an item, for writing piece by piece; `exclusive`: of a new one alone.")
       .def(
-          "create_store", [](const WritableHandle& self, py::handle path, bool mayExist) {
+          "create_store",
+          [](const WritableHandle& self, py::handle path, bool mayExist) {
             return makeStore(self, NameBytes(path.ptr()), mayExist);
           },
           py::arg("path"), py::kw_only(), py::arg("exist_ok") = false,
           "A new nested store, with those that lead to it.")
       .def(
-          "commit", [](const WritableHandle& self) {
-            self.tree().alone([&] { self.store().commit(); });
-          },
+          "commit",
+          [](const WritableHandle& self) { self.tree().alone([&] { self.store().commit(); }); },
           "Makes durable what was written so far; the update goes on.")
       .def(
           "abandon", [](const WritableHandle& self) { self.tree().undo(); },
           "Closes the whole store and undoes what was written since the last commit.")
       .def(
-          "make_blob", [](const WritableHandle& self) {
+          "make_blob",
+          [](const WritableHandle& self) {
             return self.tree().alone([&] { return self.store().makeBlob(); });
           },
           "All of a store that was created in memory, as one buffer.");

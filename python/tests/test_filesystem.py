@@ -51,8 +51,9 @@ def test_pandas_reads_by_url(url):
 
 def test_dask_reads_in_two_processes(url):
     pytest.importorskip("pandas")
-    dataframe = pytest.importorskip("dask.dataframe")
+    dask, dataframe = pytest.importorskip("dask"), pytest.importorskip("dask.dataframe")
     distributed = pytest.importorskip("distributed")
+    dask.config.set({"distributed.comm.timeouts.connect": "200s"})  # on a machine that is busy
     with distributed.LocalCluster(n_workers=2, threads_per_worker=1, processes=True,
                                   dashboard_address=None) as cluster, distributed.Client(cluster) as client:
         frame = dataframe.read_csv(f"hxcrate://d/*.csv::{url}")

@@ -1,10 +1,11 @@
 """Stores as mappings, against dictionaries of dictionaries."""
 import collections.abc
 import io
+import os
 
 import hxcrate
 import pytest
-from hypothesis import given, settings, strategies as st
+from hypothesis import HealthCheck, given, settings, strategies as st
 
 NAMES = st.one_of(st.sampled_from("abc"), st.text(
     st.characters(blacklist_characters="/\0", blacklist_categories=["Cs"]), min_size=1, max_size=16))
@@ -20,7 +21,12 @@ def paths_of(tree, before=""):
             yield from paths_of(value, before + name + "/")
 
 
-@settings(max_examples=40, deadline=None)
+# HX_EXAMPLES=N: that many that nobody has seen yet.
+EXAMPLES = os.environ.get("HX_EXAMPLES")
+
+
+@settings(max_examples=int(EXAMPLES or 40), derandomize=not EXAMPLES, database=None, deadline=None,
+          suppress_health_check=list(HealthCheck))
 @given(STORES, STORES, st.sampled_from([{}, {"mapped": True}]))
 def test_a_store_is_what_the_dictionaries_are(first, second, options):
     with hxcrate.open("m.st", "w", durable=False) as store:
