@@ -137,9 +137,9 @@ void ChainWalk::keepSlack(const hx::DataChunk& chunk) {
 }
 
 void ChainWalk::keepBehindEmpty(int64_t start) {
-  const int64_t room =
-      std::min<int64_t>(ledger_.reader.pageSize(), ledger_.reader.length() - start);
-  if (room > 0) behindEmpty_.push_back({{start, start + room}, item_});
+  if (start < ledger_.reader.length()) {
+    behindEmpty_.push_back({{start, ledger_.reader.length()}, item_});
+  }
 }
 
 void ChainWalk::claimSlack() {
@@ -184,15 +184,19 @@ void ChainWalk::lookForBytes(ByteRange range) {
 }
 
 // An item whose record was zeroed looks like one that was never written to, but its page lies
-// there.
+// there, be it zero as well. Behind an empty item of a blob 24 bytes more belong to nobody.
 void ChainWalk::checkBehindEmpty(const Slack& empty) {
-  const ByteRange free{empty.range.start, ledger_.claimed.findOwned(empty.range).range.start};
+  const int64_t start = empty.range.start;
+  const int64_t pageSize = ledger_.reader.pageSize();
+  const ByteRange free{start, ledger_.claimed.findOwned(empty.range).range.start};
+  const bool isRoomOfPages = (free.length() + hx::kChunkSize) % (pageSize + hx::kChunkSize) == 0;
   strayBytes_ = 0;
-  lookForBytes(free);
-  if (strayBytes_ == 0) return;
-  ledger_.report(Severity::error, empty.range.start - hx::kChunkSize, empty.item,
-                 "its record is all zero, as an empty item's is, but bytes that belong to nothing "
-                 "lie behind it");
+  lookForBytes({start, std::min(free.end, start + pageSize)});
+  if (strayBytes_ == 0 && (free.length() == 0 || !isRoomOfPages)) return;
+  ledger_.report(Severity::error, start - hx::kChunkSize, empty.item,
+                 std::string("its record is all zero, as an empty item's is, but ") +
+                     (strayBytes_ > 0 ? "bytes that belong to nothing lie" : "a page has room") +
+                     " behind it");
 }
 
 void ChainWalk::reportStrayBytes() {

@@ -47,7 +47,8 @@ class ChainWalk {
   int64_t pageIndex_ = 0;
   int64_t size_ = 0;  // of the item so far
   std::vector<Slack> slack_;
-  std::vector<Slack> behindEmpty_;  // where a page would lie if the record had been one's
+  // From where a page would lie, if the record had been one's, to the file's end.
+  std::vector<Slack> behindEmpty_;
   // Where every byte has its owner by now, so that rests of pages which cover each other and the
   // whole file are gone through once.
   ClaimedBytes settled_;
