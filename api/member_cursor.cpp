@@ -2,8 +2,6 @@
 
 #include <algorithm>
 #include <bit>
-#include <functional>
-#include <string_view>
 
 #include "member_path.h"
 #include "records/status.h"
@@ -50,13 +48,25 @@ bool MemberCursor::fillChain() {
   return !chain_.empty();
 }
 
+// The file chooses the names, and could have them all lead to one place; what it can't know is
+// where this is.
+std::uint64_t MemberCursor::keyedHash(std::u32string_view name) const {
+  const std::uint64_t key = reinterpret_cast<std::uintptr_t>(this) * 0x9e3779b97f4a7c15u | 1;
+  std::uint64_t hash = key + name.size();
+  for (const char32_t character : name) {
+    hash = (hash ^ character) * key;
+    hash ^= hash >> 32;
+  }
+  return hash;
+}
+
 // Equal names lie in one chain.
 void MemberCursor::dropRepeated() {
   byHash_.assign(std::bit_ceil(2 * chain_.size()), nullptr);
   const std::size_t mask = byHash_.size() - 1;
   const auto isRepeated = [&](const hx::Member* member) {
     const std::u32string_view name = nameOf(*member);
-    std::size_t place = std::hash<std::u32string_view>()(name) & mask;
+    std::size_t place = keyedHash(name) & mask;
     for (; byHash_[place] != nullptr; place = (place + 1) & mask) {
       if (nameOf(*byHash_[place]) == name) return true;
     }

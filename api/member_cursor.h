@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "hxcrate/store.hpp"
@@ -30,6 +31,7 @@ class MemberCursor {
  private:
   bool fillChain();
   void dropRepeated();
+  std::uint64_t keyedHash(std::u32string_view name) const;
 
   std::shared_ptr<Opening> opening_;  // keeps the members where they are
   hx::Store* store_;
