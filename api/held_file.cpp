@@ -6,7 +6,6 @@
 #include <new>
 
 #include "host/linux/open_request.h"
-#include "host/linux/path_codec.h"
 
 namespace hxcrate {
 
@@ -40,8 +39,8 @@ HeldFile::HeldFile(hx::FileIo* files, const std::u32string& path,
   refusal_ = refusalOf(request);
 }
 
-std::string HeldFile::path() const {
-  return hxhost::encodePath(file_->path, file_->pathLength).value_or("");
+int HeldFile::descriptor() const {
+  return hxhost::LinuxHost::descriptorOf(file_.get());
 }
 
 ReadDescriptor::ReadDescriptor(const std::string& path)

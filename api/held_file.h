@@ -28,8 +28,8 @@ class HeldFile {
 
   bool isOpen() const { return file_ != nullptr; }
   const OpenRefusal& refusal() const { return refusal_; }  // when it is not
-  // Where it is, without links.
-  std::string path() const;
+  // Of the very file that is locked, whatever its path leads to by now.
+  int descriptor() const;
 
  private:
   struct FileCloser {

@@ -18,9 +18,11 @@ struct InspectedFile::Parts {
   std::string name;
   hxhost::LinuxHost host;
   OwnedFileService files = loadFileService(host.handle());
-  std::optional<HeldFile> held;  // nothing when it lies there unlocked
+  std::optional<HeldFile> held;
+  std::optional<ReadDescriptor> unlocked;  // when it is not held
   std::string caveat;
-  std::optional<ReadDescriptor> file;
+
+  int file() const { return held ? held->descriptor() : unlocked->number(); }
 };
 
 namespace {
@@ -61,26 +63,24 @@ InspectedFile::InspectedFile(const std::string& path) : parts_(std::make_unique<
   parts.name = path;
   requireRegular(ReadDescriptor(path), path);
   parts.held.emplace(parts.files.get(), decodeFilePath(path));
-  if (!parts.held->isOpen()) {
-    parts.caveat = explainRefusal(*parts.held, path);
-    parts.held.reset();
-  }
-  // Opened anew: undoing an update may have removed the file or made it another length.
-  parts.file.emplace(parts.held ? parts.held->path() : path);
-  requireRegular(*parts.file, path);
+  if (parts.held->isOpen()) return;
+  parts.caveat = explainRefusal(*parts.held, path);
+  parts.held.reset();
+  parts.unlocked.emplace(path);
+  requireRegular(*parts.unlocked, path);
 }
 
 InspectedFile::~InspectedFile() = default;
 
 std::int64_t InspectedFile::length() const {
   struct stat status {};
-  return ::fstat(parts_->file->number(), &status) == 0 ? status.st_size : 0;
+  return ::fstat(parts_->file(), &status) == 0 ? status.st_size : 0;
 }
 
 std::size_t InspectedFile::read(std::int64_t offset, std::span<std::byte> to) const {
   std::size_t done = 0;
   while (done < to.size()) {
-    const ssize_t count = ::pread(parts_->file->number(), to.data() + done, to.size() - done,
+    const ssize_t count = ::pread(parts_->file(), to.data() + done, to.size() - done,
                                   offset + static_cast<std::int64_t>(done));
     if (count < 0 && errno == EINTR) continue;
     if (count <= 0) break;
@@ -90,7 +90,7 @@ std::size_t InspectedFile::read(std::int64_t offset, std::span<std::byte> to) co
 }
 
 std::int64_t InspectedFile::findData(std::int64_t offset) const {
-  const off_t found = ::lseek(parts_->file->number(), offset, SEEK_DATA);
+  const off_t found = ::lseek(parts_->file(), offset, SEEK_DATA);
   if (found < 0) return errno == ENXIO ? std::max(offset, length()) : offset;
   return found;
 }
@@ -101,6 +101,13 @@ const std::string& InspectedFile::name() const {
 
 const std::string& InspectedFile::caveat() const {
   return parts_->caveat;
+}
+
+bool InspectedFile::isIn(int file) const {
+  struct stat own {
+  }, other{};
+  return ::fstat(parts_->file(), &own) == 0 && ::fstat(file, &other) == 0 &&
+         own.st_dev == other.st_dev && own.st_ino == other.st_ino;
 }
 
 }  // namespace hxcrate

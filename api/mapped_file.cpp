@@ -29,12 +29,11 @@ MappedFile::MappedFile(std::shared_ptr<Engine> engine, const std::string& path,
       file_(engine_->module()->fileExtension, decodeFilePath(path), lockWait),
       mapping_(nullptr, Unmapper{0}) {
   if (!file_.isOpen()) failOpening(path, file_.refusal(), Errc::fileNotOpen, false);
-  const ReadDescriptor opened(file_.path());
   struct stat status {};
-  if (opened.number() < 0 || ::fstat(opened.number(), &status) != 0) fail(path, "open");
+  if (::fstat(file_.descriptor(), &status) != 0) fail(path, "inspect");
   const auto size = static_cast<std::size_t>(status.st_size);
   if (size == 0) throw Error(Errc::notAStore, path, "", "it is empty");
-  void* start = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, opened.number(), 0);
+  void* start = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, file_.descriptor(), 0);
   if (start == MAP_FAILED) fail(path, "map");
   mapping_ = {static_cast<const std::byte*>(start), Unmapper{size}};
 }

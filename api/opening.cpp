@@ -1,5 +1,7 @@
 #include "opening.h"
 
+#include <sys/stat.h>
+
 #include <exception>
 #include <utility>
 
@@ -38,6 +40,14 @@ void Opening::take(OpenedRoot root, std::u32string name) noexcept {
   root_ = root.release();
   name_ = std::move(name);
   outcome_ = outcomeOf(root_);
+}
+
+// Through the handle that the directory was read by.
+bool Opening::isIn(int file) const {
+  struct stat other {};
+  if (outcome_ == nullptr || ::fstat(file, &other) != 0) return false;
+  const hxhost::FileInfo& own = outcome_->opened();
+  return own.device == other.st_dev && own.inode == other.st_ino;
 }
 
 bool Opening::isUnwinding() const noexcept {

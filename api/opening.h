@@ -41,6 +41,7 @@ class Opening {
   const std::string& path() const { return path_; }  // as given
   bool writable() const { return writable_; }
   bool isInMemory() const { return (root_->flags & hx::kNoFileStore) != 0; }
+  bool isIn(int file) const;
 
   // An error of this file: `status` as the module gave it, and the system's reason if there is one.
   [[noreturn]] void fail(std::int32_t status, const std::string& member) const;

@@ -299,6 +299,11 @@ std::int32_t Store::pageSize() const {
   return size == 0 ? kUsualPageSize : size;
 }
 
+bool Store::isIn(int file) const {
+  store();
+  return opening_->isIn(file);
+}
+
 bool Store::isWritable() const {
   store();
   return opening_->writable();

@@ -19,7 +19,7 @@ PROMPT = b"<ready>"
 NAMES = [
     "a$(touch pwned)", "b`touch pwned`", "c${x:-$(touch pwned)}", 'd"e', "e'f", "f g", "g\nh", "h!!",
     "i*", "j\\k", "k;touch pwned", "l:m=n@o", "m\tn\x01", "n\u00fc", "o>pwned", "p${PWD}", "q$'r",
-    "~", "*", "!", "#",
+    "u\u202e1", "v\u200b2", "w\u2066\u061c3", "~", "*", "!", "#",
 ]
 DIRECTORIES = ["r$(touch pwned) s", "t\"'!"]  # each holds "inner"
 BARE, QUOTES = {"~": "\\~", "*": "\\*", "!": "\\!", "#": "\\#"}, ["", '"', "'", "$'"]
@@ -49,6 +49,8 @@ def make_world():
 
 
 class Shell:
+    showed_deceptive = False
+
     def __init__(self):
         pid, self.terminal = pty.fork()
         if pid == 0:
@@ -66,6 +68,7 @@ class Shell:
             if not select.select([self.terminal], [], [], 10)[0]:
                 os.write(self.terminal, b"\x03")  # the line isn't at its end
             said += os.read(self.terminal, 65536)
+        self.showed_deceptive |= any(raw.encode() in said for raw in "\u061c\u200b\u202e\u2066")
 
     def run(self, line):
         os.write(self.terminal, line.encode() + b"\r")
@@ -121,6 +124,9 @@ def main():
     if (scratch / "pwned").exists():
         wrong += 1
         print("a name was run as a command")
+    if shell.showed_deceptive:
+        wrong += 1
+        print("characters that are not seen were shown")
     return 1 if wrong else 0
 
 

@@ -12,10 +12,14 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <hxcrate/crate.hpp>
+#include <hxcrate/inspect.hpp>
 #include <thread>
 #include <vector>
 
 #include "tests/command_fixture.h"
+#include "tool/copied_file.h"
+#include "tool/report.h"
 
 namespace {
 
@@ -180,6 +184,38 @@ TEST_F(NewFileTest, TakesNoRightsFromWhatTookTheNameOfTheReplaced) {
   expectRun(0, "cat in/1");
   stranger.join();
   ::close(events);
+}
+
+TEST_F(NewFileTest, CopiesOnlyTheFileWhoseRightsItTook) {
+  expectRun(0, "mkdir in; hxcrate pack x.st in; cp x.st other.st");
+  const std::string path = directory_ / "x.st";
+  const tool::CopiedFile source(path);
+  hxcrate::Session session;
+  for (const bool isOther : {false, true}) {
+    if (isOther) exchange("x.st", "other.st");
+    EXPECT_EQ(session.open(path).isIn(source.descriptor()), !isOther);
+    EXPECT_EQ(hxcrate::InspectedFile(path).isIn(source.descriptor()), !isOther);
+  }
+  EXPECT_THROW(source.requireIn(session.open(path)), tool::Failure);
+}
+
+// Here somebody gives the name to a file that all may read as soon as the source is read.
+TEST_F(NewFileTest, TakesNoRightsFromWhatTookTheNameOfTheSource) {
+  expectRun(0, "mkdir in; (cd in; seq 3000 | xargs touch); hxcrate pack x.st in; cp x.st mine");
+  expectRun(0, "chmod 600 x.st; chmod 666 mine");
+  for (const char* command : {"salvage", "copy"}) {
+    const int events = ::inotify_init1(IN_CLOEXEC);
+    ASSERT_GE(::inotify_add_watch(events, (directory_ / "x.st").c_str(), IN_ACCESS), 0);
+    std::thread stranger([&] {
+      inotify_event event{};
+      if (::read(events, &event, sizeof(event)) > 0) exchange("x.st", "mine");
+    });
+    expectRun(0, "rm -f y.st; hxcrate " + std::string(command) + " x.st y.st || [ $? = 3 ]");
+    expectPrinted(0, "find y.st -perm /077 2>/dev/null || :; cat x.st mine >/dev/null", "");
+    stranger.join();
+    ::close(events);
+    exchange("x.st", "mine");
+  }
 }
 
 TEST_F(NewFileTest, KeepsTheAclOfWhatItReplacesOrCopies) {

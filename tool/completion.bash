@@ -82,16 +82,31 @@ _hxcrate_files() {
   done < <(shopt -u failglob; shopt -s nullglob; set +f; printf '%s\0' "$current"*)
 }
 
+# Whether $1 holds what changes how the text around it looks, or is not seen.
+_hxcrate_is_deceptive() {
+  local LC_ALL=C  # of bytes
+  [[ $1 == *@($'\xd8\x9c'|$'\xe2\x80'[$'\x8b\x8e\x8f\xa8'-$'\xae']|$'\xe2\x81'[$'\xa0'-$'\xa9']|$'\xef\xbb\xbf')* ]]
+}
+
+# The character $1 as its bytes' numbers, in `character`.
+_hxcrate_number() {
+  local LC_ALL=C
+  printf -v character %q "$1"
+}
+
 # The name $1 as it can be typed, in `typed`. What two names begin with alike is typed alike, for
 # readline inserts that.
 _hxcrate_quote() {
   local character i
   typed=''
   [[ -z $1 ]] || printf -v typed %q "$1"
-  [[ $typed == *\$\'* ]] || return 0
+  [[ $typed == *\$\'* ]] || _hxcrate_is_deceptive "$1" || return 0
   typed=''
   for ((i = 0; i < ${#1}; ++i)); do
-    printf -v character %q "${1:i:1}"
+    character=${1:i:1}
+    if _hxcrate_is_deceptive "$character"; then _hxcrate_number "$character"
+    else printf -v character %q "$character"
+    fi
     typed+=$character
   done
 }
@@ -102,7 +117,10 @@ _hxcrate_quote() {
 _hxcrate_offer() {
   local name typed pair=$quote
   for name in "${found[@]}"; do
-    [[ -n $quote && $name == "$current"*[[:cntrl:]\$\`\"\'\\\!]* ]] && pair=$quote$quote
+    [[ -n $quote && $name == "$current"* ]] || continue
+    if [[ $name == "$current"*[[:cntrl:]\$\`\"\'\\\!]* ]] || _hxcrate_is_deceptive "$name"; then
+      pair=$quote$quote
+    fi
   done
   for name in "${found[@]}"; do
     # What begins with a dash would be an option before `--`.

@@ -9,6 +9,7 @@
 
 #include "byte_pump.h"
 #include "command_line.h"
+#include "copied_file.h"
 #include "inspected_store.h"
 #include "new_store.h"
 #include "store_walk.h"
@@ -91,19 +92,23 @@ void copyMembers(KeptMembers members, hxcrate::Store& target, Progress& progress
 }
 
 // All or nothing: what can't be read whole is not copied.
-ExitCode copy(CopyOptions& options) {
-  options.made.copyOf = options.store;
+ExitCode copy(const CopyOptions& options) {
   const NewStore target(options.target);
+  const CopiedFile source(options.store);
+  NewStore::Options made = options.made;
+  made.copyOf = &source.rights();
   hxcrate::Session session;
-  const auto members = [&] { return KeptMembers(options, session.open(options.store)); };
+  const auto members = [&] {
+    return KeptMembers(options, source.require(session.open(options.store)));
+  };
   const SizeForecast forecast = forecastOf(members(), OwnBytes(options.store, options.maxBytes));
   if (options.dryRun) {
-    target.announce(forecast, options.made);
+    target.announce(forecast, made);
     return ExitCode::fine;
   }
   Progress progress("copying");
   progress.expect(forecast.bytes());
-  target.make(forecast, options.made,
+  target.make(forecast, made,
               [&](hxcrate::Store& store) { copyMembers(members(), store, progress); });
   return ExitCode::fine;
 }

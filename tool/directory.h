@@ -1,8 +1,6 @@
 // Directories and files by descriptor, so that no link and no renaming leads astray.
 #pragma once
 
-#include <fmt/format.h>
-
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -31,7 +29,7 @@ class Descriptor {
   bool isOpen() const { return number_ >= 0; }
   int number() const { return number_; }
   // Leads to what is open, whatever its name is.
-  std::string asPath() const { return fmt::format("/proc/self/fd/{}", number_); }
+  std::string asPath() const { return "/proc/self/fd/" + std::to_string(number_); }
   // False, with errno set, when the system kept a write's failure until now.
   bool close();
 

@@ -10,24 +10,14 @@ namespace tool {
 
 namespace {
 
-constexpr char kHexDigits[] = "0123456789abcdef";
-
-void appendHex(std::string& text, unsigned char byte) {
-  text += kHexDigits[byte >> 4];
-  text += kHexDigits[byte & 15];
-}
-
-void appendEscaped(std::string& text, unsigned char byte) {
-  text += "\\u00";
-  appendHex(text, byte);
-}
-
-// One character or a byte that is none. Control characters are escaped for the sake of terminals,
-// those above U+007F too.
+// One character or a byte that is none. What a terminal might obey, or show as something else, is
+// escaped; all of that is below U+10000.
 void appendCharacter(std::string& text, std::string_view bytes) {
-  const auto last = static_cast<unsigned char>(bytes.back());
-  if (measureCharacter(bytes) == 0 || isControl(bytes, bytes.size())) {
-    appendEscaped(text, last);
+  const std::size_t length = measureCharacter(bytes);
+  if (length == 0) {
+    text += fmt::format("\\u{:04x}", static_cast<unsigned char>(bytes.front()));
+  } else if (isControl(bytes, length) || isDeceptive(bytes, length)) {
+    text += fmt::format("\\u{:04x}", static_cast<std::uint32_t>(decodeCharacter(bytes, length)));
   } else {
     if (bytes == "\"" || bytes == "\\") text += '\\';
     text += bytes;
@@ -81,7 +71,7 @@ void JsonWriter::writeName(std::string_view key, std::string_view bytes) {
   if (quoted.isWhole) return;
   std::string hex;
   for (const char byte : bytes)
-    appendHex(hex, static_cast<unsigned char>(byte));
+    hex += fmt::format("{:02x}", static_cast<unsigned char>(byte));
   writeText(std::string(key) + "Bytes", hex);
 }
 

@@ -13,6 +13,7 @@
 #include "command_line.h"
 #include "map_picture.h"
 #include "new_file.h"
+#include "planted_journal.h"
 
 namespace tool {
 
@@ -134,6 +135,7 @@ void writePicture(const MapOptions& options, const std::string& picture) {
     return output.finish();
   }
   const FilePlace place = locateFile(options.svg);
+  refuseJournalName(place.directory, place.name, options.svg);
   NewFile file(place.directory, place.name, options.svg);
   if (!writeAll(file.descriptor(), std::as_bytes(std::span(picture)))) {
     throw systemFailure(options.svg, "write");

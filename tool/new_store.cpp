@@ -2,7 +2,6 @@
 
 #include <fmt/format.h>
 
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -11,6 +10,7 @@
 #include <system_error>
 
 #include "interruption.h"
+#include "planted_journal.h"
 #include "write_limits.h"
 
 namespace tool {
@@ -62,12 +62,6 @@ Failure failureOf(const hxcrate::Error& error, const std::string& path) {
   return {exitCodeOf(error), path, error.member(), reason};
 }
 
-Descriptor openForItsPath(const std::string& path) {
-  Descriptor file(::open(path.c_str(), O_PATH | O_CLOEXEC));
-  if (!file.isOpen()) throw systemFailure(path, "open");
-  return file;
-}
-
 }  // namespace
 
 NewStore::NewStore(const std::string& path, bool replace) : shown_(path), place_(locateFile(path)) {
@@ -75,6 +69,7 @@ NewStore::NewStore(const std::string& path, bool replace) : shown_(path), place_
   if (!status && errno != ENOENT) throw systemFailure(path, "inspect");
   if (status && !replace) refuse("exists already");
   status ? locateExisting() : refuseStrayJournal();
+  refuseJournalName(place_.directory, place_.name, path);
   requireWritable(place_.directory, path);
 }
 
@@ -113,9 +108,7 @@ void NewStore::make(const SizeForecast& forecast, const Options& options, const 
   removeLeftovers(place_.directory);
   // A journal that was the replaced file's must not come back beside the new one.
   if (existing_ && !sync(place_.directory)) throw systemFailure(shown_, "sync its folder");
-  std::optional<FileRights> readers;
-  if (!options.copyOf.empty()) readers.emplace(openForItsPath(options.copyOf), options.copyOf);
-  const NewFile::Options made{existing_, readers ? &*readers : nullptr};
+  const NewFile::Options made{existing_, options.copyOf};
   NewFile file(place_.directory, place_.name, shown_, made);
   fillFile(file, pageSize, options, fill);
   if (options.encoding.empty()) return deliver(file);

@@ -6,6 +6,7 @@
 #include <array>
 #include <string_view>
 
+#include "report.h"
 #include "store_walk.h"
 
 namespace tool {
@@ -35,13 +36,25 @@ bool isStoreInItem(const hxcrate::Store& container, const std::string& name) {
   return item && item->read(bytes) == bytes.size() && isStore(bytes);
 }
 
+// The store whose journal `name` would be; empty: none's.
+std::string storeOfJournal(const std::string& name) {
+  return name.ends_with(kSuffix) ? name.substr(0, name.size() - kSuffix.size()) : "";
+}
+
 }  // namespace
 
 bool isPlantedJournal(const hxcrate::Store& container, const std::string& name,
                       const Descriptor& directory) {
-  if (!name.ends_with(kSuffix) || name.size() == kSuffix.size()) return false;
-  const std::string store = name.substr(0, name.size() - kSuffix.size());
-  return isStoreOnDisk(directory, store) || isStoreInItem(container, store);
+  const std::string store = storeOfJournal(name);
+  return !store.empty() && (isStoreOnDisk(directory, store) || isStoreInItem(container, store));
+}
+
+void refuseJournalName(const Descriptor& directory, const std::string& name,
+                       const std::string& path) {
+  const std::string store = storeOfJournal(name);
+  if (store.empty() || !isStoreOnDisk(directory, store)) return;
+  throw Failure(ExitCode::notOpenable, path, "",
+                "would be taken for the journal of the store " + store + " beside it");
 }
 
 }  // namespace tool

@@ -14,4 +14,9 @@ namespace tool {
 bool isPlantedJournal(const hxcrate::Store& container, const std::string& name,
                       const Descriptor& directory);
 
+// Throws a Failure, in which it is called `path`, when a new file `name` in an open directory would
+// be taken for the journal of a store that lies beside it.
+void refuseJournalName(const Descriptor& directory, const std::string& name,
+                       const std::string& path);
+
 }  // namespace tool

@@ -3,13 +3,14 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
 #include <vector>
 
 #include "command_line.h"
+#include "copied_file.h"
 #include "inspected_store.h"
 #include "new_store.h"
 #include "output.h"
@@ -56,7 +57,7 @@ class Rebuilder {
   struct Level {
     std::size_t member;
     hxcrate::Store store;
-    std::unordered_map<std::string, int> names;  // taken; with the number tried last for each
+    std::map<std::string, int> names;  // taken; with the number tried last for each
   };
 
   void take(const hxcrate::Extent& extent) {
@@ -191,19 +192,18 @@ SizeForecast forecastOf(const hxcrate::ByteSource& file, const hxcrate::HeaderOv
 }
 
 ExitCode rebuild(InspectedStore& source, const SalvageOptions& options,
-                 const hxcrate::HeaderOverride& header, Output& output) {
+                 const hxcrate::HeaderOverride& header, const CopiedFile& copied, Output& output) {
   ExitCode outcome = ExitCode::fine;
   std::string kept;
   NewStore target(options.target);
   const SizeForecast forecast = forecastOf(source.file(), header);
   OwnBytes(options.store, options.maxBytes).require(forecast.bytes());
-  target.make(forecast, {.copyOf = options.store}, [&](hxcrate::Store& store) {
+  target.make(forecast, {.copyOf = &copied.rights()}, [&](hxcrate::Store& store) {
     Rebuilder rebuilder(source, store, output);
     rebuilder.run();
     kept =
         countThings(rebuilder.items(), "item") + " and " + countThings(rebuilder.stores(), "store");
-    const bool isSure = source.file().caveat().empty() && !lacksTop(source);
-    if (rebuilder.hasLost() || !isSure) outcome = ExitCode::partial;
+    if (rebuilder.hasLost() || lacksTop(source)) outcome = ExitCode::partial;
   });
   output.finish();
   complain(options.target, "", kept + " were kept");
@@ -212,8 +212,8 @@ ExitCode rebuild(InspectedStore& source, const SalvageOptions& options,
 
 // Prints what was lost, what of an item was kept, and what got another name, a line each; nothing
 // when all was kept. Members that no link leads to any more come into a store "lost+found" of the
-// new one. Partial when anything was lost or found there, or the store may be in the middle of an
-// update. Throws Failure or hxcrate::Error; then there is no new file.
+// new one. Partial when anything was lost or found there. Throws Failure or hxcrate::Error; then
+// there is no new file.
 ExitCode salvage(const SalvageOptions& options) {
   Output output;
   const auto tell = [&](const hxcrate::Finding& finding) {
@@ -223,8 +223,10 @@ ExitCode salvage(const SalvageOptions& options) {
   };
   const hxcrate::HeaderOverride header{options.encoding, options.pageSize};
   try {
+    const CopiedFile copied(options.store);
     InspectedStore source(options.store, tell, header);
-    return rebuild(source, options, header, output);
+    copied.requireIn(source.file());
+    return rebuild(source, options, header, copied, output);
   } catch (const hxcrate::Error& error) {
     if (error.errc() != hxcrate::Errc::unknownEncoding) throw;
     throw Failure(

@@ -30,12 +30,20 @@ bool isControl(std::string_view text, std::size_t length) {
 
 bool isDeceptive(std::string_view text, std::size_t length) {
   const std::string_view character = text.substr(0, length);
-  if (character == "\u061c" || character == "\ufffe" || character == "\uffff") return true;
+  if (character == "\u061c" || character == "\u200b" || character == "\ufeff") return true;
   const auto isBetween = [&](std::string_view first, std::string_view last) {
     return length == 3 && first <= character && character <= last;
   };
   return isBetween("\u200e", "\u200f") || isBetween("\u2028", "\u202e") ||
-         isBetween("\u2066", "\u2069");
+         isBetween("\u2060", "\u2069") || isBetween("\ufffe", "\uffff");
+}
+
+char32_t decodeCharacter(std::string_view text, std::size_t length) {
+  const auto lead = static_cast<unsigned char>(text[0]);
+  char32_t number = length == 1 ? lead : lead & (0xffu >> (length + 1));
+  for (std::size_t i = 1; i < length; ++i)
+    number = number << 6 | (static_cast<unsigned char>(text[i]) & 0x3fu);
+  return number;
 }
 
 }  // namespace tool

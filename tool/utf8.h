@@ -15,8 +15,11 @@ std::size_t measureCharacter(std::string_view text);
 bool isControl(std::string_view text, std::size_t length);
 
 // Whether that character shows nothing by itself but can change what the text around it looks like,
-// or is none that a text may hold: what orders text from right to left, ends lines, or U+FFFE and
-// U+FFFF.
+// or is none that a text may hold: what orders text from right to left, ends lines, is not seen at
+// all (but for the joiners that scripts need), or U+FFFE and U+FFFF.
 bool isDeceptive(std::string_view text, std::size_t length);
+
+// The number of the character, of that length, that `text` begins with.
+char32_t decodeCharacter(std::string_view text, std::size_t length);
 
 }  // namespace tool

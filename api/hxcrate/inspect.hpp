@@ -69,6 +69,9 @@ class InspectedFile final : public ByteSource {
   const std::string& name() const override;
   // Why the file is not locked; empty when it is.
   const std::string& caveat() const;
+  // Whether it is the file that the descriptor is of, which may be one for the path alone: a path
+  // may lead to another file each time.
+  bool isIn(int file) const;
 
  private:
   struct Parts;

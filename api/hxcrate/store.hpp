@@ -170,6 +170,10 @@ class [[nodiscard]] Store {
   std::string place() const;
   std::int32_t pageSize() const;  // of the file, bytes
   bool isWritable() const;
+  // Whether what was opened by its path lies in the file that the descriptor is of, which may be
+  // one for the path alone: a path may lead to another file each time. False without a file, and of
+  // one that is mapped.
+  bool isIn(int file) const;
   bool isOpen() const noexcept { return store_ != nullptr; }
 
   // Why the directory was read only in part; no error when it is whole. Such a store opens with

@@ -69,6 +69,10 @@ std::shared_ptr<FileOutcome> LinuxHost::outcomeOf(hx::FileHandle* file) {
   return static_cast<OpenFile*>(file)->outcome();
 }
 
+int LinuxHost::descriptorOf(hx::FileHandle* file) {
+  return static_cast<OpenFile*>(file)->descriptor();
+}
+
 bool LinuxHost::commitUpdate(hx::FileHandle* file) {
   return static_cast<OpenFile*>(file)->commit();
 }

@@ -67,6 +67,10 @@ class LinuxHost {
   // What became of a `file` of any host, the reasons of its failures with it.
   static std::shared_ptr<FileOutcome> outcomeOf(hx::FileHandle* file);
 
+  // Where the `file` lies, locked, for as long as its handle is open. Of a host whose files are the
+  // system's.
+  static int descriptorOf(hx::FileHandle* file);
+
   // Makes what was written to the `file` since it was opened or committed last stay, as a close
   // would, and goes on with the update; nobody can slip in between. False when that failed: the
   // outcome says why and what the file is now, and until it is closed everything fails.
