@@ -170,6 +170,8 @@ void expectBoundedCommands(std::span<const std::uint8_t> bytes) {
            {"ls", "--json", store},
            {"tree", store},
            {"cat", store, "a15", "..~14/a13"},
+           {"sum", store},
+           {"sum", "--check", store},
            {"diff", store, sound},
            {"unpack", store, directory / "out"},
            {"copy", store, directory / "copy.st"},

@@ -8,6 +8,7 @@
 #include "answer.h"
 #include "command_line.h"
 #include "inspected_store.h"
+#include "manifest_check.h"
 
 namespace tool {
 
@@ -41,6 +42,7 @@ class Checker {
     items_ = store.count(hxcrate::MemberKind::item);
     if (!options_.quick) store.inspection().walkPages({.readSlack = true, .adoptMembers = true});
     countLost(store);
+    if (!options_.quick) checkManifest(store);
     addCounts(store);
     answer_.finish();
     complain(options_.store, "", summarize(store));

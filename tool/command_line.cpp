@@ -80,7 +80,7 @@ struct Group {
 void addCommands(CommandLine& line) {
   const Group groups[] = {
       {"Trees of files", {addPack, addUnpack}},
-      {"What is in a store", {addLs, addTree, addCat, addDiff}},
+      {"What is in a store", {addLs, addTree, addCat, addSum, addDiff}},
       {"Making and adding", {addPut, addMkstore, addCopy}},
       {"The file itself", {addStat, addMap, addCheck, addSalvage}},
   };

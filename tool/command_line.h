@@ -58,6 +58,7 @@ void addUnpack(CommandLine& line);
 void addLs(CommandLine& line);
 void addTree(CommandLine& line);
 void addCat(CommandLine& line);
+void addSum(CommandLine& line);
 void addPut(CommandLine& line);
 void addMkstore(CommandLine& line);
 void addCopy(CommandLine& line);

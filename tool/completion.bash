@@ -14,6 +14,7 @@ _hxcrate_options() {
     put) echo -p --append --wait --dry-run ;;
     mkstore) echo -p --wait --dry-run ;;
     copy) echo --page-size --encoding --exclude --max-bytes --dry-run ;;
+    sum) echo --check ;;
     diff | stat) echo --json ;;
     check) echo --quick --json ;;
     map) echo --svg --json ;;
@@ -136,18 +137,18 @@ _hxcrate_offer() {
 # Finds what can stand in the place that is being typed, or behind the option $1.
 _hxcrate_find() {
   case ${1:-$command:$place} in
-    --svg) _hxcrate_files -f ;;
+    --svg | --check) _hxcrate_files -f ;;
     --encoding) found=(hxmok1/le/utf-8 hxmok1/be/utf-8) ;;
     --*) ;;
     pack:1 | unpack:1) _hxcrate_files -d ;;
-    ls:1 | tree:1 | cat:[1-9]* | put:1 | mkstore:1 | unpack:[2-9]*) _hxcrate_members ;;
+    ls:1 | tree:1 | cat:[1-9]* | sum:[1-9]* | put:1 | mkstore:1 | unpack:[2-9]*) _hxcrate_members ;;
     *:0 | copy:1 | diff:1 | salvage:1 | put:2) _hxcrate_files -f ;;
   esac
 }
 
 _hxcrate() {
   local words quote kept fixed current command store_file='' place=0 option='' ended='' found=() i
-  local commands='pack unpack ls tree cat diff put mkstore copy stat map check salvage --help --version'
+  local commands='pack unpack ls tree cat sum diff put mkstore copy stat map check salvage --help --version'
   local IFS=$' \t\n'
   COMPREPLY=()
   _hxcrate_parse "${COMP_LINE:0:COMP_POINT}" "$2" || return
@@ -159,7 +160,7 @@ _hxcrate() {
       case ${words[i]} in
         --) ended=1 ;;
         --page-size | --max-entries | --max-bytes | --offset | --length | --wait | --exclude) ;&
-        --encoding | --svg) option=${words[i]} ;;
+        --encoding | --svg | --check) option=${words[i]} ;;
       esac
     fi
   done

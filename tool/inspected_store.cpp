@@ -11,16 +11,16 @@ InspectedStore::InspectedStore(const std::string& path,
     : file_(path),
       onFinding_(std::move(onFinding)),
       inspection_(
-          file_,
-          [this](const hxcrate::Finding& finding) {
-            ++counts_[static_cast<std::size_t>(finding.severity)];
-            if (onFinding_) onFinding_(finding);
-          },
-          header) {
+          file_, [this](const hxcrate::Finding& finding) { add(finding); }, header) {
   if (!file_.caveat().empty()) {
     complain(path, "",
              "it can't be opened as a store, and is looked at as it lies: " + file_.caveat());
   }
+}
+
+void InspectedStore::add(const hxcrate::Finding& finding) {
+  ++counts_[static_cast<std::size_t>(finding.severity)];
+  if (onFinding_) onFinding_(finding);
 }
 
 std::int64_t InspectedStore::count(hxcrate::MemberKind kind) const {

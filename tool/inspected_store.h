@@ -21,6 +21,9 @@ class InspectedStore {
   InspectedStore(const InspectedStore&) = delete;
   InspectedStore& operator=(const InspectedStore&) = delete;
 
+  // Counts a finding, and tells of it, that was not made by the inspection.
+  void add(const hxcrate::Finding& finding);
+
   const hxcrate::InspectedFile& file() const { return file_; }
   hxcrate::Inspection& inspection() { return inspection_; }
   const hxcrate::Inspection& inspection() const { return inspection_; }

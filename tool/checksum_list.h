@@ -1,0 +1,41 @@
+// What the bytes of items should be: lists as sha256sum makes them, and manifests.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "hxcrate/crate.hpp"
+#include "manifest.h"
+
+namespace tool {
+
+struct ExpectedItem {
+  Sha256::Digest sha256;
+  // Of the bytes that the checksum is of, where it is known. An item that has more has grown since.
+  std::optional<std::int64_t> size = {};
+};
+
+// By path inside the store.
+using ChecksumList = std::map<std::string, ExpectedItem, std::less<>>;
+
+// The line for an item, with its end, as sha256sum writes and reads it.
+std::string formatChecksum(const Sha256::Digest& digest, std::string_view path);
+
+// `text` is of such lines; `onFault` is told the number, from 1, of each that is none.
+ChecksumList parseChecksums(std::string_view text, const std::function<void(std::size_t)>& onFault);
+
+// Of its files that have a checksum.
+ChecksumList checksumsOf(const Manifest& manifest);
+
+// The bytes of a file, or of standard input for "-"; a Failure beyond Manifest::kMostBytes.
+std::string readText(const std::string& path);
+
+// The store's own manifest; nothing when it has no item of that name, or one that does not begin as
+// manifests do. Throws a Failure, damaged, for one that can't be read.
+std::optional<Manifest> readManifest(const hxcrate::Store& store);
+
+}  // namespace tool

@@ -1,0 +1,74 @@
+#include "item_sums.h"
+
+#include <utility>
+
+namespace tool {
+
+ItemSums::ItemSums(hxcrate::Store store, MemberSelection selection, Progress* progress,
+                   OnError onError)
+    : selection_(std::move(selection)),
+      limit_(store.path()),
+      walk_(std::move(store)),
+      pump_(progress),
+      onError_(std::move(onError)) {}
+
+bool ItemSums::next() {
+  for (auto event = walk_.next(); event != StoreWalk::Event::end; event = walk_.next()) {
+    throwIfInterrupted();
+    if (event == StoreWalk::Event::leave) continue;
+    if (!selection_.wants(walk_.place(), event == StoreWalk::Event::store)) continue;
+    if (open(event)) return true;
+  }
+  return false;
+}
+
+// Whether it is an item, and can be read.
+bool ItemSums::open(StoreWalk::Event event) {
+  try {
+    if (event == StoreWalk::Event::store) {
+      walk_.enter();
+      return false;
+    }
+    item_ = walk_.container().read(walk_.name());
+  } catch (const hxcrate::Error& error) {
+    onError_(error);
+    return false;
+  }
+  limit_.require(bytes_ += item_.size());
+  return true;
+}
+
+std::optional<Sha256::Digest> ItemSums::sum(std::int64_t most) {
+  Sha256 sha256;
+  try {
+    pump_.move(most, takeFrom(item_), [&](std::span<const std::byte> bytes) { sha256.add(bytes); });
+    return sha256.finish();
+  } catch (const hxcrate::Error& error) {
+    onError_(error);
+    return std::nullopt;
+  }
+}
+
+std::int64_t compareSums(ItemSums& sums, ChecksumList list, const MemberSelection& selection,
+                         const std::function<void(SumFault, const std::string& place)>& onFault) {
+  std::int64_t equal = 0;
+  while (sums.next()) {
+    const auto expected = list.find(sums.place());
+    if (expected == list.end()) {
+      if (sums.place() != kManifestName) onFault(SumFault::unlisted, sums.place());
+      continue;
+    }
+    const bool hasGrown = expected->second.size && sums.size() > *expected->second.size;
+    const auto digest = sums.sum(hasGrown ? *expected->second.size : BytePump::kEverything);
+    const bool isEqual = digest == expected->second.sha256;
+    if (digest && !isEqual) onFault(SumFault::differs, sums.place());
+    if (isEqual && hasGrown) onFault(SumFault::grown, sums.place());
+    if (isEqual && !hasGrown) ++equal;
+    list.erase(expected);
+  }
+  for (const auto& [place, expected] : list)
+    if (selection.wants(place, false)) onFault(SumFault::missing, place);
+  return equal;
+}
+
+}  // namespace tool
