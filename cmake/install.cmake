@@ -1,4 +1,4 @@
-# What is installed, and the package made of it. Everything finds everything else by where it lies
+# What is installed. Everything finds everything else by where it lies
 # itself, so an installed tree may be moved.
 include(CMakePackageConfigHelpers)
 
@@ -50,20 +50,3 @@ install(DIRECTORY docs examples TYPE DOC)
 install(FILES tool/hxcrate.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 OPTIONAL)
 install(FILES tool/completion.bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
         RENAME hxcrate OPTIONAL)
-
-# `cpack -G DEB` in the build folder.
-set(CPACK_PACKAGE_VENDOR "hxcrate maintainers")
-set(CPACK_PACKAGE_CONTACT "hxcrate maintainers <maintainers@hxcrate.example>")
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "${PROJECT_DESCRIPTION}")
-set(CPACK_PACKAGE_DESCRIPTION
-    "A store file holds a whole tree of items, and an update of it is one transaction.
-This package holds the command hxcrate, the C++ library behind it with its headers,
-and the module that both run on.")
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
-set(CPACK_STRIP_FILES ON)
-set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_PACKAGE_SECTION utils)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY >=)
-include(CPack)

@@ -41,6 +41,9 @@ mv "$scratch/first" "$prefix"
 check_run_paths "$build" -maxdepth 1
 check_run_paths "$prefix"
 version=$("$prefix/bin/hxcrate" --version)
+modules=$prefix/lib/python3/dist-packages
+[ ! -d "$modules" ] || [ "$(PYTHONPATH=$modules /usr/bin/python3 -c 'import hxcrate; print("hxcrate", hxcrate.__version__)')" = "$version" ] ||
+  fail "Python does not import what is installed"
 
 quietly cmake -G Ninja -S "$sources/examples/consumer" -B "$scratch/found" "-DCMAKE_PREFIX_PATH=$prefix"
 quietly cmake --build "$scratch/found"
