@@ -65,6 +65,10 @@ TEST_F(CommandTest, PacksAndUnpacksATree) {
     if (smallest == 0) smallest = size;
     expectRun(0, "rm -r x:.st out again");
   }
+  expectRun(0,
+            "mkdir t; seq 2000 | split -a 3 -l 1 - t/; truncate -s 500M t/large;"
+            "hxcrate pack --dry-run y.st t");
+  EXPECT_GT(std::stoi(err_.substr(err_.rfind(' '))), 8000) << "of small items beside a large one";
 }
 
 TEST_F(CommandTest, NamesEverythingThatCanNotBeKeptAndPacksNothing) {

@@ -15,6 +15,10 @@ constexpr std::int64_t kHeader = 40;
 constexpr std::int64_t kMember = 96;
 constexpr std::int64_t kPageRecord = 24;
 
+// What is read behind so many pages of an item costs, a page, as much as so many bytes more.
+constexpr std::int64_t kCheapPages = 1000;
+constexpr std::int64_t kReadingCost = 700;
+
 // Smaller pages cost reading time and save little; larger ones cost every open item memory.
 constexpr std::int32_t kSmallestPage = 64;
 constexpr std::int32_t kLargestPage = 65536;
@@ -29,11 +33,15 @@ std::int64_t itemSpace(std::int64_t size, std::int64_t pageSize, bool isBlob) {
   return size == 0 ? kPageRecord : pages;
 }
 
-template <typename Counts>
-std::int64_t allItemSpace(const Counts& counts, std::int64_t pageSize, bool isBlob) {
+std::int64_t readingCost(std::int64_t size, std::int64_t pageSize) {
+  return kReadingCost * std::max<std::int64_t>(size / pageSize + 1 - kCheapPages, 0);
+}
+
+template <typename Counts, typename Measure>
+std::int64_t sumOver(const Counts& counts, Measure measure) {
   std::int64_t total = 0;
   for (const auto& [size, count] : counts)
-    total += count * itemSpace(size, pageSize, isBlob);
+    total += count * measure(size);
   return total;
 }
 
@@ -46,7 +54,8 @@ void SizeForecast::addItem(std::int64_t size) {
 }
 
 std::int64_t SizeForecast::fileSize(std::int32_t pageSize, bool isBlob) const {
-  return kHeader + kMember * (1 + stores_ + items_) + allItemSpace(counts_, pageSize, isBlob);
+  return kHeader + kMember * (1 + stores_ + items_) +
+         sumOver(counts_, [&](auto size) { return itemSpace(size, pageSize, isBlob); });
 }
 
 // Coarsely over all sizes, then finely around the best of those.
@@ -54,11 +63,16 @@ std::int32_t SizeForecast::bestPageSize(bool isBlob) const {
   if (bytes_ == 0) return hxcrate::kUsualPageSize;
   const std::vector<std::pair<std::int64_t, std::int64_t>> counts(counts_.begin(), counts_.end());
   std::int32_t best = kSmallestPage;
-  std::int64_t least = allItemSpace(counts, best, isBlob);
+  const auto costOf = [&](std::int32_t pageSize) {
+    return sumOver(counts, [&](auto size) {
+      return itemSpace(size, pageSize, isBlob) + readingCost(size, pageSize);
+    });
+  };
+  std::int64_t least = costOf(best);
   const auto consider = [&](std::int32_t pageSize) {
-    const std::int64_t space = allItemSpace(counts, pageSize, isBlob);
-    if (space >= least) return;
-    least = space;
+    const std::int64_t cost = costOf(pageSize);
+    if (cost >= least) return;
+    least = cost;
     best = pageSize;
   };
   for (std::int32_t octave = kSmallestPage; octave < kLargestPage; octave *= 2) {

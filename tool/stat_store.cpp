@@ -11,6 +11,7 @@
 #include "answer.h"
 #include "command_line.h"
 #include "inspected_store.h"
+#include "size_forecast.h"
 
 namespace tool {
 
@@ -54,6 +55,15 @@ std::string nameOfTop(const InspectedStore& store) {
   return members.empty() ? "" : members.front().name;
 }
 
+// What a copy of what can be read would get.
+std::int32_t pageSizeOfCopy(const InspectedStore& store) {
+  SizeForecast forecast;
+  for (const InspectedMember& member : store.inspection().members()) {
+    if (member.kind == hxcrate::MemberKind::item) forecast.addItem(member.size);
+  }
+  return forecast.bestPageSize(false);
+}
+
 void printLine(Output& text, std::string_view label, std::string_view value) {
   text.print("{:<13}{}\n", label, value);
 }
@@ -62,11 +72,13 @@ void tellMembers(const InspectedStore& store, const Numbers& numbers, Answer& an
   const hxcrate::Inspection& inspection = store.inspection();
   const std::int64_t stores = store.count(hxcrate::MemberKind::store);
   const std::int64_t items = store.count(hxcrate::MemberKind::item);
+  const std::int32_t copied = pageSizeOfCopy(store);
   answer.tell(
       [&](Output& text) {
         printLine(text, "name", escape(nameOfTop(store)));
         printLine(text, "encoding", escape(inspection.encoding()));
-        printLine(text, "page size", fmt::to_string(inspection.pageSize()));
+        printLine(text, "page size",
+                  fmt::format("{}; a copy would choose {}", inspection.pageSize(), copied));
         printLine(text, "stores", fmt::format("{}, at most {} deep", stores, inspection.depth()));
         printLine(text, "items", fmt::to_string(items));
       },
@@ -75,6 +87,7 @@ void tellMembers(const InspectedStore& store, const Numbers& numbers, Answer& an
         json.writeName("name", nameOfTop(store));
         json.writeText("encoding", inspection.encoding());
         json.writeNumber("pageSize", inspection.pageSize());
+        json.writeNumber("pageSizeOfCopy", copied);
         json.writeNumber("stores", stores);
         json.writeNumber("items", items);
         json.writeNumber("depth", static_cast<std::int64_t>(inspection.depth()));
