@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "host/file_io.h"
+#include "host/linux/file_ops.h"
 #include "module_library.h"
 
 namespace hxcrate {
@@ -80,7 +81,8 @@ void failOpening(const std::string& path, const OpenRefusal& refusal, Errc code,
 
 Engine::Engine(SessionOptions options, std::shared_ptr<hxhost::FileOps> files)
     : options_(std::move(options)),
-      host_(hostOptionsOf(options_, std::move(files))),
+      fileOps_(files != nullptr ? std::move(files) : hxhost::makeSystemFileOps()),
+      host_(hostOptionsOf(options_, fileOps_)),
       module_(makeModuleInstance(host_.handle())),
       files_(module_, options_.cachedStores) {}
 

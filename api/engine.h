@@ -50,6 +50,7 @@ class Engine {
   const SessionOptions& options() const { return options_; }
   hx::ExtensionInstance* module() const { return module_; }
   hx::HostHandle* host() { return host_.handle(); }
+  hxhost::FileOps& fileOps() { return *fileOps_; }
   MemoryUse memoryUse() const;
 
   // A pool of its own, which holds the engine `self` that it came from. Throws std::bad_alloc.
@@ -79,6 +80,7 @@ class Engine {
   void reportNoMemory(const std::string& store) noexcept;
 
   SessionOptions options_;
+  const std::shared_ptr<hxhost::FileOps> fileOps_;
   hxhost::LinuxHost host_;
   hx::ExtensionInstance* module_;
   std::atomic<unsigned> storesInMemory_{0};

@@ -1,7 +1,5 @@
 #include "file_opener.h"
 
-#include <sys/stat.h>
-
 #include <cerrno>
 #include <mutex>
 #include <utility>
@@ -22,9 +20,9 @@ hxhost::Purpose purposeOf(Mode mode) {
 }
 
 // A file of any kind is an obstacle, also a link that leads nowhere.
-void requireNothing(const std::string& path) {
-  struct stat status {};
-  if (::lstat(path.c_str(), &status) == 0) throw Error(Errc::exists, path, "");
+void requireNothing(hxhost::FileOps& files, const std::string& path) {
+  hxhost::FileInfo info{};
+  if (files.inspectPath(path, info) == 0) throw Error(Errc::exists, path, "");
 }
 
 }  // namespace
@@ -38,7 +36,7 @@ FileOpener::FileOpener(std::shared_ptr<Engine> engine, const std::string& path, 
       name_(decodeFilePath(path)) {}
 
 std::shared_ptr<Opening> FileOpener::open() {
-  if (mode_ == Mode::create) requireNothing(path_);
+  if (mode_ == Mode::create) requireNothing(engine_->fileOps(), path_);
   auto opening = std::make_shared<Opening>(engine_, path_, mode_ != Mode::read);
   for (int left = kMostAttempts; left > 0; --left) {
     if (attempt(*opening)) return opening;

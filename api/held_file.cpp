@@ -1,8 +1,5 @@
 #include "held_file.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <new>
 
 #include "host/linux/open_request.h"
@@ -37,17 +34,6 @@ HeldFile::HeldFile(hx::FileIo* files, const std::u32string& path,
     file_.reset(openForReading(files, path));
   }
   refusal_ = refusalOf(request);
-}
-
-int HeldFile::descriptor() const {
-  return hxhost::LinuxHost::descriptorOf(file_.get());
-}
-
-ReadDescriptor::ReadDescriptor(const std::string& path)
-    : number_(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC)) {}
-
-ReadDescriptor::~ReadDescriptor() {
-  if (number_ >= 0) ::close(number_);
 }
 
 }  // namespace hxcrate

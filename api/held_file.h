@@ -28,8 +28,7 @@ class HeldFile {
 
   bool isOpen() const { return file_ != nullptr; }
   const OpenRefusal& refusal() const { return refusal_; }  // when it is not
-  // Of the very file that is locked, whatever its path leads to by now.
-  int descriptor() const;
+  hxhost::OpenedFile opened() const { return hxhost::LinuxHost::openedOf(file_.get()); }
 
  private:
   struct FileCloser {
@@ -38,21 +37,6 @@ class HeldFile {
 
   std::unique_ptr<hx::FileHandle, FileCloser> file_;
   OpenRefusal refusal_;
-};
-
-// Owns a file descriptor.
-class ReadDescriptor {
- public:
-  // Opens `path` for reading, without waiting for anything; -1 with errno set.
-  explicit ReadDescriptor(const std::string& path);
-  ~ReadDescriptor();
-  ReadDescriptor(const ReadDescriptor&) = delete;
-  ReadDescriptor& operator=(const ReadDescriptor&) = delete;
-
-  int number() const { return number_; }
-
- private:
-  int number_;
 };
 
 }  // namespace hxcrate

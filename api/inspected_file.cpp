@@ -1,6 +1,3 @@
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <optional>
@@ -8,7 +5,10 @@
 
 #include "engine.h"
 #include "held_file.h"
+#include "host/linux/file_ops.h"
 #include "host/linux/linux_host.h"
+#include "host/linux/regular_file.h"
+#include "host/linux/transfer.h"
 #include "hxcrate/inspect.hpp"
 #include "member_path.h"
 
@@ -16,24 +16,29 @@ namespace hxcrate {
 
 struct InspectedFile::Parts {
   std::string name;
-  hxhost::LinuxHost host;
+  std::shared_ptr<hxhost::FileOps> ops = hxhost::makeSystemFileOps();
+  hxhost::LinuxHost host{{.fileOps = ops}};
   OwnedFileService files = loadFileService(host.handle());
   std::optional<HeldFile> held;
-  std::optional<ReadDescriptor> unlocked;  // when it is not held
   std::string caveat;
+  hxhost::RegularFile unlocked;  // open in place of it
 
-  int file() const { return held ? held->descriptor() : unlocked->number(); }
+  int number() const { return held ? held->opened().number : unlocked.descriptor.number(); }
 };
 
 namespace {
 
-// Sums of offsets and lengths in a file stay numbers of 64 bits.
-constexpr std::int64_t kLongestFile = std::int64_t{1} << 62;
-
-[[noreturn]] void fail(const std::string& path, const char* operation, int error) {
+void requireOpen(int error, const std::string& path, const hxhost::RegularFile& file) {
+  if (error == 0) return;
   if (error == ENOENT) throw Error(Errc::notFound, path, "");
+  const bool isOther = error == EISDIR || error == ENOTSUP;
+  if (isOther) throw Error(Errc::fileNotOpen, path, "", "not a regular file");
+  if (error == EFBIG) {
+    throw Error(Errc::fileNotOpen, path, "",
+                "longer than any store, " + std::to_string(file.info.size) + " bytes");
+  }
   const std::error_code reason(error, std::system_category());
-  throw Error(Errc::fileNotOpen, path, "", FileFailure{operation, path, -1, reason});
+  throw Error(Errc::fileNotOpen, path, "", FileFailure{"open", path, -1, reason});
 }
 
 // Why a file that is there was not opened. Throws storeInUse.
@@ -46,52 +51,37 @@ std::string explainRefusal(const HeldFile& file, const std::string& path) {
   return Error(Errc::fileNotOpen, path, "", failure).reason();
 }
 
-void requireRegular(const ReadDescriptor& file, const std::string& path) {
-  struct stat status {};
-  if (file.number() < 0 || ::fstat(file.number(), &status) != 0) fail(path, "open", errno);
-  if (!S_ISREG(status.st_mode)) throw Error(Errc::fileNotOpen, path, "", "not a regular file");
-  if (status.st_size > kLongestFile) {
-    throw Error(Errc::fileNotOpen, path, "",
-                "longer than any store, " + std::to_string(status.st_size) + " bytes");
-  }
-}
-
 }  // namespace
 
-InspectedFile::InspectedFile(const std::string& path) : parts_(std::make_unique<Parts>()) {
+InspectedFile::InspectedFile(const FilePath& given) : parts_(std::make_unique<Parts>()) {
   Parts& parts = *parts_;
-  parts.name = path;
-  requireRegular(ReadDescriptor(path), path);
+  const std::string& path = parts.name = given.text();
+  hxhost::RegularFile& file = parts.unlocked;
+  requireOpen(hxhost::locateRegularFile(*parts.ops, path, file), path, file);
   parts.held.emplace(parts.files.get(), decodeFilePath(path));
   if (parts.held->isOpen()) return;
   parts.caveat = explainRefusal(*parts.held, path);
   parts.held.reset();
-  parts.unlocked.emplace(path);
-  requireRegular(*parts.unlocked, path);
+  constexpr auto kPurpose = hxhost::Purpose::kRead;
+  requireOpen(hxhost::openRegularFile(*parts.ops, path, kPurpose, file), path, file);
 }
 
 InspectedFile::~InspectedFile() = default;
 
 std::int64_t InspectedFile::length() const {
-  struct stat status {};
-  return ::fstat(parts_->file(), &status) == 0 ? status.st_size : 0;
+  hxhost::FileInfo info{};
+  return parts_->ops->inspect(parts_->number(), info) == 0 ? info.size : 0;
 }
 
 std::size_t InspectedFile::read(std::int64_t offset, std::span<std::byte> to) const {
-  std::size_t done = 0;
-  while (done < to.size()) {
-    const ssize_t count = ::pread(parts_->file(), to.data() + done, to.size() - done,
-                                  offset + static_cast<std::int64_t>(done));
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) break;
-    done += static_cast<std::size_t>(count);
-  }
-  return done;
+  const hxhost::Transfer transfer =
+      hxhost::readAll(*parts_->ops, parts_->number(), to.data(), std::ssize(to), offset);
+  return static_cast<std::size_t>(transfer.count);
 }
 
 std::int64_t InspectedFile::findData(std::int64_t offset) const {
-  const off_t found = ::lseek(parts_->file(), offset, SEEK_DATA);
-  if (found < 0) return errno == ENXIO ? std::max(offset, length()) : offset;
+  const std::int64_t found = parts_->ops->findData(parts_->number(), offset);
+  if (found < 0) return found == -ENXIO ? std::max(offset, length()) : offset;
   return found;
 }
 
@@ -104,10 +94,11 @@ const std::string& InspectedFile::caveat() const {
 }
 
 bool InspectedFile::isIn(int file) const {
-  struct stat own {
-  }, other{};
-  return ::fstat(parts_->file(), &own) == 0 && ::fstat(file, &other) == 0 &&
-         own.st_dev == other.st_dev && own.st_ino == other.st_ino;
+  hxhost::FileOps& ops = *parts_->ops;
+  hxhost::FileInfo own{};
+  hxhost::FileInfo other{};
+  return ops.inspect(parts_->number(), own) == 0 && ops.inspect(file, other) == 0 &&
+         hxhost::isSameFile(own, other);
 }
 
 }  // namespace hxcrate

@@ -22,7 +22,8 @@ class MappedFile {
 
  private:
   struct Unmapper {
-    std::size_t size;
+    hxhost::FileOps* ops = nullptr;
+    std::size_t size = 0;
     void operator()(const std::byte* start) const;
   };
 

@@ -50,9 +50,9 @@ std::int32_t Session::choosePageSize(std::int32_t wanted, const std::string& sto
   return wanted != 0 ? wanted : engine()->options().pageSize;
 }
 
-Store Session::open(const std::string& path, Mode mode, OpenOptions options) {
-  options.pageSize = choosePageSize(options.pageSize, path);
-  const auto opening = FileOpener(engine(), path, mode, options).open();
+Store Session::open(const FilePath& path, Mode mode, OpenOptions options) {
+  options.pageSize = choosePageSize(options.pageSize, path.text());
+  const auto opening = FileOpener(engine(), path.text(), mode, options).open();
   Store store(opening, opening->root());
   const std::error_code damage = store.damage();
   if (damage && !options.acceptDamaged) opening->fail(damage.value(), "");
@@ -60,15 +60,15 @@ Store Session::open(const std::string& path, Mode mode, OpenOptions options) {
 }
 
 // By an engine of its own, whose host has no other file.
-Store Session::createIn(int file, const std::string& path, OpenOptions options) {
-  options.pageSize = choosePageSize(options.pageSize, path);
+Store Session::createIn(int file, const FilePath& path, OpenOptions options) {
+  options.pageSize = choosePageSize(options.pageSize, path.text());
   const auto own = std::make_shared<Engine>(engine()->options(), hxhost::makeNamelessFileOps(file));
-  const auto opening = FileOpener(own, path, Mode::openOrCreate, options).openEmpty();
+  const auto opening = FileOpener(own, path.text(), Mode::openOrCreate, options).openEmpty();
   return {opening, opening->root()};
 }
 
-void Session::forget(const std::string& path) {
-  const std::u32string name = decodeFilePath(path);
+void Session::forget(const FilePath& path) {
+  const std::u32string name = decodeFilePath(path.text());
   const std::lock_guard guard(engine()->openingMutex());
   engine()->files().forget(name);
 }
@@ -101,10 +101,10 @@ Store Session::openBlob(const Blob& blob, const std::string& name) {
   return {opening, opening->root()};
 }
 
-Store Session::openMapped(const std::string& path, OpenOptions options) {
+Store Session::openMapped(const FilePath& path, OpenOptions options) {
   const auto lockWait = options.lockWait.value_or(engine()->options().lockWait);
-  const auto file = std::make_shared<const MappedFile>(engine(), path, lockWait);
-  const std::shared_ptr<Opening> opening = openBytes(engine(), file->bytes(), path, file);
+  const auto file = std::make_shared<const MappedFile>(engine(), path.text(), lockWait);
+  const std::shared_ptr<Opening> opening = openBytes(engine(), file->bytes(), path.text(), file);
   return {opening, opening->root()};
 }
 

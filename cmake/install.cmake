@@ -14,7 +14,7 @@ install(TARGETS hxcrate RUNTIME)
 # The host looks for the module in its own folder, under the name with the major version.
 install(TARGETS hxcrate_module LIBRARY)
 install(TARGETS hxhost hxcrate_interfaces EXPORT hxcrateTargets LIBRARY)
-install(DIRECTORY api/hxcrate DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN *.hpp)
+install(DIRECTORY api/hxcrate DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN *.hpp PATTERN *.h)
 
 # For those who write a host of their own, under the paths by which the headers include each other.
 install(FILES host/kernel.h host/encoding.h host/file_io.h

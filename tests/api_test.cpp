@@ -4,6 +4,7 @@
 #include <malloc.h>
 #include <sys/mman.h>
 
+#include <hxcrate/hxcrate.h>
 #include <algorithm>
 #include <array>
 #include <cstring>
@@ -284,6 +285,58 @@ TEST_F(ApiTest, ServesAsStreamsOfTheStandardLibrary) {
   EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), text.substr(50007));
   in.close();
   EXPECT_TRUE(in.get() == EOF && in.bad());
+}
+
+// Whatever a program holds paths and bytes in; without exceptions too.
+TEST_F(ApiTest, TakesPathsAndBytesAsTheyCome) {
+  makeStore({{"a", ""}});
+  const std::filesystem::path asPath = path_;
+  EXPECT_TRUE(session_.open(asPath).isOpen() && session_.open(std::string_view(path_)).isOpen());
+  EXPECT_TRUE(session_.open(asPath.u8string()).isOpen() && session_.open(path_.c_str()).isOpen());
+  Store store = session_.open(asPath, Mode::update);
+  std::error_code error = Errc::damaged;
+  Writer writer = store.append("a");
+  writer.write(std::vector<char>{'1', '2'});
+  writer.write(std::u8string(u8"34"));
+  writer.write(std::array<unsigned char, 1>{'5'}, error);
+  writer.write("6");
+  writer.close();
+  EXPECT_TRUE(!error && store.getText("a", error) == "123456" && !error);
+  EXPECT_TRUE(store.get("none", error).empty() && error == Errc::notFound);
+  const Listing none = store.list("a", error);
+  EXPECT_EQ(error, Errc::isAnItem);
+  const auto first = store.list("", error).begin();
+  EXPECT_EQ(first->path, "a");
+}
+
+TEST_F(ApiTest, ServesProgramsInC) {
+  hxcrate_store* store = nullptr;
+  const char* const path = path_.c_str();
+  EXPECT_EQ(hxcrate_open(path, HXCRATE_READ, 0, &store), HXCRATE_NOT_FOUND);
+  EXPECT_EQ(std::string(hxcrate_error_text()), path_ + ": not found");
+  ASSERT_EQ(hxcrate_open(path, HXCRATE_OPEN_OR_CREATE, 0, &store), 0);
+  hxcrate_store* second = store;
+  EXPECT_EQ(hxcrate_open(path, HXCRATE_READ, 0, &second), HXCRATE_IN_USE);
+  EXPECT_TRUE(second == nullptr && hxcrate_system_error() == EBUSY);
+  EXPECT_EQ(hxcrate_put(store, "s/a", "12", 2) + hxcrate_append(store, "s/a", "3", 1), 0);
+  EXPECT_EQ(hxcrate_put(store, "s/a", "4", 1), HXCRATE_EXISTS);
+  EXPECT_EQ(hxcrate_commit(store) + hxcrate_put(store, "b", "", 0) + hxcrate_abandon(store), 0);
+  ASSERT_EQ(hxcrate_open(path, HXCRATE_READ, 0, &store), 0);
+  void* bytes = nullptr;
+  size_t size = 0;
+  ASSERT_EQ(hxcrate_get(store, "s/a", &bytes, &size), 0);
+  EXPECT_EQ(std::string(static_cast<char*>(bytes)), "123");
+  std::free(bytes);
+  EXPECT_EQ(hxcrate_get(store, "s", &bytes, &size), HXCRATE_IS_A_STORE);
+  std::string seen;
+  const auto visit = [](void* text, const hxcrate_member* member) {
+    *static_cast<std::string*>(text) += member->path + std::to_string(member->size) + " ";
+    return 0;
+  };
+  EXPECT_EQ(hxcrate_list(store, "", visit, &seen), 0);
+  EXPECT_EQ(seen, "s0 s/a3 ");
+  EXPECT_EQ(hxcrate_close(store) + hxcrate_close(nullptr), 0);
+  EXPECT_EQ(hxcrate_commit(nullptr), HXCRATE_CLOSED);
 }
 
 // Names that the API would not make: two alike, and one of no bytes.

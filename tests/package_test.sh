@@ -49,6 +49,14 @@ quietly cmake -G Ninja -S "$sources/examples/consumer" -B "$scratch/found" "-DCM
 quietly cmake --build "$scratch/found"
 greets "$scratch/found/consumer"
 
+# The examples, where they are installed, from a build folder elsewhere.
+quietly cmake -G Ninja -S "$prefix/share/doc/hxcrate/examples" -B "$scratch/examples"
+quietly cmake --build "$scratch/examples" --target hx_notes hx_quickstart hx_memory_host
+"$scratch/examples/hx_notes" "$scratch/notes.st" monday tea
+[ "$("$scratch/examples/hx_notes" "$scratch/notes.st")" = $'notes/monday, 4 bytes:\ntea' ] || fail "hx_notes"
+said=$(c++ -std=c++17 -I "$prefix/include" -fsyntax-only -x c++ - 2>&1 <<< '#include <hxcrate/error.hpp>' || true)
+[[ $said == *'needs C++20'* ]] || fail "an older language is not named: $said"
+
 # What README tells a program to write is what this one wrote.
 ! awk '/^```$/ { inside = 0 } inside; /^```cmake$/ { inside = 1 }' "$sources/README.md" |
   grep -vxFf "$sources/examples/consumer/CMakeLists.txt" || fail "README's lines differ"

@@ -6,6 +6,8 @@
 #include <span>
 #include <utility>
 
+#include "hxcrate/language.hpp"
+
 namespace hxcrate {
 
 // Owns the bytes of a blob, and gives them back to the memory pool that they came from; needs

@@ -9,6 +9,8 @@
 #include <system_error>
 #include <type_traits>
 
+#include "hxcrate/language.hpp"
+
 namespace hxcrate {
 
 // Negative codes come from the item store itself, positive ones from this API.

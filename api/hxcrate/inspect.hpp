@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "hxcrate/error.hpp"
+#include "hxcrate/file_path.hpp"
 #include "hxcrate/store.hpp"
 
 namespace hxcrate {
@@ -60,7 +61,7 @@ class ByteView final : public ByteSource {
 class InspectedFile final : public ByteSource {
  public:
   // Throws notFound, fileNotOpen, and storeInUse when somebody updates it.
-  explicit InspectedFile(const std::string& path);
+  explicit InspectedFile(const FilePath& path);
   ~InspectedFile() override;
 
   std::int64_t length() const override;

@@ -6,10 +6,12 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <ranges>
 #include <span>
 #include <string>
 #include <string_view>
 #include <system_error>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -31,6 +33,20 @@ template <typename T>
 concept Element = (std::integral<T> && !std::same_as<std::remove_cv_t<T>, bool> &&
                    sizeof(T) <= 8) ||
                   std::same_as<T, float> || std::same_as<T, double>;
+
+// What holds bytes in a row, one each, and is not text or a span of std::byte already:
+// vector<char>, u8string, array<unsigned char>, ... An array of the language is none: its end may
+// be a zero more.
+template <typename T>
+concept ByteSequence =
+    std::ranges::contiguous_range<const T> && std::ranges::sized_range<const T> &&
+    (std::same_as<std::ranges::range_value_t<const T>, char> ||
+     std::same_as<std::ranges::range_value_t<const T>, signed char> ||
+     std::same_as<std::ranges::range_value_t<const T>, unsigned char> ||
+     std::same_as<std::ranges::range_value_t<const T>, char8_t> ||
+     std::same_as<std::ranges::range_value_t<const T>, std::byte>)&&!std::is_array_v<T> &&
+    !std::convertible_to<const T&, std::string_view> &&
+    !std::convertible_to<const T&, std::span<const std::byte>>;
 
 // One opening of an item, either a Reader or a Writer. Keeps the store file open that the item lies
 // in. Movable; what was moved from is closed. One thread at a time uses it; several threads may
@@ -175,11 +191,19 @@ class [[nodiscard]] Writer : public OpenItem {
   // soon as the disk has refused a byte of the update, by whomever, fileFailed.
   void write(std::span<const std::byte> bytes);
   void write(std::string_view text) { write(std::as_bytes(std::span(text))); }
+  template <ByteSequence Bytes>
+  void write(const Bytes& bytes) {
+    write(std::as_bytes(std::span(std::ranges::data(bytes), std::ranges::size(bytes))));
+  }
   void write(std::span<const std::byte> bytes, std::error_code& error) noexcept {
     captureError(error, [&] { write(bytes); });
   }
   void write(std::string_view text, std::error_code& error) noexcept {
     write(std::as_bytes(std::span(text)), error);
+  }
+  template <ByteSequence Bytes>
+  void write(const Bytes& bytes, std::error_code& error) noexcept {
+    write(std::as_bytes(std::span(std::ranges::data(bytes), std::ranges::size(bytes))), error);
   }
 
  private:

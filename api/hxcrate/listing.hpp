@@ -79,6 +79,8 @@ class [[nodiscard]] Listing : public std::ranges::view_base {
     ListedMember member_{};
   };
 
+  Listing() noexcept = default;  // of nothing, as what was moved from: begin() throws closed
+
   Iterator begin() const;
   std::default_sentinel_t end() const noexcept { return {}; }
 
@@ -88,7 +90,7 @@ class [[nodiscard]] Listing : public std::ranges::view_base {
       : opening_(std::move(opening)), store_(store), options_(options) {}
 
   std::shared_ptr<Opening> opening_;
-  hx::Store* store_;
+  hx::Store* store_ = nullptr;
   ListOptions options_;
 };
 

@@ -16,6 +16,7 @@
 
 #include "hxcrate/blob.hpp"
 #include "hxcrate/error.hpp"
+#include "hxcrate/file_path.hpp"
 #include "hxcrate/store.hpp"
 
 namespace hxcrate {
@@ -80,14 +81,14 @@ class [[nodiscard]] Session {
   Session& operator=(Session&&) noexcept = default;
 
   // The store file `path`, whose bytes may be any but NUL.
-  Store open(const std::string& path, Mode mode = Mode::read, OpenOptions options = {});
+  Store open(const FilePath& path, Mode mode = Mode::read, OpenOptions options = {});
   // The same without exceptions, as all that takes a std::error_code: with an error, what it
   // returns is not open. The code carries the system's number where it refused something.
-  Store open(const std::string& path, Mode mode, std::error_code& error,
+  Store open(const FilePath& path, Mode mode, std::error_code& error,
              OpenOptions options = {}) noexcept {
     return captureError(error, [&] { return open(path, mode, options); });
   }
-  Store open(const std::string& path, std::error_code& error, OpenOptions options = {}) noexcept {
+  Store open(const FilePath& path, std::error_code& error, OpenOptions options = {}) noexcept {
     return open(path, Mode::read, error, options);
   }
 
@@ -95,10 +96,10 @@ class [[nodiscard]] Session {
   // name. Nothing is looked at or made at `path`, which is for errors and names the store in its
   // file. There is no journal beside it: what fails leaves any bytes in the file. The descriptor
   // stays the caller's, who keeps it open until the store and all that was opened in it is closed.
-  Store createIn(int file, const std::string& path, OpenOptions options = {});
+  Store createIn(int file, const FilePath& path, OpenOptions options = {});
 
   // Drops what is kept in memory of the closed store file `path`, if anything is.
-  void forget(const std::string& path);
+  void forget(const FilePath& path);
 
   // A new store that lives in memory, for writing and for Store::makeBlob; it is gone when it is
   // closed. What follows the last "/", ":" or "\" of `name`, at most 64 bytes, goes into its
@@ -128,8 +129,8 @@ class [[nodiscard]] Session {
   // was opened in it. It is locked against updates as by any reader. Should somebody cut it shorter
   // regardless of that, the next read behind its end kills the program (SIGBUS): use `open` where
   // that can happen.
-  Store openMapped(const std::string& path, OpenOptions options = {});
-  Store openMapped(const std::string& path, std::error_code& error,
+  Store openMapped(const FilePath& path, OpenOptions options = {});
+  Store openMapped(const FilePath& path, std::error_code& error,
                    OpenOptions options = {}) noexcept {
     return captureError(error, [&] { return openMapped(path, options); });
   }

@@ -148,6 +148,16 @@ class [[nodiscard]] Store {
   std::vector<std::byte> get(std::string_view path) const;
   std::string getText(std::string_view path) const;
   std::size_t get(std::string_view path, std::span<std::byte> buffer) const;
+  std::vector<std::byte> get(std::string_view path, std::error_code& error) const noexcept {
+    return captureError(error, [&] { return get(path); });
+  }
+  std::string getText(std::string_view path, std::error_code& error) const noexcept {
+    return captureError(error, [&] { return getText(path); });
+  }
+  std::size_t get(std::string_view path, std::span<std::byte> buffer,
+                  std::error_code& error) const noexcept {
+    return captureError(error, [&] { return get(path, buffer); });
+  }
 
   // Whether there is such a member, of either kind; and what it is, or throws notFound.
   bool exists(std::string_view path) const;
@@ -155,6 +165,10 @@ class [[nodiscard]] Store {
 
   // What lies in the nested store `path`, or in this one if that is empty.
   Listing list(std::string_view path = {}, ListOptions options = {}) const;
+  Listing list(std::string_view path, std::error_code& error,
+               ListOptions options = {}) const noexcept {
+    return captureError(error, [&] { return list(path, options); });
+  }
 
   MemberRange members() const;
 

@@ -25,8 +25,8 @@ class DiskFile {
   ~DiskFile();
 
   const std::shared_ptr<FileOutcome>& outcome() const { return outcome_; }
+  OpenedFile opened() const { return {ops_, lease_.file().descriptor.number()}; }
   bool isWritable() const { return lease_.isUpdate(); }
-  int descriptor() const { return lease_.file().descriptor.number(); }
 
   // Bytes that lie on disk: the file's size when it was opened, and what was written since.
   int64_t length() const { return length_; }

@@ -1,6 +1,7 @@
 #include "host/linux/file_ops.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <time.h>
@@ -141,6 +142,19 @@ class SystemFileOps : public FileOps {
   int64_t writeAt(int file, const void* bytes, size_t count, int64_t offset) override {
     return repeatInterrupted([&]() -> int64_t { return ::pwrite(file, bytes, count, offset); });
   }
+
+  int64_t findData(int file, int64_t offset) override {
+    return repeatInterrupted([&]() -> int64_t { return ::lseek(file, offset, SEEK_DATA); });
+  }
+
+  int map(int file, size_t size, const void*& start) override {
+    void* mapping = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, file, 0);
+    if (mapping == MAP_FAILED) return errno;
+    start = mapping;
+    return 0;
+  }
+
+  void unmap(const void* start, size_t size) override { ::munmap(const_cast<void*>(start), size); }
 
   int inspect(int file, FileInfo& info) override {
     return inspectAt(file, "", AT_EMPTY_PATH, info);

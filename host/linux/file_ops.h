@@ -77,6 +77,13 @@ class FileOps {
     return readAt(file, parts->iov_base, parts->iov_len, offset);
   }
 
+  // Where the first byte at or behind `offset` may lie that is not zero; ENXIO when all are.
+  virtual int64_t findData(int, int64_t offset) { return offset; }
+
+  // Shows the file's first `size` bytes in memory, for reading, until `unmap`.
+  virtual int map(int /*file*/, size_t /*size*/, const void*& /*start*/) { return ENOTSUP; }
+  virtual void unmap(const void* /*start*/, size_t /*size*/) {}
+
   virtual int inspect(int file, FileInfo& info) = 0;
   virtual int inspectPath(const std::string& path, FileInfo& info) = 0;  // of a link itself
   virtual int inspectName(int directory, const std::string& name, FileInfo& info) = 0;  // the same

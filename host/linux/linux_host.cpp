@@ -69,8 +69,8 @@ std::shared_ptr<FileOutcome> LinuxHost::outcomeOf(hx::FileHandle* file) {
   return static_cast<OpenFile*>(file)->outcome();
 }
 
-int LinuxHost::descriptorOf(hx::FileHandle* file) {
-  return static_cast<OpenFile*>(file)->descriptor();
+OpenedFile LinuxHost::openedOf(hx::FileHandle* file) {
+  return static_cast<OpenFile*>(file)->opened();
 }
 
 bool LinuxHost::commitUpdate(hx::FileHandle* file) {

@@ -42,6 +42,12 @@ struct HostOptions {
   std::chrono::milliseconds lockWait{0};
 };
 
+// A file as the system has it open.
+struct OpenedFile {
+  FileOps& ops;
+  int number;
+};
+
 // Two hosts share nothing. A host outlives every instance and every object made from it. All
 // functions may be called by several threads at once.
 class LinuxHost {
@@ -67,9 +73,8 @@ class LinuxHost {
   // What became of a `file` of any host, the reasons of its failures with it.
   static std::shared_ptr<FileOutcome> outcomeOf(hx::FileHandle* file);
 
-  // Where the `file` lies, locked, for as long as its handle is open. Of a host whose files are the
-  // system's.
-  static int descriptorOf(hx::FileHandle* file);
+  // A `file` of any host, locked for as long as that is open, to be read past its cache.
+  static OpenedFile openedOf(hx::FileHandle* file);
 
   // Makes what was written to the `file` since it was opened or committed last stay, as a close
   // would, and goes on with the update; nobody can slip in between. False when that failed: the

@@ -39,7 +39,7 @@ class OpenFile : public hx::FileHandle {
   bool commit() noexcept;
 
   const std::shared_ptr<FileOutcome>& outcome() const { return disk_.outcome(); }
-  int descriptor() const { return disk_.descriptor(); }
+  OpenedFile opened() const { return disk_.opened(); }
 
  private:
   DiskFile disk_;
