@@ -23,7 +23,7 @@ struct InspectedFile::Parts {
   std::string caveat;
   hxhost::RegularFile unlocked;  // open in place of it
 
-  int number() const { return held ? held->opened().number : unlocked.descriptor.number(); }
+  int number() const { return (held ? held->opened().file : unlocked).descriptor.number(); }
 };
 
 namespace {

@@ -2,7 +2,7 @@
 
 #include <utility>
 
-#include "host/linux/file_ops.h"
+#include "host/linux/regular_file.h"
 #include "member_path.h"
 
 namespace hxcrate {
@@ -27,12 +27,13 @@ MappedFile::MappedFile(std::shared_ptr<Engine> engine, const std::string& path,
       mapping_(nullptr, Unmapper{}) {
   if (!file_.isOpen()) failOpening(path, file_.refusal(), Errc::fileNotOpen, false);
   const hxhost::OpenedFile file = file_.opened();
+  const int number = file.file.descriptor.number();
   hxhost::FileInfo info{};
-  if (const int error = file.ops.inspect(file.number, info)) fail(path, "inspect", error);
+  if (const int error = file.ops.inspect(number, info)) fail(path, "inspect", error);
   if (info.size == 0) throw Error(Errc::notAStore, path, "", "it is empty");
   const auto size = static_cast<std::size_t>(info.size);
   const void* start = nullptr;
-  if (const int error = file.ops.map(file.number, size, start)) fail(path, "map", error);
+  if (const int error = file.ops.map(number, size, start)) fail(path, "map", error);
   mapping_ = {static_cast<const std::byte*>(start), Unmapper{&file.ops, size}};
 }
 

@@ -43,6 +43,9 @@ class Opening {
   bool isInMemory() const { return (root_->flags & hx::kNoFileStore) != 0; }
   bool isIn(int file) const;
 
+  // Of a store file that is open.
+  hxhost::OpenedFile openedFile() const { return hxhost::LinuxHost::openedOf(hx::fileOf(root_)); }
+
   // An error of this file: `status` as the module gave it, and the system's reason if there is one.
   [[noreturn]] void fail(std::int32_t status, const std::string& member) const;
 

@@ -366,6 +366,48 @@ TEST_F(Sharing, KeepsAsManyClosedStoresAsItIsTold) {
   EXPECT_GT(updating.memoryUse().bytes, empty + one / 2) << "its own update is no doubt";
 }
 
+// Members go and are renamed in one step; a failure, be it the caller's own, leaves the file.
+TEST_F(Sharing, RewritesAFileInItsPlace) {
+  const std::string link = directory_ / "link", bytes = makeBytes(1000000);
+  std::filesystem::create_symlink(path_, link);
+  std::filesystem::permissions(path_, std::filesystem::perms{0640});
+  Store store = session_.open(path_, Mode::update);
+  store.create("s/t/a", Parents::create).write(bytes);
+  for (const char* dropped : {"s/tmp/b", "s/tmp.c", "u/v"})
+    store.create(dropped, Parents::create).write(bytes);
+  RewriteOptions options;
+  options.keeps = [](const ListedMember& m) { return m.path != "s/tmp" && m.path != "s/tmp.c"; };
+  EXPECT_EQ(errorOf([&] { session_.rewrite(link, options); }), Errc::storeInUse);
+  store.close();
+  const std::string before = readFile(path_);
+  const std::pair<std::string, std::error_code> refused[] = {
+      {"x", Errc::exists}, {"a/b", Errc::badName}, {"", Errc::badName}};
+  for (const auto& [name, code] : refused) {
+    options.rename = [name = name](const ListedMember&) { return name; };
+    EXPECT_EQ(errorOf([&] { session_.rewrite(link, options); }), code) << name;
+  }
+  {
+    const SizeLimit limit(300000);
+    EXPECT_EQ(errorOf([&] { session_.rewrite(link); }), std::errc::file_too_large);
+  }
+  EXPECT_EQ(readFile(path_), before);
+  options.rename = [](const ListedMember& m) {
+    return m.path == "u" ? "w" : m.path.substr(m.path.rfind('/') + 1);
+  };
+  options.pageSize = 512;
+  session_.rewrite(link, options);
+  EXPECT_TRUE(std::filesystem::is_symlink(link));
+  const Store written = session_.open(link);
+  std::string seen;
+  for (const ListedMember& member : written.list("", {.isSorted = true}))
+    seen += member.path + " ";
+  EXPECT_EQ(seen, "old s s/t s/t/a w w/v ");
+  EXPECT_TRUE(written.getText("s/t/a") == bytes && written.pageSize() == 512);
+  EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms{0640});
+  const auto files = std::filesystem::directory_iterator(directory_.path());
+  EXPECT_EQ(std::distance(begin(files), end(files)), 2);
+}
+
 // Nothing but waiting comes of it.
 TEST_F(Sharing, MakesStoresBesideWhoeverReplacesThem) {
   const auto work = [&](Mode mode) {

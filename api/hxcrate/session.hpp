@@ -17,6 +17,7 @@
 #include "hxcrate/blob.hpp"
 #include "hxcrate/error.hpp"
 #include "hxcrate/file_path.hpp"
+#include "hxcrate/rewrite.hpp"
 #include "hxcrate/store.hpp"
 
 namespace hxcrate {
@@ -90,6 +91,18 @@ class [[nodiscard]] Session {
   }
   Store open(const FilePath& path, std::error_code& error, OpenOptions options = {}) noexcept {
     return open(path, Mode::read, error, options);
+  }
+
+  // Writes the store file `path` anew, members in the order of their names and without unused
+  // space, and without those that the options leave out, or under new names. Nobody else has it
+  // open meanwhile; the new file, which has the owner, group and rights of the old one, takes its
+  // place in one step when it is complete and on disk. Whatever is thrown, the file is as it was,
+  // unless FileFailure::happened. Needs room for both. Throws otherEncoding for a file of another
+  // byte order, exists where two members get one name.
+  void rewrite(const FilePath& path, const RewriteOptions& options = {});
+  void rewrite(const FilePath& path, std::error_code& error,
+               const RewriteOptions& options = {}) noexcept {
+    captureError(error, [&] { rewrite(path, options); });
   }
 
   // A new store in `file`, an empty regular file that is open for reading and writing and needs no

@@ -25,7 +25,7 @@ class DiskFile {
   ~DiskFile();
 
   const std::shared_ptr<FileOutcome>& outcome() const { return outcome_; }
-  OpenedFile opened() const { return {ops_, lease_.file().descriptor.number()}; }
+  OpenedFile opened() const { return {ops_, lease_.file()}; }
   bool isWritable() const { return lease_.isUpdate(); }
 
   // Bytes that lie on disk: the file's size when it was opened, and what was written since.

@@ -1,14 +1,20 @@
 #include "host/linux/file_ops.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
+#include <sys/xattr.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cinttypes>
+#include <cstdio>
 #include <cstdlib>
+#include <vector>
 
 namespace hxhost {
 namespace {
@@ -96,18 +102,58 @@ int setLock(int file, LockPart part, LockKind kind) {
   return error == EACCES ? EAGAIN : error;
 }
 
+std::string pathOfOpen(int file) {
+  return "/proc/self/fd/" + std::to_string(file);
+}
+
+int linkOpen(int file, int directory, const char* name) {
+  const std::string opened = pathOfOpen(file);
+  const int result = ::linkat(AT_FDCWD, opened.c_str(), directory, name, AT_SYMLINK_FOLLOW);
+  return result == 0 ? 0 : errno;
+}
+
 // It gets its name when it is locked. EOPNOTSUPP, among others, where that can't be.
 int createLocked(int directory, const char* name) {
   const int file = repeatInterrupted(
       [&] { return ::openat(directory, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0666); });
   if (file < 0) return file;
   int error = setLock(file, LockPart::kBytes, LockKind::kExclusive);
-  const std::string opened = "/proc/self/fd/" + std::to_string(file);
-  if (error == 0 && ::linkat(AT_FDCWD, opened.c_str(), directory, name, AT_SYMLINK_FOLLOW) != 0)
-    error = errno;
+  if (error == 0) error = linkOpen(file, directory, name);
   if (error == 0) return file;
   ::close(file);
   return -error;
+}
+
+// As the command calls what it has not finished, and removes when nobody has it locked.
+std::string makeUnfinishedName() {
+  uint64_t random = 0;
+  if (::getrandom(&random, sizeof(random), 0) != sizeof(random)) return "";
+  char name[32];
+  std::snprintf(name, sizeof(name), ".hxcrate-%016" PRIx64, random);
+  return name;
+}
+
+int lockUnfinished(int file) {
+  return ::flock(file, LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
+}
+
+// A descriptor of a file that can get a name later, or an errno below zero.
+int openNameless(int directory) {
+  const int file = repeatInterrupted(
+      [&] { return ::openat(directory, ".", O_RDWR | O_TMPFILE | O_CLOEXEC, 0600); });
+  if (file < 0 || ::access(pathOfOpen(file).c_str(), F_OK) == 0) return file;
+  ::close(file);
+  return -ENOENT;
+}
+
+// The access rights behind the mode, of which the group's bits are then no more than a bound.
+bool copyAcl(int from, int to) {
+  constexpr const char* kAcl = "system.posix_acl_access";
+  std::vector<char> acl(1 << 16);
+  const ssize_t length = ::fgetxattr(from, kAcl, acl.data(), acl.size());
+  if (length >= 0) return ::fsetxattr(to, kAcl, acl.data(), static_cast<size_t>(length), 0) == 0;
+  if (errno != ENODATA && errno != ENOTSUP) return false;
+  return ::fremovexattr(to, kAcl) == 0 || errno == ENODATA || errno == ENOTSUP;
 }
 
 class SystemFileOps : public FileOps {
@@ -124,6 +170,33 @@ class SystemFileOps : public FileOps {
     const int flags = accessFlags(mode) | O_CLOEXEC | O_NOCTTY | O_NONBLOCK;
     return repeatInterrupted(
         [&] { return ::openat(directory, name.c_str(), flags, permissionsOf(mode)); });
+  }
+
+  int createUnfinished(int directory, std::string& name) override {
+    name.clear();
+    const int nameless = openNameless(directory);
+    if (nameless >= 0) return nameless;
+    name = makeUnfinishedName();
+    const int file = open(directory, name, OpenMode::kCreatePrivate);
+    if (file >= 0 && lockUnfinished(file) == 0) return file;
+    const int error = file < 0 ? file : -EAGAIN;
+    if (file >= 0) ::close(file);
+    name.clear();
+    return error;
+  }
+
+  int replace(int directory, const std::string& from, int file, const std::string& to) override {
+    std::string name = from;
+    if (name.empty()) {
+      name = makeUnfinishedName();
+      int error = lockUnfinished(file);
+      if (error == 0) error = linkOpen(file, directory, name.c_str());
+      if (error != 0) return error;
+    }
+    if (::renameat(directory, name.c_str(), directory, to.c_str()) == 0) return 0;
+    const int error = errno;
+    if (from.empty()) ::unlinkat(directory, name.c_str(), 0);
+    return error;
   }
 
   int close(int file) override {
@@ -185,6 +258,7 @@ class SystemFileOps : public FileOps {
     const bool hasGroup = ::fchown(to, status.st_uid, status.st_gid) == 0 ||
                           ::fchown(to, static_cast<uid_t>(-1), status.st_gid) == 0;
     if (!hasGroup) permissions &= ~mode_t{0060};  // it would let in another group
+    if (!copyAcl(from, to)) permissions &= 0600;
     return ::fchmod(to, permissions) == 0 ? 0 : errno;
   }
 

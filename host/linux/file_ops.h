@@ -63,6 +63,17 @@ class FileOps {
   // A descriptor, 0 or more. Never waits for a FIFO's other end nor takes a terminal.
   virtual int open(int directory, const std::string& name, OpenMode mode) = 0;
 
+  // A new file for reading and writing that nobody but its owner may open, until `replace` or its
+  // close: without a name where the system can, else under a new `name`. A descriptor, 0 or more.
+  virtual int createUnfinished(int /*directory*/, std::string& /*name*/) { return -ENOTSUP; }
+
+  // Gives such a file, which may have the name `from`, the name `to` in place of the file that has
+  // it. What has either name is otherwise as it was when it fails.
+  virtual int replace(int /*directory*/, const std::string& /*from*/, int /*file*/,
+                      const std::string& /*to*/) {
+    return ENOTSUP;
+  }
+
   // Releases the descriptor, also when it fails.
   virtual int close(int file) = 0;
 

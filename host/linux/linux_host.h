@@ -15,6 +15,7 @@
 namespace hxhost {
 
 class FileOps;
+struct RegularFile;
 struct HostServices;
 
 // What an update is safe against.
@@ -45,7 +46,7 @@ struct HostOptions {
 // A file as the system has it open.
 struct OpenedFile {
   FileOps& ops;
-  int number;
+  const RegularFile& file;
 };
 
 // Two hosts share nothing. A host outlives every instance and every object made from it. All
