@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Measures the package beside lmdb, h5py, zipfile and sqlite3, and prints a table of what came out.
 
-    PYTHONPATH=build/release/python /usr/bin/python3 bench/python_rivals.py [--items N] [--megabytes N] [--rounds N]
+    ./dev python --bench [--items N] [--megabytes N] [--rounds N] [--folder DIR]
 
 Each figure is the median of the rounds; in each the engines take turns, on fresh openings of files
 that are in the system's cache. An engine that can't do a thing has no figure there.

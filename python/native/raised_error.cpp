@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <exception>
+#include <utility>
 
 #include "python_text.h"
 
@@ -95,7 +96,7 @@ void defineErrors(py::module_& module) {
                py::make_tuple(py::handle(PyExc_FileNotFoundError), py::handle(PyExc_KeyError)));
   py::register_exception_translator([](std::exception_ptr thrown) {
     try {
-      std::rethrow_exception(thrown);
+      std::rethrow_exception(std::move(thrown));
     } catch (const hxcrate::Error& error) {
       raise(error);
     }

@@ -239,6 +239,75 @@ void fillSlots(PyHeapTypeObject* type) {
   type->as_sequence.sq_contains = containsSlot;
 }
 
+using StoreClass = py::class_<StoreHandle, std::shared_ptr<StoreHandle>>;
+
+void defineReading(StoreClass& type) {
+  type.def("__iter__", iterate, "The names of its members, as they are now.")
+      .def("list", list, py::arg("path") = "", py::kw_only(), py::arg("recursive") = true,
+           py::arg("sorted") = false, py::arg("sizes") = false,
+           "What lies in the store, or in the nested store `path`, as (path, is_store, size).")
+      .def("stat", stat, py::arg("path"), "What a member is, without reading it.")
+      .def("read_into", readInto, py::arg("path"), py::arg("buffer"),
+           "Reads as much of an item as fits and returns how many bytes that were.")
+      .def(
+          "view",
+          [](const StoreHandle& self, py::handle path) {
+            return openView(self, NameBytes(path.ptr()));
+          },
+          py::arg("path"), "An item for reading at any place, by any number of threads.")
+      .def(
+          "open_store",
+          [](const StoreHandle& self, py::handle path) {
+            return openStore(self, NameBytes(path.ptr()));
+          },
+          py::arg("path"), "A nested store.");
+}
+
+void defineEnds(StoreClass& type) {
+  type.def("close", &StoreHandle::close,
+           "Closes it and, of a whole store, all that was opened in it. That is the commit of an\n"
+           "update. Pages that are in use stay where they are.")
+      .def("__enter__", [](py::object self) { return self; })
+      .def("__exit__", [](StoreHandle& self, py::handle thrown, const py::args&) {
+        leave(self, thrown.is_none());
+      });
+}
+
+// A getter that asks the store, which is shared meanwhile.
+template <typename Ask>
+auto asking(const Ask& ask) {
+  return [ask](const StoreHandle& self) {
+    return self.tree().share([&] { return ask(self.store()); });
+  };
+}
+
+std::string placeOf(const StoreHandle& self) {
+  return asking([](const hxcrate::Store& store) { return store.place(); })(self);
+}
+
+std::string fileOf(const StoreHandle& self) {
+  return asking([](const hxcrate::Store& store) { return std::string(store.path()); })(self);
+}
+
+void defineProperties(StoreClass& type) {
+  using hxcrate::Store;
+  type.def("_reopening",
+           [](const StoreHandle& self) { return describeReopening(self, placeOf(self)); })
+      .def_property_readonly("closed", asking([](const Store& store) { return !store.isOpen(); }))
+      .def_property_readonly(
+          "filename", [](const StoreHandle& self) { return toText(fileOf(self)); },
+          "The file's path as it was given; the name of a store without one.")
+      .def_property_readonly(
+          "place", [](const StoreHandle& self) { return toText(placeOf(self)); },
+          "The path inside the file; empty: all of it.")
+      .def_property_readonly("page_size",
+                             asking([](const Store& store) { return store.pageSize(); }),
+                             "Of the file, in bytes.")
+      .def_property_readonly("damaged",
+                             asking([](const Store& store) { return bool(store.damage()); }),
+                             "Whether the directory was read only in part.");
+}
+
 }  // namespace
 
 void StoreHandle::shut() noexcept {
@@ -260,68 +329,13 @@ py::object wrapStore(hxcrate::Store store, Reopening reopening, Py_buffer buffer
 
 void defineStores(py::module_& module) {
   defineRecords(module);
-  py::class_<StoreHandle, std::shared_ptr<StoreHandle>> type(
+  StoreClass type(
       module, "Store", py::custom_type_setup(fillSlots),
       "An open store: a mapping of names to bytes and to further stores. A path leads deeper.");
   defineGet(type);
-  type.def("__iter__", iterate, "The names of its members, as they are now.")
-      .def("list", list, py::arg("path") = "", py::kw_only(), py::arg("recursive") = true,
-           py::arg("sorted") = false, py::arg("sizes") = false,
-           "What lies in the store, or in the nested store `path`, as (path, is_store, size).")
-      .def("stat", stat, py::arg("path"), "What a member is, without reading it.")
-      .def("read_into", readInto, py::arg("path"), py::arg("buffer"),
-           "Reads as much of an item as fits and returns how many bytes that were.")
-      .def(
-          "view",
-          [](const StoreHandle& self, py::handle path) {
-            return openView(self, NameBytes(path.ptr()));
-          },
-          py::arg("path"), "An item for reading at any place, by any number of threads.")
-      .def(
-          "open_store",
-          [](const StoreHandle& self, py::handle path) {
-            return openStore(self, NameBytes(path.ptr()));
-          },
-          py::arg("path"), "A nested store.")
-      .def("close", &StoreHandle::close,
-           "Closes it and, of a whole store, all that was opened in it. That is the commit of an\n"
-           "update. Pages that are in use stay where they are.")
-      .def("__enter__", [](py::object self) { return self; })
-      .def("__exit__", [](StoreHandle& self, py::handle thrown,
-                          const py::args&) { leave(self, thrown.is_none()); })
-      .def("_reopening",
-           [](const StoreHandle& self) {
-             return describeReopening(self,
-                                      self.tree().share([&] { return self.store().place(); }));
-           })
-      .def_property_readonly("closed",
-                             [](const StoreHandle& self) {
-                               return self.tree().share([&] { return !self.store().isOpen(); });
-                             })
-      .def_property_readonly(
-          "filename",
-          [](const StoreHandle& self) {
-            return toText(self.tree().share([&] { return self.store().path(); }));
-          },
-          "The file's path as it was given; the name of a store without one.")
-      .def_property_readonly(
-          "place",
-          [](const StoreHandle& self) {
-            return toText(self.tree().share([&] { return self.store().place(); }));
-          },
-          "The path inside the file; empty: all of it.")
-      .def_property_readonly(
-          "page_size",
-          [](const StoreHandle& self) {
-            return self.tree().share([&] { return self.store().pageSize(); });
-          },
-          "Of the file, in bytes.")
-      .def_property_readonly(
-          "damaged",
-          [](const StoreHandle& self) {
-            return self.tree().share([&] { return bool(self.store().damage()); });
-          },
-          "Whether the directory was read only in part.");
+  defineReading(type);
+  defineEnds(type);
+  defineProperties(type);
 }
 
 }  // namespace hxpython

@@ -134,17 +134,34 @@ void WriterHandle::shut() noexcept {
   writer_.close(ignored);
 }
 
-void defineItems(py::module_& module) {
-  py::class_<Page>(module, "_Page", py::buffer_protocol(), py::is_final())
-      .def_buffer([](const Page& page) { return showBytes(page.bytes()); });
-  py::class_<hxcrate::Blob>(module, "Blob", py::buffer_protocol(), py::is_final(),
-                            "A store as one buffer, byte for byte the file that it would be.")
-      .def_buffer([](const hxcrate::Blob& blob) { return showBytes(blob.bytes()); })
-      .def("__len__", [](const hxcrate::Blob& blob) { return blob.bytes().size(); });
+namespace {
 
-  py::class_<ViewHandle, std::shared_ptr<ViewHandle>>(
-      module, "View", py::is_final(), "An item for reading at any place, by any number of threads.")
-      .def("__len__", &ViewHandle::size)
+using ViewClass = py::class_<ViewHandle, std::shared_ptr<ViewHandle>>;
+
+std::size_t readIntoBuffer(const ViewHandle& view, py::handle buffer, std::int64_t offset) {
+  if (offset < 0) throw py::value_error("an offset is not below 0");
+  const BufferBytes target(buffer, PyBUF_WRITABLE);
+  return view.readInto(target.bytes(), offset);
+}
+
+void defineReading(ViewClass& type) {
+  type.def("read", &ViewHandle::read, py::arg("size") = -1, py::arg("offset") = 0,
+           "The `size` bytes at `offset`, or as many as there are; all of them below 0.")
+      .def("read_into", readIntoBuffer, py::arg("buffer"), py::arg("offset") = 0,
+           "Fills a writable buffer from `offset` on and returns how many bytes that were: fewer\n"
+           "than asked for only at the item's end.")
+      .def("pages", &ViewHandle::pages,
+           "The item's pages where it lies in memory (in a blob, a mapped file, a store in\n"
+           "memory), each a memoryview that keeps them there; nothing is copied. Else none.")
+      .def("contiguous", &ViewHandle::contiguous,
+           "The same for an item that lies there in one piece; else None.");
+}
+
+void defineView(py::module_& module) {
+  ViewClass type(module, "View", py::is_final(),
+                 "An item for reading at any place, by any number of threads.");
+  defineReading(type);
+  type.def("__len__", &ViewHandle::size)
       .def_property_readonly("size", &ViewHandle::size, "Of the item, in bytes.")
       .def_property_readonly(
           "path", [](const ViewHandle& view) { return toText(view.path()); }, "Inside the file.")
@@ -153,31 +170,29 @@ void defineItems(py::module_& module) {
       .def("_reopening",
            [](const ViewHandle& self) { return describeReopening(self, self.path()); })
       .def("__enter__", [](py::object self) { return self; })
-      .def("__exit__", [](ViewHandle& view, const py::args&) { view.close(); })
-      .def("read", &ViewHandle::read, py::arg("size") = -1, py::arg("offset") = 0,
-           "The `size` bytes at `offset`, or as many as there are; all of them below 0.")
-      .def(
-          "read_into",
-          [](const ViewHandle& view, py::handle buffer, std::int64_t offset) {
-            if (offset < 0) throw py::value_error("an offset is not below 0");
-            const BufferBytes target(buffer, PyBUF_WRITABLE);
-            return view.readInto(target.bytes(), offset);
-          },
-          py::arg("buffer"), py::arg("offset") = 0,
-          "Fills a writable buffer from `offset` on and returns how many bytes that were: fewer\n"
-          "than asked for only at the item's end.")
-      .def("pages", &ViewHandle::pages,
-           "The item's pages where it lies in memory (in a blob, a mapped file, a store in\n"
-           "memory), each a memoryview that keeps them there; nothing is copied. Else none.")
-      .def("contiguous", &ViewHandle::contiguous,
-           "The same for an item that lies there in one piece; else None.");
+      .def("__exit__", [](ViewHandle& view, const py::args&) { view.close(); });
+}
 
+void defineWriter(py::module_& module) {
   py::class_<WriterHandle, std::shared_ptr<WriterHandle>>(module, "Writer", py::is_final(),
                                                           "Writes at the end of an item.")
       .def("write", &WriterHandle::write, py::arg("data"), "Appends all of it.")
       .def_property_readonly("size", &WriterHandle::size, "Of the item by now, in bytes.")
       .def_property_readonly("closed", [](const WriterHandle& writer) { return !writer.isOpen(); })
       .def("close", &WriterHandle::close);
+}
+
+}  // namespace
+
+void defineItems(py::module_& module) {
+  py::class_<Page>(module, "_Page", py::buffer_protocol(), py::is_final())
+      .def_buffer([](const Page& page) { return showBytes(page.bytes()); });
+  py::class_<hxcrate::Blob>(module, "Blob", py::buffer_protocol(), py::is_final(),
+                            "A store as one buffer, byte for byte the file that it would be.")
+      .def_buffer([](const hxcrate::Blob& blob) { return showBytes(blob.bytes()); })
+      .def("__len__", [](const hxcrate::Blob& blob) { return blob.bytes().size(); });
+  defineView(module);
+  defineWriter(module);
 }
 
 }  // namespace hxpython
