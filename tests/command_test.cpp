@@ -416,7 +416,7 @@ TEST_F(CommandTest, TakesFilesOfAnyName) {
       "cd d*; s=$(printf '\\351.st'); hxcrate copy s.st $s; hxcrate put --append $s a a; "
       "hxcrate pack --replace $s .; hxcrate check --quick $s; hxcrate unpack $s out; ls out",
       "a\ns.st\n",
-      "hxcrate: ./\\351.st: skipped: the store\nhxcrate: \\351.st: 0 errors, 0 warnings, "
+      "hxcrate: \\351.st: skipped: the store\nhxcrate: \\351.st: 0 errors, 0 warnings, "
       "0 notes in 1 store and 2 items, of which no pages were looked at\n");
 }
 

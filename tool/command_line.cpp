@@ -95,6 +95,7 @@ void addCommands(CommandLine& line) {
 
 CommandLine::CommandLine()
     : app_("Keeps trees of named byte streams, items in stores, in single files.", "hxcrate") {
+  app_.require_subcommand(0, 1);  // what comes behind it is no command, whatever it is called
   app_.set_version_flag("--version", "hxcrate " + std::string(hxcrate::version()));
   app_.footer(kFooter);
   app_.get_formatter()->column_width(kOptionColumn);
@@ -196,6 +197,19 @@ void addWait(CLI::App& words, std::int64_t& seconds) {
 
 void addDryRun(CLI::App& words, bool& dryRun) {
   words.add_flag("--dry-run", dryRun, "write nothing, say what would be done");
+}
+
+void addSelection(CLI::App& words, SelectionOptions& selection) {
+  const auto add = [&](const char* name, std::vector<std::string>& values, const char* value,
+                       const char* meaning) {
+    words.add_option(name, values, meaning)->type_name(value)->allow_extra_args(false);
+  };
+  add("--include", selection.includes, "GLOB",
+      "only paths that match from their start, with all they hold");
+  add("--exclude", selection.excludes, "GLOB",
+      "not what matches from any of its names on, with all it holds; * matches \"/\" too");
+  add("--include-from", selection.includesFrom, "FILE", "the same, of globs in FILE, one a line");
+  add("--exclude-from", selection.excludesFrom, "FILE", "the same");
 }
 
 ExitCode runCommand(int argc, char** argv) {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "report.h"
+#include "selection.h"
 
 namespace tool {
 
@@ -51,6 +52,8 @@ void addCount(CLI::App& words, const char* name, std::int64_t& count, const char
 // How many seconds to wait for a store that somebody else has open.
 void addWait(CLI::App& words, std::int64_t& seconds);
 void addDryRun(CLI::App& words, bool& dryRun);
+// The globs of what is meant and what is not.
+void addSelection(CLI::App& words, SelectionOptions& selection);
 
 // The subcommands, each of a file of its own.
 void addPack(CommandLine& line);

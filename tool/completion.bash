@@ -6,16 +6,17 @@
 
 _hxcrate_options() {
   case $1 in
-    pack) echo --page-size --replace --in-memory --dry-run ;;
-    unpack) echo --overwrite --journals --max-entries --max-bytes --dry-run ;;
-    ls) echo -l -R -0 --json ;;
+    pack) echo -T --null --no-recursion --include --exclude --include-from --exclude-from --skip --page-size --replace --in-memory --dry-run ;;
+    unpack) echo --overwrite --journals --max-entries --max-bytes --include --exclude --include-from --exclude-from --dry-run ;;
+    ls) echo -l -R -0 --json --include --exclude --include-from --exclude-from ;;
     tree) echo --ascii ;;
     cat) echo --offset --length ;;
     put) echo -p --append --wait --dry-run ;;
     mkstore) echo -p --wait --dry-run ;;
-    copy) echo --page-size --encoding --exclude --max-bytes --dry-run ;;
+    copy) echo --page-size --encoding --include --exclude --include-from --exclude-from --max-bytes --dry-run ;;
     sum) echo --check ;;
-    diff | stat) echo --json ;;
+    diff) echo --json --include --exclude --include-from --exclude-from ;;
+    stat) echo --json ;;
     check) echo --quick --json ;;
     map) echo --svg --json ;;
     salvage) echo --encoding --page-size --max-bytes ;;
@@ -137,12 +138,12 @@ _hxcrate_offer() {
 # Finds what can stand in the place that is being typed, or behind the option $1.
 _hxcrate_find() {
   case ${1:-$command:$place} in
-    --svg | --check) _hxcrate_files -f ;;
+    --svg | --check | --include-from | --exclude-from | -T) _hxcrate_files -f ;;
     --encoding) found=(hxmok1/le/utf-8 hxmok1/be/utf-8) ;;
-    --*) ;;
-    pack:1 | unpack:1) _hxcrate_files -d ;;
+    -*) ;;
+    unpack:1) _hxcrate_files -d ;;
     ls:1 | tree:1 | cat:[1-9]* | sum:[1-9]* | put:1 | mkstore:1 | unpack:[2-9]*) _hxcrate_members ;;
-    *:0 | copy:1 | diff:1 | salvage:1 | put:2) _hxcrate_files -f ;;
+    *:0 | pack:* | copy:1 | diff:1 | salvage:1 | put:2) _hxcrate_files -f ;;
   esac
 }
 
@@ -159,8 +160,8 @@ _hxcrate() {
     else
       case ${words[i]} in
         --) ended=1 ;;
-        --page-size | --max-entries | --max-bytes | --offset | --length | --wait | --exclude) ;&
-        --encoding | --svg | --check) option=${words[i]} ;;
+        --page-size | --max-entries | --max-bytes | --offset | --length | --wait | --include | --exclude) ;&
+        --include-from | --exclude-from | -T | --encoding | --svg | --check) option=${words[i]} ;;
       esac
     fi
   done

@@ -1,8 +1,5 @@
 // hxcrate copy: a store's contents in a new file, without what is unused.
 
-#include <fnmatch.h>
-
-#include <algorithm>
 #include <memory>
 #include <string>
 #include <vector>
@@ -22,25 +19,22 @@ namespace {
 struct CopyOptions {
   std::string store;
   std::string target;
-  std::vector<std::string> excludes;
+  SelectionOptions selected;
   std::int64_t maxBytes = kUnlimited;
   bool dryRun = false;
   NewStore::Options made;
 };
 
-// What is left of a store when the excluded members are gone, walked in the order of the names, so
-// that the copy depends on nothing else.
+// Goes into every store that it gives, in the order of the names, so that the copy depends on
+// nothing else.
 class KeptMembers {
  public:
-  KeptMembers(const CopyOptions& options, hxcrate::Store start)
-      : options_(options), walk_(std::move(start)) {}
+  KeptMembers(const Selection& selection, hxcrate::Store start)
+      : walk_(std::move(start), &selection) {}
 
-  // Goes into every store that it gives.
   StoreWalk::Event next() {
     if (isStore_) walk_.enter();
-    StoreWalk::Event event = walk_.next();
-    while (isMember(event) && isExcluded(walk_.place()))
-      event = walk_.next();
+    const StoreWalk::Event event = walk_.next();
     isStore_ = event == StoreWalk::Event::store;
     return event;
   }
@@ -48,17 +42,6 @@ class KeptMembers {
   const StoreWalk& walk() const { return walk_; }
 
  private:
-  static bool isMember(StoreWalk::Event event) {
-    return event == StoreWalk::Event::item || event == StoreWalk::Event::store;
-  }
-
-  bool isExcluded(const std::string& place) const {
-    return std::any_of(
-        options_.excludes.begin(), options_.excludes.end(),
-        [&](const std::string& glob) { return ::fnmatch(glob.c_str(), place.c_str(), 0) == 0; });
-  }
-
-  const CopyOptions& options_;
   StoreWalk walk_;
   bool isStore_ = false;
 };
@@ -98,8 +81,9 @@ ExitCode copy(const CopyOptions& options) {
   NewStore::Options made = options.made;
   made.copyOf = &source.rights();
   hxcrate::Session session;
+  const Selection selection(options.selected);
   const auto members = [&] {
-    return KeptMembers(options, source.require(session.open(options.store)));
+    return KeptMembers(selection, source.require(session.open(options.store)));
   };
   const SizeForecast forecast = forecastOf(members(), OwnBytes(options.store, options.maxBytes));
   if (options.dryRun) {
@@ -130,11 +114,7 @@ void addCopy(CommandLine& line) {
   addFile(words, "NEW", options->target, "the store file to make");
   addPageSize(words, options->made.pageSize, kPageSizeMeaning);
   addEncoding(words, options->made.encoding, "as a machine of this encoding would write it");
-  words
-      .add_option("--exclude", options->excludes,
-                  "leave out paths that match, with all they hold; * matches \"/\" too")
-      ->type_name("GLOB")
-      ->allow_extra_args(false);
+  addSelection(words, options->selected);
   addCount(words, "--max-bytes", options->maxBytes, "refuse to copy more bytes of items");
   addDryRun(words, options->dryRun);
 }

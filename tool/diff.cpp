@@ -24,6 +24,7 @@ constexpr std::size_t kBufferSize = 256 * 1024;
 struct DiffOptions {
   std::string first;
   std::string second;
+  SelectionOptions selected;
   bool asJson = false;
 };
 
@@ -81,10 +82,26 @@ class Differences {
   bool any_ = false;
 };
 
+bool isStore(const hxcrate::Member& member) {
+  return member.kind == hxcrate::MemberKind::store;
+}
+
+// Of the store that lies at `place`.
+std::vector<hxcrate::Member> listMeant(const hxcrate::Store& store, const std::string& place,
+                                       const Selection& selection) {
+  std::vector<hxcrate::Member> members = listSorted(store);
+  if (selection.isEverything()) return members;
+  std::erase_if(members, [&](const hxcrate::Member& member) {
+    const std::string path = place.empty() ? member.name : place + "/" + member.name;
+    return selection.judge(path, isStore(member)) == Selection::Verdict::no;
+  });
+  return members;
+}
+
 // The members of a store on one side, as far as they are not compared yet.
 struct Side {
   hxcrate::Store store;
-  std::vector<hxcrate::Member> members = listSorted(store);
+  std::vector<hxcrate::Member> members;
   std::size_t next = 0;
 
   const hxcrate::Member* member() const { return next < members.size() ? &members[next] : nullptr; }
@@ -94,10 +111,13 @@ struct Side {
 class Comparison {
  public:
   explicit Comparison(const DiffOptions& options)
-      : differences_(options), firstLimit_(options.first), secondLimit_(options.second) {
+      : selection_(options.selected),
+        differences_(options),
+        firstLimit_(options.first),
+        secondLimit_(options.second) {
     hxcrate::Store first = openWhatThereIs(session_, options.first, outcome_);
     hxcrate::Store second = openWhatThereIs(session_, options.second, outcome_);
-    levels_.push_back({Side{std::move(first)}, Side{std::move(second)}, 0});
+    descend(std::move(first), std::move(second), "");
   }
 
   ExitCode compare() {
@@ -132,10 +152,32 @@ class Comparison {
     return place_ += side.member()->name;
   }
 
+  void descend(hxcrate::Store first, hxcrate::Store second, const std::string& place) {
+    std::vector<hxcrate::Member> ofFirst = listMeant(first, place, selection_);
+    std::vector<hxcrate::Member> ofSecond = listMeant(second, place, selection_);
+    levels_.push_back({Side{std::move(first), std::move(ofFirst)},
+                       Side{std::move(second), std::move(ofSecond)}, place.size()});
+  }
+
+  // Of a store that is not meant itself, what is.
   void passOver(Side& side, bool isFirst) {
-    const bool isStore = side.member()->kind == hxcrate::MemberKind::store;
-    differences_.addOnlyIn(isFirst, placeOf(side), isStore);
-    ++side.next;
+    const std::string& place = placeOf(side);
+    const hxcrate::Member member = side.members[side.next++];
+    if (selection_.judge(place, isStore(member)) == Selection::Verdict::yes) {
+      return differences_.addOnlyIn(isFirst, place, isStore(member));
+    }
+    try {
+      StoreWalk walk(side.store.openStore(member.name), &selection_);
+      for (auto event = walk.next(); event != StoreWalk::Event::end; event = walk.next()) {
+        if (event == StoreWalk::Event::leave) continue;
+        const bool isNested = event == StoreWalk::Event::store;
+        const bool isMeant = selection_.judge(walk.place(), isNested) == Selection::Verdict::yes;
+        isMeant ? differences_.addOnlyIn(isFirst, walk.place(), isNested) : walk.enter();
+      }
+    } catch (const hxcrate::Error& error) {
+      complain(error);
+      outcome_ = worse(outcome_, exitCodeOf(error));
+    }
   }
 
   // What can't be read is told of, and the others go on.
@@ -145,13 +187,11 @@ class Comparison {
     const std::string& place = placeOf(first);
     const hxcrate::Member a = first.members[first.next++];
     const hxcrate::Member b = second.members[second.next++];
-    const bool isStore = a.kind == hxcrate::MemberKind::store;
     try {
       if (a.kind != b.kind) {
-        differences_.addKind(place, isStore);
-      } else if (isStore) {
-        levels_.push_back({Side{first.store.openStore(a.name)},
-                           Side{second.store.openStore(a.name)}, place.size()});
+        differences_.addKind(place, isStore(a));
+      } else if (isStore(a)) {
+        descend(first.store.openStore(a.name), second.store.openStore(a.name), place);
       } else {
         hxcrate::Reader firstItem = first.store.read(a.name);
         hxcrate::Reader secondItem = second.store.read(a.name);
@@ -200,6 +240,7 @@ class Comparison {
     return count;
   }
 
+  const Selection selection_;
   hxcrate::Session session_;
   ExitCode outcome_ = ExitCode::fine;
   Differences differences_;
@@ -227,6 +268,7 @@ void addDiff(CommandLine& line) {
   addFile(words, "A", options->first, "a store file");
   addFile(words, "B", options->second, "another");
   words.add_flag("--json", options->asJson, "as JSON");
+  addSelection(words, options->selected);
 }
 
 }  // namespace tool

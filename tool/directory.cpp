@@ -164,6 +164,11 @@ DirectoryCursor::DirectoryCursor(const std::string& path)
     path_.pop_back();
 }
 
+std::string DirectoryCursor::pathTo(const std::string& name) const {
+  if (path_ == ".") return name;
+  return path_.ends_with('/') ? path_ + name : path_ + "/" + name;
+}
+
 bool DirectoryCursor::enter(const std::string& name) {
   struct stat left {};
   if (::fstat(current_.number(), &left) != 0) return false;
@@ -171,7 +176,7 @@ bool DirectoryCursor::enter(const std::string& name) {
   if (!next.isOpen()) return false;
   steps_.push_back({left, path_.size()});
   current_ = std::move(next);
-  path_ += "/" + name;
+  path_ = pathTo(name);
   return true;
 }
 

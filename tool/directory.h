@@ -98,7 +98,7 @@ class DirectoryCursor {
 
   const Descriptor& descriptor() const { return current_; }
   // Where an entry of the current directory lies, for messages.
-  std::string pathTo(const std::string& name) const { return path_ + "/" + name; }
+  std::string pathTo(const std::string& name) const;
   const std::string& path() const { return path_; }
 
   // False with errno set, and nothing changed, when that is no directory or can't be opened.

@@ -18,6 +18,7 @@ namespace {
 struct ListOptions {
   std::string store;
   std::string path;  // of a member; empty: the store itself
+  SelectionOptions selected;
   bool withSizes = false;
   bool recursive = false;
   bool endWithNul = false;
@@ -28,7 +29,10 @@ struct ListOptions {
 class Lister {
  public:
   explicit Lister(const ListOptions& options)
-      : options_(options), answer_(options.asJson), sizes_(options.store) {}
+      : options_(options),
+        selection_(options.selected),
+        answer_(options.asJson),
+        sizes_(options.store) {}
 
   ExitCode list() {
     hxcrate::Session session;
@@ -53,7 +57,7 @@ class Lister {
   void listStore(hxcrate::Store start) {
     const std::string outer = start.place();
     const std::size_t prefix = outer.empty() ? 0 : outer.size() + 1;
-    StoreWalk walk(std::move(start));
+    StoreWalk walk(std::move(start), &selection_);
     for (auto event = walk.next(); event != StoreWalk::Event::end; event = walk.next()) {
       if (event == StoreWalk::Event::leave) continue;
       const std::string shown = walk.place().substr(prefix);
@@ -90,6 +94,7 @@ class Lister {
   }
 
   const ListOptions& options_;
+  const Selection selection_;
   Answer answer_;
   ItemSizes sizes_;
   ExitCode outcome_ = ExitCode::fine;
@@ -111,6 +116,7 @@ void addLs(CommandLine& line) {
   CLI::Option* endWithNul =
       words.add_flag("-0", options->endWithNul, "end names with NUL instead of a new line");
   words.add_flag("--json", options->asJson, "as JSON, with sizes")->excludes(endWithNul);
+  addSelection(words, options->selected);
 }
 
 }  // namespace tool

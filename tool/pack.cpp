@@ -2,7 +2,9 @@
 
 #include <fcntl.h>
 
+#include <exception>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,7 +20,8 @@ namespace {
 
 struct PackOptions {
   std::string store;
-  std::string directory;
+  SourceList::Options sources;
+  ScanOptions scan;
   bool replace = false;
   bool dryRun = false;
   NewStore::Options made;
@@ -32,54 +35,106 @@ bool isUnchanged(const struct stat& before, const struct stat& now) {
          before.st_ctim.tv_nsec == now.st_ctim.tv_nsec;
 }
 
-// Replays a scan, directory by directory, into a store.
+// By the numbers of their steps.
+using LeftOut = std::set<std::size_t>;
+
+// A file that changed or failed while it was read is in the store in part, and can't be taken out.
+class SpoiltStore : public std::exception {};
+
+// Replays a scan, directory by directory, into a store. With `skip` what can't be read any more is
+// named and left out.
 class Packer {
  public:
-  Packer(const std::string& directory, hxcrate::Store& store, Progress& progress)
-      : cursor_(directory), builder_(store), pump_(&progress) {}
+  Packer(const SourceList& list, bool skip, hxcrate::Store& store, Progress& progress)
+      : cursor_(list.root), skip_(skip), builder_(store), pump_(&progress) {}
 
-  void pack(const std::vector<SourceStep>& steps) {
-    for (const SourceStep& step : steps) {
-      switch (step.kind) {
-        case SourceStep::Kind::enterDirectory:
-          if (!cursor_.enter(step.name)) throw systemFailure(cursor_.pathTo(step.name), "open");
-          builder_.enter(step.name);
-          break;
-        case SourceStep::Kind::leaveDirectory:
-          cursor_.leave();
-          builder_.leave();
-          break;
-        case SourceStep::Kind::file:
-          packFile(step);
-          break;
-      }
+  // All but the `leftOut`, to which it adds. Throws SpoiltStore at the end, when there is no more
+  // to add.
+  void pack(const std::vector<SourceStep>& steps, LeftOut& leftOut) {
+    for (std::size_t i = 0; i < steps.size(); ++i) {
+      if (!leftOut.contains(i) && take(steps[i])) continue;
+      leftOut.insert(i);
+      if (steps[i].kind == SourceStep::Kind::enterDirectory) i = steps[i].end;
     }
+    if (isSpoilt_) throw SpoiltStore();
   }
 
  private:
-  // What the file is after it was read shows that nobody wrote to it since it was found.
-  void packFile(const SourceStep& step) {
+  static constexpr std::int64_t kSmallFile = 256 * 1024;
+
+  bool take(const SourceStep& step) {
     throwIfInterrupted();
+    try {
+      if (step.kind == SourceStep::Kind::enterDirectory) enter(step.name);
+      if (step.kind == SourceStep::Kind::leaveDirectory) leave();
+      if (step.kind == SourceStep::Kind::file) packFile(step);
+      return true;
+    } catch (const Failure& failure) {
+      if (!skip_) throw;
+      complainOfSkipped(failure.file(), failure.what());
+      return false;
+    }
+  }
+
+  void enter(const std::string& name) {
+    if (!cursor_.enter(name)) throw systemFailure(cursor_.pathTo(name), "open");
+    builder_.enter(name);
+  }
+
+  void leave() {
+    cursor_.leave();
+    builder_.leave();
+  }
+
+  void packFile(const SourceStep& step) {
     const std::string path = cursor_.pathTo(step.name);
     // Not to wait, should it be a FIFO by now.
-    const Descriptor file(::openat(cursor_.descriptor().number(), step.name.c_str(),
-                                   O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    const Descriptor file = openBeneath(cursor_.descriptor(), step.name, O_RDONLY | O_NONBLOCK);
     if (!file.isOpen()) throw systemFailure(path, "open");
+    step.status.st_size <= kSmallFile ? packSmall(step, file, path) : packLarge(step, file, path);
+  }
+
+  // Has no item before it is known to be whole. Files that the system makes up while they are read
+  // say that they have no bytes.
+  void packSmall(const SourceStep& step, const Descriptor& file, const std::string& path) {
+    small_.clear();
+    pump_.move(std::max<std::int64_t>(step.status.st_size, 1), takeFrom(file, path),
+               [&](std::span<const std::byte> bytes) {
+                 small_.insert(small_.end(), bytes.begin(), bytes.end());
+               });
+    requireUnchanged(step, file, path, static_cast<std::int64_t>(small_.size()));
     hxcrate::Writer writer = builder_.create(step.name);
-    const std::int64_t size = step.status.st_size;
-    // Files that the system makes up while they are read say that they have no bytes.
-    const std::int64_t wanted = std::max<std::int64_t>(size, 1);
-    const std::int64_t read = pump_.move(wanted, takeFrom(file, path), giveTo(writer));
+    writer.write(small_);
     writer.close();
+  }
+
+  void packLarge(const SourceStep& step, const Descriptor& file, const std::string& path) {
+    hxcrate::Writer writer = builder_.create(step.name);
+    try {
+      requireUnchanged(step, file, path,
+                       pump_.move(step.status.st_size, takeFrom(file, path), giveTo(writer)));
+    } catch (const Failure&) {
+      isSpoilt_ = true;
+      throw;
+    }
+    writer.close();
+  }
+
+  // What the file is after it was read shows that nobody wrote to it since it was found.
+  static void requireUnchanged(const SourceStep& step, const Descriptor& file,
+                               const std::string& path, std::int64_t read) {
     struct stat now {};
     if (::fstat(file.number(), &now) != 0) throw systemFailure(path, "inspect");
-    if (read == size && isUnchanged(step.status, now)) return;
+    if (read == step.status.st_size && isUnchanged(step.status, now)) return;
     throw Failure(ExitCode::inputOutput, path, "", "it changed while it was packed");
   }
 
   DirectoryCursor cursor_;
+  const bool skip_;
   StoreBuilder builder_;
   BytePump pump_;
+  std::vector<std::byte> small_;
+  bool isSpoilt_ = false;
 };
 
 SizeForecast forecastOf(const std::vector<SourceStep>& steps) {
@@ -91,21 +146,37 @@ SizeForecast forecastOf(const std::vector<SourceStep>& steps) {
   return forecast;
 }
 
+// Again from the start, without them, if files spoilt the store.
+void makeStore(const NewStore& target, const PackOptions& options, const SourceList& list,
+               const Source& source, const SizeForecast& forecast, LeftOut& leftOut) {
+  for (bool isMade = false; !isMade;) {
+    Progress progress("packing");
+    progress.expect(forecast.bytes());
+    try {
+      target.make(forecast, options.made, [&](hxcrate::Store& store) {
+        Packer(list, options.scan.skip, store, progress).pack(source.steps, leftOut);
+      });
+      isMade = true;
+    } catch (const SpoiltStore&) {
+    }
+  }
+}
+
 ExitCode pack(const PackOptions& options) {
+  if (options.sources.paths.empty() && options.sources.lists.empty()) {
+    throw Failure(ExitCode::usage, "", "", "DIR is required (see hxcrate pack --help)");
+  }
+  const SourceList list(options.sources);
   const NewStore target(options.store, options.replace);
-  const Source source = scanTree(options.directory, target.existing());
-  const ExitCode outcome = source.isWhole ? ExitCode::fine : ExitCode::partial;
+  const Source source = scanTree(list, options.scan, target.existing());
   const SizeForecast forecast = forecastOf(source.steps);
+  LeftOut leftOut;
   if (options.dryRun) {
     target.announce(forecast, options.made);
-    return outcome;
+  } else {
+    makeStore(target, options, list, source, forecast, leftOut);
   }
-  Progress progress("packing");
-  progress.expect(forecast.bytes());
-  target.make(forecast, options.made, [&](hxcrate::Store& store) {
-    Packer(options.directory, store, progress).pack(source.steps);
-  });
-  return outcome;
+  return source.isWhole && leftOut.empty() ? ExitCode::fine : ExitCode::partial;
 }
 
 }  // namespace
@@ -114,10 +185,24 @@ void addPack(CommandLine& line) {
   const auto options = std::make_shared<PackOptions>();
   CLI::App& words = line.add("pack", "Pack the tree below DIR into the new file STORE",
                              "  hxcrate pack docs.st docs\n"
-                             "  hxcrate pack --replace --page-size 4096 docs.st docs",
+                             "  hxcrate pack --replace --exclude '*.o' docs.st README src docs\n"
+                             "  git ls-files -z | hxcrate pack --null -T - source.st",
                              [options] { return pack(*options); });
+  explain(
+      words,
+      "Of one DIR the store gets what it holds; several, and those of a list, come into it with\n"
+      "their whole paths, be they directories or files.");
   addFile(words, "STORE", options->store, "the store file to make");
-  addFile(words, "DIR", options->directory, "the directory to pack");
+  words.add_option("DIR", options->sources.paths, "the directory to pack, or several and files");
+  words.add_option("-T", options->sources.lists, "also what FILE lists, one path a line")
+      ->type_name("FILE")
+      ->allow_extra_args(false);
+  words.add_flag("--null", options->sources.nulSeparated, "paths in lists end with NUL");
+  words.add_flag("--no-recursion", options->sources.isShallow,
+                 "take directories that are listed or given alone, not what they hold");
+  addSelection(words, options->scan.selected);
+  words.add_flag("--skip", options->scan.skip,
+                 "name what can't be kept or read and leave it out, rather than pack nothing");
   addPageSize(words, options->made.pageSize, kPageSizeMeaning);
   words.add_flag("--replace", options->replace, "replace an existing STORE, once all is packed");
   words.add_flag("--in-memory", options->made.inMemory,

@@ -2,6 +2,9 @@
 
 #include <fmt/format.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <utility>
 
 #include "directory.h"
@@ -13,23 +16,29 @@ namespace tool {
 namespace {
 
 const char* describeKind(mode_t mode) {
-  if (S_ISLNK(mode)) return "skipped: a symbolic link";
-  if (S_ISFIFO(mode)) return "skipped: a FIFO";
-  if (S_ISSOCK(mode)) return "skipped: a socket";
-  return "skipped: a device";
+  if (S_ISLNK(mode)) return "a symbolic link";
+  if (S_ISFIFO(mode)) return "a FIFO";
+  if (S_ISSOCK(mode)) return "a socket";
+  return "a device";
 }
 
 class TreeScanner {
  public:
-  TreeScanner(const std::string& directory, const std::optional<struct stat>& except)
-      : cursor_(directory), except_(except) {}
+  TreeScanner(const SourceList& list, const ScanOptions& options,
+              const std::optional<struct stat>& except)
+      : cursor_(list.root),
+        list_(list),
+        selection_(options.selected),
+        skip_(options.skip),
+        except_(except) {}
 
   Source scan() {
-    levels_.push_back({list(), 0});
+    levels_.push_back({listEntries(&list_.top), &list_.top, true});
+    if (!levels_.back().names) refuse(cursor_.path(), systemReason());
     while (!levels_.empty()) {
       Level& level = levels_.back();
-      if (level.next < level.names.size()) {
-        take(std::move(level.names[level.next++]));
+      if (level.names && level.next < level.names->size()) {
+        take(std::move((*level.names)[level.next++]));
       } else {
         leave();
       }
@@ -44,74 +53,131 @@ class TreeScanner {
 
  private:
   struct Level {
-    std::vector<std::string> names;
-    std::size_t next;
+    std::optional<std::vector<std::string>> names;
+    const SourceEntry* entry;  // null: below one that is meant as a whole
+    bool isMeant;              // it is kept even when it holds nothing
+    std::size_t step = 0;      // that entered it
+    std::size_t next = 0;
   };
 
-  void refuse(const std::string& path, std::string_view reason) {
+  // True when the rest of the entry is of no use, be it that it is left out.
+  bool refuse(const std::string& path, const std::string& reason) {
+    if (skip_) {
+      complainOfSkipped(path, reason);
+      source_.isWhole = false;
+      return true;
+    }
     ++refusals_;
     complain(path, "", reason);
+    return false;
   }
 
-  std::vector<std::string> list() {
-    auto names = listNames(cursor_.descriptor());
-    if (!names) refuse(cursor_.path(), systemReason());
-    return names ? *std::move(names) : std::vector<std::string>();
+  // Of the current directory. Null with errno set.
+  std::optional<std::vector<std::string>> listEntries(const SourceEntry* entry) const {
+    if (entry == nullptr || entry->isWhole) return listNames(cursor_.descriptor());
+    std::vector<std::string> names;
+    for (const auto& [name, below] : entry->below)
+      names.push_back(name);
+    return names;
+  }
+
+  // What the list says of an entry of the current directory.
+  const SourceEntry* entryOf(const std::string& name) const {
+    const SourceEntry* const entry = levels_.back().entry;
+    return entry == nullptr || entry->isWhole ? nullptr : &entry->below.find(name)->second;
   }
 
   void take(std::string name) {
     const std::string path = cursor_.pathTo(name);
     const std::optional<struct stat> status = inspect(cursor_.descriptor(), name);
-    if (!status) return refuse(path, systemReason());
-    if (except_ && isSameFile(*status, *except_)) return complain(path, "", "skipped: the store");
+    if (!status) return void(refuse(path, systemReason()));
     const bool isDirectory = S_ISDIR(status->st_mode);
+    const auto verdict = selection_.judge(placeOf(name), isDirectory);
+    if (verdict == Selection::Verdict::no) return;
+    if (except_ && isSameFile(*status, *except_)) return complain(path, "", "skipped: the store");
     if (!isDirectory && !S_ISREG(status->st_mode)) {
       source_.isWhole = false;
-      return complain(path, "", describeKind(status->st_mode));
+      return complainOfSkipped(path, describeKind(status->st_mode));
     }
-    if (name.size() > hxcrate::kNameCapacity) {
-      refuse(path, fmt::format("a name of {} bytes, at most {} fit", name.size(),
-                               hxcrate::kNameCapacity));
+    if (name.size() > hxcrate::kNameCapacity &&
+        refuse(path, fmt::format("a name of {} bytes, at most {} fit", name.size(),
+                                 hxcrate::kNameCapacity))) {
+      return;
     }
     if (isDirectory) {
-      enter(std::move(name));
+      enter(std::move(name), verdict == Selection::Verdict::yes);
     } else {
       takeFile(std::move(name), *status);
     }
   }
 
+  // In the store.
+  std::string placeOf(const std::string& name) const {
+    return place_.empty() ? name : place_ + "/" + name;
+  }
+
   void takeFile(std::string name, const struct stat& status) {
+    const std::string path = cursor_.pathTo(name);
     if (status.st_size > hxcrate::kItemCapacity) {
-      refuse(cursor_.pathTo(name),
-             fmt::format("{} bytes, at most {} fit", status.st_size, hxcrate::kItemCapacity));
+      return void(refuse(
+          path, fmt::format("{} bytes, at most {} fit", status.st_size, hxcrate::kItemCapacity)));
+    }
+    if (::faccessat(cursor_.descriptor().number(), name.c_str(), R_OK,
+                    AT_EACCESS | AT_SYMLINK_NOFOLLOW) != 0) {
+      return void(refuse(path, systemReason()));
     }
     source_.steps.push_back({SourceStep::Kind::file, std::move(name), status});
   }
 
-  void enter(std::string name) {
-    if (!cursor_.enter(name)) return refuse(cursor_.pathTo(name), systemReason());
+  void enter(std::string name, bool isMeant) {
+    const SourceEntry* const entry = entryOf(name);
+    const std::string path = cursor_.pathTo(name);
+    if (!cursor_.enter(name)) return void(refuse(path, systemReason()));
+    auto names = listEntries(entry);
+    if (!names) {
+      refuse(path, systemReason());
+      return cursor_.leave();
+    }
+    place_ = placeOf(name);
+    levels_.push_back({std::move(names), entry, isMeant && (entry == nullptr || entry->isNamed),
+                       source_.steps.size()});
     source_.steps.push_back({SourceStep::Kind::enterDirectory, std::move(name)});
-    levels_.push_back({list(), 0});
   }
 
   void leave() {
+    const Level left = std::move(levels_.back());
     levels_.pop_back();
     if (levels_.empty()) return;
-    source_.steps.push_back({SourceStep::Kind::leaveDirectory, ""});
+    if (!left.isMeant && source_.steps.size() == left.step + 1) {
+      source_.steps.pop_back();
+    } else {
+      source_.steps[left.step].end = source_.steps.size();
+      source_.steps.push_back({SourceStep::Kind::leaveDirectory, ""});
+    }
     cursor_.leave();
+    place_.resize(place_.find('/') == std::string::npos ? 0 : place_.rfind('/'));
   }
 
   DirectoryCursor cursor_;
+  const SourceList& list_;
+  const Selection selection_;
+  const bool skip_;
   const std::optional<struct stat>& except_;
   std::vector<Level> levels_;
+  std::string place_;  // of the current directory in the store
   Source source_;
   std::size_t refusals_ = 0;
 };
 
 }  // namespace
 
-Source scanTree(const std::string& directory, const std::optional<struct stat>& except) {
-  return TreeScanner(directory, except).scan();
+void complainOfSkipped(const std::string& path, const std::string& reason) {
+  complain(path, "", "skipped: " + reason);
+}
+
+Source scanTree(const SourceList& list, const ScanOptions& options,
+                const std::optional<struct stat>& except) {
+  return TreeScanner(list, options, except).scan();
 }
 
 }  // namespace tool

@@ -7,6 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "selection.h"
+#include "source_list.h"
+
 namespace tool {
 
 // One step of the walk through the tree, depth first, by the bytes of the names.
@@ -15,6 +18,7 @@ struct SourceStep {
   Kind kind;
   std::string name;         // empty when leaving
   struct stat status = {};  // of a file, when it was found
+  std::size_t end = 0;      // of a directory: the step that leaves it
 };
 
 struct Source {
@@ -22,9 +26,19 @@ struct Source {
   bool isWhole = true;  // nothing was left out
 };
 
-// Walks the tree below `directory`, but for the file `except`. What the format can't keep is named
-// on standard error, every one, and then ends the command with nothing done; links, devices,
-// sockets and FIFOs are named and left out.
-Source scanTree(const std::string& directory, const std::optional<struct stat>& except);
+struct ScanOptions {
+  SelectionOptions selected;
+  // Leave out what can't be kept or read rather than end the command.
+  bool skip = false;
+};
+
+// Names on standard error what is left out.
+void complainOfSkipped(const std::string& path, const std::string& reason);
+
+// Walks the tree that `list` names, but for the file `except`. What the format can't keep and what
+// can't be read is named on standard error, every one, and then ends the command with nothing done;
+// links, devices, sockets and FIFOs are named and left out.
+Source scanTree(const SourceList& list, const ScanOptions& options,
+                const std::optional<struct stat>& except);
 
 }  // namespace tool

@@ -30,6 +30,7 @@ class Failure : public std::exception {
   Failure(ExitCode code, std::string file, std::string place, std::string reason, int error = 0);
   const char* what() const noexcept override { return reason_.c_str(); }
   ExitCode code() const noexcept { return code_; }
+  const std::string& file() const noexcept { return file_; }
   // Whether what comes next would fail as well.
   bool isOfWholeDisk() const noexcept;
   void print() const;

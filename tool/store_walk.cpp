@@ -14,7 +14,67 @@ std::vector<hxcrate::Member> listSorted(const hxcrate::Store& store) {
   return members;
 }
 
+StoreWalk::StoreWalk(hxcrate::Store start, const Selection* selection)
+    : place_(start.place()), selection_(selection) {
+  push(std::move(start));
+  if (selection_ != nullptr && selection_->isEverything()) selection_ = nullptr;
+  if (selection_ != nullptr) findWays();
+}
+
 StoreWalk::Event StoreWalk::next() {
+  Event event = step();
+  while (!isWanted(event))
+    event = step();
+  return event;
+}
+
+void StoreWalk::enter() {
+  push(container().openStore(name()));
+  if (way_) nextWay_ = *way_ + 1;
+}
+
+// Whether a store leads to something is known when its end is reached only, so the walk is made
+// twice rather than each store's part of it once for each store around it.
+void StoreWalk::findWays() {
+  std::vector<std::size_t> open;
+  for (Event event = step(); event != Event::end; event = step()) {
+    if (event == Event::leave) {
+      ways_[open.back()].behind = ways_.size();
+      open.pop_back();
+      continue;
+    }
+    const auto verdict = selection_->judge(place_, event == Event::store);
+    if (verdict == Selection::Verdict::yes) markWays(open);
+    if (verdict != Selection::Verdict::onTheWay) continue;
+    open.push_back(ways_.size());
+    ways_.push_back({});
+    try {
+      push(container().openStore(name()));
+    } catch (const hxcrate::Error&) {  // it is told of when its turn comes
+      markWays(open);
+      ways_.back().behind = ways_.size();
+      open.pop_back();
+    }
+  }
+  levels_.front().next = 0;
+}
+
+void StoreWalk::markWays(const std::vector<std::size_t>& open) {
+  for (auto way = open.rbegin(); way != open.rend() && !ways_[*way].leads; ++way)
+    ways_[*way].leads = true;
+}
+
+bool StoreWalk::isWanted(Event event) {
+  way_.reset();
+  if (selection_ == nullptr || event == Event::leave || event == Event::end) return true;
+  const auto verdict = selection_->judge(place_, event == Event::store);
+  if (verdict != Selection::Verdict::onTheWay) return verdict == Selection::Verdict::yes;
+  way_ = nextWay_;
+  nextWay_ = ways_[*way_].behind;
+  return ways_[*way_].leads;
+}
+
+StoreWalk::Event StoreWalk::step() {
   Level& level = levels_.back();
   place_.resize(level.placeLength);
   if (level.next < level.members.size()) {

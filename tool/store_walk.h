@@ -8,6 +8,7 @@
 
 #include "hxcrate/crate.hpp"
 #include "report.h"
+#include "selection.h"
 #include "write_limits.h"
 
 namespace tool {
@@ -19,8 +20,9 @@ class StoreWalk {
  public:
   enum class Event { item, store, leave, end };
 
-  // `start` is any store; the walk ends when it is through with it.
-  explicit StoreWalk(hxcrate::Store start) : place_(start.place()) { push(std::move(start)); }
+  // `start` is any store; the walk ends when it is through with it. With a selection, which
+  // outlives it, it gives only what is meant, and the stores on the way to that.
+  explicit StoreWalk(hxcrate::Store start, const Selection* selection = nullptr);
 
   // Goes on to the next member, or out of a store that was entered and is done.
   Event next();
@@ -37,7 +39,7 @@ class StoreWalk {
   bool isLast() const { return levels_.back().next == levels_.back().members.size(); }
 
   // Into the store that `next` gave last. One that is not entered is passed over.
-  void enter() { push(container().openStore(name())); }
+  void enter();
   // Out of the store that was entered just now; the walk goes on behind it.
   void abandon() { levels_.pop_back(); }
 
@@ -49,10 +51,24 @@ class StoreWalk {
     std::size_t next = 0;
   };
 
+  // A store that may hold what is meant. They are counted in the order of the walk.
+  struct Way {
+    bool leads = false;      // it does
+    std::size_t behind = 0;  // the first one that does not lie in it
+  };
+
   void push(hxcrate::Store store);
+  Event step();
+  void findWays();
+  void markWays(const std::vector<std::size_t>& open);
+  bool isWanted(Event event);
 
   std::vector<Level> levels_;
   std::string place_;
+  const Selection* selection_;
+  std::vector<Way> ways_;
+  std::optional<std::size_t> way_;  // the member that `next` gave last is one
+  std::size_t nextWay_ = 0;
 };
 
 // What `open` opens; nothing when there is no such member, or one of the other kind.

@@ -17,9 +17,9 @@
 #include "command_line.h"
 #include "directory.h"
 #include "inspected_store.h"
-#include "member_selection.h"
 #include "new_file.h"
 #include "planted_journal.h"
+#include "selection.h"
 #include "store_walk.h"
 #include "write_limits.h"
 
@@ -31,6 +31,7 @@ struct UnpackOptions {
   std::string store;
   std::string directory;
   std::vector<std::string> paths;
+  SelectionOptions selected;
   std::int64_t maxEntries = kUnlimited;
   std::int64_t maxBytes = kUnlimited;
   bool overwrite = false;
@@ -95,11 +96,11 @@ class Unpacker {
     measure    // in silence
   };
 
-  Unpacker(Purpose purpose, const UnpackOptions& options, hxcrate::Store store, Progress& progress)
+  Unpacker(Purpose purpose, const UnpackOptions& options, const Selection& selection,
+           hxcrate::Store store, Progress& progress)
       : purpose_(purpose),
         options_(options),
-        selection_(options.paths),
-        walk_(std::move(store)),
+        walk_(std::move(store), &selection),
         quota_(options),
         ownBytes_(options.store, options.maxBytes),
         pump_(&progress) {}
@@ -131,7 +132,7 @@ class Unpacker {
       throwIfInterrupted();
       if (event == StoreWalk::Event::leave) {
         leaveStore();
-      } else if (selection_.wants(walk_.place(), event == StoreWalk::Event::store)) {
+      } else {
         take(event);
         if (purpose_ == Purpose::measure) ownBytes_.require(quota_.bytes());
       }
@@ -266,7 +267,6 @@ class Unpacker {
 
   const Purpose purpose_;
   const UnpackOptions& options_;
-  const MemberSelection selection_;
   std::optional<DirectoryCursor> cursor_;
   std::string top_;  // where that began
   StoreWalk walk_;
@@ -299,9 +299,10 @@ Descriptor openTarget(std::string path) {
 }
 
 // Throws what keeps the whole from being made.
-std::int64_t measure(const UnpackOptions& options, hxcrate::Store store, Progress& progress) {
+std::int64_t measure(const UnpackOptions& options, const Selection& selection, hxcrate::Store store,
+                     Progress& progress) {
   const Descriptor target = openTarget(options.directory);
-  Unpacker unpacker(Unpacker::Purpose::measure, options, std::move(store), progress);
+  Unpacker unpacker(Unpacker::Purpose::measure, options, selection, std::move(store), progress);
   unpacker.unpack();
   requireRoom(target, unpacker.growth(), options.directory);
   return unpacker.bytes();
@@ -315,14 +316,15 @@ ExitCode unpack(UnpackOptions& options) {
   if (std::count(options.paths.begin(), options.paths.end(), "") > 0) options.paths.clear();
   for (const std::string& path : options.paths)
     if (!isThere(store, path)) throw hxcrate::Error(hxcrate::Errc::notFound, options.store, path);
+  const Selection selection(options.selected, options.paths);
   Progress progress("unpacking");
   hxcrate::Store again = session.open(options.store, hxcrate::Mode::read, {.acceptDamaged = true});
-  progress.expect(measure(options, std::move(again), progress));
+  progress.expect(measure(options, selection, std::move(again), progress));
   if (!options.dryRun && ::mkdir(options.directory.c_str(), 0777) != 0 && errno != EEXIST) {
     throw systemFailure(options.directory, "create directory");
   }
   const auto purpose = options.dryRun ? Unpacker::Purpose::announce : Unpacker::Purpose::make;
-  return worse(outcome, Unpacker(purpose, options, std::move(store), progress).unpack());
+  return worse(outcome, Unpacker(purpose, options, selection, std::move(store), progress).unpack());
 }
 
 }  // namespace
@@ -341,6 +343,7 @@ void addUnpack(CommandLine& line) {
   words.add_flag("--journals", options->withJournals, "also what passes for a store's journal");
   addCount(words, "--max-entries", options->maxEntries, "stop before more files and directories");
   addCount(words, "--max-bytes", options->maxBytes, "stop before more bytes in files");
+  addSelection(words, options->selected);
   addDryRun(words, options->dryRun);
 }
 

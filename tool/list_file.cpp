@@ -1,0 +1,37 @@
+#include "list_file.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <span>
+#include <utility>
+
+#include "byte_pump.h"
+#include "directory.h"
+#include "report.h"
+
+namespace tool {
+
+std::vector<std::string> readList(const std::string& path, char end) {
+  const bool isInput = path == "-";
+  const std::string shown = isInput ? "standard input" : path;
+  const Descriptor file(repeatInterrupted([&] {
+    return isInput ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                   : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  }));
+  if (!file.isOpen()) throw systemFailure(shown, "open");
+  std::vector<std::string> entries(1);
+  BytePump(nullptr).move(BytePump::kEverything, takeFrom(file, shown),
+                         [&](std::span<const std::byte> bytes) {
+                           for (const std::byte byte : bytes) {
+                             const char character = static_cast<char>(byte);
+                             if (character != end) entries.back() += character;
+                             if (character == end && !entries.back().empty())
+                               entries.emplace_back();
+                           }
+                         });
+  if (entries.back().empty()) entries.pop_back();
+  return entries;
+}
+
+}  // namespace tool
