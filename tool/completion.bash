@@ -14,7 +14,7 @@ _hxcrate_options() {
     put) echo -p --append --wait --dry-run ;;
     mkstore) echo -p --wait --dry-run ;;
     copy) echo --page-size --encoding --include --exclude --include-from --exclude-from --max-bytes --dry-run ;;
-    sum) echo --check ;;
+    sum) echo --check --include --exclude --include-from --exclude-from ;;
     diff) echo --json --include --exclude --include-from --exclude-from ;;
     stat) echo --json ;;
     check) echo --quick --json ;;

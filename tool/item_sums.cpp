@@ -4,20 +4,17 @@
 
 namespace tool {
 
-ItemSums::ItemSums(hxcrate::Store store, MemberSelection selection, Progress* progress,
+ItemSums::ItemSums(hxcrate::Store store, const Selection& selection, Progress* progress,
                    OnError onError)
-    : selection_(std::move(selection)),
-      limit_(store.path()),
-      walk_(std::move(store)),
+    : limit_(store.path()),
+      walk_(std::move(store), &selection),
       pump_(progress),
       onError_(std::move(onError)) {}
 
 bool ItemSums::next() {
   for (auto event = walk_.next(); event != StoreWalk::Event::end; event = walk_.next()) {
     throwIfInterrupted();
-    if (event == StoreWalk::Event::leave) continue;
-    if (!selection_.wants(walk_.place(), event == StoreWalk::Event::store)) continue;
-    if (open(event)) return true;
+    if (event != StoreWalk::Event::leave && open(event)) return true;
   }
   return false;
 }
@@ -49,7 +46,7 @@ std::optional<Sha256::Digest> ItemSums::sum(std::int64_t most) {
   }
 }
 
-std::int64_t compareSums(ItemSums& sums, ChecksumList list, const MemberSelection& selection,
+std::int64_t compareSums(ItemSums& sums, ChecksumList list, const Selection& selection,
                          const std::function<void(SumFault, const std::string& place)>& onFault) {
   std::int64_t equal = 0;
   while (sums.next()) {
@@ -67,7 +64,7 @@ std::int64_t compareSums(ItemSums& sums, ChecksumList list, const MemberSelectio
     list.erase(expected);
   }
   for (const auto& [place, expected] : list)
-    if (selection.wants(place, false)) onFault(SumFault::missing, place);
+    if (selection.judge(place, false) == Selection::Verdict::yes) onFault(SumFault::missing, place);
   return equal;
 }
 

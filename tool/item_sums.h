@@ -8,7 +8,7 @@
 
 #include "byte_pump.h"
 #include "checksum_list.h"
-#include "member_selection.h"
+#include "selection.h"
 #include "store_walk.h"
 
 namespace tool {
@@ -19,8 +19,8 @@ class ItemSums {
   // What can't be read is told to `onError`, and the others go on.
   using OnError = std::function<void(const hxcrate::Error&)>;
 
-  // `progress`: null: nobody is told.
-  ItemSums(hxcrate::Store store, MemberSelection selection, Progress* progress, OnError onError);
+  // `selection` outlives it. `progress`: null: nobody is told.
+  ItemSums(hxcrate::Store store, const Selection& selection, Progress* progress, OnError onError);
 
   // Goes on to the next item; false: there is none. Throws a Failure for items that share pages.
   bool next();
@@ -33,7 +33,6 @@ class ItemSums {
  private:
   bool open(StoreWalk::Event event);
 
-  const MemberSelection selection_;
   const OwnBytes limit_;
   StoreWalk walk_;
   BytePump pump_;
@@ -51,7 +50,7 @@ enum class SumFault {
 
 // Tells `onFault` of every item among those that `sums` goes through, and of those in the list that
 // `selection` means, that is not as listed. Returns how many are.
-std::int64_t compareSums(ItemSums& sums, ChecksumList list, const MemberSelection& selection,
+std::int64_t compareSums(ItemSums& sums, ChecksumList list, const Selection& selection,
                          const std::function<void(SumFault, const std::string& place)>& onFault);
 
 }  // namespace tool

@@ -38,7 +38,7 @@ class ManifestChecker {
   void compare() {
     const std::optional<Manifest> manifest = readManifest(open());
     if (!manifest) return;
-    const MemberSelection everything({});
+    const Selection everything;
     Progress progress("summing");
     ItemSums sums(open(), everything, &progress, [](const hxcrate::Error&) {});
     compareSums(sums, checksumsOf(*manifest), everything,

@@ -16,6 +16,7 @@ namespace {
 struct SumOptions {
   std::string store;
   std::vector<std::string> paths;
+  SelectionOptions selected;
   bool isCheck = false;
   std::string list;  // to compare with; empty: the store's own manifest
 };
@@ -27,7 +28,8 @@ const char* nameOf(SumFault fault) {
 
 class Summer {
  public:
-  explicit Summer(const SumOptions& options) : options_(options), selection_(options.paths) {}
+  explicit Summer(const SumOptions& options)
+      : options_(options), selection_(options.selected, options.paths) {}
 
   ExitCode run() {
     const hxcrate::Store store = open();
@@ -105,7 +107,7 @@ class Summer {
   }
 
   const SumOptions& options_;
-  const MemberSelection selection_;
+  const Selection selection_;
   hxcrate::Session session_;
   Output output_;
   ExitCode outcome_ = ExitCode::fine;
@@ -151,6 +153,7 @@ void addSum(CommandLine& line) {
   words.add_option("--check", take, "compare with LIST, or else with .mtree")
       ->expected(0, 1)
       ->type_name("LIST");
+  addSelection(words, options->selected);
 }
 
 }  // namespace tool
