@@ -44,10 +44,11 @@ const std::shared_ptr<Engine>& Session::engine() const {
   return engine_;
 }
 
-// 0 for the module's own.
 std::int32_t Session::choosePageSize(std::int32_t wanted, const std::string& store) const {
   if (wanted < 0) throw Error(Errc::badPageSize, store, "");
-  return wanted != 0 ? wanted : engine()->options().pageSize;
+  if (wanted != 0) return wanted;
+  const std::int32_t ofSession = engine()->options().pageSize;
+  return ofSession != 0 ? ofSession : kNewPageSize;
 }
 
 Store Session::open(const FilePath& path, Mode mode, OpenOptions options) {

@@ -65,7 +65,7 @@ class ApiTest : public testing::Test {
 
   // Returns what the file holds.
   std::string makeStore(const std::map<std::string, std::string>& items) {
-    Store store = session_.open(path_, Mode::create);
+    Store store = session_.open(path_, Mode::create, {.pageSize = 4096});
     for (const auto& [name, bytes] : items)
       append(store, name, bytes);
     store.close();
@@ -154,6 +154,7 @@ TEST_F(ApiTest, RefusesWhatContradictsWhatIsThere) {
   std::error_code error = Errc::damaged;
   Store store = session_.open(path_, Mode::create, error, {.pageSize = 64});
   EXPECT_TRUE(!error && store.pageSize() == 64);
+  EXPECT_EQ(session_.createInMemory("x").pageSize(), kNewPageSize);
   Writer writer = store.create("s/item", error, Parents::create);
   writer.write("text", error);
   const auto expect = [&](const auto& opened, auto code) {

@@ -4,7 +4,7 @@
 #include <utility>
 #include <vector>
 
-#include "hxcrate/store.hpp"
+#include "hxcrate/session.hpp"
 
 namespace tool {
 
@@ -60,7 +60,7 @@ std::int64_t SizeForecast::fileSize(std::int32_t pageSize, bool isBlob) const {
 
 // Coarsely over all sizes, then finely around the best of those.
 std::int32_t SizeForecast::bestPageSize(bool isBlob) const {
-  if (bytes_ == 0) return hxcrate::kUsualPageSize;
+  if (bytes_ == 0) return hxcrate::kNewPageSize;
   const std::vector<std::pair<std::int64_t, std::int64_t>> counts(counts_.begin(), counts_.end());
   std::int32_t best = kSmallestPage;
   const auto costOf = [&](std::int32_t pageSize) {

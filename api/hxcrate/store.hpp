@@ -26,7 +26,7 @@ namespace hxcrate {
 class MemberCursor;
 
 constexpr std::size_t kNameCapacity = 64;      // bytes of a member's name
-constexpr std::int32_t kUsualPageSize = 4096;  // bytes, of a store that was given none
+constexpr std::int32_t kUsualPageSize = 4096;  // bytes, of a store file that tells of none
 
 struct Member {
   std::string name;  // bytes, as they were given
