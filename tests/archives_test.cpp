@@ -61,4 +61,80 @@ TEST_F(ArchivesTest, BytesThatAreNotThoseOfTheManifestAreNamed) {
             "sum --check c.st");
 }
 
+// Goes before a line that needs the tool: without it the line is passed over, and that is said.
+std::string with(const std::string& tool) {
+  return "command -v " + tool + " >/dev/null || { echo no " + tool + " >&2; exit 0; }; ";
+}
+
+TEST_F(ArchivesTest, ATreeGoesThroughArchivesAndBack) {
+  expectRun(0,
+            "cd in; chmod 640 mark; touch -d @1000000001.5 mark; ln mark names/hard;"
+            "ln -s ../mark empty/link; tar cf ../in.tar .; tar cf - . | gzip >../in.tgz");
+  expectRun(
+      0,
+      "hxcrate import --attributes a.st in.tgz; hxcrate import --attributes b.st - <in.tar;"
+      "hxcrate diff a.st b.st; hxcrate sum --check a.st; cat in.tar | hxcrate import "
+      "--attributes --page-size 64 c.st -; hxcrate diff a.st c.st; hxcrate import --attributes "
+      "--dry-run d.st in.tar");
+  const auto size = std::to_string(std::filesystem::file_size(directory_ / "a.st"));
+  expectSaid("a file of " + size + " bytes");
+  expectRun(0,
+            "mkdir out; hxcrate export a.st | tar x -C out; diff -r in out; cd out;"
+            "stat -c %a.%Y mark; readlink empty/link; [ names/hard -ef mark ]");
+  EXPECT_EQ(out_, "640.1000000001\n../mark\n");
+  for (const std::string name : {"x.cpio", "x.zip", "x.tar.xz"})
+    expectRun(0, with("bsdtar") + "hxcrate export a.st " + name + "; mkdir x; bsdtar xf " + name +
+                     " -C x; rm -rf in/names/back* x/names/back*; diff -r in x; rm -r x");
+  expectRun(4, "hxcrate export a.st in.tar");
+  expectRun(
+      0, with("unzip") + "mkdir x; cd x; unzip -q ../x.zip 'sizes/*'; diff -r sizes ../in/sizes");
+  expectRun(0, with("zip") +
+                   "cd in; zip -qry ../z.zip sizes mark empty; hxcrate import --attributes "
+                   "../z.st ../z.zip; hxcrate sum ../z.st | sha256sum --quiet -c");
+  for (const std::string form : {"newc", "odc", "7zip", "ustar"})
+    expectRun(
+        0,
+        with("bsdtar") + "cd in; bsdtar --format " + form +
+            " -cf ../f mark sizes names/hard;"
+            "rm -f ../f.st; hxcrate import --attributes ../f.st ../f; hxcrate sum --check ../f.st;"
+            "hxcrate sum ../f.st | sha256sum --quiet -c; hxcrate cat ../f.st names/hard | cmp - "
+            "mark");
+}
+
+TEST_F(ArchivesTest, WhatComesOutIsNoMorePublicThanTheStore) {
+  expectRun(
+      0,
+      "chmod 600 in.st; touch -d @5 in.st; hxcrate export in.st out.tar; TZ=UTC tar tvf out.tar "
+      "mark empty | tr -s ' ' | cut -d' ' -f1,3-; stat -c %a out.tar");
+  EXPECT_EQ(out_,
+            "drwx------ 0 1970-01-01 00:00 empty/\ndrwx------ 0 1970-01-01 00:00 "
+            "empty/emptier/\n-rw------- 9 1970-01-01 00:00 mark\n600\n");
+  expectRun(0, "hxcrate export in.st >a.tar; hxcrate export in.st >b.tar; cmp a.tar b.tar");
+  expectRun(3, "{ trap '' PIPE; hxcrate export in.st; } >/dev/full");
+  expectSaid("standard output: write: No space left on device");
+}
+
+TEST_F(ArchivesTest, NothingOfAHostileArchiveIsTakenOrItIsLeftOutByName) {
+  expectRun(
+      0,
+      "mkdir a b; cd a; echo 1 >up; ln -s /etc sl; mkdir d; echo 2 >d/f; mkfifo p; tar cPf ../h "
+      "d/f d/f sl p --transform 's,^up,../up,;s,^d/g,/abs,;s,^d/h,d/f/under,' up;"
+      "rm sl; mkdir sl; echo 3 >sl/under; mv d/f d/g; echo >d/h; echo >d/$(printf %065d 0);"
+      "tar rPf ../h --transform 's,^d/g,/abs,;s,^d/h,d/f/under,' d/g d/h d/0* sl/under; echo 4 >ok;"
+      "tar rf ../h ok");
+  expectRun(3, "hxcrate import h.st h");
+  for (const char* said :
+       {"/abs: its path leads out", "d/f: there is another", "sl: skipped: a symbolic",
+        "p: skipped", "d/f/under: it lies in", ": a name of 65", "5 entries can't"})
+    expectSaid(said);
+  expectRun(3, "cat h | hxcrate import h.st -");
+  expectSaid("nothing was imported");
+  expectPrinted(5, "! [ -e h.st ]; hxcrate import --skip --attributes h.st h 2>e; exit $?", "");
+  expectPrinted(0, "hxcrate sum --check h.st 2>e; hxcrate ls -R h.st", ".mtree\nd/\nd/f\nok\n");
+  expectRun(3, "head -c 700 h | hxcrate import x.st -");
+  expectRun(3, "hxcrate import x.st in.st");
+  expectPrinted(0, "ls x.st 2>e || hxcrate export h.st | tar tv | cut -c1,49-",
+                "dd/\n-d/f\n-ok\nlsl -> /etc\n");
+}
+
 }  // namespace

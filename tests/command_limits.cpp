@@ -172,6 +172,7 @@ void expectBoundedCommands(std::span<const std::uint8_t> bytes) {
            {"cat", store, "a15", "..~14/a13"},
            {"sum", store},
            {"sum", "--check", store},
+           {"export", store, directory / "x.tar"},
            {"diff", store, sound},
            {"unpack", store, directory / "out"},
            {"copy", store, directory / "copy.st"},

@@ -79,7 +79,7 @@ struct Group {
 // As the help shows them.
 void addCommands(CommandLine& line) {
   const Group groups[] = {
-      {"Trees of files", {addPack, addUnpack}},
+      {"Trees of files", {addPack, addUnpack, addImport, addExport}},
       {"What is in a store", {addLs, addTree, addCat, addSum, addDiff}},
       {"Making and adding", {addPut, addMkstore, addCopy}},
       {"The file itself", {addStat, addMap, addCheck, addSalvage}},

@@ -58,6 +58,8 @@ void addSelection(CLI::App& words, SelectionOptions& selection);
 // The subcommands, each of a file of its own.
 void addPack(CommandLine& line);
 void addUnpack(CommandLine& line);
+void addImport(CommandLine& line);
+void addExport(CommandLine& line);
 void addLs(CommandLine& line);
 void addTree(CommandLine& line);
 void addCat(CommandLine& line);

@@ -8,6 +8,8 @@ _hxcrate_options() {
   case $1 in
     pack) echo -T --null --no-recursion --include --exclude --include-from --exclude-from --skip --page-size --replace --in-memory --dry-run ;;
     unpack) echo --overwrite --journals --max-entries --max-bytes --include --exclude --include-from --exclude-from --dry-run ;;
+    import) echo --attributes --skip --page-size --replace --dry-run ;;
+    export) echo --format --no-attributes ;;
     ls) echo -l -R -0 --json --include --exclude --include-from --exclude-from ;;
     tree) echo --ascii ;;
     cat) echo --offset --length ;;
@@ -139,17 +141,18 @@ _hxcrate_offer() {
 _hxcrate_find() {
   case ${1:-$command:$place} in
     --svg | --check | --include-from | --exclude-from | -T) _hxcrate_files -f ;;
+    --format) found=(tar zip cpio) ;;
     --encoding) found=(hxmok1/le/utf-8 hxmok1/be/utf-8) ;;
     -*) ;;
     unpack:1) _hxcrate_files -d ;;
     ls:1 | tree:1 | cat:[1-9]* | sum:[1-9]* | put:1 | mkstore:1 | unpack:[2-9]*) _hxcrate_members ;;
-    *:0 | pack:* | copy:1 | diff:1 | salvage:1 | put:2) _hxcrate_files -f ;;
+    *:0 | pack:* | import:1 | export:1 | copy:1 | diff:1 | salvage:1 | put:2) _hxcrate_files -f ;;
   esac
 }
 
 _hxcrate() {
   local words quote kept fixed current command store_file='' place=0 option='' ended='' found=() i
-  local commands='pack unpack ls tree cat sum diff put mkstore copy stat map check salvage --help --version'
+  local commands='pack unpack import export ls tree cat sum diff put mkstore copy stat map check salvage --help --version'
   local IFS=$' \t\n'
   COMPREPLY=()
   _hxcrate_parse "${COMP_LINE:0:COMP_POINT}" "$2" || return
@@ -161,7 +164,7 @@ _hxcrate() {
       case ${words[i]} in
         --) ended=1 ;;
         --page-size | --max-entries | --max-bytes | --offset | --length | --wait | --include | --exclude) ;&
-        --include-from | --exclude-from | -T | --encoding | --svg | --check) option=${words[i]} ;;
+        --include-from | --exclude-from | -T | --encoding | --svg | --check | --format) option=${words[i]} ;;
       esac
     fi
   done

@@ -120,6 +120,11 @@ bool moveFile(const Descriptor& fromDirectory, const std::string& from,
          ::unlinkat(fromDirectory.number(), from.c_str(), 0) == 0;
 }
 
+bool isFileName(const std::string& name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
+}
+
 std::optional<std::vector<std::string>> listNames(const Descriptor& directory) {
   // A description of its own: the reading position is shared by duplicates.
   const int own = ::openat(directory.number(), ".", kOpenDirectory);

@@ -67,6 +67,9 @@ Descriptor openBeneath(const Descriptor& directory, const std::string& name, int
 std::optional<struct stat> inspect(const Descriptor& directory, const std::string& name);
 bool isSameFile(const struct stat& a, const struct stat& b);
 
+// Whether a file in a directory can be called so.
+bool isFileName(const std::string& name);
+
 // The names in an open directory but "." and "..", sorted by their bytes. Null with errno set.
 std::optional<std::vector<std::string>> listNames(const Descriptor& directory);
 

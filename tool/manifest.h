@@ -4,50 +4,21 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <map>
-#include <memory>
-#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
+#include <utility>
 
-#include "sha256.h"
-
-struct archive;
-struct archive_entry;
+#include "archive_handle.h"
+#include "member_attributes.h"
 
 namespace tool {
 
 // The item that holds the manifest of a store, in the store as a whole. It is none of the tree's
 // own files, and no line of it tells of it.
 constexpr std::string_view kManifestName = ".mtree";
-
-// Of one member. A manifest is a stranger's: each user of it looks whether the member is of this
-// type at all, and has these bytes still.
-struct MemberAttributes {
-  enum class Type {
-    file,
-    folder,
-    symbolicLink,  // no member of the store: the manifest alone has it
-    hardLink,      // a file, and one with the file `target`, which no link leads on from; its item
-                   // in the store has the bytes too
-  };
-
-  Type type = Type::file;
-  std::uint32_t mode = 0;  // permissions, set-id and sticky bits; 0 where the manifest has none
-  std::int64_t uid = 0;    // 0 where the manifest has none
-  std::int64_t gid = 0;
-  std::string user = {};  // names; empty: none
-  std::string group = {};
-  std::optional<std::int64_t> modified = {};  // nanoseconds since 1970
-  std::int64_t size = 0;                      // bytes of a file
-  std::string target = {};                    // of a link, as above
-  std::optional<Sha256::Digest> sha256 = {};  // of a file's bytes
-
-  bool isFile() const { return type == Type::file || type == Type::hardLink; }
-};
 
 // Why bytes are no manifest, or none could be made.
 class ManifestError : public std::runtime_error {
@@ -84,7 +55,6 @@ class Manifest {
 class ManifestWriter {
  public:
   ManifestWriter();
-  ~ManifestWriter();
 
   // `path` as in Manifest; not twice the same. Of a file `size` bytes have to follow, of which its
   // checksum is made, of a hard link too; the target of that was added before. Throws
@@ -96,14 +66,10 @@ class ManifestWriter {
   std::string finish();
 
  private:
-  struct Free {
-    void operator()(archive* writer) const;
-  };
-
   void require(bool succeeded) const;
 
   std::string text_;  // outlives the writer
-  std::unique_ptr<archive, Free> writer_;
+  ArchiveHandle writer_;
   std::map<std::string, std::int64_t, std::less<>> numbers_;  // of files, by path
 };
 

@@ -37,7 +37,11 @@ class ManifestChecker {
 
   void compare() {
     const std::optional<Manifest> manifest = readManifest(open());
-    if (!manifest) return;
+    if (!manifest) {
+      return store_.add(
+          {Severity::warning, manifestOffset_, std::string(kManifestName),
+           "it has the name of a manifest and is none, so nothing tells the checksums"});
+    }
     const Selection everything;
     Progress progress("summing");
     ItemSums sums(open(), everything, &progress, [](const hxcrate::Error&) {});

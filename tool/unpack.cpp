@@ -39,11 +39,6 @@ struct UnpackOptions {
   bool dryRun = false;
 };
 
-bool isFileName(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." &&
-         name.find_first_of(std::string_view("/\0", 2)) == std::string::npos;
-}
-
 // Ends the command, unlike what befalls one entry.
 class QuotaFailure : public Failure {
  public:

@@ -1,0 +1,311 @@
+// hxcrate import: an archive becomes a store.
+
+#include <fmt/format.h>
+
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "archive_input.h"
+#include "byte_pump.h"
+#include "command_line.h"
+#include "manifest.h"
+#include "new_store.h"
+#include "planned_tree.h"
+
+namespace tool {
+
+namespace {
+
+using Type = MemberAttributes::Type;
+
+struct ImportOptions {
+  std::string store;
+  std::string archive;
+  bool replace = false;
+  bool skip = false;
+  bool withAttributes = false;
+  bool dryRun = false;
+  NewStore::Options made;
+};
+
+// The stores on the way to where the last member was made stay open for the next one.
+class StorePath {
+ public:
+  explicit StorePath(hxcrate::Store& top) : top_(top) {}
+
+  hxcrate::Writer create(const std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    enter(slash == std::string::npos ? "" : path.substr(0, slash));
+    return current().create(path.substr(slash + 1));
+  }
+
+  void enter(const std::string& folder) {
+    while (!nested_.empty() && !lies(folder, nested_.back().path))
+      nested_.pop_back();
+    for (std::size_t at = nested_.empty() ? 0 : nested_.back().path.size() + 1;
+         at < folder.size();) {
+      const std::size_t end = std::min(folder.find('/', at), folder.size());
+      hxcrate::Store next = current().openOrCreateStore(folder.substr(at, end - at));
+      nested_.push_back({std::move(next), folder.substr(0, end)});
+      at = end + 1;
+    }
+  }
+
+ private:
+  struct Level {
+    hxcrate::Store store;
+    std::string path;
+  };
+
+  static bool lies(const std::string& folder, const std::string& in) {
+    return folder.starts_with(in) && (folder.size() == in.size() || folder[in.size()] == '/');
+  }
+  hxcrate::Store& current() { return nested_.empty() ? top_ : nested_.back().store; }
+
+  hxcrate::Store& top_;
+  std::vector<Level> nested_;
+};
+
+// Goes through an archive once: into a store, or to see what would come of it.
+class Importer {
+ public:
+  Importer(const ImportOptions& options, ArchiveInput& archive, hxcrate::Store* store, bool isTold,
+           Progress& progress)
+      : options_(options), archive_(archive), store_(store), isTold_(isTold), pump_(&progress) {
+    if (store != nullptr) path_.emplace(*store);
+    if (options.withAttributes) manifest_.emplace();
+  }
+
+  void run() {
+    while (archive_entry* entry = archive_.next()) {
+      throwIfInterrupted();
+      take(entry);
+    }
+    for (auto& [path, awaited] : awaited_)
+      makeAwaited(path, awaited, false);
+    if (manifest_) addManifest();
+    for (std::int64_t i = 0; i < tree_.folders(); ++i)
+      forecast_.addStore();
+    if (refusals_ == 0) return;
+    throw Failure(ExitCode::inputOutput, archive_.name(), "",
+                  fmt::format("{} can't be kept, nothing was imported",
+                              refusals_ == 1 ? "1 entry" : fmt::format("{} entries", refusals_)));
+  }
+
+  const SizeForecast& forecast() const { return forecast_; }
+  ExitCode outcome() const { return outcome_; }
+
+ private:
+  // A file that has several names and gets its bytes with the last of them.
+  struct Awaited {
+    MemberAttributes member;
+    std::vector<std::pair<std::string, MemberAttributes>> links;
+  };
+
+  void take(archive_entry* entry) {
+    const char* const written = archive_entry_pathname(entry);
+    const std::string shown = written == nullptr ? "" : written;
+    const std::optional<std::string> path = pathInside(shown);
+    const std::optional<MemberAttributes> member = attributesOf(entry);
+    if (written == nullptr) return refuse("", "an entry without a name, or one in no characters");
+    if (!path) return refuse(shown, "its path leads out of the store");
+    if (const char* target = archive_entry_hardlink(entry)) return takeLink(*path, target, entry);
+    if (!member) return leaveOut(*path, "skipped: no file, folder or link");
+    if (member->type == Type::symbolicLink) return takeSymbolicLink(*path, *member);
+    if (member->type == Type::folder) return takeFolder(*path, *member);
+    if (!admitFile(*path, *member)) return;
+    if (archive_.isCpio() && member->size == 0 && archive_entry_nlink(entry) > 1) {
+      sizes_.emplace(*path, 0);
+      awaited_.emplace(*path, Awaited{*member, {}});
+    } else {
+      create(*path, *member);
+    }
+  }
+
+  void leaveOut(const std::string& path, std::string_view reason) {
+    if (!isTold_) complain(archive_.name(), path, reason);
+    outcome_ = ExitCode::partial;
+  }
+
+  void refuse(const std::string& path, const std::string& reason) {
+    if (options_.skip) return leaveOut(path, "skipped: " + reason);
+    if (store_ != nullptr) {
+      throw Failure(ExitCode::inputOutput, archive_.name(), path,
+                    reason + "; nothing was imported");
+    }
+    complain(archive_.name(), path, reason);
+    ++refusals_;
+  }
+
+  bool admitFile(const std::string& path, const MemberAttributes& member) {
+    std::optional<std::string> fault;
+    if (member.size > hxcrate::kItemCapacity) {
+      fault = fmt::format("{} bytes, at most {} fit", member.size, hxcrate::kItemCapacity);
+    } else if (path.empty() || (manifest_ && path == kManifestName)) {
+      fault = "no file of the tree can have this name";
+    } else {
+      fault = tree_.addFile(path);
+    }
+    if (fault) refuse(path, *fault);
+    return !fault;
+  }
+
+  void takeFolder(const std::string& path, const MemberAttributes& member) {
+    if (const auto fault = tree_.addFolder(path)) return refuse(path, *fault);
+    if (path_) path_->enter(path);
+    folders_.insert_or_assign(path, member);
+  }
+
+  void takeSymbolicLink(const std::string& path, const MemberAttributes& member) {
+    if (!manifest_) return leaveOut(path, "skipped: a symbolic link");
+    if (admitFile(path, member)) manifest_->add(path, member);
+  }
+
+  // A further name of a file. Its bytes may come with it, and then those of its other names do.
+  void takeLink(const std::string& path, const std::string& written, archive_entry* entry) {
+    const std::optional<std::string> target = pathInside(written);
+    if (!target || !sizes_.contains(*target)) {
+      return refuse(path, "a hard link to no file before it: " + written);
+    }
+    archive_entry_set_filetype(entry, AE_IFREG);
+    MemberAttributes member = *attributesOf(entry);
+    if (!admitFile(path, member)) return;
+    const auto known = firsts_.find(*target);
+    const std::string first = known == firsts_.end() ? *target : known->second;
+    firsts_.emplace(path, first);
+    sizes_.emplace(path, 0);
+    const bool hasBytes = archive_entry_size_is_set(entry) != 0 && member.size > 0;
+    const std::int64_t size = member.size;
+    member.type = Type::hardLink;
+    member.target = first;
+    const auto awaited = awaited_.find(first);
+    if (awaited == awaited_.end()) return hasBytes ? create(path, member) : copy(path, member);
+    awaited->second.links.emplace_back(path, member);
+    if (!hasBytes) return;
+    awaited->second.member.size = size;
+    makeAwaited(first, awaited->second, true);
+    awaited_.erase(awaited);
+  }
+
+  void makeAwaited(const std::string& path, Awaited& awaited, bool hasBytes) {
+    create(path, awaited.member, hasBytes);
+    for (auto& [link, member] : awaited.links)
+      copy(link, member);
+  }
+
+  // From the entry's bytes.
+  void create(const std::string& path, MemberAttributes member, bool hasBytes = true) {
+    if (store_ != nullptr) {
+      hxcrate::Writer writer = path_->create(path);
+      const auto take = [&](std::span<std::byte> room) { return archive_.read(room); };
+      member.size = hasBytes ? pump_.move(BytePump::kEverything, take, giveTo(writer)) : 0;
+      writer.close();
+    }
+    add(path, member);
+  }
+
+  void copy(const std::string& path, MemberAttributes member) {
+    member.size = sizes_.at(member.target);
+    if (store_ != nullptr) {
+      hxcrate::Reader reader = store_->read(member.target);
+      hxcrate::Writer writer = path_->create(path);
+      pump_.move(BytePump::kEverything, takeFrom(reader), giveTo(writer));
+      writer.close();
+    }
+    add(path, member);
+  }
+
+  // What the store has by now tells how long it is and what its checksum is, which not all archives
+  // do.
+  void add(const std::string& path, const MemberAttributes& member) {
+    sizes_.insert_or_assign(path, member.size);
+    forecast_.addItem(member.size);
+    if (!manifest_) return;
+    manifest_->add(path, member);
+    if (store_ == nullptr) return;
+    hxcrate::Reader reader = store_->read(path);
+    pump_.move(BytePump::kEverything, takeFrom(reader),
+               [&](std::span<const std::byte> bytes) { manifest_->addBytes(bytes); });
+  }
+
+  void addManifest() {
+    for (const auto& [path, member] : folders_)
+      manifest_->add(path, member);
+    const std::string text = manifest_->finish();
+    forecast_.addItem(static_cast<std::int64_t>(text.size()));
+    if (path_) path_->create(std::string(kManifestName)).write(std::string_view(text));
+  }
+
+  const ImportOptions& options_;
+  ArchiveInput& archive_;
+  hxcrate::Store* store_;  // null: only looking
+  bool isTold_;            // what is left out was told of before
+  BytePump pump_;
+  std::optional<StorePath> path_;
+  std::optional<ManifestWriter> manifest_;
+  PlannedTree tree_;
+  SizeForecast forecast_;
+  std::map<std::string, MemberAttributes> folders_;
+  std::map<std::string, std::int64_t> sizes_;  // of files, bytes
+  std::map<std::string, std::string> firsts_;  // of hard links: the name that came first
+  std::map<std::string, Awaited> awaited_;
+  ExitCode outcome_ = ExitCode::fine;
+  std::int64_t refusals_ = 0;
+};
+
+// What can be read twice is looked through first: nothing is written then of what can't be kept or
+// does not fit, and pages have the best size.
+ExitCode import(const ImportOptions& options) {
+  const NewStore target(options.store, options.replace);
+  ArchiveInput archive(options.archive);
+  Progress progress("importing");
+  SizeForecast forecast;
+  ExitCode outcome = ExitCode::fine;
+  const bool looksFirst = archive.canRewind() || options.dryRun;
+  if (looksFirst) {
+    Importer look(options, archive, nullptr, false, progress);
+    look.run();
+    forecast = look.forecast();
+    outcome = look.outcome();
+  }
+  if (options.dryRun) {
+    target.announce(forecast, options.made);
+    return outcome;
+  }
+  if (looksFirst) archive.rewind();
+  progress.expect(looksFirst ? forecast.bytes() : -1);
+  target.make(forecast, options.made, [&](hxcrate::Store& store) {
+    Importer importer(options, archive, &store, looksFirst, progress);
+    importer.run();
+    outcome = importer.outcome();
+  });
+  return outcome;
+}
+
+}  // namespace
+
+void addImport(CommandLine& line) {
+  const auto options = std::make_shared<ImportOptions>();
+  CLI::App& words = line.add("import", "Make the new file STORE of what ARCHIVE holds",
+                             "  hxcrate import docs.st docs.tar.gz\n"
+                             "  tar c . | hxcrate import docs.st -",
+                             [options] { return import(*options); });
+  explain(words,
+          "ARCHIVE is a tar, zip, cpio, 7z or another that libarchive reads, compressed or not.\n"
+          "From a pipe, what can't be kept is found only when its turn comes, and pages have 4096\n"
+          "bytes unless --page-size says else.");
+  words.add_option("STORE", options->store, "the store file to make")->required();
+  words.add_option("ARCHIVE", options->archive, "the archive; - for standard input")->required();
+  addPageSize(words, options->made.pageSize, kPageSizeMeaning);
+  words.add_flag("--attributes", options->withAttributes,
+                 "keep modes, owners, times and links in an item .mtree");
+  words.add_flag("--skip", options->skip, "leave out what can't be kept, and name it");
+  words.add_flag("--replace", options->replace, "replace an existing STORE, once all is imported");
+  addDryRun(words, options->dryRun);
+}
+
+}  // namespace tool
