@@ -300,10 +300,10 @@ void addImport(CommandLine& line) {
           "bytes unless --page-size says else.");
   words.add_option("STORE", options->store, "the store file to make")->required();
   words.add_option("ARCHIVE", options->archive, "the archive; - for standard input")->required();
-  addPageSize(words, options->made.pageSize, kPageSizeMeaning);
   words.add_flag("--attributes", options->withAttributes,
                  "keep modes, owners, times and links in an item .mtree");
   words.add_flag("--skip", options->skip, "leave out what can't be kept, and name it");
+  addPageSize(words, options->made.pageSize, kPageSizeMeaning);
   words.add_flag("--replace", options->replace, "replace an existing STORE, once all is imported");
   addDryRun(words, options->dryRun);
 }
