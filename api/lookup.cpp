@@ -4,6 +4,7 @@
 
 #include "file/format.h"
 #include "hxcrate/store.hpp"
+#include "member_cursor.h"
 #include "member_path.h"
 #include "opening.h"
 #include "records/status.h"
@@ -93,6 +94,13 @@ Listing Store::list(std::string_view path, ListOptions options) const {
   opening_->requireKept(*start);
   if (path.empty()) return {opening_, store_, options};
   return {opening_, openStore(path).store(), options};
+}
+
+std::int64_t Store::countHidden() const {
+  MemberCursor cursor(opening_, store());
+  for (std::string name; cursor.next(name) != nullptr;) {
+  }
+  return cursor.hidden();
 }
 
 // An item that fits, or as much of one that does not and is opened as `rest`.

@@ -1,6 +1,5 @@
 #include "member_cursor.h"
 
-#include <algorithm>
 #include <bit>
 
 #include "member_path.h"
@@ -18,9 +17,12 @@ MemberCursor::MemberCursor(std::shared_ptr<Opening> opening, hx::Store* store)
 }
 
 bool MemberCursor::next(Member& member) {
-  const hx::Member* found = next(member.name);
+  hx::Member* found = next(member.name);
   if (found == nullptr) return false;
-  member.kind = found->kind == hx::kStoreKind ? MemberKind::store : MemberKind::item;
+  const bool isStore = found->kind == hx::kStoreKind;
+  member.kind = isStore ? MemberKind::store : MemberKind::item;
+  member.place = isStore ? hx::asStore(found)->directoryOffset
+                         : static_cast<std::int64_t>(hx::asItem(found)->firstChunkOffset);
   return true;
 }
 
@@ -41,7 +43,11 @@ bool MemberCursor::fillChain() {
   for (; bucket_ < hx::kBucketCount && chain_.empty(); ++bucket_) {
     hx::Member* member = table_.buckets[bucket_];
     for (; member != nullptr; member = member->next) {
-      if (member->nameLength > 0) chain_.push_back(member);
+      if (member->nameLength > 0) {
+        chain_.push_back(member);
+      } else {
+        ++hidden_;
+      }
     }
   }
   if (chain_.size() > 1) dropRepeated();
@@ -73,7 +79,7 @@ void MemberCursor::dropRepeated() {
     byHash_[place] = member;
     return false;
   };
-  chain_.erase(std::remove_if(chain_.begin(), chain_.end(), isRepeated), chain_.end());
+  hidden_ += static_cast<std::int64_t>(std::erase_if(chain_, isRepeated));
 }
 
 }  // namespace hxcrate

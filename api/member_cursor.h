@@ -27,6 +27,8 @@ class MemberCursor {
   bool next(Member& member);
   // Its name and its record, which stays where it is; null at the end.
   hx::Member* next(std::string& name);
+  // How many it has passed over so far.
+  std::int64_t hidden() const noexcept { return hidden_; }
 
  private:
   bool fillChain();
@@ -36,9 +38,10 @@ class MemberCursor {
   std::shared_ptr<Opening> opening_;  // keeps the members where they are
   hx::Store* store_;
   hx::MemberTable table_;
-  std::int32_t bucket_ = 0;                // whose chain is next
-  std::vector<hx::Member*> chain_;         // what is shown of the one before
-  std::size_t shown_ = 0;                  // of chain_
+  std::int32_t bucket_ = 0;         // whose chain is next
+  std::vector<hx::Member*> chain_;  // what is shown of the one before
+  std::size_t shown_ = 0;           // of chain_
+  std::int64_t hidden_ = 0;
   std::vector<const hx::Member*> byHash_;  // for dropRepeated
 };
 

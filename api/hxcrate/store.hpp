@@ -31,6 +31,7 @@ constexpr std::int32_t kUsualPageSize = 4096;  // bytes, of a store file that te
 struct Member {
   std::string name;  // bytes, as they were given
   MemberKind kind;
+  std::int64_t place;  // of its first record in the file or blob; 0: it has none yet
 };
 
 // The members that a store had when begin() was called, each once, in the order of its table. A
@@ -171,6 +172,9 @@ class [[nodiscard]] Store {
   }
 
   MemberRange members() const;
+  // How many more it has that no listing shows: those without a name, and of several of one name
+  // all but the newest. Only damage makes the former.
+  std::int64_t countHidden() const;
 
   // All of a store that was created in memory, as one buffer. The store stays as it is and may grow
   // further; it may have members open, but no other thread uses it meanwhile. Throws noBlob for any
