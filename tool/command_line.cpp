@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "further_command.h"
 #include "hxcrate/inspect.hpp"
 #include "interruption.h"
 #include "output.h"
@@ -20,7 +21,8 @@ namespace {
 
 constexpr const char* kFooter =
     "hxcrate COMMAND --help tells a command's options.\n"
-    "PATH names a member inside a store, as a/b/c.\n\n"
+    "PATH names a member inside a store, as a/b/c.\n"
+    "hxcrate mount, of the package hxcrate-mount, shows a store as a folder.\n\n"
     "Exit codes:\n"
     "  0  fine\n"
     "  1  stores differ, or a store is damaged\n"
@@ -120,7 +122,8 @@ ExitCode CommandLine::run(int argc, char** argv) {
   const auto isNamed = [&](const CLI::App* command) { return command->get_name() == name; };
   if (name.empty()) return refuse("no command given", "");
   if (!isOption && app_.get_subcommands(isNamed).empty()) {
-    return refuse("no command is called " + name, "");
+    runFurtherCommand(name, argv + 1);
+    return refuse("no command is called " + name + hintAtPackage(name), "");
   }
   try {
     app_.parse(argc, argv);
