@@ -27,4 +27,11 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_SUGGESTS "python3-fsspec, python3-numpy")
 set(CPACK_COMPONENT_PYTHON_DESCRIPTION
     "A store file holds a whole tree of items, and an update of it is one transaction.
 This package holds the module hxcrate for Python 3.")
+
+set(CPACK_DEBIAN_MOUNT_PACKAGE_NAME hxcrate-mount)
+set(CPACK_DEBIAN_MOUNT_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_MOUNT_PACKAGE_DEPENDS "hxcrate (= ${PROJECT_VERSION}), fuse3")
+set(CPACK_COMPONENT_MOUNT_DESCRIPTION
+    "A store file holds a whole tree of items, and an update of it is one transaction.
+This package holds the program behind hxcrate mount, which shows a store as a folder.")
 include(CPack)

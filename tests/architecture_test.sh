@@ -18,6 +18,7 @@ rules=(
   "api/: + api/ host/linux/ file/format.h item/item_view.h records/lock_guard.h records/records.h records/status.h module/entry.h $slots"
   "inspect/: + inspect/ api/hxcrate/ file/format.h"
   "tool/: + tool/ api/hxcrate/"
+  "mount/: + mount/ api/hxcrate/ tool/manifest.h"
   "python/: + python/native/ api/hxcrate/"
   "examples/memory_host.c: + module/crate.h"
   "examples/: + api/hxcrate/"
@@ -70,14 +71,14 @@ while read -r path; do
   while read -r sign written; do
     check_include "$path" "$sign" "$written" "${found#*:}"
   done < <(sed -n 's/^#include \([<"]\)\([^>"]*\).*/\1 \2/p' "$path")
-done < <(find $inner host api inspect tool python examples -name '*.h' -o -name '*.hpp' -o -name '*.cpp' -o -name '*.c')
+done < <(find $inner host api inspect tool mount python examples -name '*.h' -o -name '*.hpp' -o -name '*.cpp' -o -name '*.c')
 for rule in "${rules[@]}"; do
   [[ " $used" == *" ${rule%%:*} "* ]] || complain "a rule for files that there are none of: $rule"
 done
 [ "$(wc -l <<< "$edges")" -gt 500 ] || complain "too few includes were found"
 tsort <<< "$edges" > /dev/null || complain "files include each other"
 
-named=$(find $inner host api inspect tool python tests -name '*.h' -o -name '*.hpp' -o -name '*.cpp' -o -name '*.c')
+named=$(find $inner host api inspect tool mount python tests -name '*.h' -o -name '*.hpp' -o -name '*.cpp' -o -name '*.c')
 twins=$(sed 's,.*/,,' <<< "$named" | sort | uniq -d)
 [ -z "$twins" ] || complain "several files are called $twins"
 while read -r lines path; do

@@ -13,6 +13,7 @@ _hxcrate_options() {
     ls) echo -l -R -0 --json --include --exclude --include-from --exclude-from ;;
     tree) echo --ascii ;;
     cat) echo --offset --length ;;
+    mount) echo -f --foreground -d --debug --idle -o ;;
     put) echo -p --append --wait --dry-run ;;
     mkstore) echo -p --wait --dry-run ;;
     copy) echo --page-size --encoding --include --exclude --include-from --exclude-from --max-bytes --dry-run ;;
@@ -144,7 +145,7 @@ _hxcrate_find() {
     --format) found=(tar zip cpio) ;;
     --encoding) found=(hxmok1/le/utf-8 hxmok1/be/utf-8) ;;
     -*) ;;
-    unpack:1) _hxcrate_files -d ;;
+    unpack:1 | mount:[1-9]*) _hxcrate_files -d ;;
     ls:1 | tree:1 | cat:[1-9]* | sum:[1-9]* | put:1 | mkstore:1 | unpack:[2-9]*) _hxcrate_members ;;
     *:0 | pack:* | import:1 | export:1 | copy:1 | diff:1 | salvage:1 | put:2) _hxcrate_files -f ;;
   esac
@@ -153,6 +154,7 @@ _hxcrate_find() {
 _hxcrate() {
   local words quote kept fixed current command store_file='' place=0 option='' ended='' found=() i
   local commands='pack unpack import export ls tree cat sum diff put mkstore copy stat map check salvage --help --version'
+  command -v hxcrate-mount > /dev/null && commands+=' mount'
   local IFS=$' \t\n'
   COMPREPLY=()
   _hxcrate_parse "${COMP_LINE:0:COMP_POINT}" "$2" || return

@@ -1,0 +1,36 @@
+// The answers to the kernel's questions about what is mounted.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "mount/fuse_library.h"
+#include "mount/store_tree.h"
+
+namespace mounted {
+
+// Nothing that is mounted changes, so the kernel is told to keep whatever it was told: names that
+// there are none of, too, and pages from one open to the next. Opens of files and folders it does
+// not ask about at all. Several threads answer, under no lock of ours.
+class FileSystem {
+ public:
+  explicit FileSystem(StoreTree& tree) : tree_(tree) {}
+
+  static const fuse_lowlevel_ops& operations();
+
+  // When it was last asked anything: seconds of the steady clock.
+  const std::atomic<std::int64_t>& lastUse() const { return lastUse_; }
+
+  StoreTree& tree() { return tree_; }
+  void noteUse();
+
+  // Whether the kernel goes on by itself after it was refused the opening of a file, or a folder.
+  bool opensAlone = false;
+  bool opensFoldersAlone = false;
+
+ private:
+  StoreTree& tree_;
+  std::atomic<std::int64_t> lastUse_{0};
+};
+
+}  // namespace mounted
