@@ -48,7 +48,7 @@ def empty_caches():
 
 
 def make_trees():
-    """Many files, one large one that nothing compresses, and headers; by the name of their folder."""
+    """Many files, one large one that compresses to about half, and headers; by the name of their folder."""
     noise = random.Random(20)
     for folder in range(FOLDERS):
         place = WORK / "many" / f"folder{folder:03}"
@@ -58,7 +58,7 @@ def make_trees():
     (WORK / "large").mkdir()
     with open(WORK / "large" / "item", "wb") as out:
         for _ in range(LARGE >> 20):
-            out.write(noise.randbytes(1 << 20))
+            out.write(noise.randbytes(1 << 19).hex().encode())
     versions = sorted(pathlib.Path("/usr/include/c++").iterdir(), key=lambda path: int(path.name))
     shutil.copytree(versions[-1], WORK / "headers")
     (WORK / "unit.cpp").write_text("#include <bits/stdc++.h>\nint main() {}\n")
