@@ -21,8 +21,9 @@ wait_for() {
   for _ in $(seq 600); do is_running "$1" || return 0; sleep 0.05; done
   fail "the program goes on: $2"
 }
-# Of the program that serves the store; there is one mounted at a time that has it for its own.
-server_of() { pgrep -f "^[^ ]*hxcrate-mount .*$1" | head -n 1; }
+# Of the program that serves the store now; the one before may take a moment to end, and lets go of the
+# store with that.
+server_of() { pgrep -n -f "^[^ ]*hxcrate-mount .*$1"; }
 unmount() { fusermount3 -u "$1" || umount "$1"; }
 
 scratch=$(mkdir -p "$scratch" && realpath "$scratch")
@@ -66,7 +67,7 @@ same "$(stat -c %Y m/one)" "$(stat -c %Y big.st)"
 same "$(python3 -c 'import os; print(*(os.getxattr("m/300000", n).decode() for n in sorted(os.listxattr("m/300000")) if "offset" not in n))')" \
   "$(($(stat -f -c %s m) ? (300000 + $(stat -f -c %s m) - 1) / $(stat -f -c %s m) : 0))"
 unmount m
-hxcrate put -p big.st added/later < /dev/null
+hxcrate put -p --wait 60 big.st added/later < /dev/null
 hxcrate mount big.st m
 find m -printf '%i %P\n' | sort | comm -23 before - | grep . && fail "other numbers than before"
 unmount m
