@@ -1,6 +1,7 @@
 // The program hxcrate-mount, which `hxcrate mount` runs.
 
 #include <cerrno>
+#include <limits>
 #include <memory>
 #include <optional>
 #include <system_error>
@@ -89,7 +90,9 @@ int serve(fuse_session* session, const fuse_cmdline_opts& options) {
   const std::unique_ptr<fuse_loop_config, LoopConfigEnd> config(fuse_loop_cfg_create());
   fuse_loop_cfg_set_clone_fd(config.get(), static_cast<unsigned>(options.clone_fd));
   fuse_loop_cfg_set_max_threads(config.get(), options.max_threads);
-  fuse_loop_cfg_set_idle_threads(config.get(), options.max_idle_threads);
+  if (options.max_idle_threads != std::numeric_limits<unsigned>::max()) {  // else nobody said
+    fuse_loop_cfg_set_idle_threads(config.get(), options.max_idle_threads);
+  }
   return fuse_session_loop_mt(session, config.get());
 }
 
