@@ -26,7 +26,7 @@ class BytePump {
   explicit BytePump(Progress* progress) : progress_(progress) {}
 
   // `take` fills a buffer and returns how many bytes it has, 0 at the end; `give` gets them all.
-  // Moves at most `most` bytes and returns how many it moved.
+  // Moves at most `most` bytes and returns how many it moved; that is one file's or item's share.
   template <typename Take, typename Give>
   std::int64_t move(std::int64_t most, Take take, Give give) {
     std::int64_t total = 0;
@@ -39,6 +39,7 @@ class BytePump {
       if (progress_ != nullptr) progress_->add(static_cast<std::int64_t>(count));
       total += static_cast<std::int64_t>(count);
     }
+    if (progress_ != nullptr) progress_->addFile();
     return total;
   }
 

@@ -1,5 +1,6 @@
 // hxcrate cat: the bytes of items.
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <string>
@@ -50,14 +51,18 @@ class Printer {
       return;
     }
     reader->skip(options_.offset);
+    expected_ += std::clamp<std::int64_t>(reader->size() - options_.offset, 0, options_.length);
+    progress_.expect(expected_, static_cast<std::int64_t>(options_.paths.size()));
     pump_.move(options_.length, takeFrom(*reader),
                [&](std::span<const std::byte> bytes) { output_.write(bytes); });
   }
 
   const CatOptions& options_;
   hxcrate::Session session_;
-  BytePump pump_{nullptr};
   Output output_;
+  Progress progress_{"printing", !output_.isTerminal()};
+  std::int64_t expected_ = 0;  // bytes of the items so far
+  BytePump pump_{&progress_};
   ExitCode outcome_ = ExitCode::fine;
 };
 

@@ -91,7 +91,7 @@ ExitCode copy(const CopyOptions& options) {
     return ExitCode::fine;
   }
   Progress progress("copying");
-  progress.expect(forecast.bytes());
+  progress.expect(forecast.bytes(), forecast.items());
   target.make(forecast, made,
               [&](hxcrate::Store& store) { copyMembers(members(), store, progress); });
   return ExitCode::fine;

@@ -5,6 +5,7 @@
 #include <cerrno>
 
 #include "interruption.h"
+#include "progress.h"
 #include "report.h"
 
 namespace tool {
@@ -33,6 +34,7 @@ void Output::finish() {
 }
 
 void Output::send(std::span<const std::byte> bytes) {
+  if (!bytes.empty()) Progress::erase();  // they may be one terminal
   while (!bytes.empty()) {
     const ssize_t sent = ::write(STDOUT_FILENO, bytes.data(), bytes.size());
     if (sent < 0 && errno == EINTR) continue;

@@ -151,7 +151,7 @@ void makeStore(const NewStore& target, const PackOptions& options, const SourceL
                const Source& source, const SizeForecast& forecast, LeftOut& leftOut) {
   for (bool isMade = false; !isMade;) {
     Progress progress("packing");
-    progress.expect(forecast.bytes());
+    progress.expect(forecast.bytes(), forecast.items());
     try {
       target.make(forecast, options.made, [&](hxcrate::Store& store) {
         Packer(list, options.scan.skip, store, progress).pack(source.steps, leftOut);

@@ -16,17 +16,22 @@ std::string describeBytes(std::int64_t bytes);
 // over within a moment.
 class Progress {
  public:
-  // `action` as "packing".
-  explicit Progress(const char* action);
+  // `action` as "packing". `isWanted`: false where the terminal shows what is printed meanwhile.
+  explicit Progress(const char* action, bool isWanted = true);
   ~Progress() { erase(); }
   Progress(const Progress&) = delete;
   Progress& operator=(const Progress&) = delete;
 
   bool isShown() const { return isTerminal_; }
-  // How many bytes there are in all; unknown unless told.
-  void expect(std::int64_t total) { total_ = total; }
+  // How many bytes, in how many files or items, there are in all; unknown unless told.
+  void expect(std::int64_t bytes, std::int64_t files = kUnknown) { total_ = {bytes, files}; }
   void add(std::int64_t bytes) {
-    done_ += bytes;
+    done_.bytes += bytes;
+    if (isTerminal_) drawWhenDue();
+  }
+  // One is through.
+  void addFile() {
+    ++done_.files;
     if (isTerminal_) drawWhenDue();
   }
 
@@ -36,14 +41,25 @@ class Progress {
  private:
   using Clock = std::chrono::steady_clock;
 
+  static constexpr std::int64_t kUnknown = -1;
+
+  struct Amount {
+    std::int64_t bytes = 0;
+    std::int64_t files = 0;
+
+    // What it costs, in bytes.
+    double work() const;
+  };
+
   void drawWhenDue();
   std::string describe(double seconds) const;
+  std::string describeRest(double seconds) const;
 
   const InterruptionGuard guard_;  // so that the line goes
   const char* action_;
   bool isTerminal_;
-  std::int64_t total_ = -1;
-  std::int64_t done_ = 0;
+  Amount total_ = {kUnknown, kUnknown};
+  Amount done_;
   Clock::time_point begun_ = Clock::now();
   Clock::time_point due_;
 };

@@ -140,7 +140,7 @@ void change(const PutOptions& options, const Change& fill) {
 void writeItem(hxcrate::Writer writer, const ItemInput& input) {
   input.rewind();
   Progress progress("writing");
-  progress.expect(input.size());
+  progress.expect(input.size(), 1);
   const std::int64_t moved = BytePump(&progress).move(
       input.size(), takeFrom(input.descriptor(), input.name()), giveTo(writer));
   if (moved != input.size()) {

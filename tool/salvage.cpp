@@ -14,6 +14,7 @@
 #include "inspected_store.h"
 #include "new_store.h"
 #include "output.h"
+#include "progress.h"
 #include "write_limits.h"
 
 namespace tool {
@@ -34,8 +35,12 @@ constexpr std::size_t kTransferSize = 256 * 1024;
 // each store before its members.
 class Rebuilder {
  public:
-  Rebuilder(InspectedStore& source, hxcrate::Store& target, Output& output)
-      : source_(source), inspection_(source.inspection()), output_(output), buffer_(kTransferSize) {
+  Rebuilder(InspectedStore& source, hxcrate::Store& target, Output& output, Progress& progress)
+      : source_(source),
+        inspection_(source.inspection()),
+        output_(output),
+        progress_(progress),
+        buffer_(kTransferSize) {
     levels_.push_back({0, std::move(target), {}});
   }
 
@@ -69,6 +74,7 @@ class Rebuilder {
       const std::span<std::byte> bytes = std::span(buffer_).first(wanted);
       const std::size_t count = source_.file().read(extent.offset + done, bytes);
       writer_->write(bytes.first(count));
+      progress_.add(static_cast<std::int64_t>(count));
       done += static_cast<std::int64_t>(count);
       if (count < wanted) return abandonItem(extent.offset + done);
     }
@@ -103,6 +109,7 @@ class Rebuilder {
     }
     if (writer_) writer_->close();
     writer_.reset();
+    progress_.addFile();
   }
 
   // Makes the stores that come before that member.
@@ -160,6 +167,7 @@ class Rebuilder {
   InspectedStore& source_;
   hxcrate::Inspection& inspection_;
   Output& output_;
+  Progress& progress_;
   std::vector<std::byte> buffer_;
   std::vector<Level> levels_;
   std::size_t next_ = 0;                   // the first member not made yet
@@ -198,8 +206,10 @@ ExitCode rebuild(InspectedStore& source, const SalvageOptions& options,
   NewStore target(options.target);
   const SizeForecast forecast = forecastOf(source.file(), header);
   OwnBytes(options.store, options.maxBytes).require(forecast.bytes());
+  Progress progress("salvaging");
+  progress.expect(forecast.bytes(), forecast.items());
   target.make(forecast, {.copyOf = &copied.rights()}, [&](hxcrate::Store& store) {
-    Rebuilder rebuilder(source, store, output);
+    Rebuilder rebuilder(source, store, output, progress);
     rebuilder.run();
     kept =
         countThings(rebuilder.items(), "item") + " and " + countThings(rebuilder.stores(), "store");

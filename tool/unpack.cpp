@@ -117,6 +117,7 @@ class Unpacker {
   }
 
   std::int64_t bytes() const { return quota_.bytes(); }
+  std::int64_t items() const { return items_; }
   std::int64_t growth() const { return growth_; }  // less what is replaced
 
  private:
@@ -203,6 +204,7 @@ class Unpacker {
     hxcrate::Reader reader = walk_.container().read(walk_.name());
     quota_.takeBytes(walk_.place(), reader.size());
     growth_ += reader.size();
+    ++items_;
     isSomewhere() ? unpackInto(*cursor_, reader) : requireNoJournal(Descriptor());
   }
 
@@ -270,6 +272,7 @@ class Unpacker {
   BytePump pump_;
   std::size_t missing_ = 0;
   std::int64_t growth_ = 0;
+  std::int64_t items_ = 0;
   ExitCode outcome_ = ExitCode::fine;
 };
 
@@ -294,13 +297,13 @@ Descriptor openTarget(std::string path) {
 }
 
 // Throws what keeps the whole from being made.
-std::int64_t measure(const UnpackOptions& options, const Selection& selection, hxcrate::Store store,
-                     Progress& progress) {
+void measure(const UnpackOptions& options, const Selection& selection, hxcrate::Store store,
+             Progress& progress) {
   const Descriptor target = openTarget(options.directory);
   Unpacker unpacker(Unpacker::Purpose::measure, options, selection, std::move(store), progress);
   unpacker.unpack();
   requireRoom(target, unpacker.growth(), options.directory);
-  return unpacker.bytes();
+  progress.expect(unpacker.bytes(), unpacker.items());
 }
 
 ExitCode unpack(UnpackOptions& options) {
@@ -314,7 +317,7 @@ ExitCode unpack(UnpackOptions& options) {
   const Selection selection(options.selected, options.paths);
   Progress progress("unpacking");
   hxcrate::Store again = session.open(options.store, hxcrate::Mode::read, {.acceptDamaged = true});
-  progress.expect(measure(options, selection, std::move(again), progress));
+  measure(options, selection, std::move(again), progress);
   if (!options.dryRun && ::mkdir(options.directory.c_str(), 0777) != 0 && errno != EEXIST) {
     throw systemFailure(options.directory, "create directory");
   }
