@@ -53,12 +53,13 @@ std::string explainRefusal(const HeldFile& file, const std::string& path) {
 
 }  // namespace
 
-InspectedFile::InspectedFile(const FilePath& given) : parts_(std::make_unique<Parts>()) {
+InspectedFile::InspectedFile(const FilePath& given, std::chrono::milliseconds lockWait)
+    : parts_(std::make_unique<Parts>()) {
   Parts& parts = *parts_;
   const std::string& path = parts.name = given.text();
   hxhost::RegularFile& file = parts.unlocked;
   requireOpen(hxhost::locateRegularFile(*parts.ops, path, file), path, file);
-  parts.held.emplace(parts.files.get(), decodeFilePath(path));
+  parts.held.emplace(parts.files.get(), decodeFilePath(path), lockWait);
   if (parts.held->isOpen()) return;
   parts.caveat = explainRefusal(*parts.held, path);
   parts.held.reset();

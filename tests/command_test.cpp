@@ -145,6 +145,14 @@ TEST_F(CommandTest, ListsMembersAndPrintsItems) {
       {"ls -lR x.st a", "         -  deep/\n        11  deep/item\n         3  x\n"},
       {"ls x.st /a/x", "a/x\n"},
       {"ls x.st /", "a/\nb\nc d\n"},
+      {"ls -lhr --sort size x.st", "         -  a/\n       1 B  b\n       3 B  c d\n"},
+      {"ls --color always x.st", "\x1b[1;34ma\x1b[0m/\nb\nc d\n"},
+      {"tree -d --ascii x.st",
+       "x.st  18\n`-- a/  14\n    `-- deep/  11\n\n2 stores, 4 items, 18 bytes\n"},
+      {"stat x.st a/x | sed -n '2p;/^all/p'",
+       "path         a/x\nall of it               4216 bytes  100.0 %\n"},
+      {"map x.st | tail -1",
+       "        4216            11          4085        64           184  a/deep\n"},
       {"ls -0 x.st a/", std::string("deep/\0x\0", 8)},
       {"ls --json x.st a",
        "{\"store\": \"x.st\", \"path\": \"a\", \"members\": [\n"
@@ -450,7 +458,7 @@ TEST_F(CommandTest, SaysTheSameOfItsOptionsEverywhere) {
   for (std::string command; words >> command;) {
     expectRun(0, "hxcrate " + command + " --help");
     EXPECT_NE(out_.find("\nExample:\n  hxcrate " + command), std::string::npos) << command;
-    const std::string options = findAll(out_, "\n  (-[0-9a-zA-Z]|--[a-z-]+) ");
+    const std::string options = findAll(out_, "\n  (-[0-9a-zA-Z]|--(?!help)[a-z-]+) ");
     EXPECT_EQ(findAll(cut(readme, "\n| `" + command + " "), "`(-[^`]+)`"), options);
     EXPECT_EQ(findAll(cut(synopsis, ".B hxcrate " + command + "\n", ".br"), " (-[^ \n]+)"),
               options);

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <optional>
+#include <string>
 
 #include "json.h"
 #include "output.h"
@@ -11,7 +12,7 @@ namespace tool {
 
 class Answer {
  public:
-  explicit Answer(bool asJson) {
+  explicit Answer(bool asJson, const std::string& colour = "auto") : output_(colour) {
     if (asJson) json_.emplace(output_);
   }
 

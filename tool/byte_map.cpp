@@ -22,7 +22,12 @@ ByteMap::ByteMap(InspectedStore& store)
       bytesPerCell_(chooseBytesPerCell(length_)),
       cells_(static_cast<std::size_t>((length_ + bytesPerCell_ - 1) / bytesPerCell_)),
       owned_(store.inspection().members().size()) {
-  store.inspection().walkPages({.onExtent = [this](const auto& extent) { add(extent); }});
+  FolderCosts costs(store.inspection());
+  store.inspection().walkPages({.onExtent = [&](const auto& extent) {
+    add(extent);
+    costs.add(extent);
+  }});
+  folders_ = costs.finish();
 }
 
 void ByteMap::add(const hxcrate::Extent& extent) {

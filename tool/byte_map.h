@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "folder_costs.h"
 #include "inspected_store.h"
 
 namespace tool {
@@ -36,6 +37,7 @@ class ByteMap {
   const KindBytes& totals() const { return totals_; }
   // The members that own most, the largest first.
   std::vector<MapOwner> findLargestOwners(std::size_t count) const;
+  const std::vector<FolderCost>& folders() const { return folders_; }
 
  private:
   void add(const hxcrate::Extent& extent);
@@ -45,6 +47,7 @@ class ByteMap {
   std::vector<MapCell> cells_;
   KindBytes totals_{};
   std::vector<std::int64_t> owned_;  // by member
+  std::vector<FolderCost> folders_;
 };
 
 // The kind that most bytes of a cell are of.

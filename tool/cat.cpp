@@ -19,13 +19,15 @@ namespace {
 struct CatOptions {
   std::string store;
   std::vector<std::string> paths;
+  std::int64_t wait = 0;  // seconds
   std::int64_t offset = 0;
   std::int64_t length = BytePump::kEverything;  // of each item
 };
 
 class Printer {
  public:
-  explicit Printer(const CatOptions& options) : options_(options) {}
+  explicit Printer(const CatOptions& options)
+      : options_(options), session_(waitingFor(options.wait)) {}
 
   // An item that can't be printed does not keep the others from it.
   ExitCode print() {
@@ -79,6 +81,7 @@ void addCat(CommandLine& line) {
   addMemberPaths(words, options->paths, "items, as a/b/c")->required();
   addCount(words, "--offset", options->offset, "begin at this byte of each item, from 0");
   addCount(words, "--length", options->length, "print at most so many bytes of each item");
+  addWait(words, options->wait);
 }
 
 }  // namespace tool

@@ -18,6 +18,7 @@ struct CheckOptions {
   std::string store;
   bool quick = false;  // header and directory, no item's pages
   bool asJson = false;
+  std::int64_t wait = 0;  // seconds
 };
 
 using hxcrate::Severity;
@@ -37,7 +38,8 @@ class Checker {
       json.writeFlag("quick", options_.quick);
       json.beginArray("findings");
     });
-    InspectedStore store(options_.store, [this](const hxcrate::Finding& found) { add(found); });
+    InspectedStore store(
+        options_.store, [this](const hxcrate::Finding& found) { add(found); }, {}, options_.wait);
     stores_ = store.count(hxcrate::MemberKind::store);
     items_ = store.count(hxcrate::MemberKind::item);
     if (!options_.quick) store.inspection().walkPages({.readSlack = true, .adoptMembers = true});
@@ -125,6 +127,7 @@ void addCheck(CommandLine& line) {
   addStore(words, options->store);
   words.add_flag("--quick", options->quick, "the directory only, not the items' pages");
   words.add_flag("--json", options->asJson, "as JSON");
+  addWait(words, options->wait);
 }
 
 }  // namespace tool

@@ -3,6 +3,7 @@
 #include <fmt/format.h>
 
 #include <charconv>
+#include <chrono>
 #include <exception>
 #include <limits>
 #include <new>
@@ -196,6 +197,21 @@ void addWait(CLI::App& words, std::int64_t& seconds) {
   words.add_option("--wait", seconds, "wait that long at most while somebody else has STORE open")
       ->transform(number(0, kMost))
       ->type_name("SECONDS");
+}
+
+hxcrate::SessionOptions waitingFor(std::int64_t seconds) {
+  return {.lockWait = std::chrono::seconds(seconds)};
+}
+
+void addColour(CLI::App& words, std::string& colour) {
+  const auto isKnown = [](const std::string& when) {
+    return when == "auto" || when == "always" || when == "never"
+               ? ""
+               : "auto, always or never, not " + when;
+  };
+  words.add_option("--color", colour, "use colours: auto, always or never")
+      ->check(CLI::Validator(isKnown, ""))
+      ->type_name("WHEN");
 }
 
 void addDryRun(CLI::App& words, bool& dryRun) {

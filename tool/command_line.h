@@ -5,6 +5,7 @@
 #include <functional>
 #include <string>
 
+#include "hxcrate/crate.hpp"
 #include "report.h"
 #include "selection.h"
 
@@ -49,8 +50,11 @@ void addPageSize(CLI::App& words, std::int32_t& pageSize, const char* meaning);
 void addEncoding(CLI::App& words, std::string& encoding, const char* meaning);
 // A number of bytes or things, called N.
 void addCount(CLI::App& words, const char* name, std::int64_t& count, const char* meaning);
-// How many seconds to wait for a store that somebody else has open.
+// How many seconds to wait for a store that somebody else has open, and a session that does.
 void addWait(CLI::App& words, std::int64_t& seconds);
+hxcrate::SessionOptions waitingFor(std::int64_t seconds);
+// When to use colours, as Output takes it.
+void addColour(CLI::App& words, std::string& colour);
 void addDryRun(CLI::App& words, bool& dryRun);
 // The globs of what is meant and what is not.
 void addSelection(CLI::App& words, SelectionOptions& selection);

@@ -7,22 +7,22 @@
 _hxcrate_options() {
   case $1 in
     pack) echo -T --null --no-recursion --include --exclude --include-from --exclude-from --skip --page-size --replace --in-memory --dry-run ;;
-    unpack) echo --overwrite --journals --max-entries --max-bytes --include --exclude --include-from --exclude-from --dry-run ;;
+    unpack) echo --overwrite --journals --max-entries --max-bytes --include --exclude --include-from --exclude-from --wait --dry-run ;;
     import) echo --attributes --skip --page-size --replace --dry-run ;;
     export) echo --format --no-attributes ;;
-    ls) echo -l -R -0 --json --include --exclude --include-from --exclude-from ;;
-    tree) echo --ascii ;;
-    cat) echo --offset --length ;;
+    ls) echo -l -h -R -r --sort -0 --json --include --exclude --include-from --exclude-from --color --wait ;;
+    tree) echo -d --ascii --color --wait ;;
+    cat) echo --offset --length --wait ;;
     mount) echo -f --foreground -d --debug --idle -o ;;
     put) echo -p --append --wait --dry-run ;;
     mkstore) echo -p --wait --dry-run ;;
-    copy) echo --page-size --encoding --include --exclude --include-from --exclude-from --max-bytes --dry-run ;;
+    copy) echo --page-size --encoding --include --exclude --include-from --exclude-from --max-bytes --wait --dry-run ;;
     sum) echo --check --include --exclude --include-from --exclude-from ;;
-    diff) echo --json --include --exclude --include-from --exclude-from ;;
-    stat) echo --json ;;
-    check) echo --quick --json ;;
-    map) echo --svg --json ;;
-    salvage) echo --encoding --page-size --max-bytes ;;
+    diff) echo --json --include --exclude --include-from --exclude-from --wait ;;
+    stat) echo --json --wait ;;
+    check) echo --quick --json --wait ;;
+    map) echo --svg --json --color --wait ;;
+    salvage) echo --encoding --page-size --max-bytes --wait ;;
   esac
 }
 
@@ -144,9 +144,11 @@ _hxcrate_find() {
     --svg | --check | --include-from | --exclude-from | -T) _hxcrate_files -f ;;
     --format) found=(tar zip cpio) ;;
     --encoding) found=(hxmok1/le/utf-8 hxmok1/be/utf-8) ;;
+    --sort) found=(name size none) ;;
+    --color) found=(auto always never) ;;
     -*) ;;
     unpack:1 | mount:[1-9]*) _hxcrate_files -d ;;
-    ls:1 | tree:1 | cat:[1-9]* | sum:[1-9]* | put:1 | mkstore:1 | unpack:[2-9]*) _hxcrate_members ;;
+    ls:1 | tree:1 | stat:1 | cat:[1-9]* | sum:[1-9]* | put:1 | mkstore:1 | unpack:[2-9]*) _hxcrate_members ;;
     *:0 | pack:* | import:1 | export:1 | copy:1 | diff:1 | salvage:1 | put:2) _hxcrate_files -f ;;
   esac
 }
@@ -166,7 +168,7 @@ _hxcrate() {
       case ${words[i]} in
         --) ended=1 ;;
         --page-size | --max-entries | --max-bytes | --offset | --length | --wait | --include | --exclude) ;&
-        --include-from | --exclude-from | -T | --encoding | --svg | --check | --format) option=${words[i]} ;;
+        --include-from | --exclude-from | -T | --encoding | --svg | --check | --format | --sort | --color) option=${words[i]} ;;
       esac
     fi
   done

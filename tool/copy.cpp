@@ -21,6 +21,7 @@ struct CopyOptions {
   std::string target;
   SelectionOptions selected;
   std::int64_t maxBytes = kUnlimited;
+  std::int64_t wait = 0;  // seconds
   bool dryRun = false;
   NewStore::Options made;
 };
@@ -80,7 +81,7 @@ ExitCode copy(const CopyOptions& options) {
   const CopiedFile source(options.store);
   NewStore::Options made = options.made;
   made.copyOf = &source.rights();
-  hxcrate::Session session;
+  hxcrate::Session session(waitingFor(options.wait));
   const Selection selection(options.selected);
   const auto members = [&] {
     return KeptMembers(selection, source.require(session.open(options.store)));
@@ -116,6 +117,7 @@ void addCopy(CommandLine& line) {
   addEncoding(words, options->made.encoding, "as a machine of this encoding would write it");
   addSelection(words, options->selected);
   addCount(words, "--max-bytes", options->maxBytes, "refuse to copy more bytes of items");
+  addWait(words, options->wait);
   addDryRun(words, options->dryRun);
 }
 

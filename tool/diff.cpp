@@ -26,6 +26,7 @@ struct DiffOptions {
   std::string second;
   SelectionOptions selected;
   bool asJson = false;
+  std::int64_t wait = 0;  // seconds
 };
 
 // One line a difference, or one element of a JSON array.
@@ -112,6 +113,7 @@ class Comparison {
  public:
   explicit Comparison(const DiffOptions& options)
       : selection_(options.selected),
+        session_(waitingFor(options.wait)),
         differences_(options),
         firstLimit_(options.first),
         secondLimit_(options.second) {
@@ -269,6 +271,7 @@ void addDiff(CommandLine& line) {
   addFile(words, "B", options->second, "another");
   words.add_flag("--json", options->asJson, "as JSON");
   addSelection(words, options->selected);
+  addWait(words, options->wait);
 }
 
 }  // namespace tool

@@ -1,14 +1,15 @@
 #include "inspected_store.h"
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace tool {
 
 InspectedStore::InspectedStore(const std::string& path,
                                std::function<void(const hxcrate::Finding&)> onFinding,
-                               const hxcrate::HeaderOverride& header)
-    : file_(path),
+                               const hxcrate::HeaderOverride& header, std::int64_t wait)
+    : file_(path, std::chrono::seconds(wait)),
       onFinding_(std::move(onFinding)),
       inspection_(
           file_, [this](const hxcrate::Finding& finding) { add(finding); }, header) {

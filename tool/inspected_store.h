@@ -14,10 +14,10 @@ namespace tool {
 class InspectedStore {
  public:
   // Reads header and directory. Says on standard error when the file can't be locked. `onFinding`
-  // may be empty. Throws hxcrate::Error.
+  // may be empty; `wait`: so many seconds for somebody who updates it. Throws hxcrate::Error.
   explicit InspectedStore(const std::string& path,
                           std::function<void(const hxcrate::Finding&)> onFinding = {},
-                          const hxcrate::HeaderOverride& header = {});
+                          const hxcrate::HeaderOverride& header = {}, std::int64_t wait = 0);
   InspectedStore(const InspectedStore&) = delete;
   InspectedStore& operator=(const InspectedStore&) = delete;
 

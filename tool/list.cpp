@@ -2,13 +2,18 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <string>
+#include <unordered_map>
+#include <vector>
 
 #include "answer.h"
 #include "command_line.h"
 #include "inspected_store.h"
+#include "progress.h"
 #include "store_walk.h"
 
 namespace tool {
@@ -20,10 +25,40 @@ struct ListOptions {
   std::string path;  // of a member; empty: the store itself
   SelectionOptions selected;
   bool withSizes = false;
+  bool roundSizes = false;
   bool recursive = false;
+  bool reverse = false;
   bool endWithNul = false;
+  std::string sort = "name";
   bool asJson = false;
+  std::string colour = "auto";
+  std::int64_t wait = 0;  // seconds
 };
+
+// What comes first is largest. A store has no size, and no more has what can't be read.
+void sortBySize(const hxcrate::Store& store, std::vector<hxcrate::Member>& members) {
+  std::unordered_map<std::string, std::int64_t> sizes;
+  for (const hxcrate::Member& member : members) {
+    const bool isItem = member.kind == hxcrate::MemberKind::item;
+    std::error_code unreadable;
+    if (isItem) sizes[member.name] = store.read(member.name, unreadable).size();
+    if (!isItem || unreadable) sizes[member.name] = -1;
+  }
+  std::stable_sort(members.begin(), members.end(),
+                   [&](const auto& a, const auto& b) { return sizes[a.name] > sizes[b.name]; });
+}
+
+std::vector<hxcrate::Member> listAsAsked(const hxcrate::Store& store, const ListOptions& options) {
+  std::vector<hxcrate::Member> members;
+  if (options.sort == "none") {
+    std::ranges::copy(store.members(), std::back_inserter(members));
+  } else {
+    members = listSorted(store);
+  }
+  if (options.sort == "size") sortBySize(store, members);
+  if (options.reverse) std::reverse(members.begin(), members.end());
+  return members;
+}
 
 // In text a nested store's name ends in "/".
 class Lister {
@@ -31,11 +66,11 @@ class Lister {
   explicit Lister(const ListOptions& options)
       : options_(options),
         selection_(options.selected),
-        answer_(options.asJson),
+        answer_(options.asJson, options.colour),
         sizes_(options.store) {}
 
   ExitCode list() {
-    hxcrate::Session session;
+    hxcrate::Session session(waitingFor(options_.wait));
     hxcrate::Store store = openWhatThereIs(session, options_.store, outcome_);
     std::optional<hxcrate::Store> start = openIfStore(store, options_.path);
     answer_.tellPrograms([&](JsonWriter& json) {
@@ -57,14 +92,16 @@ class Lister {
   void listStore(hxcrate::Store start) {
     const std::string outer = start.place();
     const std::size_t prefix = outer.empty() ? 0 : outer.size() + 1;
-    StoreWalk walk(std::move(start), &selection_);
+    StoreWalk walk(std::move(start), &selection_, [this](const hxcrate::Store& store) {
+      return listAsAsked(store, options_);
+    });
     for (auto event = walk.next(); event != StoreWalk::Event::end; event = walk.next()) {
       if (event == StoreWalk::Event::leave) continue;
       const std::string shown = walk.place().substr(prefix);
       if (event == StoreWalk::Event::item) {
         addItem(walk.container(), walk.name(), shown);
       } else {
-        answer_.tell([&](Output& text) { printLine(text, "-", shown + "/"); },
+        answer_.tell([&](Output& text) { printLine(text, "-", shown, true); },
                      [&](JsonWriter& json) { writeMember(json, shown, "store", std::nullopt); });
         if (options_.recursive) enterOrNote(walk, outcome_);
       }
@@ -74,13 +111,19 @@ class Lister {
   void addItem(const hxcrate::Store& store, const std::string& path, const std::string& shown) {
     std::optional<std::int64_t> size;
     if (options_.withSizes || options_.asJson) size = sizes_.sizeOrNote(store, path, outcome_);
-    answer_.tell([&](Output& text) { printLine(text, size ? fmt::to_string(*size) : "?", shown); },
+    answer_.tell([&](Output& text) { printLine(text, show(size), shown, false); },
                  [&](JsonWriter& json) { writeMember(json, shown, "item", size); });
   }
 
-  void printLine(Output& text, const std::string& size, const std::string& path) const {
+  std::string show(std::optional<std::int64_t> size) const {
+    if (!size) return "?";
+    return options_.roundSizes ? describeBytes(*size) : fmt::to_string(*size);
+  }
+
+  void printLine(Output& text, const std::string& size, const std::string& path,
+                 bool isStore) const {
     if (options_.withSizes) text.print("{:>10}  ", size);  // has room for the longest item's
-    text.writeName(path);
+    isStore ? text.writeStoreName(path) : text.writeName(path);
     text.write(options_.endWithNul ? std::string_view("\0", 1) : "\n");
   }
 
@@ -103,20 +146,33 @@ class Lister {
 }  // namespace
 
 void addLs(CommandLine& line) {
+  const auto isOrder = [](const std::string& order) {
+    return order == "name" || order == "size" || order == "none"
+               ? ""
+               : "name, size or none, not " + order;
+  };
   const auto options = std::make_shared<ListOptions>();
   CLI::App& words =
       line.add("ls", "List the members of STORE, or of the store PATH in it",
                "  hxcrate ls -lR docs.st\n"
                "  hxcrate ls --json docs.st guide",
                [options] { return seeLostMembers(options->store, Lister(*options).list()); });
+  words.set_help_flag("--help", "Print this help message and exit");
   addStore(words, options->store);
   addMemberPath(words, options->path, "a store or an item in it, as a/b/c");
   words.add_flag("-l", options->withSizes, "with the sizes of items, in bytes");
+  words.add_flag("-h", options->roundSizes, "sizes as 1.2 MB");
   words.add_flag("-R", options->recursive, "with all that nested stores hold");
+  words.add_flag("-r", options->reverse, "in reverse order");
+  words.add_option("--sort", options->sort, "by name, by size, or none: as they lie in the file")
+      ->check(CLI::Validator(isOrder, ""))
+      ->type_name("ORDER");
   CLI::Option* endWithNul =
       words.add_flag("-0", options->endWithNul, "end names with NUL instead of a new line");
   words.add_flag("--json", options->asJson, "as JSON, with sizes")->excludes(endWithNul);
   addSelection(words, options->selected);
+  addColour(words, options->colour);
+  addWait(words, options->wait);
 }
 
 }  // namespace tool

@@ -23,11 +23,14 @@ struct MapOptions {
   std::string store;
   std::string svg;  // a file to make, "-" for standard output; empty: text
   bool asJson = false;
+  std::string colour = "auto";
+  std::int64_t wait = 0;  // seconds
 };
 
 using hxcrate::ByteKind;
 
 constexpr std::size_t kOwnersShown = 10;
+constexpr std::size_t kFoldersShown = 20;
 
 struct Look {
   char letter;
@@ -53,6 +56,7 @@ class TextMap {
     printRows();
     printTotals();
     printOwners();
+    printFolders();
   }
 
  private:
@@ -64,13 +68,13 @@ class TextMap {
       const Look* last = nullptr;
       for (std::size_t i = start; i < end; ++i)
         printCell(cells[i], last);
-      output_.write(output_.isTerminal() ? "\x1b[0m\n" : "\n");
+      output_.write(output_.isColoured() ? "\x1b[0m\n" : "\n");
     }
   }
 
   void printCell(const MapCell& cell, const Look*& last) {
     const Look& look = kLooks[static_cast<std::size_t>(mainKindOf(cell))];
-    if (output_.isTerminal() && &look != last) output_.write(look.colour);
+    if (output_.isColoured() && &look != last) output_.write(look.colour);
     last = &look;
     output_.write(std::string(1, look.letter));
   }
@@ -80,7 +84,7 @@ class TextMap {
     for (std::size_t kind = 0; kind < hxcrate::kByteKinds; ++kind) {
       const Look& look = kLooks[kind];
       const std::string_view name = nameOf(static_cast<ByteKind>(kind));
-      const bool isColoured = output_.isTerminal();
+      const bool isColoured = output_.isColoured();
       output_.print("{:>12}  {}{}{}  {}", map_.totals()[kind], isColoured ? look.colour : "",
                     look.letter, isColoured ? "\x1b[0m" : "", name);
       output_.write(name == look.meaning ? "\n" : fmt::format(", {}\n", look.meaning));
@@ -99,17 +103,52 @@ class TextMap {
     }
   }
 
+  void printFolders() {
+    const std::vector<FolderCost>& folders = map_.folders();
+    if (folders.empty()) return;
+    output_.print("\nWhat the items of folders take, and would with pages of the best size:\n");
+    output_.print("{:>12}  {:>12}  {:>12}  {:>8}  {:>12}\n", "takes", "of it data", "room",
+                  "pages of", "would take");
+    const std::size_t shown = std::min(folders.size(), kFoldersShown);
+    for (const FolderCost& folder : std::span(folders).first(shown)) {
+      output_.print("{:>12}  {:>12}  {:>12}  {:>8}  {:>12}  {}\n", folder.takes, folder.data,
+                    folder.slack, folder.bestPageSize, folder.bestTakes,
+                    showPlace(store_.inspection().pathOf(folder.store)));
+    }
+    if (shown == folders.size()) return;
+    output_.print("and {}, which --json tells\n",
+                  countThings(static_cast<std::int64_t>(folders.size() - shown), "folder"));
+  }
+
   const InspectedStore& store_;
   const ByteMap& map_;
   Output& output_;
 };
 
+void writeFolders(const InspectedStore& store, FolderCosts& costs, JsonWriter& json) {
+  json.beginArray("folders");
+  for (const FolderCost& folder : costs.finish()) {
+    json.beginObject();
+    json.writeName("path", store.inspection().pathOf(folder.store));
+    json.writeNumber("items", folder.items);
+    json.writeNumber("takes", folder.takes);
+    json.writeNumber("data", folder.data);
+    json.writeNumber("slack", folder.slack);
+    json.writeNumber("bestPageSize", folder.bestPageSize);
+    json.writeNumber("bestTakes", folder.bestTakes);
+    json.endObject();
+  }
+  json.endArray();
+}
+
 void writeExtents(InspectedStore& store, JsonWriter& json) {
+  FolderCosts costs(store.inspection());
   json.writeName("store", store.file().name());
   json.beginArray("extents");
   KindBytes totals{};
   store.inspection().walkPages({.onExtent = [&](const hxcrate::Extent& extent) {
     totals[static_cast<std::size_t>(extent.kind)] += extent.length;
+    costs.add(extent);
     json.beginObject();
     json.writeText("kind", nameOf(extent.kind));
     json.writeNumber("offset", extent.offset);
@@ -120,6 +159,7 @@ void writeExtents(InspectedStore& store, JsonWriter& json) {
     json.endObject();
   }});
   json.endArray();
+  writeFolders(store, costs, json);
   json.beginObject("bytes");
   for (std::size_t kind = 0; kind < hxcrate::kByteKinds; ++kind)
     json.writeNumber(nameOf(static_cast<ByteKind>(kind)), totals[kind]);
@@ -147,11 +187,11 @@ void writePicture(const MapOptions& options, const std::string& picture) {
 // Prints or draws the map; of a damaged store of what can be reached, with a complaint and
 // ExitCode::damaged. Throws Failure or hxcrate::Error.
 ExitCode map(const MapOptions& options) {
-  InspectedStore store(options.store);
+  InspectedStore store(options.store, {}, {}, options.wait);
   if (!options.svg.empty()) {
     writePicture(options, drawMap(store, ByteMap(store)));
   } else {
-    Answer answer(options.asJson);
+    Answer answer(options.asJson, options.colour);
     answer.tell([&](Output& text) { TextMap(store, ByteMap(store), text).print(); },
                 [&](JsonWriter& json) { writeExtents(store, json); });
     answer.finish();
@@ -173,6 +213,8 @@ void addMap(CommandLine& line) {
       words.add_option("--svg", options->svg, "draw it into the new file FILE; -: standard output");
   svg->type_name("FILE");
   words.add_flag("--json", options->asJson, "as JSON")->excludes(svg);
+  addColour(words, options->colour);
+  addWait(words, options->wait);
 }
 
 }  // namespace tool

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdlib>
 
 #include "interruption.h"
 #include "progress.h"
@@ -14,9 +15,19 @@ namespace {
 
 constexpr std::size_t kBufferSize = 65536;
 
+constexpr const char* kStoreColour = "\x1b[1;34m";  // as ls shows a directory
+constexpr const char* kNoColour = "\x1b[0m";
+
+bool wantsColour() {
+  const char* refused = std::getenv("NO_COLOR");  // NOLINT(concurrency-mt-unsafe): nobody sets it
+  return refused == nullptr || *refused == '\0';
+}
+
 }  // namespace
 
-Output::Output() : isTerminal_(::isatty(STDOUT_FILENO) == 1) {}
+Output::Output(const std::string& colour)
+    : isTerminal_(::isatty(STDOUT_FILENO) == 1),
+      isColoured_(colour == "always" || (colour == "auto" && isTerminal_ && wantsColour())) {}
 
 void Output::write(std::span<const std::byte> bytes) {
   if (buffer_.size() + bytes.size() > kBufferSize) finish();
@@ -26,6 +37,13 @@ void Output::write(std::span<const std::byte> bytes) {
 
 void Output::writeName(std::string_view name) {
   isTerminal_ ? write(escape(name)) : write(name);
+}
+
+void Output::writeStoreName(std::string_view name) {
+  if (isColoured_) write(kStoreColour);
+  writeName(name);
+  if (isColoured_) write(kNoColour);
+  write("/");
 }
 
 void Output::finish() {

@@ -14,7 +14,8 @@ namespace tool {
 // Buffers what is written. Every failure ends the command, so `finish` has to be called.
 class Output {
  public:
-  Output();
+  // In colours on a terminal, if the user has not set NO_COLOR ("auto"), "always" or "never".
+  explicit Output(const std::string& colour = "auto");
 
   void write(std::span<const std::byte> bytes);
   void write(std::string_view text) { write(std::as_bytes(std::span(text))); }
@@ -28,7 +29,11 @@ class Output {
   // A name: as it is for a program, escaped for a terminal.
   void writeName(std::string_view name);
 
+  // The name of a store, with a slash behind it.
+  void writeStoreName(std::string_view name);
+
   bool isTerminal() const { return isTerminal_; }
+  bool isColoured() const { return isColoured_; }
 
   void finish();
 
@@ -37,6 +42,7 @@ class Output {
 
   std::string buffer_;
   bool isTerminal_;
+  bool isColoured_;
 };
 
 }  // namespace tool

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -31,7 +30,6 @@ struct PutOptions {
   std::int64_t wait = 0;  // seconds
   bool dryRun = false;
 
-  hxcrate::SessionOptions session() const { return {.lockWait = std::chrono::seconds(wait)}; }
   hxcrate::Parents parents() const {
     return withParents ? hxcrate::Parents::create : hxcrate::Parents::mustExist;
   }
@@ -106,7 +104,7 @@ void rehearse(const PutOptions& options, std::int64_t bytes, const Change& make)
   const std::optional<off_t> size = sizeOf(options.store);
   size ? requireUpdatable(options.store) : refuseUnmakable(options.store);
   requireRoom(openFolderOf(options.store), bytes, options.store);
-  hxcrate::Session session(options.session());
+  hxcrate::Session session(waitingFor(options.wait));
   hxcrate::Store store = size.value_or(0) == 0 ? session.createInMemory(options.store)
                                                : session.open(options.store, hxcrate::Mode::update);
   try {
@@ -119,7 +117,7 @@ void rehearse(const PutOptions& options, std::int64_t bytes, const Change& make)
 }
 
 void updateStore(const PutOptions& options, const Change& fill) {
-  hxcrate::Session session(options.session());
+  hxcrate::Session session(waitingFor(options.wait));
   hxcrate::Store store = session.open(options.store, hxcrate::Mode::openOrCreate);
   fill(store);  // what it throws undoes the update
   store.close();

@@ -27,6 +27,7 @@ struct SalvageOptions {
   std::string encoding;       // of the damaged one, when its header does not tell; empty: it does
   std::int32_t pageSize = 0;  // the same, in bytes; 0: it does
   std::int64_t maxBytes = kUnlimited;  // of items
+  std::int64_t wait = 0;               // seconds
 };
 
 constexpr std::size_t kTransferSize = 256 * 1024;
@@ -234,7 +235,7 @@ ExitCode salvage(const SalvageOptions& options) {
   const hxcrate::HeaderOverride header{options.encoding, options.pageSize};
   try {
     const CopiedFile copied(options.store);
-    InspectedStore source(options.store, tell, header);
+    InspectedStore source(options.store, tell, header, options.wait);
     copied.requireIn(source.file());
     return rebuild(source, options, header, copied, output);
   } catch (const hxcrate::Error& error) {
@@ -263,6 +264,7 @@ void addSalvage(CommandLine& line) {
   addEncoding(words, options->encoding, "its encoding, if its header does not tell");
   addPageSize(words, options->pageSize, "bytes of a page, if its header does not tell");
   addCount(words, "--max-bytes", options->maxBytes, "refuse to save more bytes of items");
+  addWait(words, options->wait);
 }
 
 }  // namespace tool

@@ -7,6 +7,8 @@
 #include <memory>
 #include <numeric>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "answer.h"
 #include "command_line.h"
@@ -19,7 +21,9 @@ namespace {
 
 struct StatOptions {
   std::string store;
+  std::string path;  // of a member; empty: all of the file
   bool asJson = false;
+  std::int64_t wait = 0;  // seconds
 };
 
 using hxcrate::ByteKind;
@@ -28,22 +32,73 @@ using hxcrate::InspectedMember;
 constexpr ByteKind kKinds[] = {ByteKind::data,  ByteKind::entry,       ByteKind::chunk,
                                ByteKind::slack, ByteKind::unreachable, ByteKind::header};
 
+// What is counted: a member with all that it holds.
+class Part {
+ public:
+  // Throws a Failure when there is no such member.
+  Part(const InspectedStore& store, const std::string& path)
+      : isAll_(path.empty()), isIn_(store.inspection().members().size(), path.empty()) {
+    const std::vector<InspectedMember>& members = store.inspection().members();
+    if (isAll_) return;
+    top_ = find(members, path);
+    if (top_ == 0) throw Failure(ExitCode::notOpenable, store.file().name(), path, "not found");
+    for (std::size_t i = top_; i < members.size(); ++i)
+      isIn_[i] = i == top_ || isIn_[members[i].container];
+  }
+
+  bool isAll() const { return isAll_; }
+  std::size_t top() const { return top_; }
+  bool has(std::size_t member) const {
+    return member == hxcrate::kNoMember ? isAll_ : isIn_[member];
+  }
+
+ private:
+  // A store comes before what is in it, so one walk finds the whole path. 0: nothing.
+  static std::size_t find(const std::vector<InspectedMember>& members, std::string_view path) {
+    std::size_t found = 0;
+    for (std::size_t i = 1; i < members.size(); ++i) {
+      const std::size_t end = std::min(path.find('/'), path.size());
+      if (members[i].container != found || members[i].name != path.substr(0, end)) continue;
+      if (end == path.size()) return i;
+      found = i;
+      path.remove_prefix(end + 1);
+    }
+    return 0;
+  }
+
+  bool isAll_;
+  std::size_t top_ = 0;
+  std::vector<bool> isIn_;
+};
+
 struct Numbers {
   std::array<std::int64_t, hxcrate::kByteKinds> bytes{};
   std::size_t largest = hxcrate::kNoMember;  // item
+  std::int64_t stores = 0;
+  std::int64_t items = 0;
+  std::int64_t depth = 0;  // of stores
 
   std::int64_t of(ByteKind kind) const { return bytes[static_cast<std::size_t>(kind)]; }
   std::int64_t file() const { return std::accumulate(bytes.begin(), bytes.end(), std::int64_t{0}); }
 };
 
-Numbers measure(InspectedStore& store) {
+Numbers measure(InspectedStore& store, const Part& part) {
   Numbers numbers;
   store.inspection().walkPages({.onExtent = [&](const hxcrate::Extent& extent) {
-    numbers.bytes[static_cast<std::size_t>(extent.kind)] += extent.length;
+    if (part.has(extent.member))
+      numbers.bytes[static_cast<std::size_t>(extent.kind)] += extent.length;
   }});
   const std::vector<InspectedMember>& members = store.inspection().members();
+  std::vector<std::int64_t> depths(members.size());
   for (std::size_t i = 0; i < members.size(); ++i) {
-    if (members[i].kind != hxcrate::MemberKind::item) continue;
+    if (!part.has(i)) continue;
+    if (members[i].kind == hxcrate::MemberKind::store) {
+      ++numbers.stores;
+      depths[i] = i == part.top() ? 1 : depths[members[i].container] + 1;
+      numbers.depth = std::max(numbers.depth, depths[i]);
+      continue;
+    }
+    ++numbers.items;
     const bool isFirst = numbers.largest == hxcrate::kNoMember;
     if (isFirst || members[i].size > members[numbers.largest].size) numbers.largest = i;
   }
@@ -68,46 +123,48 @@ void printLine(Output& text, std::string_view label, std::string_view value) {
   text.print("{:<13}{}\n", label, value);
 }
 
-void tellMembers(const InspectedStore& store, const Numbers& numbers, Answer& answer) {
+void tellMembers(const InspectedStore& store, const std::string& path, const Numbers& numbers,
+                 Answer& answer) {
   const hxcrate::Inspection& inspection = store.inspection();
-  const std::int64_t stores = store.count(hxcrate::MemberKind::store);
-  const std::int64_t items = store.count(hxcrate::MemberKind::item);
   const std::int32_t copied = pageSizeOfCopy(store);
   answer.tell(
       [&](Output& text) {
         printLine(text, "name", escape(nameOfTop(store)));
+        if (!path.empty()) printLine(text, "path", escape(path));
         printLine(text, "encoding", escape(inspection.encoding()));
         printLine(text, "page size",
                   fmt::format("{}; a copy would choose {}", inspection.pageSize(), copied));
-        printLine(text, "stores", fmt::format("{}, at most {} deep", stores, inspection.depth()));
-        printLine(text, "items", fmt::to_string(items));
+        printLine(text, "stores",
+                  fmt::format("{}, at most {} deep", numbers.stores, numbers.depth));
+        printLine(text, "items", fmt::to_string(numbers.items));
       },
       [&](JsonWriter& json) {
         json.writeName("store", store.file().name());
+        json.writeName("path", path);
         json.writeName("name", nameOfTop(store));
         json.writeText("encoding", inspection.encoding());
         json.writeNumber("pageSize", inspection.pageSize());
         json.writeNumber("pageSizeOfCopy", copied);
-        json.writeNumber("stores", stores);
-        json.writeNumber("items", items);
-        json.writeNumber("depth", static_cast<std::int64_t>(inspection.depth()));
+        json.writeNumber("stores", numbers.stores);
+        json.writeNumber("items", numbers.items);
+        json.writeNumber("depth", numbers.depth);
       });
   if (numbers.largest == hxcrate::kNoMember) return;
-  const std::string path = inspection.pathOf(numbers.largest);
+  const std::string largest = inspection.pathOf(numbers.largest);
   const std::int64_t size = inspection.members()[numbers.largest].size;
   answer.tell(
       [&](Output& text) {
-        printLine(text, "largest", fmt::format("{}, {} bytes", escape(path), size));
+        printLine(text, "largest", fmt::format("{}, {} bytes", escape(largest), size));
       },
       [&](JsonWriter& json) {
         json.beginObject("largest");
-        json.writeName("path", path);
+        json.writeName("path", largest);
         json.writeNumber("size", size);
         json.endObject();
       });
 }
 
-void printBytes(Output& text, const Numbers& numbers) {
+void printBytes(Output& text, const Numbers& numbers, bool isAll) {
   const auto print = [&](std::string_view label, std::int64_t bytes, const char* meaning) {
     const double percent = 100.0 * static_cast<double>(bytes) / static_cast<double>(numbers.file());
     printLine(text, label, fmt::format("{:>14} bytes  {:5.1f} %{}", bytes, percent, meaning));
@@ -120,12 +177,13 @@ void printBytes(Output& text, const Numbers& numbers) {
                                        ""};
   for (std::size_t i = 0; i < std::size(kKinds); ++i)
     print(nameOf(kKinds[i]), numbers.of(kKinds[i]), kMeanings[i]);
-  print("file", numbers.file(), "");
+  print(isAll ? "file" : "all of it", numbers.file(), "");
   print("overhead", numbers.file() - numbers.of(ByteKind::data), "  all but data");
 }
 
-void tellBytes(const InspectedStore& store, const Numbers& numbers, Answer& answer) {
-  answer.tell([&](Output& text) { printBytes(text, numbers); },
+void tellBytes(const InspectedStore& store, const std::string& path, const Numbers& numbers,
+               Answer& answer) {
+  answer.tell([&](Output& text) { printBytes(text, numbers, path.empty()); },
               [&](JsonWriter& json) {
                 json.beginObject("bytes");
                 for (std::size_t kind = 0; kind < hxcrate::kByteKinds; ++kind)
@@ -140,11 +198,11 @@ void tellBytes(const InspectedStore& store, const Numbers& numbers, Answer& answ
 // Prints the numbers; of a damaged store those of what can be reached, with a complaint and
 // ExitCode::damaged. Throws Failure or hxcrate::Error.
 ExitCode statStore(const StatOptions& options) {
-  InspectedStore store(options.store);
-  const Numbers numbers = measure(store);
+  InspectedStore store(options.store, {}, {}, options.wait);
+  const Numbers numbers = measure(store, Part(store, options.path));
   Answer answer(options.asJson);
-  tellMembers(store, numbers, answer);
-  tellBytes(store, numbers, answer);
+  tellMembers(store, options.path, numbers, answer);
+  tellBytes(store, options.path, numbers, answer);
   answer.finish();
   store.complainOfDamage();
   return store.outcome();
@@ -154,12 +212,15 @@ ExitCode statStore(const StatOptions& options) {
 
 void addStat(CommandLine& line) {
   const auto options = std::make_shared<StatOptions>();
-  CLI::App& words = line.add("stat", "Count what is in STORE, and what its bytes are spent on",
-                             "  hxcrate stat docs.st\n"
-                             "  hxcrate stat --json docs.st",
-                             [options] { return statStore(*options); });
+  CLI::App& words =
+      line.add("stat", "Count what is in STORE, or in PATH of it, and what its bytes are spent on",
+               "  hxcrate stat docs.st guide\n"
+               "  hxcrate stat --json docs.st",
+               [options] { return statStore(*options); });
   addStore(words, options->store);
+  addMemberPath(words, options->path, "a store or an item in it, as a/b/c");
   words.add_flag("--json", options->asJson, "as JSON");
+  addWait(words, options->wait);
 }
 
 }  // namespace tool

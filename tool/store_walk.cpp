@@ -14,8 +14,8 @@ std::vector<hxcrate::Member> listSorted(const hxcrate::Store& store) {
   return members;
 }
 
-StoreWalk::StoreWalk(hxcrate::Store start, const Selection* selection)
-    : place_(start.place()), selection_(selection) {
+StoreWalk::StoreWalk(hxcrate::Store start, const Selection* selection, ListMembers list)
+    : place_(start.place()), selection_(selection), list_(std::move(list)) {
   push(std::move(start));
   if (selection_ != nullptr && selection_->isEverything()) selection_ = nullptr;
   if (selection_ != nullptr) findWays();
@@ -89,7 +89,7 @@ StoreWalk::Event StoreWalk::step() {
 }
 
 void StoreWalk::push(hxcrate::Store store) {
-  std::vector<hxcrate::Member> members = listSorted(store);
+  std::vector<hxcrate::Member> members = list_(store);
   levels_.push_back({std::move(store), std::move(members), place_.size()});
 }
 

@@ -2,8 +2,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "hxcrate/crate.hpp"
@@ -15,6 +17,8 @@ namespace tool {
 
 // By the bytes of the names.
 std::vector<hxcrate::Member> listSorted(const hxcrate::Store& store);
+// Lists the members of a store that are to be walked, in some order.
+using ListMembers = std::function<std::vector<hxcrate::Member>(const hxcrate::Store&)>;
 
 class StoreWalk {
  public:
@@ -22,7 +26,8 @@ class StoreWalk {
 
   // `start` is any store; the walk ends when it is through with it. With a selection, which
   // outlives it, it gives only what is meant, and the stores on the way to that.
-  explicit StoreWalk(hxcrate::Store start, const Selection* selection = nullptr);
+  explicit StoreWalk(hxcrate::Store start, const Selection* selection = nullptr,
+                     ListMembers list = listSorted);
 
   // Goes on to the next member, or out of a store that was entered and is done.
   Event next();
@@ -66,6 +71,7 @@ class StoreWalk {
   std::vector<Level> levels_;
   std::string place_;
   const Selection* selection_;
+  ListMembers list_;
   std::vector<Way> ways_;
   std::optional<std::size_t> way_;  // the member that `next` gave last is one
   std::size_t nextWay_ = 0;

@@ -36,6 +36,7 @@ struct UnpackOptions {
   std::int64_t maxBytes = kUnlimited;
   bool overwrite = false;
   bool withJournals = false;
+  std::int64_t wait = 0;  // seconds
   bool dryRun = false;
 };
 
@@ -308,7 +309,7 @@ void measure(const UnpackOptions& options, const Selection& selection, hxcrate::
 
 ExitCode unpack(UnpackOptions& options) {
   ExitCode outcome = ExitCode::fine;
-  hxcrate::Session session;
+  hxcrate::Session session(waitingFor(options.wait));
   hxcrate::Store store = openWhatThereIs(session, options.store, outcome);
   // "/" is the store as a whole.
   if (std::count(options.paths.begin(), options.paths.end(), "") > 0) options.paths.clear();
@@ -342,6 +343,7 @@ void addUnpack(CommandLine& line) {
   addCount(words, "--max-entries", options->maxEntries, "stop before more files and directories");
   addCount(words, "--max-bytes", options->maxBytes, "stop before more bytes in files");
   addSelection(words, options->selected);
+  addWait(words, options->wait);
   addDryRun(words, options->dryRun);
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -60,8 +61,8 @@ class ByteView final : public ByteSource {
 // lock: reads then give fewer or other bytes.
 class InspectedFile final : public ByteSource {
  public:
-  // Throws notFound, fileNotOpen, and storeInUse when somebody updates it.
-  explicit InspectedFile(const FilePath& path);
+  // Throws notFound, fileNotOpen, and storeInUse when somebody still updates it after that wait.
+  explicit InspectedFile(const FilePath& path, std::chrono::milliseconds lockWait = {});
   ~InspectedFile() override;
 
   std::int64_t length() const override;
