@@ -150,9 +150,9 @@ TEST_F(CommandTest, ListsMembersAndPrintsItems) {
       {"tree -d --ascii x.st",
        "x.st  18\n`-- a/  14\n    `-- deep/  11\n\n2 stores, 4 items, 18 bytes\n"},
       {"stat x.st a/x | sed -n '2p;/^all/p'",
-       "path         a/x\nall of it               4216 bytes  100.0 %\n"},
+       "path         a/x\nall of it              1144 bytes  100.0 %\n"},
       {"map x.st | tail -1",
-       "        4216            11          4085        64           184  a/deep\n"},
+       "        1144            11          1013        64           184  a/deep\n"},
       {"ls -0 x.st a/", std::string("deep/\0x\0", 8)},
       {"ls --json x.st a",
        "{\"store\": \"x.st\", \"path\": \"a\", \"members\": [\n"

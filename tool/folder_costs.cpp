@@ -44,6 +44,10 @@ std::vector<FolderCost> FolderCosts::finish() {
     cost.items = forecast.items();
     cost.bestPageSize = forecast.bestPageSize(false);
     cost.bestTakes = itemSpace(forecast, cost.bestPageSize);
+    if (cost.takes <= cost.bestTakes && inspection_.pageSize() > 0) {
+      cost.bestPageSize = inspection_.pageSize();  // smaller pages than anybody would choose
+      cost.bestTakes = cost.takes;
+    }
     folders.push_back(cost);
   }
   std::stable_sort(folders.begin(), folders.end(),

@@ -36,26 +36,26 @@ struct ListOptions {
 };
 
 // What comes first is largest. A store has no size, and no more has what can't be read.
-void sortBySize(const hxcrate::Store& store, std::vector<hxcrate::Member>& members) {
+void sortBySize(const hxcrate::Store& store, ItemSizes& known,
+                std::vector<hxcrate::Member>& members) {
   std::unordered_map<std::string, std::int64_t> sizes;
   for (const hxcrate::Member& member : members) {
     const bool isItem = member.kind == hxcrate::MemberKind::item;
-    std::error_code unreadable;
-    if (isItem) sizes[member.name] = store.read(member.name, unreadable).size();
-    if (!isItem || unreadable) sizes[member.name] = -1;
+    sizes[member.name] = isItem ? known.sizeIfReadable(store, member.name).value_or(-1) : -1;
   }
   std::stable_sort(members.begin(), members.end(),
                    [&](const auto& a, const auto& b) { return sizes[a.name] > sizes[b.name]; });
 }
 
-std::vector<hxcrate::Member> listAsAsked(const hxcrate::Store& store, const ListOptions& options) {
+std::vector<hxcrate::Member> listAsAsked(const hxcrate::Store& store, const ListOptions& options,
+                                         ItemSizes& known) {
   std::vector<hxcrate::Member> members;
   if (options.sort == "none") {
     std::ranges::copy(store.members(), std::back_inserter(members));
   } else {
     members = listSorted(store);
   }
-  if (options.sort == "size") sortBySize(store, members);
+  if (options.sort == "size") sortBySize(store, known, members);
   if (options.reverse) std::reverse(members.begin(), members.end());
   return members;
 }
@@ -93,7 +93,7 @@ class Lister {
     const std::string outer = start.place();
     const std::size_t prefix = outer.empty() ? 0 : outer.size() + 1;
     StoreWalk walk(std::move(start), &selection_, [this](const hxcrate::Store& store) {
-      return listAsAsked(store, options_);
+      return listAsAsked(store, options_, sortedSizes_);
     });
     for (auto event = walk.next(); event != StoreWalk::Event::end; event = walk.next()) {
       if (event == StoreWalk::Event::leave) continue;
@@ -140,6 +140,7 @@ class Lister {
   const Selection selection_;
   Answer answer_;
   ItemSizes sizes_;
+  ItemSizes sortedSizes_{options_.store, 2};  // a selection makes the walk twice
   ExitCode outcome_ = ExitCode::fine;
 };
 

@@ -128,9 +128,7 @@ std::optional<std::int64_t> ItemSizes::sizeOrNote(const hxcrate::Store& store,
                                                   const std::string& path, ExitCode& outcome) {
   if (isOver_) return std::nullopt;
   try {
-    const std::int64_t size = store.read(path).size();
-    limit_.require(bytes_ += size);
-    return size;
+    return sizeOf(store, path);
   } catch (const hxcrate::Error& error) {
     complain(error);
   } catch (const Failure& failure) {
@@ -139,6 +137,25 @@ std::optional<std::int64_t> ItemSizes::sizeOrNote(const hxcrate::Store& store,
   }
   outcome = worse(outcome, ExitCode::damaged);
   return std::nullopt;
+}
+
+std::optional<std::int64_t> ItemSizes::sizeIfReadable(const hxcrate::Store& store,
+                                                      const std::string& path) {
+  if (isOver_) return std::nullopt;
+  try {
+    return sizeOf(store, path);
+  } catch (const hxcrate::Error&) {
+    return std::nullopt;
+  } catch (const Failure&) {
+    isOver_ = true;
+    return std::nullopt;
+  }
+}
+
+std::int64_t ItemSizes::sizeOf(const hxcrate::Store& store, const std::string& path) {
+  const std::int64_t size = store.read(path).size();
+  limit_.require((bytes_ += size) / times_);
+  return size;
 }
 
 hxcrate::Store openWhatThereIs(hxcrate::Session& session, const std::string& path,

@@ -108,14 +108,21 @@ bool enterOrNote(StoreWalk& walk, ExitCode& outcome);
 // The sizes of items of one file.
 class ItemSizes {
  public:
-  explicit ItemSizes(const std::string& store) : limit_(store) {}
+  // Each item is asked for so often at most.
+  explicit ItemSizes(const std::string& store, std::int64_t times = 1)
+      : limit_(store), times_(times) {}
 
   // Nothing when it can't be read, which is noted as above, and behind items that share pages.
   std::optional<std::int64_t> sizeOrNote(const hxcrate::Store& store, const std::string& path,
                                          ExitCode& outcome);
+  // The same in silence.
+  std::optional<std::int64_t> sizeIfReadable(const hxcrate::Store& store, const std::string& path);
 
  private:
+  std::int64_t sizeOf(const hxcrate::Store& store, const std::string& path);
+
   const OwnBytes limit_;
+  const std::int64_t times_;
   std::int64_t bytes_ = 0;
   bool isOver_ = false;
 };
