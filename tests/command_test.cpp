@@ -341,6 +341,14 @@ TEST_F(CommandTest, TellsHowStoresDiffer) {
       1, "hxcrate diff a.st b.st",
       "kind differs: kind: an item and a store\ncontents differ: late: at byte 300000\n"
       "contents differ: longer: at byte 2\nonly in a.st: only-a/\nonly in b.st: only-b/\n");
+  expectRun(0,
+            "hxcrate diff a.st a; hxcrate diff --exclude only-b b b.st; ln -s x a/link; rm a/late");
+  expectPrinted(1, "ln -s late a/late; mkfifo a/pipe; hxcrate diff a.st a",
+                "kind differs: late: an item and no regular file\nonly in a: link\n"
+                "only in a: pipe\n");
+  expectPrinted(1, "hxcrate diff --include '*/x' a b.st",
+                "only in b.st: kind/x\nonly in a: only-a/x\n"
+                "only in b.st: only-b/x\n");
 }
 
 TEST_F(CommandTest, AnswersWithTheRightExitCode) {

@@ -1,6 +1,8 @@
-// hxcrate diff: how the contents of two stores differ.
+// hxcrate diff: how the contents of two stores, or of a store and a folder, differ.
 
 #include <fmt/format.h>
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <exception>
@@ -12,12 +14,15 @@
 
 #include "answer.h"
 #include "command_line.h"
+#include "compared_tree.h"
 #include "inspected_store.h"
-#include "store_walk.h"
+#include "progress.h"
 
 namespace tool {
 
 namespace {
+
+using Kind = ComparedMember::Kind;
 
 constexpr std::size_t kBufferSize = 256 * 1024;
 
@@ -40,14 +45,13 @@ class Differences {
     });
   }
 
-  void addOnlyIn(bool isFirst, const std::string& place, bool isStore) {
-    const std::string& store = isFirst ? options_.first : options_.second;
-    add(isFirst ? "onlyInFirst" : "onlyInSecond", "only in " + escape(store), place,
-        isStore ? "/" : "");
+  void addOnlyIn(bool isFirst, const std::string& place, bool isContainer) {
+    const std::string& tree = isFirst ? options_.first : options_.second;
+    add(isFirst ? "onlyInFirst" : "onlyInSecond", "only in " + escape(tree), place,
+        isContainer ? "/" : "");
   }
-  void addKind(const std::string& place, bool isFirstStore) {
-    add("kind", "kind differs", place,
-        isFirstStore ? ": a store and an item" : ": an item and a store");
+  void addKind(const std::string& place, const char* first, const char* second) {
+    add("kind", "kind differs", place, fmt::format(": {} and {}", first, second));
   }
   void addContents(const std::string& place, std::int64_t offset) {
     add("contents", "contents differ", place, fmt::format(": at byte {}", offset), offset);
@@ -83,29 +87,13 @@ class Differences {
   bool any_ = false;
 };
 
-bool isStore(const hxcrate::Member& member) {
-  return member.kind == hxcrate::MemberKind::store;
-}
-
-// Of the store that lies at `place`.
-std::vector<hxcrate::Member> listMeant(const hxcrate::Store& store, const std::string& place,
-                                       const Selection& selection) {
-  std::vector<hxcrate::Member> members = listSorted(store);
-  if (selection.isEverything()) return members;
-  std::erase_if(members, [&](const hxcrate::Member& member) {
-    const std::string path = place.empty() ? member.name : place + "/" + member.name;
-    return selection.judge(path, isStore(member)) == Selection::Verdict::no;
-  });
-  return members;
-}
-
-// The members of a store on one side, as far as they are not compared yet.
+// The members of a container on one side, as far as they are not compared yet.
 struct Side {
-  hxcrate::Store store;
-  std::vector<hxcrate::Member> members;
+  std::vector<ComparedMember> members = {};
   std::size_t next = 0;
+  bool isThere = false;  // the other side may have a container that this one has not
 
-  const hxcrate::Member* member() const { return next < members.size() ? &members[next] : nullptr; }
+  const ComparedMember* member() const { return next < members.size() ? &members[next] : nullptr; }
 };
 
 // Goes through two trees side by side; depth costs heap, not stack.
@@ -115,19 +103,18 @@ class Comparison {
       : selection_(options.selected),
         session_(waitingFor(options.wait)),
         differences_(options),
-        firstLimit_(options.first),
-        secondLimit_(options.second) {
-    hxcrate::Store first = openWhatThereIs(session_, options.first, outcome_);
-    hxcrate::Store second = openWhatThereIs(session_, options.second, outcome_);
-    descend(std::move(first), std::move(second), "");
+        first_(openTree(session_, options.first, outcome_)),
+        second_(openTree(session_, options.second, outcome_)),
+        progress_("comparing", ::isatty(STDOUT_FILENO) == 0) {
+    levels_.push_back({listMeant(*first_, ""), listMeant(*second_, ""), 0});
   }
 
   ExitCode compare() {
     while (!levels_.empty()) {
-      const hxcrate::Member* first = levels_.back().first.member();
-      const hxcrate::Member* second = levels_.back().second.member();
+      const ComparedMember* first = levels_.back().first.member();
+      const ComparedMember* second = levels_.back().second.member();
       if (first == nullptr && second == nullptr) {
-        levels_.pop_back();
+        ascend();
       } else if (second == nullptr || (first != nullptr && first->name < second->name)) {
         passOver(levels_.back().first, true);
       } else if (first == nullptr || second->name < first->name) {
@@ -144,99 +131,135 @@ class Comparison {
   struct Level {
     Side first;
     Side second;
-    std::size_t placeLength;  // of the stores'
+    std::size_t placeLength;  // of the containers'
   };
 
-  // Of the next member of a side. The stores' own is kept once for all levels.
-  const std::string& placeOf(const Side& side) {
+  // Of a member of the innermost containers. Theirs is kept once for all levels.
+  const std::string& placeOf(const ComparedMember& member) {
     place_.resize(levels_.back().placeLength);
     if (!place_.empty()) place_ += '/';
-    return place_ += side.member()->name;
+    return place_ += member.name;
   }
 
-  void descend(hxcrate::Store first, hxcrate::Store second, const std::string& place) {
-    std::vector<hxcrate::Member> ofFirst = listMeant(first, place, selection_);
-    std::vector<hxcrate::Member> ofSecond = listMeant(second, place, selection_);
-    levels_.push_back({Side{std::move(first), std::move(ofFirst)},
-                       Side{std::move(second), std::move(ofSecond)}, place.size()});
+  Selection::Verdict judge(const std::string& place, const ComparedMember& member) const {
+    return selection_.judge(place, member.kind == Kind::container);
   }
 
-  // Of a store that is not meant itself, what is.
-  void passOver(Side& side, bool isFirst) {
-    const std::string& place = placeOf(side);
-    const hxcrate::Member member = side.members[side.next++];
-    if (selection_.judge(place, isStore(member)) == Selection::Verdict::yes) {
-      return differences_.addOnlyIn(isFirst, place, isStore(member));
-    }
+  // Of the container that the tree is at, which lies at `place`.
+  Side listMeant(ComparedTree& tree, const std::string& place) {
+    Side side{tree.list(), 0, true};
+    if (selection_.isEverything()) return side;
+    std::erase_if(side.members, [&](const ComparedMember& member) {
+      const std::string path = place.empty() ? member.name : place + "/" + member.name;
+      return judge(path, member) == Selection::Verdict::no;
+    });
+    return side;
+  }
+
+  void ascend() {
+    const Level& level = levels_.back();
+    const bool isOutermost = levels_.size() == 1;
+    if (level.first.isThere && !isOutermost) first_->leave();
+    if (level.second.isThere && !isOutermost) second_->leave();
+    levels_.pop_back();
+  }
+
+  // Into the container at `place`, on one side or both.
+  void descend(const ComparedMember& container, bool inFirst, bool inSecond) {
+    Level level{{}, {}, place_.size()};
+    enter(*first_, container, inFirst, level.first);
     try {
-      StoreWalk walk(side.store.openStore(member.name), &selection_);
-      for (auto event = walk.next(); event != StoreWalk::Event::end; event = walk.next()) {
-        if (event == StoreWalk::Event::leave) continue;
-        const bool isNested = event == StoreWalk::Event::store;
-        const bool isMeant = selection_.judge(walk.place(), isNested) == Selection::Verdict::yes;
-        isMeant ? differences_.addOnlyIn(isFirst, walk.place(), isNested) : walk.enter();
-      }
-    } catch (const hxcrate::Error& error) {
-      complain(error);
-      outcome_ = worse(outcome_, exitCodeOf(error));
+      enter(*second_, container, inSecond, level.second);
+    } catch (...) {
+      if (inFirst) first_->leave();
+      throw;
+    }
+    levels_.push_back(std::move(level));
+  }
+
+  void enter(ComparedTree& tree, const ComparedMember& container, bool isThere, Side& side) {
+    if (!isThere) return;
+    tree.enter(container.name);
+    try {
+      side = listMeant(tree, place_);
+    } catch (...) {
+      tree.leave();
+      throw;
     }
   }
 
-  // What can't be read is told of, and the others go on.
+  // Of a container that is not meant itself, what is.
+  void passOver(Side& side, bool isFirst) {
+    const ComparedMember member = side.members[side.next++];
+    const std::string& place = placeOf(member);
+    if (judge(place, member) == Selection::Verdict::yes) {
+      return differences_.addOnlyIn(isFirst, place, member.kind == Kind::container);
+    }
+    goOnAfterFailures([&] { descend(member, isFirst, !isFirst); });
+  }
+
   void compareMembers() {
     Side& first = levels_.back().first;
     Side& second = levels_.back().second;
-    const std::string& place = placeOf(first);
-    const hxcrate::Member a = first.members[first.next++];
-    const hxcrate::Member b = second.members[second.next++];
+    const ComparedMember a = first.members[first.next++];
+    const ComparedMember b = second.members[second.next++];
+    const std::string& place = placeOf(a);
+    if (a.kind != b.kind) {
+      return differences_.addKind(place, first_->describe(a.kind), second_->describe(b.kind));
+    }
+    goOnAfterFailures([&] {
+      if (a.kind == Kind::container) return descend(a, true, true);
+      if (a.kind == Kind::item) compareItems(a.name);
+    });
+  }
+
+  // What can't be read is told of, and the others go on, unless each could be as long.
+  template <typename Action>
+  void goOnAfterFailures(Action action) {
     try {
-      if (a.kind != b.kind) {
-        differences_.addKind(place, isStore(a));
-      } else if (isStore(a)) {
-        descend(first.store.openStore(a.name), second.store.openStore(a.name), place);
-      } else {
-        hxcrate::Reader firstItem = first.store.read(a.name);
-        hxcrate::Reader secondItem = second.store.read(a.name);
-        firstLimit_.require(firstBytes_ += firstItem.size());
-        secondLimit_.require(secondBytes_ += secondItem.size());
-        compareItems(place, std::move(firstItem), std::move(secondItem));
-      }
+      action();
     } catch (const hxcrate::Error& error) {
       complain(error);
       outcome_ = worse(outcome_, exitCodeOf(error));
     } catch (const Failure& failure) {
       failure.print();
       outcome_ = worse(outcome_, failure.code());
-      levels_.clear();  // each item that follows could be as long
+      if (failure.code() == ExitCode::damaged) levels_.clear();
     }
   }
 
   // An item that ends where the other goes on differs at its end.
-  void compareItems(const std::string& place, hxcrate::Reader first, hxcrate::Reader second) {
+  void compareItems(const std::string& name) {
+    first_->open(name);
+    second_->open(name);
     std::int64_t offset = 0;
     while (true) {
+      throwIfInterrupted();
       std::exception_ptr failure;
-      const std::size_t firstCount = fill(firstBuffer_, first, failure);
-      const std::size_t secondCount = fill(secondBuffer_, second, failure);
+      const std::size_t firstCount = fill(firstBuffer_, *first_, failure);
+      const std::size_t secondCount = fill(secondBuffer_, *second_, failure);
       const std::size_t common = std::min(firstCount, secondCount);
       const auto end = firstBuffer_.begin() + static_cast<std::ptrdiff_t>(common);
-      const auto place1 = std::mismatch(firstBuffer_.begin(), end, secondBuffer_.begin()).first;
-      const bool differs = place1 != end || (firstCount != secondCount && !failure);
-      if (differs) differences_.addContents(place, offset + (place1 - firstBuffer_.begin()));
+      const auto found = std::mismatch(firstBuffer_.begin(), end, secondBuffer_.begin()).first;
+      const bool differs = found != end || (firstCount != secondCount && !failure);
+      if (differs) differences_.addContents(place_, offset + (found - firstBuffer_.begin()));
       if (failure) std::rethrow_exception(failure);
-      if (differs || common == 0) return;
+      progress_.add(static_cast<std::int64_t>(common));
+      if (differs || common == 0) return progress_.addFile();
       offset += static_cast<std::int64_t>(common);
     }
   }
 
   // Up to the end of the item, or to what can't be read, before which a read may stop short.
-  static std::size_t fill(std::span<std::byte> buffer, hxcrate::Reader& reader,
+  static std::size_t fill(std::span<std::byte> buffer, ComparedTree& tree,
                           std::exception_ptr& failure) {
     std::size_t count = 0;
     try {
-      while (const std::size_t more = reader.read(buffer.subspan(count)))
+      while (const std::size_t more = tree.read(buffer.subspan(count)))
         count += more;
     } catch (const hxcrate::Error&) {
+      failure = std::current_exception();
+    } catch (const Failure&) {
       failure = std::current_exception();
     }
     return count;
@@ -246,28 +269,35 @@ class Comparison {
   hxcrate::Session session_;
   ExitCode outcome_ = ExitCode::fine;
   Differences differences_;
-  const OwnBytes firstLimit_;
-  const OwnBytes secondLimit_;
-  std::int64_t firstBytes_ = 0;
-  std::int64_t secondBytes_ = 0;
+  const std::unique_ptr<ComparedTree> first_;
+  const std::unique_ptr<ComparedTree> second_;
+  Progress progress_;
   std::vector<Level> levels_;
   std::string place_;
   std::vector<std::byte> firstBuffer_ = std::vector<std::byte>(kBufferSize);
   std::vector<std::byte> secondBuffer_ = std::vector<std::byte>(kBufferSize);
 };
 
+ExitCode diff(const DiffOptions& options) {
+  if (isFolder(options.first) && isFolder(options.second)) {
+    throw Failure(ExitCode::usage, options.first, "", "is a folder as well: diff -r compares two");
+  }
+  ExitCode outcome = Comparison(options).compare();
+  for (const std::string& tree : {options.first, options.second})
+    if (!isFolder(tree)) outcome = seeLostMembers(tree, outcome);
+  return outcome;
+}
+
 }  // namespace
 
 void addDiff(CommandLine& line) {
   const auto options = std::make_shared<DiffOptions>();
-  CLI::App& words = line.add("diff", "Tell how the contents of the stores A and B differ",
-                             "  hxcrate diff monday.st tuesday.st", [options] {
-                               const ExitCode outcome = Comparison(*options).compare();
-                               const ExitCode first =
-                                   seeLostMembers(options->first, ExitCode::fine);
-                               return worse(outcome, seeLostMembers(options->second, first));
-                             });
-  addFile(words, "A", options->first, "a store file");
+  CLI::App& words =
+      line.add("diff", "Tell how the contents of A and B, stores or a store and a folder, differ",
+               "  hxcrate diff monday.st tuesday.st\n"
+               "  hxcrate diff etc.st /etc",
+               [options] { return diff(*options); });
+  addFile(words, "A", options->first, "a store file, or a folder");
   addFile(words, "B", options->second, "another");
   words.add_flag("--json", options->asJson, "as JSON");
   addSelection(words, options->selected);

@@ -1,0 +1,116 @@
+#include "compared_tree.h"
+
+#include <fcntl.h>
+
+#include <filesystem>
+#include <optional>
+#include <utility>
+
+#include "directory.h"
+#include "store_walk.h"
+#include "write_limits.h"
+
+namespace tool {
+
+namespace {
+
+using Kind = ComparedMember::Kind;
+
+class StoreTree : public ComparedTree {
+ public:
+  StoreTree(const std::string& path, hxcrate::Store store) : limit_(path) {
+    stores_.push_back(std::move(store));
+  }
+
+  std::vector<ComparedMember> list() override {
+    std::vector<ComparedMember> members;
+    for (hxcrate::Member& member : listSorted(stores_.back())) {
+      const bool isStore = member.kind == hxcrate::MemberKind::store;
+      members.push_back({std::move(member.name), isStore ? Kind::container : Kind::item});
+    }
+    return members;
+  }
+  void enter(const std::string& name) override {
+    stores_.push_back(stores_.back().openStore(name));
+  }
+  void leave() override { stores_.pop_back(); }
+
+  void open(const std::string& name) override {
+    item_ = stores_.back().read(name);
+    limit_.require(bytes_ += item_.size());
+  }
+  std::size_t read(std::span<std::byte> room) override { return item_.read(room); }
+
+  const char* describe(Kind kind) const override {
+    return kind == Kind::container ? "a store" : "an item";
+  }
+
+ private:
+  std::vector<hxcrate::Store> stores_;
+  hxcrate::Reader item_;
+  const OwnBytes limit_;
+  std::int64_t bytes_ = 0;
+};
+
+class FolderTree : public ComparedTree {
+ public:
+  explicit FolderTree(const std::string& path) : folder_(path) {}
+
+  std::vector<ComparedMember> list() override {
+    std::optional<std::vector<std::string>> names = listNames(folder_.descriptor());
+    if (!names) throw systemFailure(folder_.path(), "list");
+    std::vector<ComparedMember> members;
+    for (std::string& name : *names) {
+      const Kind kind = kindOf(name);
+      members.push_back({std::move(name), kind});
+    }
+    return members;
+  }
+  void enter(const std::string& name) override {
+    if (!folder_.enter(name)) throw systemFailure(folder_.pathTo(name), "open");
+  }
+  void leave() override { folder_.leave(); }
+
+  void open(const std::string& name) override {
+    path_ = folder_.pathTo(name);
+    file_ = openBeneath(folder_.descriptor(), name, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    if (!file_.isOpen()) throw systemFailure(path_, "open");
+  }
+  std::size_t read(std::span<std::byte> room) override {
+    const ssize_t count = readSome(file_, room);
+    if (count < 0) throw systemFailure(path_, "read");
+    return static_cast<std::size_t>(count);
+  }
+
+  const char* describe(Kind kind) const override {
+    if (kind == Kind::other) return "no regular file";
+    return kind == Kind::container ? "a folder" : "a file";
+  }
+
+ private:
+  Kind kindOf(const std::string& name) const {
+    const auto status = inspect(folder_.descriptor(), name);
+    if (!status) throw systemFailure(folder_.pathTo(name), "inspect");
+    if (S_ISDIR(status->st_mode)) return Kind::container;
+    return S_ISREG(status->st_mode) ? Kind::item : Kind::other;
+  }
+
+  DirectoryCursor folder_;
+  std::string path_;  // of the file
+  Descriptor file_;
+};
+
+}  // namespace
+
+bool isFolder(const std::string& path) {
+  std::error_code unknown;
+  return std::filesystem::is_directory(path, unknown);
+}
+
+std::unique_ptr<ComparedTree> openTree(hxcrate::Session& session, const std::string& path,
+                                       ExitCode& outcome) {
+  if (isFolder(path)) return std::make_unique<FolderTree>(path);
+  return std::make_unique<StoreTree>(path, openWhatThereIs(session, path, outcome));
+}
+
+}  // namespace tool

@@ -1,0 +1,50 @@
+// One of the two trees that diff compares: a store's, or a folder's.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "hxcrate/crate.hpp"
+#include "report.h"
+
+namespace tool {
+
+struct ComparedMember {
+  enum class Kind { item, container, other };  // other: what no store can hold
+
+  std::string name;
+  Kind kind;
+};
+
+// It is at one of its containers, at first the outermost. What fails throws hxcrate::Error or a
+// Failure; a damaged one says that nothing more should be read.
+class ComparedTree {
+ public:
+  virtual ~ComparedTree() = default;
+
+  // By the bytes of the names.
+  virtual std::vector<ComparedMember> list() = 0;
+  // Into a container, and out of it.
+  virtual void enter(const std::string& name) = 0;
+  virtual void leave() = 0;
+
+  // An item is open until the next.
+  virtual void open(const std::string& name) = 0;
+  // How many bytes came, 0 at the end only.
+  virtual std::size_t read(std::span<std::byte> room) = 0;
+
+  // For people, as "a store".
+  virtual const char* describe(ComparedMember::Kind kind) const = 0;
+};
+
+// What `path` leads to. What can't be read of a store's directory is told on standard error and
+// changes `outcome`.
+std::unique_ptr<ComparedTree> openTree(hxcrate::Session& session, const std::string& path,
+                                       ExitCode& outcome);
+
+bool isFolder(const std::string& path);
+
+}  // namespace tool
