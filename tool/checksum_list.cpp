@@ -52,7 +52,7 @@ std::optional<Sha256::Digest> parseHex(std::string_view text) {
             .find(static_cast<char>(text[i] >= 'A' && text[i] <= 'F' ? text[i] - 'A' + 'a'
                                                                      : text[i]));
     if (value == std::string_view::npos) return std::nullopt;
-    digest[i / 2] = static_cast<std::uint8_t>(digest[i / 2] << 4 | value);
+    digest[i / 2] = static_cast<std::uint8_t>(digest[i / 2] * 16u + value);
   }
   return digest;
 }
