@@ -42,6 +42,7 @@ class Opening {
   bool writable() const { return writable_; }
   bool isInMemory() const { return (root_->flags & hx::kNoFileStore) != 0; }
   bool isIn(int file) const;
+  std::int64_t bytesRead() const { return outcome_ != nullptr ? outcome_->bytesRead() : 0; }
 
   // Of a store file that is open.
   hxhost::OpenedFile openedFile() const { return hxhost::LinuxHost::openedOf(hx::fileOf(root_)); }

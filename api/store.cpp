@@ -299,6 +299,11 @@ std::int32_t Store::pageSize() const {
   return size == 0 ? kUsualPageSize : size;
 }
 
+std::int64_t Store::bytesRead() const {
+  store();
+  return opening_->bytesRead();
+}
+
 bool Store::isIn(int file) const {
   store();
   return opening_->isIn(file);

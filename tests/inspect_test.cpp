@@ -271,6 +271,28 @@ TEST_F(InspectFileTest, TakesLittleTimeWhateverTheNames) {
   expectQuick({"ls -lR x.st", "check x.st", "diff x.st x.st", "cat x.st " + one});
 }
 
+// All items begin with one long chain of pages, which goes in a circle or leads nowhere.
+TEST_F(InspectFileTest, TakesLittleTimeWhereAChainThatManyShareIsBroken) {
+  constexpr int kItems = 20000, kPages = 60000, kPage = 16;
+  for (const bool isCircle : {true, false}) {
+    Bytes image = makeFlatImage(kItems, kPage, [](int i) { return std::to_string(i); });
+    const auto start = static_cast<int64_t>(image.size());
+    image.resize(image.size() + kPages * (hx::kChunkSize + kPage));
+    for (int64_t page = 0, at = start; page < kPages; ++page, at += hx::kChunkSize + kPage) {
+      const int64_t next = at + hx::kChunkSize + kPage;
+      const int64_t end = isCircle ? start : 7;
+      putRecord(image, at,
+                DataChunk{at + hx::kChunkSize, kPage, kPage, page + 1 < kPages ? next : end});
+    }
+    for (const auto& [kind, at] : hx::fake::recordsOf(image))
+      if (kind == 'e' && at > hx::kHeaderSize)
+        putRecord(image, at + static_cast<int64_t>(offsetof(Entry, firstLink)), start);
+    writeImage(image);
+    expectQuick({"ls -l x.st", "tree x.st", "diff x.st x.st", "unpack x.st out", "copy x.st y.st",
+                 "check x.st", "stat x.st", "cat x.st 1"});
+  }
+}
+
 // A megabyte of stores in stores, whose paths together would have 500 megabytes.
 TEST_F(InspectFileTest, TakesLittleMemoryHoweverDeepTheTree) {
   constexpr int kLevels = 10900;

@@ -36,16 +36,20 @@ class StoreTree : public ComparedTree {
   void leave() override { stores_.pop_back(); }
 
   void open(const std::string& name) override {
-    item_ = stores_.back().read(name);
+    item_ = limit_.whileReading(store(), [&] { return store().read(name); });
     limit_.require(bytes_ += item_.size());
   }
-  std::size_t read(std::span<std::byte> room) override { return item_.read(room); }
+  std::size_t read(std::span<std::byte> room) override {
+    return limit_.whileReading(store(), [&] { return item_.read(room); });
+  }
 
   const char* describe(Kind kind) const override {
     return kind == Kind::container ? "a store" : "an item";
   }
 
  private:
+  const hxcrate::Store& store() const { return stores_.back(); }
+
   std::vector<hxcrate::Store> stores_;
   hxcrate::Reader item_;
   const OwnBytes limit_;

@@ -147,6 +147,7 @@ class Unpacker {
       throw;
     } catch (const hxcrate::Error& error) {
       leaveOut(Failure(ExitCode::partial, error.store(), error.member(), error.reason()));
+      ownBytes_.requireRead(walk_.container().bytesRead());
     } catch (const Failure& failure) {
       if (failure.isOfWholeDisk()) throw;
       leaveOut(failure);

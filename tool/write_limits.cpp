@@ -38,6 +38,14 @@ OwnBytes::OwnBytes(const std::string& store, std::optional<std::int64_t> most)
     length_ = static_cast<std::int64_t>(length);
 }
 
+void OwnBytes::requireRead(std::int64_t bytes) const {
+  constexpr std::int64_t kTimes = 16;
+  constexpr std::int64_t kAnyway = 16 << 20;
+  if (length_ == kUnlimited || bytes / kTimes <= length_ + kAnyway) return;
+  throw Failure(ExitCode::damaged, store_, "",
+                "its items share pages that lead to damage: what follows is not looked at");
+}
+
 void OwnBytes::require(std::int64_t bytes) const {
   if (bytes > most_.value_or(kUnlimited)) {
     throw Failure(ExitCode::inputOutput, store_, "",

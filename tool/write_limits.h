@@ -7,6 +7,7 @@
 #include <string>
 
 #include "directory.h"
+#include "hxcrate/crate.hpp"
 
 namespace tool {
 
@@ -31,6 +32,19 @@ class OwnBytes {
   // Throws a Failure when the `bytes` of the items so far are more than the file has or than the
   // most. To be asked after each item, so that the work ends there as well.
   void require(std::int64_t bytes) const;
+
+  // The same when `bytes` of the file were read so far that are far more than it has. To be asked
+  // after each item that can't be read: nobody knows how many pages it shares with others.
+  void requireRead(std::int64_t bytes) const;
+  template <typename Read>
+  auto whileReading(const hxcrate::Store& store, Read read) const {
+    try {
+      return read();
+    } catch (const hxcrate::Error&) {
+      requireRead(store.bytesRead());
+      throw;
+    }
+  }
 
  private:
   std::string store_;

@@ -192,6 +192,9 @@ class [[nodiscard]] Store {
   // one for the path alone: a path may lead to another file each time. False without a file, and of
   // one that is mapped.
   bool isIn(int file) const;
+  // Bytes of the file that were read so far, records included, by all who share its opening; what
+  // views read does not count. Far more than the file has: its items share chains of pages.
+  std::int64_t bytesRead() const;
   bool isOpen() const noexcept { return store_ != nullptr; }
 
   // Why the directory was read only in part; no error when it is whole. Such a store opens with

@@ -69,6 +69,11 @@ class FileOutcome {
   // file behind that might leave it with the same times.
   std::optional<FileInfo> closed() const;
 
+  // How many bytes were asked for by reads that advance the position, over and over or not.
+  int64_t bytesRead() const { return bytesRead_; }
+
+  // By the one thread that reads.
+  void noteRead(int64_t count) { bytesRead_.store(bytesRead_ + count, std::memory_order_relaxed); }
   void noteOpened(const FileInfo& info) { opened_ = info; }
   void noteClosed(const FileInfo& info);
   void noteLoss(const FileFailure& failure);
@@ -83,6 +88,7 @@ class FileOutcome {
   bool wasRolledBack_ = false;
   bool hasHappened_ = false;
   std::atomic<bool> isLost_{false};
+  std::atomic<int64_t> bytesRead_{0};
   FileInfo opened_{};  // stays
   std::optional<FileInfo> closed_;
 };

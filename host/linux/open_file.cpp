@@ -69,6 +69,7 @@ int32_t OpenFile::readOn(hx::ReadRequest& request, int64_t& count) noexcept {
   const int64_t delivered = cache_.read(position_, request.destination, request.count);
   if (delivered == 0) return kFailed;
   position_ += delivered;
+  disk_.outcome()->noteRead(delivered);
   count = delivered;
   return kDone;
 }
