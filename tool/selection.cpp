@@ -25,8 +25,8 @@ Globs makeGlobs(const std::vector<std::string>& globs, const std::vector<std::st
     all.insert(all.end(), read.begin(), read.end());
   }
   for (const std::string& glob : all) {
-    if (add(made.get(), glob.c_str()) == ARCHIVE_OK) continue;
-    throw Failure(ExitCode::usage, "", "", "an empty glob matches nothing");
+    if (glob.empty()) throw Failure(ExitCode::usage, "", "", "an empty glob matches nothing");
+    if (add(made.get(), glob.c_str()) != ARCHIVE_OK) throw std::bad_alloc();
   }
   return made;
 }
