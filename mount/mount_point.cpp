@@ -74,7 +74,7 @@ std::int64_t now() {
 
 std::string prepareMountPoint(const std::string& path) {
   std::error_code error;
-  const std::string absolute = std::filesystem::canonical(path, error);
+  std::string absolute = std::filesystem::canonical(path, error);
   if (error) throw std::system_error(error, path);
   while (isDead(absolute) && isOurs(absolute)) {
     if (!unmount(absolute, Unmount::always)) break;
