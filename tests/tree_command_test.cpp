@@ -74,6 +74,8 @@ TEST_F(TreeCommandTest, PacksWhatIsListedAndSkipsWhatItCanNotKeep) {
     expectRun(code, "rm -f n.st; hxcrate pack n.st " + words);
     if (code == 0 || code == 5) expectListed("hxcrate ls -R n.st", paths);
   }
+  expectRun(5, "mkdir dot dot/in; ln -s x dot/link; cd dot; hxcrate pack ../d.st .");
+  expectSaid("hxcrate: link: skipped: a symbolic link\n");
 }
 
 }  // namespace

@@ -167,10 +167,11 @@ DirectoryCursor::DirectoryCursor(const std::string& path)
     : current_(openDirectory(path)), path_(path) {
   while (path_.size() > 1 && path_.back() == '/')
     path_.pop_back();
+  if (path_ == ".") path_.clear();
 }
 
 std::string DirectoryCursor::pathTo(const std::string& name) const {
-  if (path_ == ".") return name;
+  if (path_.empty()) return name;
   return path_.ends_with('/') ? path_ + name : path_ + "/" + name;
 }
 
@@ -189,10 +190,10 @@ void DirectoryCursor::leave() {
   Descriptor above(::openat(current_.number(), "..", kOpenDirectory));
   struct stat status {};
   if (!above.isOpen() || ::fstat(above.number(), &status) != 0) {
-    throw systemFailure(path_, "return to the directory above");
+    throw systemFailure(path(), "return to the directory above");
   }
   if (!isSameFile(status, steps_.back().left)) {
-    throw Failure(ExitCode::inputOutput, path_, "", "the directory was moved meanwhile");
+    throw Failure(ExitCode::inputOutput, path(), "", "the directory was moved meanwhile");
   }
   current_ = std::move(above);
   path_.resize(steps_.back().pathLength);

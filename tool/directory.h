@@ -102,7 +102,7 @@ class DirectoryCursor {
   const Descriptor& descriptor() const { return current_; }
   // Where an entry of the current directory lies, for messages.
   std::string pathTo(const std::string& name) const;
-  const std::string& path() const { return path_; }
+  std::string path() const { return path_.empty() ? "." : path_; }
 
   // False with errno set, and nothing changed, when that is no directory or can't be opened.
   bool enter(const std::string& name);
@@ -116,7 +116,7 @@ class DirectoryCursor {
   };
 
   Descriptor current_;
-  std::string path_;
+  std::string path_;  // empty for "."
   std::vector<Step> steps_;
 };
 

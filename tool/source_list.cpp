@@ -28,7 +28,7 @@ std::string takeRoot(std::string_view& path) {
   path.remove_prefix(std::min(path.find_first_not_of('/'), path.size()));
   while (path == ".." || path.starts_with("../")) {
     takeName(path);
-    root = root == "." ? ".." : root + "/..";
+    root == "." ? root = ".." : root += "/..";
   }
   return root;
 }
