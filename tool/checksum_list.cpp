@@ -117,8 +117,7 @@ std::string readText(const std::string& path) {
   return text;
 }
 
-std::optional<Manifest> readManifest(const hxcrate::Store& store) {
-  constexpr std::string_view kBeginning = "#mtree";
+std::optional<Manifest> readManifest(const hxcrate::Store& store, std::string_view beginning) {
   auto item = openIfThere([&] { return store.read(kManifestName); });
   if (!item) return std::nullopt;
   const auto refuse = [&](const std::string& reason) -> Failure {
@@ -129,11 +128,24 @@ std::optional<Manifest> readManifest(const hxcrate::Store& store) {
   }
   try {
     const std::string text = item->readText();
-    if (!text.starts_with(kBeginning)) return std::nullopt;
+    if (!text.starts_with(beginning)) return std::nullopt;
     return Manifest(std::as_bytes(std::span(text)));
   } catch (const ManifestError& error) {
     throw refuse(error.what());
   }
+}
+
+std::optional<Manifest> readOwnManifest(const hxcrate::Store& store, ExitCode& outcome) {
+  try {
+    return readManifest(store, kOwnManifest);
+  } catch (const hxcrate::Error& error) {
+    complain(error);
+    outcome = worse(outcome, exitCodeOf(error));
+  } catch (const Failure& failure) {
+    failure.print();
+    outcome = worse(outcome, failure.code());
+  }
+  return std::nullopt;
 }
 
 }  // namespace tool

@@ -10,6 +10,7 @@
 
 #include "hxcrate/crate.hpp"
 #include "manifest.h"
+#include "report.h"
 
 namespace tool {
 
@@ -36,6 +37,12 @@ std::string readText(const std::string& path);
 
 // The store's own manifest; nothing when it has no item of that name, or one that does not begin as
 // manifests do. Throws a Failure, damaged, for one that can't be read.
-std::optional<Manifest> readManifest(const hxcrate::Store& store);
+std::optional<Manifest> readManifest(const hxcrate::Store& store,
+                                     std::string_view beginning = kAnyManifest);
+
+// The same of one that this command made: what it tells is taken over. A tree's own file of that
+// name is a file. What keeps it from being read is told of on standard error, and changes
+// `outcome`.
+std::optional<Manifest> readOwnManifest(const hxcrate::Store& store, ExitCode& outcome);
 
 }  // namespace tool

@@ -6,8 +6,8 @@
 
 _hxcrate_options() {
   case $1 in
-    pack) echo -T --null --no-recursion --include --exclude --include-from --exclude-from --skip --page-size --replace --in-memory --dry-run ;;
-    unpack) echo --overwrite --journals --max-entries --max-bytes --include --exclude --include-from --exclude-from --wait --dry-run ;;
+    pack) echo -T --null --no-recursion --include --exclude --include-from --exclude-from --attributes --skip --page-size --replace --in-memory --dry-run ;;
+    unpack) echo -v --strip-components --no-attributes --same-owner --set-id --overwrite --journals --max-entries --max-bytes --include --exclude --include-from --exclude-from --wait --dry-run ;;
     import) echo --attributes --skip --page-size --replace --dry-run ;;
     export) echo --format --no-attributes ;;
     ls) echo -l -h -R -r --sort -0 --json --include --exclude --include-from --exclude-from --color --wait ;;
@@ -167,7 +167,7 @@ _hxcrate() {
     else
       case ${words[i]} in
         --) ended=1 ;;
-        --page-size | --max-entries | --max-bytes | --offset | --length | --wait | --include | --exclude) ;&
+        --page-size | --strip-components | --max-entries | --max-bytes | --offset | --length | --wait | --include | --exclude) ;&
         --include-from | --exclude-from | -T | --encoding | --svg | --check | --format | --sort | --color) option=${words[i]} ;;
       esac
     fi

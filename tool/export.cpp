@@ -78,12 +78,7 @@ class Exporter {
   };
 
   void takeManifest(const hxcrate::Store& store) {
-    try {
-      manifest_ = readManifest(store);
-    } catch (const Failure& failure) {
-      failure.print();
-      outcome_ = worse(outcome_, failure.code());
-    }
+    manifest_ = readOwnManifest(store, outcome_);
     if (!manifest_) return;
     for (const auto& [path, member] : manifest_->members())
       if (member.type == Type::hardLink) linkedFiles_.insert(member.target);

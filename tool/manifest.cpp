@@ -150,6 +150,7 @@ void ManifestWriter::addBytes(std::span<const std::byte> bytes) {
 
 std::string ManifestWriter::finish() {
   require(archive_write_close(writer_.get()) == ARCHIVE_OK);
+  text_.replace(0, text_.find('\n') + 1, kOwnManifest);
   return std::move(text_);
 }
 

@@ -20,6 +20,10 @@ namespace tool {
 // own files, and no line of it tells of it.
 constexpr std::string_view kManifestName = ".mtree";
 
+// What manifests begin with, and those that this command makes.
+constexpr std::string_view kAnyManifest = "#mtree";
+constexpr std::string_view kOwnManifest = "#mtree\n# Attributes of the members of a store.\n";
+
 // Why bytes are no manifest, or none could be made.
 class ManifestError : public std::runtime_error {
  public:

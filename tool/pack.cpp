@@ -4,10 +4,12 @@
 
 #include <exception>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "attribute_recorder.h"
 #include "byte_pump.h"
 #include "command_line.h"
 #include "directory.h"
@@ -41,22 +43,41 @@ using LeftOut = std::set<std::size_t>;
 // A file that changed or failed while it was read is in the store in part, and can't be taken out.
 class SpoiltStore : public std::exception {};
 
+// Where the steps of a scan lie in the store.
+class PlaceCursor {
+ public:
+  std::string placeOf(const std::string& name) const {
+    return place_.empty() ? name : place_ + "/" + name;
+  }
+  void enter(const std::string& name) { place_ = placeOf(name); }
+  void leave() { place_.resize(place_.find('/') == place_.npos ? 0 : place_.rfind('/')); }
+
+ private:
+  std::string place_;
+};
+
 // Replays a scan, directory by directory, into a store. With `skip` what can't be read any more is
 // named and left out.
 class Packer {
  public:
-  Packer(const SourceList& list, bool skip, hxcrate::Store& store, Progress& progress)
-      : cursor_(list.root), skip_(skip), builder_(store), pump_(&progress) {}
+  Packer(const SourceList& list, const ScanOptions& options, hxcrate::Store& store,
+         Progress& progress)
+      : cursor_(list.root), skip_(options.skip), builder_(store), pump_(&progress) {
+    if (options.withAttributes) attributes_.emplace();
+  }
 
   // All but the `leftOut`, to which it adds. Throws SpoiltStore at the end, when there is no more
   // to add.
-  void pack(const std::vector<SourceStep>& steps, LeftOut& leftOut) {
+  void pack(const Source& source, LeftOut& leftOut) {
+    const std::vector<SourceStep>& steps = source.steps;
+    if (attributes_ && source.top) attributes_->addFolder("", *source.top);
     for (std::size_t i = 0; i < steps.size(); ++i) {
       if (!leftOut.contains(i) && take(steps[i])) continue;
       leftOut.insert(i);
       if (steps[i].kind == SourceStep::Kind::enterDirectory) i = steps[i].end;
     }
     if (isSpoilt_) throw SpoiltStore();
+    if (attributes_) builder_.create(kManifestName).write(attributes_->finish());
   }
 
  private:
@@ -64,10 +85,13 @@ class Packer {
 
   bool take(const SourceStep& step) {
     throwIfInterrupted();
+    if (step.kind == SourceStep::Kind::leaveDirectory) leave();
     try {
-      if (step.kind == SourceStep::Kind::enterDirectory) enter(step.name);
-      if (step.kind == SourceStep::Kind::leaveDirectory) leave();
+      if (step.kind == SourceStep::Kind::enterDirectory) enter(step);
       if (step.kind == SourceStep::Kind::file) packFile(step);
+      if (step.kind == SourceStep::Kind::link) {
+        attributes_->addLink(places_.placeOf(step.name), step.status, step.target);
+      }
       return true;
     } catch (const Failure& failure) {
       if (!skip_) throw;
@@ -76,14 +100,17 @@ class Packer {
     }
   }
 
-  void enter(const std::string& name) {
-    if (!cursor_.enter(name)) throw systemFailure(cursor_.pathTo(name), "open");
-    builder_.enter(name);
+  void enter(const SourceStep& step) {
+    if (!cursor_.enter(step.name)) throw systemFailure(cursor_.pathTo(step.name), "open");
+    builder_.enter(step.name);
+    if (attributes_) attributes_->addFolder(places_.placeOf(step.name), step.status);
+    places_.enter(step.name);
   }
 
   void leave() {
     cursor_.leave();
     builder_.leave();
+    places_.leave();
   }
 
   void packFile(const SourceStep& step) {
@@ -106,13 +133,20 @@ class Packer {
     hxcrate::Writer writer = builder_.create(step.name);
     writer.write(small_);
     writer.close();
+    if (attributes_) attributes_->addFile(places_.placeOf(step.name), step.status);
+    if (attributes_) attributes_->addBytes(small_);
   }
 
   void packLarge(const SourceStep& step, const Descriptor& file, const std::string& path) {
     hxcrate::Writer writer = builder_.create(step.name);
+    if (attributes_) attributes_->addFile(places_.placeOf(step.name), step.status);
+    const auto give = [&](std::span<const std::byte> bytes) {
+      writer.write(bytes);
+      if (attributes_) attributes_->addBytes(bytes);
+    };
     try {
       requireUnchanged(step, file, path,
-                       pump_.move(step.status.st_size, takeFrom(file, path), giveTo(writer)));
+                       pump_.move(step.status.st_size, takeFrom(file, path), give));
     } catch (const Failure&) {
       isSpoilt_ = true;
       throw;
@@ -132,17 +166,49 @@ class Packer {
   DirectoryCursor cursor_;
   const bool skip_;
   StoreBuilder builder_;
+  PlaceCursor places_;
+  std::optional<AttributeRecorder> attributes_;
   BytePump pump_;
   std::vector<std::byte> small_;
   bool isSpoilt_ = false;
 };
 
-SizeForecast forecastOf(const std::vector<SourceStep>& steps) {
+// Of the manifest, which is as long without the bytes of the files. Throws a Failure for more than
+// can be read.
+std::int64_t manifestSize(const Source& source, const std::string& store) {
+  AttributeRecorder attributes;
+  PlaceCursor places;
+  if (source.top) attributes.addFolder("", *source.top);
+  for (const SourceStep& step : source.steps) {
+    const std::string place = places.placeOf(step.name);
+    switch (step.kind) {
+      case SourceStep::Kind::enterDirectory:
+        attributes.addFolder(place, step.status);
+        places.enter(step.name);
+        break;
+      case SourceStep::Kind::leaveDirectory:
+        places.leave();
+        break;
+      case SourceStep::Kind::file:
+        attributes.addFile(place, step.status);
+        break;
+      case SourceStep::Kind::link:
+        attributes.addLink(place, step.status, step.target);
+        break;
+    }
+  }
+  const std::size_t size = attributes.finish().size();
+  if (size <= Manifest::kMostBytes) return static_cast<std::int64_t>(size);
+  throw Failure(ExitCode::inputOutput, store, "", "too many files for --attributes");
+}
+
+SizeForecast forecastOf(const Source& source, const PackOptions& options) {
   SizeForecast forecast;
-  for (const SourceStep& step : steps) {
+  for (const SourceStep& step : source.steps) {
     if (step.kind == SourceStep::Kind::enterDirectory) forecast.addStore();
     if (step.kind == SourceStep::Kind::file) forecast.addItem(step.status.st_size);
   }
+  if (options.scan.withAttributes) forecast.addItem(manifestSize(source, options.store));
   return forecast;
 }
 
@@ -154,7 +220,7 @@ void makeStore(const NewStore& target, const PackOptions& options, const SourceL
     progress.expect(forecast.bytes(), forecast.items());
     try {
       target.make(forecast, options.made, [&](hxcrate::Store& store) {
-        Packer(list, options.scan.skip, store, progress).pack(source.steps, leftOut);
+        Packer(list, options.scan, store, progress).pack(source, leftOut);
       });
       isMade = true;
     } catch (const SpoiltStore&) {
@@ -169,7 +235,7 @@ ExitCode pack(const PackOptions& options) {
   const SourceList list(options.sources);
   const NewStore target(options.store, options.replace);
   const Source source = scanTree(list, options.scan, target.existing());
-  const SizeForecast forecast = forecastOf(source.steps);
+  const SizeForecast forecast = forecastOf(source, options);
   LeftOut leftOut;
   if (options.dryRun) {
     target.announce(forecast, options.made);
@@ -201,6 +267,8 @@ void addPack(CommandLine& line) {
   words.add_flag("--no-recursion", options->sources.isShallow,
                  "take directories that are listed or given alone, not what they hold");
   addSelection(words, options->scan.selected);
+  words.add_flag("--attributes", options->scan.withAttributes,
+                 "also modes, times, owners and links, as the item .mtree");
   words.add_flag("--skip", options->scan.skip,
                  "name what can't be kept or read and leave it out, rather than pack nothing");
   addPageSize(words, options->made.pageSize, kPageSizeMeaning);

@@ -5,10 +5,12 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <climits>
 #include <utility>
 
 #include "directory.h"
 #include "hxcrate/store.hpp"
+#include "manifest.h"
 #include "report.h"
 
 namespace tool {
@@ -30,11 +32,16 @@ class TreeScanner {
         list_(list),
         selection_(options.selected),
         skip_(options.skip),
+        withAttributes_(options.withAttributes),
         except_(except) {}
 
   Source scan() {
     levels_.push_back({listEntries(&list_.top), &list_.top, true});
     if (!levels_.back().names) refuse(cursor_.path(), systemReason());
+    struct stat status {};
+    if (list_.top.isNamed && ::fstat(cursor_.descriptor().number(), &status) == 0) {
+      source_.top = status;
+    }
     while (!levels_.empty()) {
       Level& level = levels_.back();
       if (level.names && level.next < level.names->size()) {
@@ -95,9 +102,13 @@ class TreeScanner {
     const auto verdict = selection_.judge(placeOf(name), isDirectory);
     if (verdict == Selection::Verdict::no) return;
     if (except_ && isSameFile(*status, *except_)) return complain(path, "", "skipped: the store");
-    if (!isDirectory && !S_ISREG(status->st_mode)) {
+    const bool isLink = withAttributes_ && S_ISLNK(status->st_mode);
+    if (!isDirectory && !isLink && !S_ISREG(status->st_mode)) {
       source_.isWhole = false;
       return complainOfSkipped(path, describeKind(status->st_mode));
+    }
+    if (withAttributes_ && placeOf(name) == kManifestName) {
+      return void(refuse(path, "attributes are kept under that name"));
     }
     if (name.size() > hxcrate::kNameCapacity &&
         refuse(path, fmt::format("a name of {} bytes, at most {} fit", name.size(),
@@ -105,7 +116,9 @@ class TreeScanner {
       return;
     }
     if (isDirectory) {
-      enter(std::move(name), verdict == Selection::Verdict::yes);
+      enter(std::move(name), *status, verdict == Selection::Verdict::yes);
+    } else if (isLink) {
+      takeLink(std::move(name), *status);
     } else {
       takeFile(std::move(name), *status);
     }
@@ -129,7 +142,16 @@ class TreeScanner {
     source_.steps.push_back({SourceStep::Kind::file, std::move(name), status});
   }
 
-  void enter(std::string name, bool isMeant) {
+  void takeLink(std::string name, const struct stat& status) {
+    std::string target(PATH_MAX, '\0');
+    const ssize_t length =
+        ::readlinkat(cursor_.descriptor().number(), name.c_str(), target.data(), target.size());
+    if (length < 0) return void(refuse(cursor_.pathTo(name), systemReason()));
+    target.resize(static_cast<std::size_t>(length));
+    source_.steps.push_back({SourceStep::Kind::link, std::move(name), status, 0, target});
+  }
+
+  void enter(std::string name, const struct stat& status, bool isMeant) {
     const SourceEntry* const entry = entryOf(name);
     const std::string path = cursor_.pathTo(name);
     if (!cursor_.enter(name)) return void(refuse(path, systemReason()));
@@ -141,7 +163,7 @@ class TreeScanner {
     place_ = placeOf(name);
     levels_.push_back({std::move(names), entry, isMeant && (entry == nullptr || entry->isNamed),
                        source_.steps.size()});
-    source_.steps.push_back({SourceStep::Kind::enterDirectory, std::move(name)});
+    source_.steps.push_back({SourceStep::Kind::enterDirectory, std::move(name), status});
   }
 
   void leave() {
@@ -162,6 +184,7 @@ class TreeScanner {
   const SourceList& list_;
   const Selection selection_;
   const bool skip_;
+  const bool withAttributes_;
   const std::optional<struct stat>& except_;
   std::vector<Level> levels_;
   std::string place_;  // of the current directory in the store

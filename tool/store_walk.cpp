@@ -168,4 +168,16 @@ hxcrate::Store openWhatThereIs(hxcrate::Session& session, const std::string& pat
   return store;
 }
 
+void requireThere(const hxcrate::Store& store, const std::vector<std::string>& paths) {
+  for (const std::string& path : paths) {
+    try {
+      if (kindOf(store, path)) continue;
+    } catch (const hxcrate::Error& error) {
+      if (error.errc() == hxcrate::Errc::badName) throw;
+      continue;
+    }
+    throw hxcrate::Error(hxcrate::Errc::notFound, store.path(), path);
+  }
+}
+
 }  // namespace tool

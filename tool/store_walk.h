@@ -132,4 +132,8 @@ class ItemSizes {
 hxcrate::Store openWhatThereIs(hxcrate::Session& session, const std::string& path,
                                ExitCode& outcome);
 
+// Throws hxcrate::Error unless all `paths` are there. What can't be opened is there for sure, and
+// told of when its turn comes.
+void requireThere(const hxcrate::Store& store, const std::vector<std::string>& paths);
+
 }  // namespace tool

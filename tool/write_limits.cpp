@@ -57,4 +57,13 @@ void OwnBytes::require(std::int64_t bytes) const {
                             length_, most_ ? "; --max-bytes allows it" : ""));
 }
 
+Descriptor openOrAbove(std::string path) {
+  while (path.size() > 1 && path.back() == '/')
+    path.pop_back();
+  if (::access(path.c_str(), F_OK) == 0) return openDirectory(path);
+  Descriptor parent = locateFile(path).directory;
+  requireWritable(parent, path);
+  return parent;
+}
+
 }  // namespace tool

@@ -21,6 +21,9 @@ void requireRoom(const Descriptor& directory, std::int64_t bytes, const std::str
 // one in the directory.
 void requireWritable(const Descriptor& directory, const std::string& path);
 
+// The directory `path`, or, where there is none, the one that it can be made in. Throws a Failure.
+Descriptor openOrAbove(std::string path);
+
 // A store file holds each byte of its items, unless some of them share pages, which no writer makes
 // them do: a small file could become a huge one so, and going from page to page anew for each item
 // could take hours.
