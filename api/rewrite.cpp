@@ -99,6 +99,7 @@ void Session::rewrite(const FilePath& path, const RewriteOptions& options) {
   Store target = unsynced.createIn(replacement.number(), path, {.pageSize = pageSize});
   MemberCopy(source, target, options).run();
   target.close();
+  source.opening_->abandon();  // its close would write a directory, and a journal of the old file
   bool hasHappened = false;
   const auto durability = engine()->options().durability == Durability::full
                               ? hxhost::Durability::full

@@ -16,11 +16,14 @@ int Replacement::create() {
 }
 
 // First the bytes; also that a journal of the other is gone, which would be a stranger's to this.
+// Nobody makes one of this before its name is on disk, where it would be a stranger's to the other:
+// until its descriptor is closed it is locked.
 int Replacement::deliver(Durability durability, bool& hasHappened) {
   const int directory = replaced_.directory.number();
   const bool isFull = durability == Durability::full;
   int error = isFull ? ops_.sync(file_.number()) : 0;
   if (error == 0 && isFull) error = ops_.syncDirectory(directory);
+  if (error == 0) error = ops_.lock(file_.number(), LockPart::kBytes, LockKind::kExclusive);
   if (error != 0) return error;
   FileInfo there{};
   error = ops_.inspectName(directory, nameOf(replaced_.path), there);

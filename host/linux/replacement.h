@@ -11,7 +11,8 @@ namespace hxhost {
 // One thread uses it. Operations return 0 or an errno.
 class Replacement {
  public:
-  // Of the open file, which is locked exclusively and outlives this.
+  // Of the open file, which is locked exclusively and outlives this. Nothing is written to it, also
+  // not after its name has gone to this: its journal would be taken for this one's.
   Replacement(FileOps& ops, const RegularFile& replaced) : ops_(ops), replaced_(replaced) {}
   ~Replacement();  // nothing is left of one that was not delivered
   Replacement(const Replacement&) = delete;
