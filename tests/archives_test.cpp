@@ -133,6 +133,15 @@ TEST_F(ArchivesTest, NothingOfAHostileArchiveIsTakenOrItIsLeftOutByName) {
   expectPrinted(0, "hxcrate sum --check h.st 2>e; hxcrate ls -R h.st", ".mtree\nd/\nd/f\nok\n");
   expectRun(3, "head -c 700 h | hxcrate import x.st -");
   expectRun(3, "hxcrate import x.st in.st");
+  expectRun(3, "echo >x.st; hxcrate import --replace x.st - </dev/null");
+  expectSaid("standard input: is empty: no archive");
+  expectRun(3, "test $(wc -c <x.st) = 1; rm x.st; hxcrate import x.st /");
+  expectSaid("/: read: Is a directory");
+  for (const std::string format : {"zip", "7zip"}) {
+    expectRun(3, with("bsdtar") + "bsdtar -c --format " + format +
+                     " -f - a | cat | hxcrate import x.st - || exit 3");
+    expectSaid("is imported from a file");
+  }
   expectPrinted(0, "ls x.st 2>e || hxcrate export h.st | tar tv | cut -c1,49-",
                 "dd/\n-d/f\n-ok\nlsl -> /etc\n");
 }

@@ -51,6 +51,7 @@ TEST_F(TreeCommandTest, TakesWhatGlobsMean) {
   expectRun(2, "hxcrate ls x.st --include ''");
   expectRun(2, "hxcrate ls x.st --include-from /dev/null");
   expectRun(3, "hxcrate ls x.st --exclude-from absent");
+  expectRun(2, "hxcrate pack m.st -T - --exclude-from - <globs");
 }
 
 TEST_F(TreeCommandTest, PacksWhatIsListedAndSkipsWhatItCanNotKeep) {

@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
+
 #include "report.h"
 
 namespace tool {
@@ -21,14 +23,15 @@ constexpr Support kFilters[] = {
     archive_read_support_filter_lzip, archive_read_support_filter_compress,
     archive_read_support_filter_uu,   archive_read_support_filter_rpm};
 
+// Of a zip only its end tells modes and links, so that it is not read as a stream.
 constexpr Support kFormats[] = {
-    archive_read_support_format_tar,     archive_read_support_format_gnutar,
-    archive_read_support_format_zip,     archive_read_support_format_cpio,
-    archive_read_support_format_7zip,    archive_read_support_format_rar,
-    archive_read_support_format_rar5,    archive_read_support_format_cab,
-    archive_read_support_format_lha,     archive_read_support_format_xar,
-    archive_read_support_format_iso9660, archive_read_support_format_ar,
-    archive_read_support_format_warc,    archive_read_support_format_empty};
+    archive_read_support_format_tar,          archive_read_support_format_gnutar,
+    archive_read_support_format_zip_seekable, archive_read_support_format_cpio,
+    archive_read_support_format_7zip,         archive_read_support_format_rar,
+    archive_read_support_format_rar5,         archive_read_support_format_cab,
+    archive_read_support_format_lha,          archive_read_support_format_xar,
+    archive_read_support_format_iso9660,      archive_read_support_format_ar,
+    archive_read_support_format_warc,         archive_read_support_format_empty};
 
 }  // namespace
 
@@ -38,6 +41,8 @@ ArchiveInput::ArchiveInput(const std::string& path)
                         : ::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
   struct stat status {};
   if (!file_.isOpen() || ::fstat(file_.number(), &status) != 0) throw systemFailure(name_, "open");
+  errno = S_ISDIR(status.st_mode) ? EISDIR : 0;
+  if (errno != 0) throw systemFailure(name_, "read");
   if (S_ISREG(status.st_mode)) start_ = ::lseek(file_.number(), 0, SEEK_CUR);
   open();
 }
@@ -58,6 +63,9 @@ void ArchiveInput::open() {
 
 archive_entry* ArchiveInput::next() {
   const int result = archive_read_next_header(reader_.get(), &entry_);
+  if (result == ARCHIVE_EOF && archive_format(reader_.get()) == ARCHIVE_FORMAT_EMPTY) {
+    throw Failure(ExitCode::inputOutput, name_, "", "is empty: no archive");
+  }
   if (result == ARCHIVE_EOF) return nullptr;
   if (result != ARCHIVE_OK && result != ARCHIVE_WARN) fail(nullptr);
   return entry_;
@@ -73,10 +81,19 @@ bool ArchiveInput::isCpio() const {
   return (archive_format(reader_.get()) & ARCHIVE_FORMAT_BASE_MASK) == ARCHIVE_FORMAT_CPIO;
 }
 
+std::string ArchiveInput::reason() const {
+  const bool isStream = !canRewind() || archive_filter_count(reader_.get()) > 1;
+  const bool isUnknown = archive_format(reader_.get()) == 0;
+  if (isStream && (isUnknown || archive_errno(reader_.get()) == ESPIPE)) {
+    return (isUnknown ? archiveErrorOf(reader_.get()) + "; " : std::string()) +
+           "a zip or 7z is imported from a file, and not compressed once more";
+  }
+  return archiveErrorOf(reader_.get());
+}
+
 void ArchiveInput::fail(archive_entry* entry) const {
   const char* const path = entry == nullptr ? nullptr : archive_entry_pathname(entry);
-  throw Failure(ExitCode::inputOutput, name_, path == nullptr ? "" : path,
-                archiveErrorOf(reader_.get()));
+  throw Failure(ExitCode::inputOutput, name_, path == nullptr ? "" : path, reason());
 }
 
 }  // namespace tool

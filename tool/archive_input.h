@@ -31,6 +31,7 @@ class ArchiveInput {
 
  private:
   void open();
+  std::string reason() const;
   [[noreturn]] void fail(archive_entry* entry) const;
 
   const std::string name_;

@@ -1,13 +1,11 @@
 #include "checksum_list.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <span>
 #include <utility>
 
 #include "byte_pump.h"
+#include "list_file.h"
 #include "store_walk.h"
 
 namespace tool {
@@ -102,11 +100,8 @@ ChecksumList checksumsOf(const Manifest& manifest) {
 }
 
 std::string readText(const std::string& path) {
-  const bool isStandard = path == "-";
-  const std::string name = isStandard ? "standard input" : path;
-  const Descriptor file(isStandard ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
-                                   : ::open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  if (!file.isOpen()) throw systemFailure(name, "open");
+  const std::string name = path == "-" ? "standard input" : path;
+  const Descriptor file = openList(path);
   std::string text;
   BytePump(nullptr).move(BytePump::kEverything, takeFrom(file, name),
                          [&](std::span<const std::byte> bytes) {

@@ -7,19 +7,27 @@
 #include <utility>
 
 #include "byte_pump.h"
-#include "directory.h"
 #include "report.h"
 
 namespace tool {
 
-std::vector<std::string> readList(const std::string& path, char end) {
+Descriptor openList(const std::string& path) {
+  static bool isInputTaken = false;
   const bool isInput = path == "-";
-  const std::string shown = isInput ? "standard input" : path;
-  const Descriptor file(repeatInterrupted([&] {
+  if (isInput && std::exchange(isInputTaken, true)) {
+    throw Failure(ExitCode::usage, "standard input", "", "it can be one list, not two");
+  }
+  Descriptor file(repeatInterrupted([&] {
     return isInput ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
                    : ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
   }));
-  if (!file.isOpen()) throw systemFailure(shown, "open");
+  if (!file.isOpen()) throw systemFailure(isInput ? "standard input" : path, "open");
+  return file;
+}
+
+std::vector<std::string> readList(const std::string& path, char end) {
+  const std::string shown = path == "-" ? "standard input" : path;
+  const Descriptor file = openList(path);
   std::vector<std::string> entries(1);
   BytePump(nullptr).move(BytePump::kEverything, takeFrom(file, shown),
                          [&](std::span<const std::byte> bytes) {

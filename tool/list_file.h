@@ -4,7 +4,13 @@
 #include <string>
 #include <vector>
 
+#include "directory.h"
+
 namespace tool {
+
+// The file `path`, or standard input for "-", which can be one list of a command only. Throws a
+// Failure.
+Descriptor openList(const std::string& path);
 
 // What stands in the file `path`, or in standard input for "-", up to each `end` or the end of the
 // file, but for what is empty. Throws a Failure.
