@@ -24,6 +24,12 @@ hxhost::HostOptions hostOptionsOf(const SessionOptions& options,
   return hostOptions;
 }
 
+hxhost::HostOptions hostOptionsOf(hxremote::RemoteFile& file) {
+  hxhost::HostOptions hostOptions;
+  hostOptions.files = file.files();
+  return hostOptions;
+}
+
 // What a replacing open passes on when the old file can't be removed.
 bool isRemovalResult(Errc code) {
   constexpr std::int32_t kResults[] = {hx::HX_REMOVE_NO_PERMISSION, hx::HX_REMOVE_IN_USE,
@@ -85,6 +91,13 @@ Engine::Engine(SessionOptions options, std::shared_ptr<hxhost::FileOps> files)
       host_(hostOptionsOf(options_, fileOps_)),
       module_(makeModuleInstance(host_.handle())),
       files_(module_, options_.cachedStores) {}
+
+Engine::Engine(SessionOptions options, std::shared_ptr<hxremote::RemoteFile> file)
+    : options_(std::move(options)),
+      remoteFile_(std::move(file)),
+      host_(hostOptionsOf(*remoteFile_)),
+      module_(makeModuleInstance(host_.handle())),
+      files_(module_, 0) {}
 
 Engine::~Engine() {
   module_->destroy(module_);

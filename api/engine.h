@@ -8,6 +8,7 @@
 #include <optional>
 #include <string>
 
+#include "host/http/remote_file.h"
 #include "host/linux/linux_host.h"
 #include "host/linux/open_request.h"
 #include "hxcrate/error.hpp"
@@ -43,6 +44,8 @@ class Engine {
  public:
   // `files`: what its host's are made of; null: the system's. Throws noModule.
   explicit Engine(SessionOptions options, std::shared_ptr<hxhost::FileOps> files = nullptr);
+  // Of the one file that lies behind a URL.
+  Engine(SessionOptions options, std::shared_ptr<hxremote::RemoteFile> file);
   ~Engine();
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
@@ -51,6 +54,9 @@ class Engine {
   hx::ExtensionInstance* module() const { return module_; }
   hx::HostHandle* host() { return host_.handle(); }
   hxhost::FileOps& fileOps() { return *fileOps_; }
+  // Counts what is read behind URLs for the session.
+  const std::shared_ptr<hxremote::TransferMeter>& transferMeter() const { return meter_; }
+  hxremote::RemoteFile* remoteFile() const { return remoteFile_.get(); }  // null: files of the disk
   MemoryUse memoryUse() const;
 
   // A pool of its own, which holds the engine `self` that it came from. Throws std::bad_alloc.
@@ -81,6 +87,9 @@ class Engine {
 
   SessionOptions options_;
   const std::shared_ptr<hxhost::FileOps> fileOps_;
+  const std::shared_ptr<hxremote::TransferMeter> meter_ =
+      std::make_shared<hxremote::TransferMeter>();
+  const std::shared_ptr<hxremote::RemoteFile> remoteFile_;
   hxhost::LinuxHost host_;
   hx::ExtensionInstance* module_;
   std::atomic<unsigned> storesInMemory_{0};

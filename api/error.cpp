@@ -115,6 +115,7 @@ class Category final : public std::error_category {
 
 // By its number where the system's words would mislead: its category knows no condition for it.
 std::string explain(const FileFailure& failure) {
+  if (!failure.detail.empty()) return failure.detail;
   const int number = failure.reason.value();
   if (number == ESTALE) return "the -journal file beside it does not belong to it";
   if (number == EPERM && failure.operation == "roll back") {

@@ -11,6 +11,7 @@
 #include "host/linux/transfer.h"
 #include "hxcrate/inspect.hpp"
 #include "member_path.h"
+#include "remote_files.h"
 
 namespace hxcrate {
 
@@ -24,6 +25,7 @@ struct InspectedFile::Parts {
   hxhost::RegularFile unlocked;  // open in place of it
 
   int number() const { return (held ? held->opened().file : unlocked).descriptor.number(); }
+  std::shared_ptr<hxremote::RemoteFile> remote;  // in place of all these
 };
 
 namespace {
@@ -51,12 +53,28 @@ std::string explainRefusal(const HeldFile& file, const std::string& path) {
   return Error(Errc::fileNotOpen, path, "", failure).reason();
 }
 
+// What can't be had from afar is no damage of the file.
+std::size_t readRemote(hxremote::RemoteFile& file, std::int64_t offset, std::span<std::byte> to) {
+  const std::int64_t count = file.read(offset, to.data(), std::ssize(to));
+  if (count < std::min(std::ssize(to), file.length() - offset)) {
+    if (const auto failure = takeFailureOf(file)) {
+      throw Error(Errc::fileFailed, file.shownUrl(), "", *failure);
+    }
+  }
+  return static_cast<std::size_t>(count);
+}
+
 }  // namespace
 
 InspectedFile::InspectedFile(const FilePath& given, std::chrono::milliseconds lockWait)
     : parts_(std::make_unique<Parts>()) {
   Parts& parts = *parts_;
-  const std::string& path = parts.name = given.text();
+  parts.name = showPath(given.text());
+  if (isUrl(given.text())) {
+    parts.remote = openRemoteFile(given.text());
+    return;
+  }
+  const std::string& path = parts.name;
   hxhost::RegularFile& file = parts.unlocked;
   requireOpen(hxhost::locateRegularFile(*parts.ops, path, file), path, file);
   parts.held.emplace(parts.files.get(), decodeFilePath(path), lockWait);
@@ -70,20 +88,29 @@ InspectedFile::InspectedFile(const FilePath& given, std::chrono::milliseconds lo
 InspectedFile::~InspectedFile() = default;
 
 std::int64_t InspectedFile::length() const {
+  if (parts_->remote) return parts_->remote->length();
   hxhost::FileInfo info{};
   return parts_->ops->inspect(parts_->number(), info) == 0 ? info.size : 0;
 }
 
 std::size_t InspectedFile::read(std::int64_t offset, std::span<std::byte> to) const {
+  if (parts_->remote) return readRemote(*parts_->remote, offset, to);
   const hxhost::Transfer transfer =
       hxhost::readAll(*parts_->ops, parts_->number(), to.data(), std::ssize(to), offset);
   return static_cast<std::size_t>(transfer.count);
 }
 
 std::int64_t InspectedFile::findData(std::int64_t offset) const {
+  if (parts_->remote) return offset;
   const std::int64_t found = parts_->ops->findData(parts_->number(), offset);
   if (found < 0) return found == -ENXIO ? std::max(offset, length()) : offset;
   return found;
+}
+
+std::optional<Transfers> InspectedFile::transfers() const {
+  if (!parts_->remote) return std::nullopt;
+  const hxremote::Transfers transfers = parts_->remote->transfers();
+  return Transfers{transfers.requests, transfers.bytes, transfers.time};
 }
 
 const std::string& InspectedFile::name() const {

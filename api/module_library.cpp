@@ -35,23 +35,9 @@ void bind(void* library, const char* name, Function*& function) {
   if (function == nullptr) refuse(lastLoaderError());
 }
 
-// The module lies beside the library that this code is in. The loader tells where that is, by a
-// path that was made absolute when it loaded it; the name that it was found by can be relative, and
-// the working directory another by now. By a name alone the module would be searched for, there
-// too.
-std::string locateBesideSelf() {
-  static const char kHere = 0;
-  Dl_info self{};
-  void* library = nullptr;
-  if (dladdr1(&kHere, &self, &library, RTLD_DL_LINKMAP) == 0) refuse("no library holds its host");
-  std::array<char, 2 * PATH_MAX> directory{};  // a working directory and a name below it
-  if (dlinfo(library, RTLD_DI_ORIGIN, directory.data()) != 0) refuse(lastLoaderError());
-  return std::string(directory.data()) + "/" + HX_MODULE_FILE;
-}
-
 // Local, because the module exports names as plain as `lookup`.
 ModuleLibrary load() {
-  void* library = dlopen(locateBesideSelf().c_str(), RTLD_NOW | RTLD_LOCAL);
+  void* library = dlopen(locateBesideSelf(HX_MODULE_FILE).c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) refuse(lastLoaderError());
   ModuleLibrary module{};
   bind(library, "hxmodent", module.introduceHost);
@@ -67,6 +53,19 @@ const ModuleLibrary& library() {
 }
 
 }  // namespace
+
+// The loader tells where the library is by a path that was made absolute when it loaded it; the
+// name that it was found by can be relative, and the working directory another by now. By a name
+// alone a file would be searched for, there too.
+std::string locateBesideSelf(const char* file) {
+  static const char kHere = 0;
+  Dl_info self{};
+  void* library = nullptr;
+  if (dladdr1(&kHere, &self, &library, RTLD_DL_LINKMAP) == 0) refuse("no library holds its host");
+  std::array<char, 2 * PATH_MAX> directory{};  // a working directory and a name below it
+  if (dlinfo(library, RTLD_DI_ORIGIN, directory.data()) != 0) refuse(lastLoaderError());
+  return std::string(directory.data()) + "/" + file;
+}
 
 hx::ExtensionInstance* makeModuleInstance(hx::HostHandle* host) {
   const ModuleLibrary& module = library();

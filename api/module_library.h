@@ -1,12 +1,16 @@
 // The shared library that the module is.
 #pragma once
 
+#include <string>
 #include <string_view>
 
 #include "host/kernel.h"
 #include "records/records.h"
 
 namespace hxcrate {
+
+// The path of `file` in the folder of the library that this code is in. Throws noModule.
+std::string locateBesideSelf(const char* file);
 
 // A new instance of the module that is served by `host`. Loads the library at the first call and
 // keeps it for good. Throws noModule. Safe for several threads.

@@ -8,6 +8,7 @@
 #include "module_library.h"
 #include "records/lock_guard.h"
 #include "records/status.h"
+#include "remote_files.h"
 
 namespace hxcrate {
 
@@ -39,7 +40,7 @@ Opening::~Opening() {
 void Opening::take(OpenedRoot root, std::u32string name) noexcept {
   root_ = root.release();
   name_ = std::move(name);
-  outcome_ = outcomeOf(root_);
+  if (engine_->remoteFile() == nullptr) outcome_ = outcomeOf(root_);
 }
 
 // Through the handle that the directory was read by.
@@ -55,6 +56,7 @@ bool Opening::isUnwinding() const noexcept {
 }
 
 std::optional<FileFailure> Opening::takeFailure() const {
+  if (hxremote::RemoteFile* file = engine_->remoteFile()) return takeFailureOf(*file);
   return outcome_ != nullptr ? takeFailureOf(*outcome_, path_) : std::nullopt;
 }
 
@@ -62,7 +64,8 @@ void Opening::fail(std::int32_t status, const std::string& member) const {
   if (update_ == Update::kAbandoned) throw Error(Errc::abandoned, path_, member);
   const Errc code = static_cast<Errc>(status);
   if (std::optional<FileFailure> failure = takeFailure()) {
-    throw Error(outcome_->isLost() ? Errc::fileFailed : code, path_, member, *failure);
+    const bool isOfFile = outcome_ == nullptr || outcome_->isLost();
+    throw Error(isOfFile ? Errc::fileFailed : code, path_, member, *failure);
   }
   throw Error(code, path_, member);
 }
@@ -109,8 +112,9 @@ void Opening::closeRoot() {
 
 // What an abandoned update was lost by is no failure when the file is what it was.
 std::optional<FileFailure> Opening::endFailure() const {
+  if (outcome_ == nullptr) return std::nullopt;
   const bool isAbandoned = update_ == Update::kAbandoned;
-  const bool isWanted = isAbandoned && outcome_ != nullptr && outcome_->wasRolledBack();
+  const bool isWanted = isAbandoned && outcome_->wasRolledBack();
   return isWanted ? std::nullopt : takeFailure();
 }
 

@@ -9,6 +9,7 @@
 #include "member_path.h"
 #include "opening.h"
 #include "records/status.h"
+#include "remote_files.h"
 
 namespace hxcrate {
 
@@ -53,7 +54,8 @@ std::int32_t Session::choosePageSize(std::int32_t wanted, const std::string& sto
 
 Store Session::open(const FilePath& path, Mode mode, OpenOptions options) {
   options.pageSize = choosePageSize(options.pageSize, path.text());
-  const auto opening = FileOpener(engine(), path.text(), mode, options).open();
+  const auto opening = isUrl(path.text()) ? openRemote(engine(), path.text(), mode)
+                                          : FileOpener(engine(), path.text(), mode, options).open();
   Store store(opening, opening->root());
   const std::error_code damage = store.damage();
   if (damage && !options.acceptDamaged) opening->fail(damage.value(), "");
@@ -111,6 +113,11 @@ Store Session::openMapped(const FilePath& path, OpenOptions options) {
 
 MemoryUse Session::memoryUse() const {
   return engine()->memoryUse();
+}
+
+Transfers Session::transfers() const {
+  const hxremote::TransferMeter& meter = *engine()->transferMeter();
+  return {meter.requests, meter.bytes, std::chrono::nanoseconds(meter.nanoseconds)};
 }
 
 std::string_view version() noexcept {

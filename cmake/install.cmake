@@ -14,6 +14,10 @@ install(TARGETS hxcrate RUNTIME)
 # The host looks for the module in its own folder, under the name with the major version.
 install(TARGETS hxcrate_module LIBRARY)
 install(TARGETS hxhost hxcrate_interfaces EXPORT hxcrateTargets LIBRARY)
+# The API looks for it in its own folder. It is a package of its own.
+if(TARGET hxremote)
+  install(TARGETS hxremote LIBRARY COMPONENT remote NAMELINK_SKIP)
+endif()
 install(DIRECTORY api/hxcrate DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} FILES_MATCHING PATTERN *.hpp PATTERN *.h)
 
 # For those who write a host of their own, under the paths by which the headers include each other.

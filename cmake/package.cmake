@@ -19,6 +19,13 @@ set(CPACK_COMPONENT_CORE_DESCRIPTION
 This package holds the command hxcrate, the C++ library behind it with its headers,
 and the module that both run on.")
 
+set(CPACK_DEBIAN_REMOTE_PACKAGE_NAME hxcrate-remote)
+set(CPACK_DEBIAN_REMOTE_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_REMOTE_PACKAGE_DEPENDS "hxcrate (= ${PROJECT_VERSION})")
+set(CPACK_COMPONENT_REMOTE_DESCRIPTION
+    "A store file holds a whole tree of items, and an update of it is one transaction.
+This package holds the library by which stores behind URLs are read.")
+
 set(CPACK_DEBIAN_PYTHON_PACKAGE_NAME python3-hxcrate)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
 # Of the one Python that it was built for, and of the library whose version it is.

@@ -13,9 +13,10 @@ complain() { printf '%s\n' "$*"; outcome=1; }
 inner="records/ file/ store/ item/ blob/ module/"
 slots="host/kernel.h host/encoding.h host/file_io.h"
 rules=(
+  "host/http/: + host/http/ $slots"
   "host/linux/: + host/linux/ $slots"
   "host/: $slots"
-  "api/: + api/ host/linux/ file/format.h item/item_view.h records/lock_guard.h records/records.h records/status.h module/entry.h $slots"
+  "api/: + api/ host/http/remote_file.h host/linux/ file/format.h item/item_view.h records/lock_guard.h records/records.h records/status.h module/entry.h $slots"
   "inspect/: + inspect/ api/hxcrate/ file/format.h"
   "tool/: + tool/ api/hxcrate/"
   "mount/: + mount/ api/hxcrate/ tool/manifest.h"

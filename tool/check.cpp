@@ -34,7 +34,7 @@ class Checker {
 
   ExitCode run() {
     answer_.tellPrograms([&](JsonWriter& json) {
-      json.writeName("store", options_.store);
+      json.writeName("store", hxcrate::showPath(options_.store));
       json.writeFlag("quick", options_.quick);
       json.beginArray("findings");
     });

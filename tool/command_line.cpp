@@ -101,6 +101,10 @@ CommandLine::CommandLine()
   app_.require_subcommand(0, 1);  // what comes behind it is no command, whatever it is called
   app_.set_version_flag("--version", "hxcrate " + std::string(hxcrate::version()));
   app_.footer(kFooter);
+  app_.add_flag("!--no-cache", remote_.useCache, "of a URL: keep nothing of what is read");
+  addCount(app_, "--max-transfer", remote_.maxBytes, "of a URL: receive at most so many bytes");
+  addCount(app_, "--patience", patience_,
+           "of a URL: seconds to wait for a server that sends nothing");
   app_.get_formatter()->column_width(kOptionColumn);
   app_.get_formatter()->label("SUBCOMMAND", "COMMAND");
   app_.get_formatter()->label("Positionals", "Arguments");
@@ -112,6 +116,7 @@ CLI::App& CommandLine::add(const char* name, const char* meaning, const char* ex
                            std::function<ExitCode()> command) {
   CLI::App* words = app_.add_subcommand(name, meaning);
   words->group(group_);
+  words->fallthrough();
   words->footer("Example:\n" + std::string(examples));
   words->callback([this, command = std::move(command)] { command_ = command; });
   return *words;
@@ -140,6 +145,8 @@ ExitCode CommandLine::run(int argc, char** argv) {
   } catch (const CLI::ParseError& error) {
     return refuse(error.what(), isOption ? "" : name + " ");
   }
+  if (patience_ != 0) remote_.patience = std::chrono::seconds(patience_);
+  hxcrate::setRemoteOptions(remote_);
   return command_ ? command_() : refuse("no command given", "");
 }
 

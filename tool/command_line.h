@@ -31,6 +31,8 @@ class CommandLine {
 
  private:
   CLI::App app_;
+  hxcrate::RemoteOptions remote_;
+  std::int64_t patience_ = 0;
   std::string group_;
   std::function<ExitCode()> command_;
 };

@@ -148,7 +148,8 @@ _hxcrate_find() {
     --color) found=(auto always never) ;;
     -*) ;;
     unpack:1 | mount:[1-9]*) _hxcrate_files -d ;;
-    ls:1 | tree:1 | stat:1 | cat:[1-9]* | sum:[1-9]* | put:1 | mkstore:1 | unpack:[2-9]*) _hxcrate_members ;;
+    ls:1 | tree:1 | stat:1 | cat:[1-9]* | sum:[1-9]* | put:1 | mkstore:1 | unpack:[2-9]*)
+      [[ $store_file == *://* ]] || _hxcrate_members ;;  # a key that is pressed asks no server
     *:0 | pack:* | import:1 | export:1 | copy:1 | diff:1 | salvage:1 | put:2) _hxcrate_files -f ;;
   esac
 }
@@ -167,7 +168,7 @@ _hxcrate() {
     else
       case ${words[i]} in
         --) ended=1 ;;
-        --page-size | --strip-components | --max-entries | --max-bytes | --offset | --length | --wait | --include | --exclude) ;&
+        --page-size | --strip-components | --max-entries | --max-bytes | --max-transfer | --patience | --offset | --length | --wait | --include | --exclude) ;&
         --include-from | --exclude-from | -T | --encoding | --svg | --check | --format | --sort | --color) option=${words[i]} ;;
       esac
     fi

@@ -21,8 +21,11 @@ Descriptor openForItsPath(const std::string& path) {
 
 }  // namespace
 
-CopiedFile::CopiedFile(const std::string& path)
-    : path_(path), file_(openForItsPath(path)), rights_(file_, path) {}
+CopiedFile::CopiedFile(const std::string& path) : path_(path) {
+  if (hxcrate::isUrl(path)) return;
+  file_ = openForItsPath(path);
+  rights_.emplace(file_, path);
+}
 
 void CopiedFile::refuse() const {
   throw Failure(ExitCode::inputOutput, path_, "", "somebody gave its name to another file");

@@ -1,6 +1,7 @@
 // The store file that a new one is made of.
 #pragma once
 
+#include <optional>
 #include <string>
 
 #include "directory.h"
@@ -16,7 +17,8 @@ class CopiedFile {
   explicit CopiedFile(const std::string& path);
 
   int descriptor() const { return file_.number(); }
-  const FileRights& rights() const { return rights_; }
+  // Null of what lies behind a URL.
+  const FileRights* rights() const { return rights_ ? &*rights_ : nullptr; }
 
   // What was opened by the path. Throws a Failure unless it lies in this file.
   template <typename Opened>
@@ -26,7 +28,7 @@ class CopiedFile {
   }
   template <typename Opened>
   void requireIn(const Opened& opened) const {
-    if (!opened.isIn(descriptor())) refuse();
+    if (rights_ && !opened.isIn(descriptor())) refuse();
   }
 
  private:
@@ -34,7 +36,7 @@ class CopiedFile {
 
   std::string path_;
   Descriptor file_;  // for its path alone: a FIFO is not waited for
-  FileRights rights_;
+  std::optional<FileRights> rights_;
 };
 
 }  // namespace tool

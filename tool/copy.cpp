@@ -80,8 +80,9 @@ ExitCode copy(const CopyOptions& options) {
   const NewStore target(options.target);
   const CopiedFile source(options.store);
   NewStore::Options made = options.made;
-  made.copyOf = &source.rights();
+  made.copyOf = source.rights();
   hxcrate::Session session(waitingFor(options.wait));
+  const hxcrate::Store held = session.open(options.store);  // read twice, and the same both times
   const Selection selection(options.selected);
   const auto members = [&] {
     return KeptMembers(selection, source.require(session.open(options.store)));

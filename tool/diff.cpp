@@ -39,8 +39,8 @@ class Differences {
  public:
   explicit Differences(const DiffOptions& options) : options_(options), answer_(options.asJson) {
     answer_.tellPrograms([&](JsonWriter& json) {
-      json.writeName("first", options.first);
-      json.writeName("second", options.second);
+      json.writeName("first", hxcrate::showPath(options.first));
+      json.writeName("second", hxcrate::showPath(options.second));
       json.beginArray("differences");
     });
   }

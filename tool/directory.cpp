@@ -153,7 +153,13 @@ Descriptor openDirectory(const std::string& path) {
   return directory;
 }
 
+void requireFilePath(const std::string& path) {
+  if (!hxcrate::isUrl(path)) return;
+  throw Failure(ExitCode::notOpenable, path, "", "what lies behind a URL is only read");
+}
+
 FilePlace locateFile(const std::string& path) {
+  requireFilePath(path);
   const std::size_t slash = path.rfind('/');
   const std::string name = path.substr(slash == std::string::npos ? 0 : slash + 1);
   if (name.empty() || name == "." || name == "..") {

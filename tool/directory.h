@@ -82,6 +82,9 @@ struct FilePlace {
   std::string name;
 };
 
+// Throws a Failure for a URL: nothing is made or written there.
+void requireFilePath(const std::string& path);
+
 // Of the file `path`, whatever it is. Throws a Failure when that can't be the path of a file, or
 // its directory can't be opened.
 FilePlace locateFile(const std::string& path);

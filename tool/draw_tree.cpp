@@ -54,7 +54,7 @@ class Drawer {
     hxcrate::Session session(waitingFor(options_.wait));
     hxcrate::Store store = openWhatThereIs(session, options_.store, outcome_);
     std::optional<hxcrate::Store> start = openIfStore(store, options_.path);
-    output_.writeName(options_.path.empty() ? options_.store : options_.path);
+    output_.writeName(options_.path.empty() ? hxcrate::showPath(options_.store) : options_.path);
     if (start) {
       if (options_.storesOnly) measure(session);
       output_.write(options_.storesOnly ? fmt::format("  {}\n", bytes_) : "\n");

@@ -74,7 +74,7 @@ class Lister {
     hxcrate::Store store = openWhatThereIs(session, options_.store, outcome_);
     std::optional<hxcrate::Store> start = openIfStore(store, options_.path);
     answer_.tellPrograms([&](JsonWriter& json) {
-      json.writeName("store", options_.store);
+      json.writeName("store", hxcrate::showPath(options_.store));
       json.writeName("path", options_.path);
       json.beginArray("members");
     });

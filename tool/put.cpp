@@ -101,6 +101,7 @@ using Change = std::function<void(hxcrate::Store&)>;
 // Throws what the change would be refused for, so that it is known before any input is read: makes
 // it, or as much as can be made without the `bytes` of the input, and gives it up.
 void rehearse(const PutOptions& options, std::int64_t bytes, const Change& make) {
+  requireFilePath(options.store);
   const std::optional<off_t> size = sizeOf(options.store);
   size ? requireUpdatable(options.store) : refuseUnmakable(options.store);
   requireRoom(openFolderOf(options.store), bytes, options.store);

@@ -81,7 +81,8 @@ ExitCode exitCodeOf(const hxcrate::Error& error) {
 void complain(std::string_view file, std::string_view place, std::string_view reason) {
   Progress::erase();
   std::string line = "hxcrate: ";
-  for (const std::string_view part : {file, place}) {
+  const std::string shown = hxcrate::showPath(std::string(file));
+  for (const std::string_view part : {std::string_view(shown), place}) {
     if (!part.empty()) line += escape(part) + ": ";
   }
   line += escape(reason) + "\n";

@@ -209,7 +209,7 @@ ExitCode rebuild(InspectedStore& source, const SalvageOptions& options,
   OwnBytes(options.store, options.maxBytes).require(forecast.bytes());
   Progress progress("salvaging");
   progress.expect(forecast.bytes(), forecast.items());
-  target.make(forecast, {.copyOf = &copied.rights()}, [&](hxcrate::Store& store) {
+  target.make(forecast, {.copyOf = copied.rights()}, [&](hxcrate::Store& store) {
     Rebuilder rebuilder(source, store, output, progress);
     rebuilder.run();
     kept =

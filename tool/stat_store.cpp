@@ -195,6 +195,25 @@ void tellBytes(const InspectedStore& store, const std::string& path, const Numbe
               });
 }
 
+void tellTransfers(const InspectedStore& store, Answer& answer) {
+  const std::optional<hxcrate::Transfers> transfers = store.file().transfers();
+  if (!transfers) return;
+  const auto milliseconds = std::chrono::round<std::chrono::milliseconds>(transfers->time).count();
+  answer.tell(
+      [&](Output& text) {
+        printLine(text, "transfer",
+                  fmt::format("{}, {} bytes, {} ms", countThings(transfers->requests, "request"),
+                              transfers->bytes, milliseconds));
+      },
+      [&](JsonWriter& json) {
+        json.beginObject("transfer");
+        json.writeNumber("requests", transfers->requests);
+        json.writeNumber("bytes", transfers->bytes);
+        json.writeNumber("milliseconds", milliseconds);
+        json.endObject();
+      });
+}
+
 // Prints the numbers; of a damaged store those of what can be reached, with a complaint and
 // ExitCode::damaged. Throws Failure or hxcrate::Error.
 ExitCode statStore(const StatOptions& options) {
@@ -203,6 +222,7 @@ ExitCode statStore(const StatOptions& options) {
   Answer answer(options.asJson);
   tellMembers(store, options.path, numbers, answer);
   tellBytes(store, options.path, numbers, answer);
+  tellTransfers(store, answer);
   answer.finish();
   store.complainOfDamage();
   return store.outcome();

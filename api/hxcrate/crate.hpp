@@ -5,6 +5,7 @@
 #include "hxcrate/error.hpp"
 #include "hxcrate/item.hpp"
 #include "hxcrate/listing.hpp"
+#include "hxcrate/remote.hpp"
 #include "hxcrate/rewrite.hpp"
 #include "hxcrate/session.hpp"
 #include "hxcrate/store.hpp"

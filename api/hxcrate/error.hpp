@@ -78,6 +78,7 @@ struct FileFailure {
   bool happened = false;
   std::string holder = {};              // who has the file open, when that is this session
   std::chrono::milliseconds waited{0};  // for whoever has the file open
+  std::string detail = {};  // says more than the system's words, of what is behind a URL
 };
 
 // Every failure of this API but running out of memory in the library itself (std::bad_alloc).

@@ -19,6 +19,7 @@
 
 #include "hxcrate/error.hpp"
 #include "hxcrate/file_path.hpp"
+#include "hxcrate/remote.hpp"
 #include "hxcrate/store.hpp"
 
 namespace hxcrate {
@@ -61,7 +62,8 @@ class ByteView final : public ByteSource {
 // lock: reads then give fewer or other bytes.
 class InspectedFile final : public ByteSource {
  public:
-  // Throws notFound, fileNotOpen, and storeInUse when somebody still updates it after that wait.
+  // Also of what lies behind a URL. Throws notFound, fileNotOpen, and storeInUse when somebody still
+  // updates it after that wait.
   explicit InspectedFile(const FilePath& path, std::chrono::milliseconds lockWait = {});
   ~InspectedFile() override;
 
@@ -74,6 +76,8 @@ class InspectedFile final : public ByteSource {
   // Whether it is the file that the descriptor is of, which may be one for the path alone: a path
   // may lead to another file each time.
   bool isIn(int file) const;
+  // What it took so far to read it behind a URL; nothing of a file of the disk.
+  std::optional<Transfers> transfers() const;
 
  private:
   struct Parts;

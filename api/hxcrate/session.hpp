@@ -17,6 +17,7 @@
 #include "hxcrate/blob.hpp"
 #include "hxcrate/error.hpp"
 #include "hxcrate/file_path.hpp"
+#include "hxcrate/remote.hpp"
 #include "hxcrate/rewrite.hpp"
 #include "hxcrate/store.hpp"
 
@@ -87,7 +88,7 @@ class [[nodiscard]] Session {
   Session(Session&&) noexcept = default;
   Session& operator=(Session&&) noexcept = default;
 
-  // The store file `path`, whose bytes may be any but NUL.
+  // The store file `path`, whose bytes may be any but NUL, or, for reading, the one behind a URL.
   Store open(const FilePath& path, Mode mode = Mode::read, OpenOptions options = {});
   // The same without exceptions, as all that takes a std::error_code: with an error, what it
   // returns is not open. The code carries the system's number where it refused something.
@@ -155,6 +156,9 @@ class [[nodiscard]] Session {
   }
 
   MemoryUse memoryUse() const;
+
+  // All requests so far for what this session opened behind URLs.
+  Transfers transfers() const;
 
  private:
   const std::shared_ptr<Engine>& engine() const;

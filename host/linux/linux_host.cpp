@@ -33,7 +33,8 @@ void* loadExtensionSlot(hx::HostHandle* host, const char32_t* name, int64_t leng
   if (name == nullptr || length != 5) return nullptr;
   const std::u32string_view wanted(name, 5);
   auto* services = static_cast<HostServices*>(host);
-  if (wanted == U"hxfio") return makeFileService(services->fileOptions);
+  hx::FileIo* given = services->fileOptions.files;
+  if (wanted == U"hxfio") return given != nullptr ? given : makeFileService(services->fileOptions);
   if (wanted == U"hxmok") return makeEncodingService();
   return nullptr;
 }

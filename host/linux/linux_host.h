@@ -41,6 +41,9 @@ struct HostOptions {
   // How long opens and removals without an OpenRequest wait for a file that somebody else has open;
   // below zero: for ever.
   std::chrono::milliseconds lockWait{0};
+  // The file service of the host's instances, in place of one over `fileOps`; the caller's, who
+  // keeps it as long as the host. What this host tells of its files holds for none of them.
+  hx::FileIo* files = nullptr;
 };
 
 // A file as the system has it open.

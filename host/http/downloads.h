@@ -1,0 +1,99 @@
+// The requests of one remote file that are under way, and what they bring.
+#pragma once
+
+#include <condition_variable>
+#include <list>
+#include <memory>
+#include <mutex>
+
+#include "host/http/attempts.h"
+#include "host/http/block_spool.h"
+
+namespace hxremote {
+
+// What all requests for one file share. Guarded by the file's mutex.
+struct RequestContext {
+  WebAddress address;  // where it is asked for now
+  Identity identity;
+  Options options;
+  Transfers transfers;
+
+  // Nothing when so many bytes more may be received.
+  std::optional<Failure> findExcess(int64_t bytes) const;
+
+  void count(const Transfers& more);
+};
+
+// One range of blocks, from block to block, by one request or, after faults, several.
+class Download : public ByteSink {
+ public:
+  Download(RequestContext& context, BlockSpool& spool, int64_t from, int64_t to, bool isGuess);
+
+  bool covers(int64_t offset) const { return position_ <= offset && offset < to_; }
+  int64_t position() const { return position_; }
+  int64_t to() const { return to_; }
+  bool isGuess() const { return isGuess_; }  // of what is wanted next
+  const Failure& failure() const { return attempts_.failure(); }
+
+  bool begin(const ReplyHead& head) override;
+  bool take(std::span<const std::byte> bytes) override;
+
+ private:
+  friend class Downloads;
+
+  bool refuse(int error, std::string reason);
+  bool putBlock(std::span<const std::byte> bytes);
+
+  RequestContext& context_;
+  BlockSpool& spool_;
+  WebAddress address_;
+  int64_t position_;  // all before is in the spool; where a block begins
+  const int64_t to_;
+  const bool isGuess_;
+  bool isCancelled_ = false;
+  bool isOver_ = false;
+  Attempts attempts_{address_};
+  Clock::time_point lastProgress_{};
+  std::vector<std::byte> begun_;           // of the block at the position
+  std::unique_ptr<RangeRequest> request_;  // while one is under way
+};
+
+// Their bytes come while somebody waits for some: else they stay with the server, which sends no
+// more than the system takes. The thread that waits first moves all of them on.
+class Downloads {
+ public:
+  // The mutex is held by whoever calls.
+  Downloads(RequestContext& context, BlockSpool& spool);
+  ~Downloads();
+  Downloads(const Downloads&) = delete;
+  Downloads& operator=(const Downloads&) = delete;
+
+  void start(int64_t from, int64_t to, bool isGuess);
+
+  // The one that will bring the byte; null: none.
+  std::shared_ptr<Download> find(int64_t offset) const;
+
+  // Until the download has come past the offset or is over.
+  void await(std::unique_lock<std::mutex>& lock, const Download& download, int64_t offset);
+
+  void cancelGuesses();
+
+ private:
+  void drive(std::unique_lock<std::mutex>& lock);
+  void startDue(Clock::time_point now);
+  void begin(Download& download);
+  void collect();
+  void end(Download& download, CURLcode code);
+  void endStalled(Clock::time_point now);
+  int timeout(Clock::time_point now) const;
+
+  RequestContext& context_;
+  BlockSpool& spool_;
+  std::list<std::shared_ptr<Download>> list_;
+  std::condition_variable progress_;
+  bool isDriven_ = false;
+  Clock::time_point lastDrive_{};
+  CURLM* multi_;
+};
+
+}  // namespace hxremote
