@@ -62,8 +62,8 @@ class ByteView final : public ByteSource {
 // lock: reads then give fewer or other bytes.
 class InspectedFile final : public ByteSource {
  public:
-  // Also of what lies behind a URL. Throws notFound, fileNotOpen, and storeInUse when somebody still
-  // updates it after that wait.
+  // Also of what lies behind a URL. Throws notFound, fileNotOpen, and storeInUse when somebody
+  // still updates it after that wait.
   explicit InspectedFile(const FilePath& path, std::chrono::milliseconds lockWait = {});
   ~InspectedFile() override;
 
