@@ -52,6 +52,7 @@ TEST_F(TreeCommandTest, TakesWhatGlobsMean) {
   expectRun(2, "hxcrate ls x.st --include-from /dev/null");
   expectRun(3, "hxcrate ls x.st --exclude-from absent");
   expectRun(2, "hxcrate pack m.st -T - --exclude-from - <globs");
+  expectRun(3, "ln -s in lnk; hxcrate pack m.st lnk/a lnk/e || { test ! -e m.st; exit 3; }");
 }
 
 TEST_F(TreeCommandTest, PacksWhatIsListedAndSkipsWhatItCanNotKeep) {

@@ -46,7 +46,7 @@ ArchiveOutput::ArchiveOutput(const ArchiveKind& kind, std::string name, Give giv
       isZip_(kind.format == "zip"),
       writer_(own(archive_write_new())) {
   archive* const writer = writer_.get();
-  const char* const format = isZip_ ? "zip" : kind.format == "cpio" ? "newc" : "paxr";
+  const char* const format = isZip_ ? "zip" : kind.format == "cpio" ? "newc" : "pax";
   require(archive_write_set_format_by_name(writer, format) == ARCHIVE_OK);
   if (!kind.filter.empty())
     require(archive_write_add_filter_by_name(writer, kind.filter.c_str()) == ARCHIVE_OK);

@@ -34,6 +34,8 @@ class ArchiveOutput {
   // The bytes of a file follow, as many as the entry says. False, and nothing begun, for one that
   // the format can't tell of.
   bool begin(archive_entry* entry);
+  // Whether the format keeps the name: readers of zip take a backslash for a slash.
+  bool keeps(const std::string& path) const { return !isZip_ || path.find('\\') == path.npos; }
   void write(std::span<const std::byte> bytes);
   // Without it what was given is no whole archive.
   void finish();

@@ -44,7 +44,7 @@ MemberAttributes attributesOfFile(const std::string& path) {
   return {.mode = status.st_mode & 0666,
           .uid = status.st_uid,
           .gid = status.st_gid,
-          .modified = status.st_mtim.tv_sec * 1'000'000'000 + status.st_mtim.tv_nsec};
+          .modified = status.st_mtim.tv_sec * 1'000'000'000};
 }
 
 class Exporter {
@@ -60,6 +60,8 @@ class Exporter {
   ExitCode run(hxcrate::Session& session) {
     const hxcrate::Store store = openWhatThereIs(session, options_.store, outcome_);
     if (!options_.withoutAttributes) takeManifest(store);
+    const MemberAttributes* const top = manifest_ ? manifest_->find("") : nullptr;
+    if (linksFiles_ && top != nullptr && top->type == Type::folder) begin("./", *top);
     StoreWalk walk(session.open(options_.store, hxcrate::Mode::read, {.acceptDamaged = true}));
     for (auto event = walk.next(); event != StoreWalk::Event::end; event = walk.next()) {
       throwIfInterrupted();
@@ -113,6 +115,10 @@ class Exporter {
 
   bool begin(const std::string& place, const MemberAttributes& member,
              const std::string& linked = "") {
+    if (!output_.keeps(place)) {
+      leaveOut(place, "a zip can't keep a backslash in a name");
+      return false;
+    }
     const EntryHandle entry = own(archive_entry_new());
     archive_entry_set_pathname(entry.get(), place.c_str());
     describe(entry.get(), member);
@@ -254,7 +260,7 @@ ExitCode exportToStandardOutput(const ExportOptions& options) {
 }
 
 // Uncompressed it is about as long as the store.
-ExitCode exportToFile(const ExportOptions& options) {
+ExitCode exportToFile(const ExportOptions& options, std::int64_t length) {
   const FilePlace place = locateFile(options.file);
   const auto refuse = [&] {
     return Failure(ExitCode::notOpenable, options.file, "", "exists already");
@@ -262,7 +268,7 @@ ExitCode exportToFile(const ExportOptions& options) {
   if (inspect(place.directory, place.name)) throw refuse();
   const ArchiveKind kind = chooseKind(options);
   if (kind.format != "zip" && kind.filter.empty()) {
-    requireRoom(place.directory, hxcrate::InspectedFile(options.store).length(), options.file);
+    requireRoom(place.directory, length, options.file);
   }
   removeLeftovers(place.directory);
   const Descriptor store(::open(options.store.c_str(), O_PATH | O_CLOEXEC));
@@ -277,8 +283,9 @@ ExitCode exportToFile(const ExportOptions& options) {
 }
 
 ExitCode exportStore(const ExportOptions& options) {
+  const std::int64_t length = hxcrate::InspectedFile(options.store).length();  // it is there
   const ExitCode outcome =
-      options.file == "-" ? exportToStandardOutput(options) : exportToFile(options);
+      options.file == "-" ? exportToStandardOutput(options) : exportToFile(options, length);
   return seeLostMembers(options.store, outcome);
 }
 

@@ -104,6 +104,10 @@ class TreeScanner {
     if (except_ && isSameFile(*status, *except_)) return complain(path, "", "skipped: the store");
     const bool isLink = withAttributes_ && S_ISLNK(status->st_mode);
     if (!isDirectory && !isLink && !S_ISREG(status->st_mode)) {
+      const SourceEntry* const entry = entryOf(name);
+      if (S_ISLNK(status->st_mode) && entry != nullptr && !entry->below.empty()) {
+        return void(refuse(path, "a symbolic link on the way to a path that is named"));
+      }
       source_.isWhole = false;
       return complainOfSkipped(path, describeKind(status->st_mode));
     }
