@@ -287,7 +287,7 @@ class Unpacker {
       throwIfInterrupted();
       quota_.takeEntry(place);
       if (!isMaking()) continue;
-      attempt([&] {
+      attempt([&, &place = place, &member = member] {
         tree_.makeSymbolicLink(*target, cursor_->pathTo(*target), member, options_.withJournals);
         if (options_.isTold) tell(place, "\n");
       });
