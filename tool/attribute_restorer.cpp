@@ -53,8 +53,8 @@ void AttributeRestorer::give(const Descriptor& file, const std::string& path,
   const bool hasMode = ::fchmod(number, member.mode & bits) == 0;
   const Failure mode = systemFailure(path, "give it its mode");
   giveTime(file, path, member);
-  if (!hasMode) throw mode;
-  if (!isOwned) throw owner;
+  if (!hasMode) throw Failure(mode);
+  if (!isOwned) throw Failure(owner);
 }
 
 void AttributeRestorer::giveTime(const Descriptor& file, const std::string& path,
