@@ -460,14 +460,16 @@ TEST_F(Sharing, GivesCodesThatAProgramCanUse) {
         return errorOf([&] { return session.open(path_); });
       },
       std::errc::permission_denied);
-  inChild(
-      [&] {
-        const rlimit none = {static_cast<rlim_t>(::dup(0)), 1024};
-        Session session;
-        ::setrlimit(RLIMIT_NOFILE, &none);
-        return errorOf([&] { return session.open(directory_ / "text"); });
-      },
-      std::errc::too_many_files_open);
+  // The undefined-behaviour sanitizer needs a descriptor itself to look at an object.
+  if (!HX_SANITIZED)
+    inChild(
+        [&] {
+          const rlimit none = {static_cast<rlim_t>(::dup(0)), 1024};
+          Session session;
+          ::setrlimit(RLIMIT_NOFILE, &none);
+          return errorOf([&] { return session.open(directory_ / "text"); });
+        },
+        std::errc::too_many_files_open);
   inChild(
       [&] {
         const std::string full = directory_ / "full";
