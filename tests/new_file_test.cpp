@@ -101,7 +101,7 @@ TEST_F(NewFileTest, TouchesNothingThatSomebodyPutsInItsPlace) {
         sleep 0.002
       done; wait)");
     expectPrinted(0, "cat precious/x.st; stat -c %a precious/x.st", "mine600\n");
-    expectPrinted(0, "cat result; find -name '.hxcrate*' | wc -l; [ ! -L x.st ]",
+    expectPrinted(0, "cat result; find -name '.hxcrate*' | head -n 1 | wc -l; [ ! -L x.st ]",
                   isNameless ? "\n0\n" : "failed\n\n1\n");
     expectRun(0, "rm -rf .hxcrate-* taken result precious");
   });
