@@ -56,7 +56,18 @@ const Store& storeOf(const hxcrate_store* opened) {
   return storeOf(const_cast<hxcrate_store*>(opened));
 }
 
+// What a program in C may pass by mistake is refused before it is used.
+void require(bool isRight, const char* why) {
+  if (!isRight) throw Error(Errc::badName, "", "", why);
+}
+
+const char* pathFrom(const char* path) {
+  require(path != nullptr, "the path is a null pointer");
+  return path;
+}
+
 Mode modeOf(hxcrate_mode mode) {
+  require(mode >= HXCRATE_READ && mode <= HXCRATE_OPEN_OR_CREATE, "there is no such mode");
   if (mode == HXCRATE_READ) return Mode::read;
   return mode == HXCRATE_UPDATE ? Mode::update : Mode::openOrCreate;
 }
@@ -73,7 +84,9 @@ void* copyOf(std::span<const std::byte> bytes) {
 int write(hxcrate_store* store, const char* path, const void* bytes, std::size_t size,
           Writer (Store::*open)(std::string_view, Parents)) {
   return codeOf([&] {
-    Writer writer = (storeOf(store).*open)(path, Parents::create);
+    Store& opened = storeOf(store);
+    require(bytes != nullptr || size == 0, "the bytes are a null pointer");
+    Writer writer = (opened.*open)(pathFrom(path), Parents::create);
     writer.write(std::span(static_cast<const std::byte*>(bytes), size));
     writer.close();
   });
@@ -91,7 +104,7 @@ int hxcrate_open(const char* path, hxcrate_mode mode, int64_t wait_milliseconds,
   return codeOf([&] {
     auto opened = std::make_unique<hxcrate_store>();
     const std::chrono::milliseconds wait(wait_milliseconds);
-    opened->store = opened->session.open(path, modeOf(mode), {.lockWait = wait});
+    opened->store = opened->session.open(pathFrom(path), modeOf(mode), {.lockWait = wait});
     *store = opened.release();
   });
 }
@@ -108,7 +121,7 @@ int hxcrate_get(const hxcrate_store* store, const char* path, void** bytes, size
   *bytes = nullptr;
   *size = 0;
   return codeOf([&] {
-    const std::vector<std::byte> all = storeOf(store).get(path);
+    const std::vector<std::byte> all = storeOf(store).get(pathFrom(path));
     *bytes = copyOf(all);
     *size = all.size();
   });
@@ -118,7 +131,7 @@ int hxcrate_list(const hxcrate_store* store, const char* path,
                  int (*visit)(void* context, const hxcrate_member* member), void* context) {
   return codeOf([&] {
     const ListOptions options{.isSorted = true, .hasSizes = true};
-    for (const ListedMember& found : storeOf(store).list(path, options)) {
+    for (const ListedMember& found : storeOf(store).list(pathFrom(path), options)) {
       const bool isStore = found.kind == MemberKind::store;
       const hxcrate_member member = {found.path.c_str(), isStore, isStore ? 0 : found.size};
       if (visit(context, &member) != 0) return;

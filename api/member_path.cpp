@@ -96,7 +96,7 @@ std::u32string decodeFilePath(const std::string& path) {
   }
   std::u32string decoded = hxhost::decodePath(makeAbsolute(path));
   if (decoded.size() > hx::HX_PATH_CAPACITY) {
-    refuse(path, "the absolute path has over 1024 characters");
+    throw Error(Errc::nameTooLong, path, "", "the absolute path has over 1024 characters");
   }
   return decoded;
 }

@@ -51,7 +51,7 @@ std::string join(const std::string& place, std::string_view path);
 
 // A store file's path, absolute: the module keeps it for later opens and for removing the file, and
 // the working directory may have changed by then. Throws badName when it
-// is empty, holds a NUL or has over 1024 characters.
+// is empty or holds a NUL, nameTooLong when it has over 1024 characters.
 std::u32string decodeFilePath(const std::string& path);
 
 }  // namespace hxcrate

@@ -321,6 +321,10 @@ TEST_F(ApiTest, ServesProgramsInC) {
   EXPECT_TRUE(second == nullptr && hxcrate_system_error() == EBUSY);
   EXPECT_EQ(hxcrate_put(store, "s/a", "12", 2) + hxcrate_append(store, "s/a", "3", 1), 0);
   EXPECT_EQ(hxcrate_put(store, "s/a", "4", 1), HXCRATE_EXISTS);
+  EXPECT_EQ(hxcrate_put(store, "s", "4", 1), HXCRATE_IS_A_STORE);
+  EXPECT_EQ(hxcrate_put(store, nullptr, "4", 1), HXCRATE_BAD_NAME);
+  EXPECT_EQ(hxcrate_open(nullptr, HXCRATE_READ, 0, &second), HXCRATE_BAD_NAME);
+  EXPECT_EQ(hxcrate_open(path, static_cast<hxcrate_mode>(3), 0, &second), HXCRATE_BAD_NAME);
   EXPECT_EQ(hxcrate_commit(store) + hxcrate_put(store, "b", "", 0) + hxcrate_abandon(store), 0);
   ASSERT_EQ(hxcrate_open(path, HXCRATE_READ, 0, &store), 0);
   void* bytes = nullptr;

@@ -377,7 +377,8 @@ TEST_F(Sharing, RewritesAFileInItsPlace) {
   for (const char* dropped : {"s/tmp/b", "s/tmp.c", "u/v"})
     store.create(dropped, Parents::create).write(bytes);
   RewriteOptions options;
-  options.keeps = [](const ListedMember& m) { return m.path != "s/tmp" && m.path != "s/tmp.c"; };
+  const auto keeps = [](const ListedMember& m) { return m.path != "s/tmp" && m.path != "s/tmp.c"; };
+  options.keeps = keeps;
   EXPECT_EQ(errorOf([&] { session_.rewrite(link, options); }), Errc::storeInUse);
   store.close();
   const std::string before = readFile(path_);
@@ -395,16 +396,13 @@ TEST_F(Sharing, RewritesAFileInItsPlace) {
   options.rename = [](const ListedMember& m) {
     return m.path == "u" ? "w" : m.path.substr(m.path.rfind('/') + 1);
   };
+  options.keeps = [](const ListedMember&) -> bool { throw std::runtime_error("own"); };
+  std::error_code error;
+  EXPECT_THROW(session_.rewrite(link, error, options), std::runtime_error);
+  EXPECT_EQ(readFile(path_), before);
+  options.keeps = keeps;
   options.pageSize = 512;
   session_.rewrite(link, options);
-  const int made = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-  ASSERT_GE(::inotify_add_watch(made, directory_.path().c_str(), IN_CREATE), 0);
-  session_.rewrite(link);  // of which the close would write the directory in another order
-  char events[4096] = {};
-  const ssize_t length = std::max<ssize_t>(::read(made, events, sizeof(events)), 0);
-  ::close(made);
-  EXPECT_EQ(std::string(events, static_cast<size_t>(length)).find("-journal"), std::string::npos)
-      << "whoever is killed then leaves it beside the other file";
   EXPECT_TRUE(std::filesystem::is_symlink(link));
   const Store written = session_.open(link);
   std::string seen;
@@ -415,6 +413,23 @@ TEST_F(Sharing, RewritesAFileInItsPlace) {
   EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms{0640});
   const auto files = std::filesystem::directory_iterator(directory_.path());
   EXPECT_EQ(std::distance(begin(files), end(files)), 2);
+}
+
+// Whoever is killed while there is one leaves it beside the other file. The second time a close of
+// the old file would write its directory in another order.
+TEST_F(Sharing, RewritesWithoutAJournal) {
+  Store store = session_.open(path_, Mode::update);
+  for (int i = 0; i < 200; ++i)
+    store.create(std::to_string(i)).close();
+  store.close();
+  session_.rewrite(path_);
+  const int made = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+  ASSERT_GE(::inotify_add_watch(made, directory_.path().c_str(), IN_CREATE), 0);
+  session_.rewrite(path_);
+  char events[4096] = {};
+  EXPECT_GT(::read(made, events, sizeof(events)), 0);
+  ::close(made);
+  EXPECT_EQ(std::string(events, sizeof(events)).find("-journal"), std::string::npos);
 }
 
 // Nothing but waiting comes of it.
@@ -437,6 +452,7 @@ TEST_F(Sharing, GivesCodesThatAProgramCanUse) {
   const std::pair<std::string, std::pair<std::errc, Errc>> cases[] = {
       {directory_.path(), {std::errc::is_a_directory, Errc::fileNotOpen}},
       {directory_ / std::string(300, 'n'), {std::errc::filename_too_long, Errc::fileNotOpen}},
+      {std::string(5000, 'n'), {std::errc::filename_too_long, Errc::nameTooLong}},
       {path_ + "/x", {std::errc::not_a_directory, Errc::fileNotOpen}},
       {directory_ / "none", {std::errc::no_such_file_or_directory, Errc::notFound}}};
   for (const auto& [path, codes] : cases) {

@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -108,16 +109,17 @@ class Error : public std::system_error {
 // What the overloads that take a std::error_code& are made of: they throw nothing, leave in `error`
 // the code of what their twin would have thrown, or none, and return a value that stands for
 // nothing then: an object that is not open, a count of 0. What the exception says besides its code
-// is lost.
+// is lost. What a callback of the caller's own throws, other than std::system_error and
+// std::bad_alloc, goes through.
 template <typename Call>
-std::invoke_result_t<Call> captureError(std::error_code& error, const Call& call) noexcept {
+std::invoke_result_t<Call> captureError(std::error_code& error, const Call& call) {
   try {
     error.clear();
     return call();
   } catch (const std::system_error& thrown) {
     error = thrown.code();
-  } catch (...) {
-    error = make_error_code(Errc::noMemory);  // nothing else throws
+  } catch (const std::bad_alloc&) {
+    error = make_error_code(Errc::noMemory);
   }
   return std::invoke_result_t<Call>();
 }

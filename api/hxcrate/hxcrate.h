@@ -3,8 +3,9 @@
  *
  * A path inside a store names a member by its components with "/" between them, each of 1 to 64
  * bytes. Functions return 0, or a code that is not 0 and stays what it is in later versions; then
- * hxcrate_error_text says why. A null store is the code HXCRATE_CLOSED. One thread at a time uses a
- * store.
+ * hxcrate_error_text says why. A null store is the code HXCRATE_CLOSED, another null
+ * pointer where bytes are wanted, or a mode that there is not, HXCRATE_BAD_NAME. One thread at a
+ * time uses a store.
  *
  *   cc -o notes notes.c $(pkg-config --cflags --libs hxcrate)
  */
@@ -51,7 +52,8 @@ int hxcrate_open(const char* path, enum hxcrate_mode mode, int64_t wait_millisec
                  hxcrate_store** store);
 
 /* A new item of these bytes (HXCRATE_EXISTS), or the same at the end of an old or new one. Stores
- * on the way to it are made. */
+ * on the way to it are made. HXCRATE_IS_A_STORE when a store has its name, HXCRATE_IS_AN_ITEM when
+ * an item has that of a store on the way. */
 int hxcrate_put(hxcrate_store* store, const char* path, const void* bytes, size_t size);
 int hxcrate_append(hxcrate_store* store, const char* path, const void* bytes, size_t size);
 

@@ -103,12 +103,12 @@ class [[nodiscard]] Session {
   // Writes the store file `path` anew, members in the order of their names and without unused
   // space, and without those that the options leave out, or under new names. Nobody else has it
   // open meanwhile; the new file, which has the owner, group and rights of the old one, takes its
-  // place in one step when it is complete and on disk. Whatever is thrown, the file is as it was,
-  // unless FileFailure::happened. Needs room for both. Throws otherEncoding for a file of another
-  // byte order, exists where two members get one name.
+  // place in one step when it is complete and on disk; other hard links of the file keep the old
+  // one. Whatever is thrown, be it by a callback, the file is as it was, unless
+  // FileFailure::happened. Needs room for both. Throws otherEncoding for a file of another byte
+  // order, exists where two members get one name.
   void rewrite(const FilePath& path, const RewriteOptions& options = {});
-  void rewrite(const FilePath& path, std::error_code& error,
-               const RewriteOptions& options = {}) noexcept {
+  void rewrite(const FilePath& path, std::error_code& error, const RewriteOptions& options = {}) {
     captureError(error, [&] { rewrite(path, options); });
   }
 

@@ -104,12 +104,14 @@ class [[nodiscard]] Store {
   // onUnreportedError: call close() to be told.
   ~Store();
 
-  // An existing nested store; a new one (throws exists); either.
+  // An existing nested store; a new one (throws exists); either. All throw isAnItem when an item
+  // has its name or that of a store on the way, also the new one.
   Store openStore(std::string_view path) const;
   Store createStore(std::string_view path, Parents parents = Parents::mustExist);
   Store openOrCreateStore(std::string_view path, Parents parents = Parents::mustExist);
 
-  // An existing item from its start; a new item (throws exists); the end of an old or new one.
+  // An existing item from its start; a new item (throws exists); the end of an old or new one. All
+  // throw isAStore when a store has its name, isAnItem when an item has that of a store on the way.
   Reader read(std::string_view path) const;
   Writer create(std::string_view path, Parents parents = Parents::mustExist);
   Writer append(std::string_view path, Parents parents = Parents::mustExist);
