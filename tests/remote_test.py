@@ -79,6 +79,9 @@ def test_faults():
         expect(server.counts[fault] <= most, f"{fault}: {server.counts[fault]} requests")
     code, _, complaint = run("cat", server.url + "/whole/tree.st", "one")
     expect(code == 4 and "too long to be read whole" in complaint, f"a long file as a whole: {complaint}")
+    for command in ("copy", "salvage", "export"):  # which have no file's rights to take over
+        code, _, complaint = run(command, server.url + "/-/many.st", scratch / f"{command}.tar")
+        expect(code == 0, f"{command}: {complaint}")
     for path, code in (("/-/many.st", 4), ("/404/many.st", 4)):
         expect(run("put", server.url + path, "x")[0] == code, "put to a URL")
     server.ended.set()

@@ -4,6 +4,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <map>
 #include <memory>
@@ -16,6 +17,7 @@
 #include "byte_pump.h"
 #include "checksum_list.h"
 #include "command_line.h"
+#include "copied_file.h"
 #include "directory.h"
 #include "inspected_store.h"
 #include "new_file.h"
@@ -37,8 +39,11 @@ struct ExportOptions {
 };
 
 // What the store tells nothing of has the owner, the time and the permissions of its file: nobody
-// who may not read that gets to read what comes out of it.
+// who may not read that gets to read what comes out of it. Behind a URL it is the caller's, of no
+// time.
 MemberAttributes attributesOfFile(const std::string& path) {
+  if (hxcrate::isUrl(path))
+    return {.mode = 0600, .uid = ::geteuid(), .gid = ::getegid(), .modified = 0};
   struct stat status {};
   if (::stat(path.c_str(), &status) != 0) throw systemFailure(path, "inspect");
   return {.mode = status.st_mode & 0666,
@@ -271,10 +276,8 @@ ExitCode exportToFile(const ExportOptions& options, std::int64_t length) {
     requireRoom(place.directory, length, options.file);
   }
   removeLeftovers(place.directory);
-  const Descriptor store(::open(options.store.c_str(), O_PATH | O_CLOEXEC));
-  if (!store.isOpen()) throw systemFailure(options.store, "open");
-  const FileRights readers(store, options.store);
-  NewFile file(place.directory, place.name, options.file, {.readers = &readers});
+  const CopiedFile source(options.store);
+  NewFile file(place.directory, place.name, options.file, {.readers = source.rights()});
   const ExitCode outcome = exportTo(options, options.file, [&](std::span<const std::byte> bytes) {
     if (!writeAll(file.descriptor(), bytes)) throw systemFailure(options.file, "write");
   });
