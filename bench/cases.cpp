@@ -8,6 +8,8 @@ Scale Scale::quick() {
   Scale scale;
   scale.largeBytes = 4 << 20;
   scale.threadBytes = 4 << 20;
+  scale.randomBytes = 256 << 20;
+  scale.randomReads = 1000;
   scale.created = {100, 1000};
   scale.stored = 1000;
   scale.nestedSide = 5;
@@ -37,8 +39,12 @@ const std::vector<WorkloadInfo>& workloads() {
       {'k', "Nested stores with an item each, made and walked",
        "made: all as in c; walked: session, opening, naming every member, closing"},
       {'l', "A tree of files packed and unpacked by the command", "the whole process"},
+      {'m', "A large item read at any place, page cache warm",
+       "64 KiB: session, opening, reading, closing; at random: reading alone, the item is open and "
+       "its length is known"},
       {'n', "Growth: what an item costs among more and more",
        "create: all as in c; find and enumerate as in e and f"},
+      {'o', "The sizes of all items listed", "listing alone, of an open store, the second time"},
   };
   return all;
 }
@@ -46,6 +52,7 @@ const std::vector<WorkloadInfo>& workloads() {
 std::vector<Case> makeCases(const Scale& scale, const std::string& letters) {
   std::vector<Case> all;
   addLargeCases(scale, all);
+  addAnywhereCases(scale, all);
   addSmallCases(scale, all);
   addImageCases(scale, all);
   addNestedCases(scale, all);

@@ -47,6 +47,8 @@ struct Case {
 struct Scale {
   std::size_t largeBytes = 256 << 20;
   std::size_t threadBytes = 128 << 20;                                // of each item
+  std::size_t randomBytes = 1 << 30;                                  // of the item read anywhere
+  std::size_t randomReads = 100000;                                   // by each thread
   std::vector<std::size_t> created = {1000, 10000, 100000, 1000000};  // items
   std::size_t stored = 100000;                                        // in what is opened
   std::size_t nestedSide = 37;                                        // its cube is made
@@ -68,11 +70,12 @@ const std::vector<WorkloadInfo>& workloads();
 std::vector<Case> makeCases(const Scale& scale, const std::string& letters);
 
 // One function for each group of workloads, which appends its cases.
-void addLargeCases(const Scale& scale, std::vector<Case>& cases);    // a b i
-void addSmallCases(const Scale& scale, std::vector<Case>& cases);    // c d e f g
-void addImageCases(const Scale& scale, std::vector<Case>& cases);    // h
-void addNestedCases(const Scale& scale, std::vector<Case>& cases);   // k
-void addArchiveCases(const Scale& scale, std::vector<Case>& cases);  // l
-void addGrowthCases(const Scale& scale, std::vector<Case>& cases);   // n
+void addLargeCases(const Scale& scale, std::vector<Case>& cases);     // a b i
+void addAnywhereCases(const Scale& scale, std::vector<Case>& cases);  // m
+void addSmallCases(const Scale& scale, std::vector<Case>& cases);     // c d e f g o
+void addImageCases(const Scale& scale, std::vector<Case>& cases);     // h
+void addNestedCases(const Scale& scale, std::vector<Case>& cases);    // k
+void addArchiveCases(const Scale& scale, std::vector<Case>& cases);   // l
+void addGrowthCases(const Scale& scale, std::vector<Case>& cases);    // n
 
 }  // namespace bench

@@ -39,6 +39,12 @@ std::size_t Reading::get(std::string_view, std::span<std::byte>) {
 std::uint64_t Reading::getPieces(std::string_view, std::span<std::byte>, const Seen&) {
   throw Unsupported("reads no item in pieces");
 }
+std::unique_ptr<Anywhere> Reading::openAnywhere(std::string_view) {
+  throw Unsupported("reads no item at any place");
+}
+std::uint64_t Reading::listSizes() {
+  throw Unsupported("lists no sizes");
+}
 Tally Reading::enumerate() {
   throw Unsupported("names no members");
 }

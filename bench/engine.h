@@ -77,6 +77,14 @@ class Writing {
 // Shown every piece of an item as it is read; empty while the clock runs.
 using Seen = std::function<void(Bytes)>;
 
+// An item opened for reading at any place, by any number of threads.
+class Anywhere {
+ public:
+  virtual ~Anywhere() = default;
+  // Fills `out` as far as the item goes and returns how far that is.
+  virtual std::size_t readAt(std::uint64_t offset, std::span<std::byte> out) const = 0;
+};
+
 // A store opened for reading.
 class Reading {
  public:
@@ -86,7 +94,9 @@ class Reading {
   // Reads all of an item in calls of the buffer's size and returns its length.
   virtual std::uint64_t getPieces(std::string_view name, std::span<std::byte> buffer,
                                   const Seen& seen);
-  virtual Tally enumerate();  // the members at the top
+  virtual std::unique_ptr<Anywhere> openAnywhere(std::string_view name);
+  virtual Tally enumerate();          // the members at the top
+  virtual std::uint64_t listSizes();  // of the items at the top, by their names; the sum
   // All members of all stores; the items are read only to show them to `seen`, if there is one.
   virtual Tally walk(const Seen& seen);
 };

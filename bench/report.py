@@ -24,6 +24,12 @@ TARGETS = [
     ("c-100000-off hxcrate-256", None, 1.2),
     ("d-first hxcrate", None, 100),
     ("d-cached hxcrate", None, 60),
+    ("m-one hxcrate", "m-one plain", 1.35),
+    ("m-one hxcrate-256k", "m-one plain", 1.1),
+    ("m-random-one hxcrate", "m-random-one plain", 1.25),
+    ("m-random-one hxcrate-256k", "m-random-one plain", 1.25),
+    ("m-random-two hxcrate", "m-random-two plain", 1.25),
+    ("m-random-two hxcrate-256k", "m-random-two plain", 1.25),
     ("e hxcrate", "e sqlite", 1.25),
     ("e hxcrate-256", "e sqlite", 1),
     ("e hxcrate-mapped", "e lmdb", 1.3),
@@ -35,6 +41,7 @@ TARGETS = [
     ("h-made hxcrate", "h-made plain", 1.5),
     ("h-read hxcrate", "h-read plain", 1.3),
     ("h-read hxcrate-64k", "h-read plain", 1.3),
+    ("h-read hxcrate-in-place", "h-read plain", 1.05),
     ("i-two hxcrate", "i-one hxcrate", 1 / 1.5),
     ("i-two hxcrate-sessions", "i-one hxcrate-sessions", 1 / 1.5),
     ("i-two hxcrate-mapped-256k", "i-one hxcrate-mapped-256k", 1 / 1.5),
@@ -43,6 +50,13 @@ TARGETS = [
     ("k-made-off hxcrate-256", "k-made-off sqlite", 1),
     ("k-walked-off hxcrate-256", "k-walked-off sqlite", 1),
     ("l-pack hxcrate", "l-pack sqlite", 1),
+    ("o hxcrate", None, 0.4),
+    ("o hxcrate-256", None, 0.4),
+]
+# Ours, beside which engine, and at least what part of its gain by a second thread ours has to have.
+GAINS = [
+    ("m hxcrate", "plain", 0.9),
+    ("m hxcrate-256k", "plain", 0.9),
 ]
 GROUND, INK = "white", "#24292f"
 OURS, PLAIN, RIVAL = "#0969da", "#8c959f", "#c9a26b"
@@ -97,6 +111,17 @@ def judge(results):
         elif look_up(rival)[1]:
             ratio = times_as_long(row, cell, *look_up(rival))
             yield f"{name} <= {limit:.2f} x the time of {rival}", f"{ratio:.2f} x", ratio <= limit
+
+    def gain(letter, engine):
+        one, two = look_up(f"{letter}-one {engine}"), look_up(f"{letter}-two {engine}")
+        return times_as_long(*one, *two) if one[1] and two[1] else None
+
+    for name, rival, part in [] if results["quick"] else GAINS:
+        letter, engine = name.split()
+        mine, its = gain(letter, engine), gain(letter, rival)
+        if mine and its:
+            yield (f"{letter}-two {engine} >= {part} of the gain of {rival}, {its:.2f} x",
+                   f"{mine:.2f} x", mine >= part * its)
 
 
 def as_text(results):

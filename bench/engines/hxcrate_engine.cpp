@@ -1,6 +1,8 @@
 // This store, through its C++ API.
 #include <hxcrate/crate.hpp>
 
+#include <algorithm>
+
 #include "bench/engines/engines.h"
 
 namespace bench {
@@ -53,12 +55,23 @@ void walkInto(const hxcrate::Store& store, const Seen& seen, Tally& tally) {
   }
 }
 
+class HxAnywhere : public Anywhere {
+ public:
+  explicit HxAnywhere(hxcrate::View view) : view_(std::move(view)) {}
+  std::size_t readAt(std::uint64_t offset, std::span<std::byte> out) const override {
+    return view_.readAt(static_cast<std::int64_t>(offset), out);
+  }
+
+ private:
+  hxcrate::View view_;
+};
+
 class HxReading : public Reading {
  public:
   explicit HxReading(hxcrate::Store store) : store_(std::move(store)) {}
 
   std::size_t get(std::string_view name, std::span<std::byte> out) override {
-    return store_.read(name).read(out);
+    return store_.get(name, out);
   }
 
   std::uint64_t getPieces(std::string_view name, std::span<std::byte> buffer,
@@ -70,6 +83,17 @@ class HxReading : public Reading {
       done += count;
     }
     return done;
+  }
+
+  std::unique_ptr<Anywhere> openAnywhere(std::string_view name) override {
+    return std::make_unique<HxAnywhere>(store_.view(name));
+  }
+
+  std::uint64_t listSizes() override {
+    std::uint64_t bytes = 0;
+    for (const hxcrate::ListedMember& item : store_.list({}, {.hasSizes = true}))
+      bytes += static_cast<std::uint64_t>(item.size);
+    return bytes;
   }
 
   Tally enumerate() override {
@@ -85,11 +109,27 @@ class HxReading : public Reading {
     return tally;
   }
 
+ protected:
+  const hxcrate::Store& store() const { return store_; }
+
  private:
   hxcrate::Store store_;
 };
 
-enum class Access { file, mapped };
+// Copies from where the item lies, instead of by a call for it.
+class HxInPlaceReading : public HxReading {
+ public:
+  using HxReading::HxReading;
+  std::size_t get(std::string_view name, std::span<std::byte> out) override {
+    const hxcrate::View view = store().view(name);
+    const Bytes item = view.contiguous().value();
+    std::copy_n(item.begin(), std::min(item.size(), out.size()), out.begin());
+    return item.size();
+  }
+};
+
+// How bytes are read; `inPlace` is of images.
+enum class Access { file, mapped, inPlace };
 
 class HxSession : public Session {
  public:
@@ -149,7 +189,9 @@ class Hxcrate : public Engine {
     return std::make_unique<HxInMemory>(pageSize_);
   }
   std::unique_ptr<Reading> openImage(Bytes image) override {
-    return std::make_unique<HxReading>(hxcrate::Session().openBlob(image, "image"));
+    hxcrate::Store store = hxcrate::Session().openBlob(image, "image");
+    if (access_ == Access::inPlace) return std::make_unique<HxInPlaceReading>(std::move(store));
+    return std::make_unique<HxReading>(std::move(store));
   }
   Archiver archiver(const std::string& file, const std::string& in,
                     const std::string& out) const override {
@@ -169,14 +211,16 @@ std::vector<EnginePtr> makeHxcrate() {
     engines.push_back(std::make_unique<Hxcrate>(std::move(info), pageSize, access));
   };
   add(4096, Access::file,
-      {"hxcrate", "abcdefghikl",
+      {"hxcrate", "abcdefghiklmo",
        "C++ API, pages of 4096 bytes. Sync off: Durability::none, on: Durability::full.",
        "hxcrate"});
   add(256, Access::file,
-      {"hxcrate-256", "cdefgkn", "Pages of 256 bytes, for small items.", "hxcrate-256"});
+      {"hxcrate-256", "cdefgkno", "Pages of 256 bytes, for small items.", "hxcrate-256"});
   add(65536, Access::file, {"hxcrate-64k", "h", "Pages of 65536 bytes.", "hxcrate-64k"});
+  add(65536, Access::inPlace,
+      {"hxcrate-in-place", "h", "The same, read by View::contiguous.", "hxcrate-64k"});
   add(262144, Access::file,
-      {"hxcrate-256k", "abi", "Pages of 262144 bytes, for large items.", "hxcrate-256k"});
+      {"hxcrate-256k", "abim", "Pages of 262144 bytes, for large items.", "hxcrate-256k"});
   add(4096, Access::file,
       {"hxcrate-sessions", "i", "A session for each thread, pages of 4096 bytes.", "hxcrate",
        Threads::ownSession});

@@ -141,9 +141,27 @@ class PlainReading : public Reading {
     return tally;
   }
 
+  std::uint64_t listSizes() override {
+    std::uint64_t bytes = 0;
+    for (const auto& [name, place] : index_->places)
+      bytes += place.size;
+    return bytes;
+  }
+
  private:
   FileDescriptor file_;
   std::shared_ptr<const Index> index_;
+};
+
+class PlainAnywhere : public Anywhere {
+ public:
+  explicit PlainAnywhere(const std::string& path) : file_(path, O_RDONLY) {}
+  std::size_t readAt(std::uint64_t offset, std::span<std::byte> out) const override {
+    return file_.readAt(out, offset);
+  }
+
+ private:
+  FileDescriptor file_;
 };
 
 class PlainLargeReading : public Reading {
@@ -159,6 +177,10 @@ class PlainLargeReading : public Reading {
       done += count;
     }
     return done;
+  }
+
+  std::unique_ptr<Anywhere> openAnywhere(std::string_view name) override {
+    return std::make_unique<PlainAnywhere>(largeItemPath(path_, name));
   }
 
  private:
@@ -253,7 +275,7 @@ class PlainImageReading : public Reading {
 class PlainFile : public Engine {
  public:
   PlainFile()
-      : Engine({"plain", "abcdefghikl",
+      : Engine({"plain", "abcdefghiklmo",
                 "One file: write and pread; small items as records of lengths, name and bytes, "
                 "written in blocks of 64 KiB and found by an unordered_map that is made when the "
                 "file is opened. In memory: calloc and memcpy. Trees: tar. Sync on: fsync at the "

@@ -4,15 +4,11 @@
 #include <thread>
 
 #include "bench/cases.h"
-#include "bench/source.h"
+#include "bench/workloads/large_items.h"
 
 namespace bench {
 
 namespace {
-
-Pieces piecesOf(std::size_t bytes) {
-  return {kPieceSize, bytes / kPieceSize};
-}
 
 void write(Session& session, const std::string& path, const std::vector<std::string>& names,
            const Pieces& pieces) {
@@ -52,9 +48,7 @@ void append(const Run& run, std::size_t bytes, Sync sync) {
 
 void readBack(const Run& run, std::size_t bytes) {
   const Pieces pieces = piecesOf(bytes);
-  const std::string path = run.keptFile("large", [&](const std::string& to) {
-    write(*run.engine().openSession(Sync::off), to, {"item"}, pieces);
-  });
+  const std::string path = keptItem(run, "large", pieces);
   if (run.verifies()) verify(run.engine(), path, "item", pieces);
   run.measure([&] {
     const auto session = run.engine().openSession(Sync::off);
@@ -86,6 +80,16 @@ void readInThreads(const Run& run, std::size_t bytes) {
 }
 
 }  // namespace
+
+Pieces piecesOf(std::size_t bytes) {
+  return {kPieceSize, bytes / kPieceSize};
+}
+
+std::string keptItem(const Run& run, const std::string& purpose, const Pieces& pieces) {
+  return run.keptFile(purpose, [&](const std::string& to) {
+    write(*run.engine().openSession(Sync::off), to, {"item"}, pieces);
+  });
+}
 
 void addLargeCases(const Scale& scale, std::vector<Case>& cases) {
   const std::size_t bytes = scale.largeBytes;

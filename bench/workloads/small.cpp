@@ -64,6 +64,15 @@ void enumerateAll(const Run& run, std::size_t count) {
   require(tally == items.tally(), "the names enumerated differ");
 }
 
+void listSizes(const Run& run, std::size_t count) {
+  const SmallItems items(count);
+  const std::string path = keptItems(run, "items", items);
+  const auto session = run.engine().openSession(Sync::off);
+  const auto reading = session->open(path, Shape::small);
+  require(reading->listSizes() == count * kSmallSize, "the sizes listed differ");
+  run.measure([&] { reading->listSizes(); });
+}
+
 void addOne(Session& session, const std::string& path, const std::string& name, Bytes bytes) {
   const auto writing = session.update(path);
   writing->put(name, bytes);
@@ -137,6 +146,9 @@ void addSmallCases(const Scale& scale, std::vector<Case>& cases) {
   cases.push_back({'f',
                    {{"f", "all" + of + " names", kMillionsPerSecond, amount}},
                    [=](const Run& run) { enumerateAll(run, count); }});
+  cases.push_back({'o',
+                   {{"o", "sizes of all" + of, kMicrosecondsEach, amount}},
+                   [=](const Run& run) { listSizes(run, count); }});
   addAddCases(scale, cases);
 }
 
