@@ -9,19 +9,6 @@ namespace {
 // Chains of a few members are as fast as an index. At 63 chains this is four or five in each.
 constexpr uint32_t kIndexedFrom = 256;
 
-// The file chooses the names, and could choose them so that all have one hash. What it can't know
-// is where this process keeps the index.
-uint32_t keyedHash(const MemberIndex& index, Name name) {
-  const uint64_t key = reinterpret_cast<uintptr_t>(&index) * 0x9e3779b97f4a7c15u | 1;
-  uint64_t hash = key + static_cast<uint32_t>(name.length);
-  for (int32_t i = 0; i < name.length; i += 2) {
-    const uint64_t second = i + 1 < name.length ? name.characters[i + 1] : 0;
-    hash = (hash ^ (second << 32 | name.characters[i])) * key;
-    hash ^= hash >> 32;
-  }
-  return static_cast<uint32_t>(hash);
-}
-
 uint32_t slotBehind(const MemberIndex& index, uint32_t slot) {
   return (slot + 1) & index.mask;
 }
@@ -38,7 +25,7 @@ IndexSlot& slotOf(const MemberIndex& index, uint32_t hash, Name name) {
 
 // Of two members of one name the newer stays.
 void enter(MemberIndex& index, Member* member, bool isNewer) {
-  const uint32_t hash = keyedHash(index, nameOf(member));
+  const uint32_t hash = hashesOf(member).indexed;
   IndexSlot& slot = slotOf(index, hash, nameOf(member));
   if (slot.member != nullptr) ++index.olderCount;
   if (slot.member == nullptr || isNewer) slot = {member, hash};
@@ -88,8 +75,21 @@ void closeGap(const MemberIndex& index, uint32_t gap) {
 
 }  // namespace
 
-uint32_t& hashOf(Member* member) {
-  return member->kind == kStoreKind ? asStore(member)->nameHash : asItem(member)->nameHash;
+// The file chooses the names, and could choose them so that all have one hash. What it can't know
+// is where this process keeps the index.
+uint32_t keyedHash(const MemberIndex& index, Name name) {
+  const uint64_t key = reinterpret_cast<uintptr_t>(&index) * 0x9e3779b97f4a7c15u | 1;
+  uint64_t hash = key + static_cast<uint32_t>(name.length);
+  for (int32_t i = 0; i < name.length; i += 2) {
+    const uint64_t second = i + 1 < name.length ? name.characters[i + 1] : 0;
+    hash = (hash ^ (second << 32 | name.characters[i])) * key;
+    hash ^= hash >> 32;
+  }
+  return static_cast<uint32_t>(hash);
+}
+
+MemberHashes& hashesOf(Member* member) {
+  return member->kind == kStoreKind ? asStore(member)->hashes : asItem(member)->hashes;
 }
 
 void reserveIndex(MemberIndex& index, Pool* pool) {
@@ -125,7 +125,7 @@ void addToIndex(MemberIndex& index, Pool* pool, Member* member) {
 
 void removeFromIndex(MemberIndex& index, Member* member) {
   if (!index.isFilled) return;
-  IndexSlot& slot = slotOf(index, keyedHash(index, nameOf(member)), nameOf(member));
+  IndexSlot& slot = slotOf(index, hashesOf(member).indexed, nameOf(member));
   if (slot.member == member) {
     slot.member = member->next;
     while (slot.member != nullptr && !equalNames(nameOf(slot.member), nameOf(member)))

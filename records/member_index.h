@@ -24,6 +24,9 @@ void reserveIndex(MemberIndex& index, Pool* pool);
 // loaded and not searched need not pay for it.
 void fillIndex(MemberIndex& index, const MemberTable& table);
 
+// The hash that a name has in this index.
+uint32_t keyedHash(const MemberIndex& index, Name name);
+
 // The newest member of that name, or null. The index is filled.
 Member* findInIndex(const MemberIndex& index, Name name);
 
@@ -38,7 +41,7 @@ void removeFromIndex(MemberIndex& index, Member* member);
 // Goes back to the chains alone and frees the index's memory.
 void freeIndex(MemberIndex& index, Pool* pool);
 
-// The hash of a listed member's name.
-uint32_t& hashOf(Member* member);
+// Those of a listed member.
+MemberHashes& hashesOf(Member* member);
 
 }  // namespace hx

@@ -44,7 +44,7 @@ Member* findToOpen(const Container& container, Name name) {
 
 void insertMember(const Container& container, Member* member) {
   const uint32_t hash = hashName(nameOf(member));
-  hashOf(member) = hash;
+  hashesOf(member) = {hash, keyedHash(container.index, nameOf(member))};
   Member*& head = container.table.buckets[bucketOf(hash)];
   member->next = head;
   head = member;
@@ -53,7 +53,7 @@ void insertMember(const Container& container, Member* member) {
 }
 
 void removeMember(const Container& container, Member* member) {
-  Member** link = &container.table.buckets[bucketOf(hashOf(member))];
+  Member** link = &container.table.buckets[bucketOf(hashesOf(member).chained)];
   while (*link != nullptr && *link != member)
     link = &(*link)->next;
   if (*link == nullptr) return;
@@ -71,7 +71,7 @@ Member* firstMember(const MemberTable& table, int32_t bucket) {
 
 Member* nextMember(const MemberTable& table, Member* member) {
   if (member->next != nullptr) return member->next;
-  return firstMember(table, bucketOf(hashOf(member)) + 1);
+  return firstMember(table, bucketOf(hashesOf(member).chained) + 1);
 }
 
 bool isNewestOfItsName(const Container& container, Member* member) {
