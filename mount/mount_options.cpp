@@ -86,6 +86,9 @@ std::optional<MountOptions> readOptions(int argc, char** argv, int& exitCode) {
   app.add_option("--idle", options.idleSeconds, "unmount when nothing was asked for that long")
       ->check(CLI::Range(1, 1'000'000'000).description(""))
       ->type_name("SECONDS");
+  app.add_option("--wait", options.waitSeconds, "wait that long at most for who has a store open")
+      ->check(CLI::Range(0, 1'000'000'000).description(""))
+      ->type_name("SECONDS");
   app.add_option("-o", options.systemOptions, "as for mount: allow_other, max_threads=N, ...")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll)

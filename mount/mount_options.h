@@ -1,6 +1,7 @@
 // The words that the program was called with.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@ struct MountOptions {
   std::string mountPoint;
   std::vector<std::string> systemOptions;  // each of one -o, as for mount(8)
   int idleSeconds = 0;                     // 0: stay
+  std::int64_t waitSeconds = 0;            // for who has a store open
   bool inForeground = false;
   bool isDebugged = false;
 };

@@ -98,7 +98,7 @@ int serve(fuse_session* session, const fuse_cmdline_opts& options) {
 
 int run(const MountOptions& options) {
   const std::string place = prepareMountPoint(options.mountPoint);
-  StoreTree tree(options.sources);
+  StoreTree tree(options.sources, std::chrono::seconds(options.waitSeconds));
   if (tree.leftOut() > 0)
     say(tree.leftOut() == 1
             ? "1 member is left out that no folder can show"

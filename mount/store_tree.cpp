@@ -33,8 +33,8 @@ std::string join(const std::string& folder, const std::string& name) {
 
 }  // namespace
 
-StoreTree::StoreTree(const std::vector<Source>& sources) {
-  hxcrate::Session session;
+StoreTree::StoreTree(const std::vector<Source>& sources, std::chrono::seconds lockWait) {
+  hxcrate::Session session({.lockWait = lockWait});
   const bool isOneStore = sources.front().name.empty();
   nodes_.add(kRoot, "", kRootInode, 0);
   if (!isOneStore) folders_.push_back({{}, 0, kRoot, 1, static_cast<NodeId>(sources.size())});

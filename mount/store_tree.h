@@ -6,6 +6,7 @@
 
 #include <array>
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -41,7 +42,7 @@ struct Folder {
 class StoreTree {
  public:
   // Opens the stores, damaged ones too, and says in the log what they lack. Throws hxcrate::Error.
-  explicit StoreTree(const std::vector<Source>& sources);
+  explicit StoreTree(const std::vector<Source>& sources, std::chrono::seconds lockWait = {});
 
   const NodeTable& nodes() const { return nodes_; }
   const Folder& folderOf(NodeId id) const { return folders_[nodes_[id].folder]; }

@@ -1,11 +1,13 @@
 // The command: trees of files, stores and damage in, files, lines and exit codes out.
 
 #include <algorithm>
+#include <chrono>
 #include <hxcrate/crate.hpp>
 #include <iterator>
 #include <regex>
 #include <set>
 #include <sstream>
+#include <thread>
 #include <vector>
 
 #include "tests/command_fixture.h"
@@ -95,9 +97,16 @@ TEST_F(CommandTest, ReplacesAStoreOnlyWhenToldToAndOnlyByAWholeOne) {
   expectPrinted(0, "hxcrate pack --replace x.st in; stat -c %a x.st", "640\n");
   {
     hxcrate::Session session;
-    const hxcrate::Store inUse = session.open(directory_ / "x.st", hxcrate::Mode::update);
+    hxcrate::Store inUse = session.open(directory_ / "x.st", hxcrate::Mode::update);
     expectRun(4, "hxcrate pack --replace x.st in");
     expectSaid("hxcrate: x.st: the store is in use");
+    std::thread closing([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      inUse.close();
+    });
+    expectRun(0,
+              "hxcrate pack --replace --wait 60 x.st in; hxcrate export --wait 60 x.st >t; rm t");
+    closing.join();
   }
   for (const std::string words : {"pack n.st in", "copy x.st n.st", "salvage x.st n.st"}) {
     expectRun(4, "echo mine >n.st-journal; hxcrate " + words);

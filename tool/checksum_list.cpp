@@ -56,20 +56,22 @@ std::optional<Sha256::Digest> parseHex(std::string_view text) {
 }
 
 // One line without its end: a backslash where the name is escaped, the sum, a blank, a blank or
-// an asterisk, the name.
-bool parseLine(std::string_view line, ChecksumList& list) {
+// an asterisk, the name. Returns what keeps it from being one; null: nothing.
+const char* parseLine(std::string_view line, ChecksumList& list) {
   constexpr std::size_t kHexLength = 2 * SHA256_DIGEST_SIZE;
   const bool isEscaped = line.starts_with('\\');
   if (isEscaped) line.remove_prefix(1);
+  if (line.ends_with('\r')) line.remove_suffix(1);
   const auto digest = parseHex(line.substr(0, kHexLength));
-  if (!digest || line.size() < kHexLength + 3 || line[kHexLength] != ' ') return false;
-  if (line[kHexLength + 1] != ' ' && line[kHexLength + 1] != '*') return false;
-  std::string_view name = line.substr(kHexLength + 2);
-  const auto path = isEscaped ? unescapeAsSums(name) : std::optional<std::string>(name);
-  if (!path) return false;
+  if (!digest) return "it does not begin with a checksum (SHA-256)";
+  line.remove_prefix(kHexLength);
+  if (!line.starts_with("  ") && !line.starts_with(" *")) return "no two blanks and name follow";
+  line.remove_prefix(2);
+  const auto path = isEscaped ? unescapeAsSums(line) : std::optional<std::string>(line);
+  if (!path || path->empty()) return "its name can't be read";
   const bool isRelative = path->starts_with("./");
   list.insert_or_assign(isRelative ? path->substr(2) : *path, ExpectedItem{*digest});
-  return true;
+  return nullptr;
 }
 
 }  // namespace
@@ -80,11 +82,11 @@ std::string formatChecksum(const Sha256::Digest& digest, std::string_view path) 
 }
 
 ChecksumList parseChecksums(std::string_view text,
-                            const std::function<void(std::size_t)>& onFault) {
+                            const std::function<void(std::size_t, const char*)>& onFault) {
   ChecksumList list;
   for (std::size_t number = 1; !text.empty(); ++number) {
     const std::size_t length = std::min(text.find('\n'), text.size());
-    if (!parseLine(text.substr(0, length), list)) onFault(number);
+    if (const char* fault = parseLine(text.substr(0, length), list)) onFault(number, fault);
     text.remove_prefix(std::min(length + 1, text.size()));
   }
   return list;
@@ -93,8 +95,7 @@ ChecksumList parseChecksums(std::string_view text,
 ChecksumList checksumsOf(const Manifest& manifest) {
   ChecksumList list;
   for (const auto& [path, member] : manifest.members()) {
-    if (member.isFile() && member.sha256)
-      list.emplace(path, ExpectedItem{*member.sha256, member.size});
+    if (member.isFile()) list.emplace(path, ExpectedItem{member.sha256, member.size});
   }
   return list;
 }

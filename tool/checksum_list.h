@@ -15,7 +15,7 @@
 namespace tool {
 
 struct ExpectedItem {
-  Sha256::Digest sha256;
+  std::optional<Sha256::Digest> sha256;  // nothing: the list has none of it
   // Of the bytes that the checksum is of, where it is known. An item that has more has grown since.
   std::optional<std::int64_t> size = {};
 };
@@ -26,10 +26,12 @@ using ChecksumList = std::map<std::string, ExpectedItem, std::less<>>;
 // The line for an item, with its end, as sha256sum writes and reads it.
 std::string formatChecksum(const Sha256::Digest& digest, std::string_view path);
 
-// `text` is of such lines; `onFault` is told the number, from 1, of each that is none.
-ChecksumList parseChecksums(std::string_view text, const std::function<void(std::size_t)>& onFault);
+// `text` is of such lines, also with CR LF; `onFault` is told the number, from 1, of each that is
+// none, and why.
+ChecksumList parseChecksums(std::string_view text,
+                            const std::function<void(std::size_t, const char*)>& onFault);
 
-// Of its files that have a checksum.
+// Of its files.
 ChecksumList checksumsOf(const Manifest& manifest);
 
 // The bytes of a file, or of standard input for "-"; a Failure beyond Manifest::kMostBytes.

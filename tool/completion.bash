@@ -6,18 +6,18 @@
 
 _hxcrate_options() {
   case $1 in
-    pack) echo -T --null --no-recursion --include --exclude --include-from --exclude-from --attributes --skip --page-size --replace --in-memory --dry-run ;;
+    pack) echo -T --null --no-recursion --include --exclude --include-from --exclude-from --attributes --skip --page-size --replace --in-memory --wait --dry-run ;;
     unpack) echo -v --strip-components --no-attributes --same-owner --set-id --overwrite --journals --max-entries --max-bytes --include --exclude --include-from --exclude-from --wait --dry-run ;;
-    import) echo --attributes --skip --page-size --replace --dry-run ;;
-    export) echo --format --no-attributes ;;
+    import) echo --attributes --skip --page-size --replace --wait --dry-run ;;
+    export) echo --format --no-attributes --wait ;;
     ls) echo -l -h -R -r --sort -0 --json --include --exclude --include-from --exclude-from --color --wait ;;
     tree) echo -d --ascii --color --wait ;;
     cat) echo --offset --length --wait ;;
-    mount) echo -f --foreground -d --debug --idle -o ;;
+    mount) echo -f --foreground -d --debug --idle --wait -o ;;
     put) echo -p --append --wait --dry-run ;;
     mkstore) echo -p --wait --dry-run ;;
     copy) echo --page-size --encoding --include --exclude --include-from --exclude-from --max-bytes --wait --dry-run ;;
-    sum) echo --check --include --exclude --include-from --exclude-from ;;
+    sum) echo --check --include --exclude --include-from --exclude-from --wait ;;
     diff) echo --json --include --exclude --include-from --exclude-from --wait ;;
     stat) echo --json --wait ;;
     check) echo --quick --json --wait ;;
@@ -168,7 +168,7 @@ _hxcrate() {
     else
       case ${words[i]} in
         --) ended=1 ;;
-        --page-size | --strip-components | --max-entries | --max-bytes | --max-transfer | --patience | --offset | --length | --wait | --include | --exclude) ;&
+        --page-size | --strip-components | --max-entries | --max-bytes | --max-transfer | --patience | --offset | --length | --wait | --idle | -o | --include | --exclude) ;&
         --include-from | --exclude-from | -T | --encoding | --svg | --check | --format | --sort | --color) option=${words[i]} ;;
       esac
     fi

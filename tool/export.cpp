@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <map>
 #include <memory>
 #include <optional>
@@ -36,6 +37,7 @@ struct ExportOptions {
   std::string file = "-";
   std::string format;  // empty: by the file's name
   bool withoutAttributes = false;
+  std::int64_t wait = 0;  // seconds
 };
 
 // What the store tells nothing of has the owner, the time and the permissions of its file: nobody
@@ -246,7 +248,7 @@ ArchiveKind chooseKind(const ExportOptions& options) {
 
 ExitCode exportTo(const ExportOptions& options, const std::string& name,
                   const ArchiveOutput::Give& give) {
-  hxcrate::Session session;
+  hxcrate::Session session(waitingFor(options.wait));
   const ArchiveKind kind = chooseKind(options);
   ArchiveOutput output(kind, name, give);
   Progress progress("exporting");
@@ -286,7 +288,9 @@ ExitCode exportToFile(const ExportOptions& options, std::int64_t length) {
 }
 
 ExitCode exportStore(const ExportOptions& options) {
-  const std::int64_t length = hxcrate::InspectedFile(options.store).length();  // it is there
+  const std::int64_t length =
+      hxcrate::InspectedFile(options.store, std::chrono::seconds(options.wait))
+          .length();  // it is there
   const ExitCode outcome =
       options.file == "-" ? exportToStandardOutput(options) : exportToFile(options, length);
   return seeLostMembers(options.store, outcome);
@@ -310,6 +314,7 @@ void addExport(CommandLine& line) {
       ->type_name("FORMAT");
   words.add_flag("--no-attributes", options->withoutAttributes,
                  "leave out what the item .mtree tells, and keep that as an item");
+  addWait(words, options->wait);
 }
 
 }  // namespace tool

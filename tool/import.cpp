@@ -29,6 +29,7 @@ struct ImportOptions {
   bool skip = false;
   bool withAttributes = false;
   bool dryRun = false;
+  std::int64_t wait = 0;  // seconds
   NewStore::Options made;
 };
 
@@ -260,7 +261,7 @@ class Importer {
 // What can be read twice is looked through first: nothing is written then of what can't be kept or
 // does not fit, and pages have the best size.
 ExitCode import(const ImportOptions& options) {
-  const NewStore target(options.store, options.replace);
+  const NewStore target(options.store, options.replace, options.wait);
   ArchiveInput archive(options.archive);
   Progress progress("importing");
   SizeForecast forecast;
@@ -305,6 +306,7 @@ void addImport(CommandLine& line) {
   words.add_flag("--skip", options->skip, "leave out what can't be kept, and name it");
   addPageSize(words, options->made.pageSize, kPageSizeMeaning);
   words.add_flag("--replace", options->replace, "replace an existing STORE, once all is imported");
+  addWait(words, options->wait);
   addDryRun(words, options->dryRun);
 }
 

@@ -55,13 +55,18 @@ std::int64_t compareSums(ItemSums& sums, ChecksumList list, const Selection& sel
       if (sums.place() != kManifestName) onFault(SumFault::unlisted, sums.place());
       continue;
     }
-    const bool hasGrown = expected->second.size && sums.size() > *expected->second.size;
-    const auto digest = sums.sum(hasGrown ? *expected->second.size : BytePump::kEverything);
-    const bool isEqual = digest == expected->second.sha256;
+    const ExpectedItem wanted = expected->second;
+    list.erase(expected);
+    if (!wanted.sha256) {
+      onFault(SumFault::unsummed, sums.place());
+      continue;
+    }
+    const bool hasGrown = wanted.size && sums.size() > *wanted.size;
+    const auto digest = sums.sum(hasGrown ? *wanted.size : BytePump::kEverything);
+    const bool isEqual = digest == wanted.sha256;
     if (digest && !isEqual) onFault(SumFault::differs, sums.place());
     if (isEqual && hasGrown) onFault(SumFault::grown, sums.place());
     if (isEqual && !hasGrown) ++equal;
-    list.erase(expected);
   }
   for (const auto& [place, expected] : list)
     if (selection.judge(place, false) == Selection::Verdict::yes) onFault(SumFault::missing, place);

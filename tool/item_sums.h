@@ -46,6 +46,7 @@ enum class SumFault {
   grown,     // the bytes that the checksum is of are there still, and more of them
   missing,   // no such item
   unlisted,  // an item that the list does not tell of
+  unsummed,  // the list tells of it, but has no checksum
 };
 
 // Tells `onFault` of every item among those that `sums` goes through, and of those in the list that

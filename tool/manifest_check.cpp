@@ -60,8 +60,9 @@ class ManifestChecker {
       case SumFault::missing:
         return store_.add({Severity::warning, manifestOffset_, place,
                            ".mtree tells of it, and there is no such item"});
-      case SumFault::unlisted:
-        return;  // it came later
+      case SumFault::unlisted:  // it came later
+      case SumFault::unsummed:
+        return;  // as without a manifest
     }
   }
 

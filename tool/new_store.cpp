@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <filesystem>
 #include <span>
 #include <system_error>
@@ -64,11 +65,12 @@ Failure failureOf(const hxcrate::Error& error, const std::string& path) {
 
 }  // namespace
 
-NewStore::NewStore(const std::string& path, bool replace) : shown_(path), place_(locateFile(path)) {
+NewStore::NewStore(const std::string& path, bool replace, std::int64_t wait)
+    : shown_(path), place_(locateFile(path)) {
   const auto status = inspect(place_.directory, place_.name);
   if (!status && errno != ENOENT) throw systemFailure(path, "inspect");
   if (status && !replace) refuse("exists already");
-  status ? locateExisting() : refuseStrayJournal();
+  status ? locateExisting(wait) : refuseStrayJournal();
   refuseJournalName(place_.directory, place_.name, path);
   requireWritable(place_.directory, path);
 }
@@ -80,7 +82,7 @@ void NewStore::refuseStrayJournal() const {
   refuse("the file " + journal + " would belong to it; it has to go first");
 }
 
-void NewStore::locateExisting() {
+void NewStore::locateExisting(std::int64_t wait) {
   std::error_code dangling;
   const std::string target = std::filesystem::canonical(shown_, dangling);
   if (dangling) refuse("only a regular file is replaced");
@@ -88,7 +90,7 @@ void NewStore::locateExisting() {
   existing_ = inspect(place_.directory, place_.name);
   if (!existing_ || !S_ISREG(existing_->st_mode)) refuse("only a regular file is replaced");
   try {
-    lock_ = std::make_unique<hxcrate::InspectedFile>(target);
+    lock_ = std::make_unique<hxcrate::InspectedFile>(target, std::chrono::seconds(wait));
   } catch (const hxcrate::Error& error) {
     if (error.errc() != hxcrate::Errc::notFound) refuse(error.reason());
     existing_.reset();  // what was undone was its making

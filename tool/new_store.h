@@ -51,8 +51,8 @@ class NewStore {
   // The store file `path` as it was given. Throws a Failure, notOpenable, when there is a file of
   // that name already, or of that of its journal, or with `replace` something else than a regular
   // file. That one is locked as by a reader from now on, so that no update of it is lost, and one
-  // that was cut off is undone; one that can't be locked is refused, too.
-  explicit NewStore(const std::string& path, bool replace = false);
+  // that was cut off is undone; one that can't be locked within `wait` seconds is refused, too.
+  explicit NewStore(const std::string& path, bool replace = false, std::int64_t wait = 0);
 
   const std::optional<struct stat>& existing() const { return existing_; }  // what is replaced
 
@@ -67,7 +67,7 @@ class NewStore {
 
  private:
   [[noreturn]] void refuse(const std::string& reason) const;
-  void locateExisting();
+  void locateExisting(std::int64_t wait);
   void refuseStrayJournal() const;
   void fillFile(const NewFile& file, std::int32_t pageSize, const Options& options,
                 const Fill& fill) const;

@@ -26,6 +26,7 @@ struct PackOptions {
   ScanOptions scan;
   bool replace = false;
   bool dryRun = false;
+  std::int64_t wait = 0;  // seconds
   NewStore::Options made;
 };
 
@@ -233,7 +234,7 @@ ExitCode pack(const PackOptions& options) {
     throw Failure(ExitCode::usage, "", "", "DIR is required (see hxcrate pack --help)");
   }
   const SourceList list(options.sources);
-  const NewStore target(options.store, options.replace);
+  const NewStore target(options.store, options.replace, options.wait);
   const Source source = scanTree(list, options.scan, target.existing());
   const SizeForecast forecast = forecastOf(source, options);
   LeftOut leftOut;
@@ -275,6 +276,7 @@ void addPack(CommandLine& line) {
   words.add_flag("--replace", options->replace, "replace an existing STORE, once all is packed");
   words.add_flag("--in-memory", options->made.inMemory,
                  "build it in memory and write it in one piece");
+  addWait(words, options->wait);
   addDryRun(words, options->dryRun);
 }
 

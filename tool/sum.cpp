@@ -1,7 +1,14 @@
 // hxcrate sum: the checksums of items.
 
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <iterator>
 #include <memory>
+#include <span>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "command_line.h"
@@ -18,18 +25,31 @@ struct SumOptions {
   std::vector<std::string> paths;
   SelectionOptions selected;
   bool isCheck = false;
-  std::string list;  // to compare with; empty: the store's own manifest
+  std::string list;       // to compare with; empty: the store's own manifest
+  std::int64_t wait = 0;  // seconds
 };
 
-const char* nameOf(SumFault fault) {
-  constexpr const char* kNames[] = {"differs", "has grown", "is missing", "is not listed"};
-  return kNames[static_cast<std::size_t>(fault)];
+// Of one item and of several, as SumFault counts.
+constexpr std::pair<const char*, const char*> kFaults[] = {
+    {"differs", "differ"},
+    {"has grown", "have grown"},
+    {"is missing", "are missing"},
+    {"is not listed", "are not listed"},
+    {"is listed without a checksum", "are listed without a checksum"}};
+using FaultCounts = std::array<std::int64_t, std::size(kFaults)>;
+
+// One without files says all that there is to say.
+bool tellsNothing(const ChecksumList& list) {
+  const auto hasSum = [](const auto& entry) { return entry.second.sha256.has_value(); };
+  return !list.empty() && std::ranges::none_of(list, hasSum);
 }
 
 class Summer {
  public:
   explicit Summer(const SumOptions& options)
-      : options_(options), selection_(options.selected, options.paths) {}
+      : options_(options),
+        selection_(options.selected, options.paths),
+        session_(waitingFor(options.wait)) {}
 
   ExitCode run() {
     const hxcrate::Store store = open();
@@ -70,21 +90,39 @@ class Summer {
 
   ChecksumList expected(const hxcrate::Store& store) {
     if (!options_.list.empty()) return readList();
+    const auto refuse = [&](const char* reason) {
+      return Failure(ExitCode::notOpenable, options_.store, std::string(kManifestName),
+                     std::string(reason) + "; name a list of checksums behind --check");
+    };
     const std::optional<Manifest> manifest = readManifest(store);
-    if (manifest) return checksumsOf(*manifest);
-    throw Failure(ExitCode::notOpenable, options_.store, std::string(kManifestName),
-                  "there is no manifest; name a list of checksums behind --check");
+    if (!manifest) throw refuse("there is no manifest");
+    ChecksumList list = checksumsOf(*manifest);
+    if (tellsNothing(list)) throw refuse("it has no checksums (SHA-256)");
+    return list;
   }
 
   ChecksumList readList() {
     const std::string text = readText(options_.list);
+    const bool isManifest = text.starts_with(kAnyManifest);
+    ChecksumList list = isManifest ? readAsManifest(text) : readAsSums(text);
+    if (isManifest ? tellsNothing(list) : list.empty()) {
+      throw Failure(ExitCode::inputOutput, options_.list, "",
+                    "there is no checksum (SHA-256) in it");
+    }
+    return list;
+  }
+
+  ChecksumList readAsManifest(const std::string& text) {
     try {
-      if (text.starts_with("#mtree")) return checksumsOf(Manifest(std::as_bytes(std::span(text))));
+      return checksumsOf(Manifest(std::as_bytes(std::span(text))));
     } catch (const ManifestError& error) {
       throw Failure(ExitCode::inputOutput, options_.list, "", error.what());
     }
-    return parseChecksums(text, [this](std::size_t line) {
-      complain(options_.list, "line " + std::to_string(line), "no checksum and name");
+  }
+
+  ChecksumList readAsSums(const std::string& text) {
+    return parseChecksums(text, [this](std::size_t line, const char* fault) {
+      complain(options_.list, "line " + std::to_string(line), fault);
       outcome_ = worse(outcome_, ExitCode::inputOutput);
     });
   }
@@ -92,18 +130,23 @@ class Summer {
   void compare(ChecksumList list) {
     Progress progress("summing");
     ItemSums items = sums(&progress);
-    std::int64_t faults = 0;
+    FaultCounts counts{};
     const auto tell = [&](SumFault fault, const std::string& place) {
-      ++faults;
+      const auto kind = static_cast<std::size_t>(fault);
+      ++counts[kind];
       outcome_ = worse(outcome_, ExitCode::differs);
       output_.writeName(place);
-      output_.print(": {}\n", nameOf(fault));
+      output_.print(": {}\n", kFaults[kind].first);
     };
     const std::int64_t equal = compareSums(items, std::move(list), selection_, tell);
     output_.finish();
-    complain(options_.store, "",
-             countThings(equal, "item") + (equal == 1 ? " is" : " are") + " as listed, " +
-                 std::to_string(faults) + (faults == 1 ? " is not" : " are not"));
+    std::string counted = countThings(equal, "item") + (equal == 1 ? " is" : " are") + " as listed";
+    for (std::size_t i = 0; i < counts.size(); ++i) {
+      const auto& [one, several] = kFaults[i];
+      if (counts[i] > 0)
+        counted += fmt::format(", {} {}", counts[i], counts[i] == 1 ? one : several);
+    }
+    complain(options_.store, "", counted);
   }
 
   const SumOptions& options_;
@@ -154,6 +197,7 @@ void addSum(CommandLine& line) {
       ->expected(0, 1)
       ->type_name("LIST");
   addSelection(words, options->selected);
+  addWait(words, options->wait);
 }
 
 }  // namespace tool
