@@ -3,7 +3,6 @@
 
     remote_test.py BUILD SCRATCH
 """
-import os
 import random
 import shutil
 import socket
@@ -11,30 +10,13 @@ import ssl
 import subprocess
 import sys
 import time
-from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).parent))
-from range_server import Server  # noqa: E402
+from range_server import Server
+from web_checks import build, cache, environment, expect, failures, run, scratch
 
-build, scratch = (Path(argument).resolve() for argument in sys.argv[1:])
-shutil.rmtree(scratch, ignore_errors=True)
-tree, www, cache = (scratch / name for name in ("tree", "www", "cache"))
-for folder in (tree / "many", www, cache):
+tree, www = scratch / "tree", scratch / "www"
+for folder in (tree / "many", www):
     folder.mkdir(parents=True)
-environment = {**os.environ, "XDG_CACHE_HOME": str(cache), "no_proxy": "127.0.0.1", "LC_ALL": "C"}
-failures = 0
-
-
-def run(*words, command=build / "hxcrate", **more):
-    done = subprocess.run([command, *words], capture_output=True, env={**environment, **more}, timeout=120)
-    return done.returncode, done.stdout, done.stderr.decode()
-
-
-def expect(is_so, what):
-    global failures
-    if not is_so:
-        failures += 1
-        print(f"remote_test: {what}", file=sys.stderr)
 
 
 def forget():
@@ -215,4 +197,4 @@ if program:
         nginx.process.wait()
 else:
     print("remote_test: no nginx (nginx-light): requests are not counted by a server's log: skipped")
-sys.exit(failures != 0)
+sys.exit(bool(failures))

@@ -101,7 +101,11 @@ Attempts::Verdict Attempts::judgeStatus(const RangeRequest& request) {
   curl_easy_getinfo(request.easy(), CURLINFO_RESPONSE_CODE, &status);
   if (status >= 300 && status < 400) return follow(request);
   if (status == 412) return fail({ESTALE, "the file on the server was changed meanwhile (412)"});
-  const Failure reason{errorOf(status), sentenceOf(status)};
+  Failure reason{errorOf(status), sentenceOf(status)};
+  const bool isRefused = status == 400 || errorOf(status) == EACCES;
+  if (isRefused && address_.isObject() && !address_.signing) {
+    reason.reason += "; it was asked without keys";
+  }
   return isTemporary(status) ? tryAgain(reason, request.head().retryAfter) : fail(reason);
 }
 

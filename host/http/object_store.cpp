@@ -27,32 +27,38 @@ std::string trim(std::string_view text) {
   return std::string(text.substr(first, text.find_last_not_of(kBlanks) + 1 - first));
 }
 
-// A value of one section of a file in lines of "name = value" under "[section]".
-std::string lookUp(const std::string& path, std::string_view section, std::string_view name) {
+// The value of one section of a file in lines of "name = value" under "[section]"; of no name
+// whether there is the section. Nothing: there is none.
+std::optional<std::string> lookUp(const std::string& path, std::string_view section,
+                                  std::string_view name) {
   std::ifstream file(path);
   bool isInside = false;
   for (std::string line; std::getline(file, line);) {
     const std::string text = trim(line);
     if (text.starts_with("[")) isInside = text == "[" + std::string(section) + "]";
+    if (isInside && name.empty()) return "";
     const size_t sign = text.find('=');
     if (!isInside || sign == std::string::npos) continue;
     if (trim(text.substr(0, sign)) == name) return trim(text.substr(sign + 1));
   }
-  return {};
+  return std::nullopt;
 }
 
-// The user's files of settings and of keys.
+// What the user's files of keys and of settings say, the first before the second.
 class Profile {
  public:
-  std::string setting(std::string_view name) const {
+  std::string get(std::string_view name) const { return find(name).value_or(""); }
+
+  // The name of the one that was asked for and that no file has; empty: all is well.
+  std::string missing() const { return name_ == "default" || find("") ? "" : name_; }
+
+ private:
+  std::optional<std::string> find(std::string_view name) const {
+    const auto value = lookUp(pathOf("AWS_SHARED_CREDENTIALS_FILE", "credentials"), name_, name);
+    if (value) return value;
     return lookUp(pathOf("AWS_CONFIG_FILE", "config"),
                   name_ == "default" ? name_ : "profile " + name_, name);
   }
-  std::string key(std::string_view name) const {
-    return lookUp(pathOf("AWS_SHARED_CREDENTIALS_FILE", "credentials"), name_, name);
-  }
-
- private:
   static std::string pathOf(const char* variable, const char* name) {
     const std::string given = fromEnvironment(variable);
     return given.empty() ? fromEnvironment("HOME") + "/.aws/" + name : given;
@@ -69,15 +75,34 @@ void findKeys(const Profile& profile, ObjectPlace& place) {
   place.secretKey = fromEnvironment("AWS_SECRET_ACCESS_KEY");
   place.sessionToken = fromEnvironment("AWS_SESSION_TOKEN");
   if (!place.keyId.empty()) return;
-  place.keyId = profile.key("aws_access_key_id");
-  place.secretKey = profile.key("aws_secret_access_key");
-  place.sessionToken = profile.key("aws_session_token");
+  place.keyId = profile.get("aws_access_key_id");
+  place.secretKey = profile.get("aws_secret_access_key");
+  place.sessionToken = profile.get("aws_session_token");
 }
 
 void findRegion(const Profile& profile, ObjectPlace& place) {
   place.region = firstOf({"AWS_REGION", "AWS_DEFAULT_REGION"});
-  if (place.region.empty()) place.region = profile.setting("region");
+  if (place.region.empty()) place.region = profile.get("region");
   if (place.region.empty()) place.region = "us-east-1";
+}
+
+// The folder of the bucket, or its host. A name with dots is in no certificate.
+std::string urlOf(const std::string& bucket, const Profile& profile, const std::string& region) {
+  std::string endpoint = firstOf({"AWS_ENDPOINT_URL_S3", "AWS_ENDPOINT_URL"});
+  if (endpoint.empty()) endpoint = profile.get("endpoint_url");
+  while (endpoint.ends_with('/'))
+    endpoint.pop_back();
+  const std::string host = "s3." + region + ".amazonaws.com";
+  if (endpoint.empty() && bucket.find('.') == std::string::npos) {
+    return "https://" + bucket + "." + host;
+  }
+  return (endpoint.empty() ? "https://" + host : endpoint) + "/" + bucket;
+}
+
+bool isBucketName(std::string_view name) {
+  constexpr std::string_view kPlain =
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._";
+  return !name.empty() && name.find_first_not_of(kPlain) == std::string_view::npos;
 }
 
 // All but what a path may hold as it is, and "/", as the signature wants it.
@@ -102,23 +127,20 @@ std::string escapeKey(std::string_view key) {
 std::optional<ObjectPlace> locateObject(const std::string& url, Failure& failure) {
   const std::string path = url.substr(std::string_view("s3://").size());
   const size_t slash = path.find('/');
-  if (slash == 0 || slash == std::string::npos || slash + 1 == path.size()) {
+  const std::string bucket = path.substr(0, slash);
+  if (!isBucketName(bucket) || slash == std::string::npos || slash + 1 == path.size()) {
     failure = {EINVAL, "an object is named as s3://bucket/key"};
     return std::nullopt;
   }
-  const std::string bucket = path.substr(0, slash);
-  const std::string key = escapeKey(path.substr(slash + 1));
   const Profile profile;
+  if (const std::string missing = profile.missing(); !missing.empty()) {
+    failure = {EINVAL, "there is no profile " + missing + " in the files of keys and settings"};
+    return std::nullopt;
+  }
   ObjectPlace place;
   findKeys(profile, place);
   findRegion(profile, place);
-  std::string endpoint = firstOf({"AWS_ENDPOINT_URL_S3", "AWS_ENDPOINT_URL"});
-  if (endpoint.empty()) endpoint = profile.setting("endpoint_url");
-  while (endpoint.ends_with('/'))
-    endpoint.pop_back();
-  place.url = endpoint.empty()
-                  ? "https://" + bucket + ".s3." + place.region + ".amazonaws.com/" + key
-                  : endpoint + "/" + bucket + "/" + key;
+  place.url = urlOf(bucket, profile, place.region) + "/" + escapeKey(path.substr(slash + 1));
   return place;
 }
 

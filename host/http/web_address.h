@@ -23,6 +23,7 @@ struct WebAddress {
 
   // Scheme, host and port: who may be told user and password.
   std::string origin() const;
+  bool isObject() const { return shown.starts_with("s3:"); }
   bool isEncrypted() const { return url.starts_with("https:"); }
 
   // What a redirection of a request leads to, which has no credentials at another origin. Nothing
