@@ -85,10 +85,9 @@ std::optional<std::chrono::milliseconds> waitFor(const std::string& retryAfter) 
 
 }  // namespace
 
-Attempts::Verdict Attempts::judge(CURLcode code, const RangeRequest& request) {
+Attempts::Verdict Attempts::judge(CURLcode code, const WebRequest& request) {
   if (refusal_) return fail(*refusal_);
-  long status = 0;
-  curl_easy_getinfo(request.easy(), CURLINFO_RESPONSE_CODE, &status);
+  const long status = request.status();
   const bool isBad = status != 0 && status != 200 && status != 206 && status != 304;
   if (isBad) return judgeStatus(request);
   if (code == CURLE_OK) return Verdict::done;
@@ -96,9 +95,8 @@ Attempts::Verdict Attempts::judge(CURLcode code, const RangeRequest& request) {
   return isTemporary(code) ? tryAgain(reason) : fail(reason);
 }
 
-Attempts::Verdict Attempts::judgeStatus(const RangeRequest& request) {
-  long status = 0;
-  curl_easy_getinfo(request.easy(), CURLINFO_RESPONSE_CODE, &status);
+Attempts::Verdict Attempts::judgeStatus(const WebRequest& request) {
+  const long status = request.status();
   if (status >= 300 && status < 400) return follow(request);
   if (status == 412) return fail({ESTALE, "the file on the server was changed meanwhile (412)"});
   Failure reason{errorOf(status), sentenceOf(status)};
@@ -109,7 +107,7 @@ Attempts::Verdict Attempts::judgeStatus(const RangeRequest& request) {
   return isTemporary(status) ? tryAgain(reason, request.head().retryAfter) : fail(reason);
 }
 
-Attempts::Verdict Attempts::follow(const RangeRequest& request) {
+Attempts::Verdict Attempts::follow(const WebRequest& request) {
   const std::string target = request.redirection();
   if (target.empty()) return fail({EIO, "the server sends elsewhere and does not say where"});
   if (++redirections_ > kMostRedirections) return fail({ELOOP, "the server sends in circles"});

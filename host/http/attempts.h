@@ -5,7 +5,7 @@
 #include <chrono>
 #include <optional>
 
-#include "host/http/range_request.h"
+#include "host/http/web_request.h"
 
 namespace hxremote {
 
@@ -21,7 +21,7 @@ class Attempts {
 
   // The request is over with `code`. Told by failure() when it failed, by notBefore() when it is
   // to be made again.
-  Verdict judge(CURLcode code, const RangeRequest& request);
+  Verdict judge(CURLcode code, const WebRequest& request);
 
   // Something came of it: what goes wrong from now on is counted anew.
   void noteProgress() { faults_ = 0; }
@@ -34,8 +34,8 @@ class Attempts {
   Clock::time_point notBefore() const { return notBefore_; }
 
  private:
-  Verdict judgeStatus(const RangeRequest& request);
-  Verdict follow(const RangeRequest& request);
+  Verdict judgeStatus(const WebRequest& request);
+  Verdict follow(const WebRequest& request);
   Verdict tryAgain(Failure reason, const std::string& retryAfter = {});
   Verdict fail(Failure failure);
 

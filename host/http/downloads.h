@@ -8,6 +8,7 @@
 
 #include "host/http/attempts.h"
 #include "host/http/block_spool.h"
+#include "host/http/range_request.h"
 
 namespace hxremote {
 

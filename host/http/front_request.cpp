@@ -96,8 +96,7 @@ int watch(void* clock, curl_off_t, curl_off_t received, curl_off_t, curl_off_t) 
 
 FileFront frontOf(const RangeRequest& request, const std::optional<Identity>& known,
                   std::vector<std::byte> bytes) {
-  long status = 0;
-  curl_easy_getinfo(request.easy(), CURLINFO_RESPONSE_CODE, &status);
+  const long status = request.status();
   if (status == 304 && known) return {*known, {}, true};
   FileFront front{request.head().identity, std::move(bytes), false};
   if (status == 200) front.identity.length = std::ssize(front.bytes);
@@ -105,9 +104,7 @@ FileFront frontOf(const RangeRequest& request, const std::optional<Identity>& kn
 }
 
 bool isOfEmptyFile(const RangeRequest& request) {
-  long status = 0;
-  curl_easy_getinfo(request.easy(), CURLINFO_RESPONSE_CODE, &status);
-  return status == 416 && request.head().identity.length == 0;
+  return request.status() == 416 && request.head().identity.length == 0;
 }
 
 }  // namespace
