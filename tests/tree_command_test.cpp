@@ -18,7 +18,7 @@ class TreeCommandTest : public hxtest::CommandFixture {
   void SetUp() override {
     for (const std::string path : {"a/b/1", "a/b/22", "a/c.o", "z.o"})
       writeFile(directory_ / ("in/" + path), path);
-    expectRun(0, "mkdir in/e o.d; hxcrate pack x.st in");
+    expectRun(0, "mkdir in/e o.d; hxcrate pack x.st in; hxcrate export x.st x.tar");
   }
 
   // `line` lists the paths in a store.
@@ -43,6 +43,12 @@ TEST_F(TreeCommandTest, TakesWhatGlobsMean) {
                   "hxcrate unpack x.st out " + words + "; hxcrate pack m.st in " + words +
                       "; hxcrate pack o.d/m.st out; cmp o.d/m.st m.st; hxcrate diff n.st m.st",
                   "");
+    expectPrinted(0,
+                  "hxcrate import --attributes i.st x.tar " + words +
+                      "; hxcrate export x.st b.tar " + words +
+                      "; hxcrate import --attributes j.st b.tar; hxcrate diff i.st j.st; hxcrate "
+                      "diff --exclude .mtree n.st i.st; rm i.st j.st b.tar",
+                  "");
     expectPrinted(0, "hxcrate diff x.st n.st " + words + "; rm -r n.st m.st o.d/m.st out", "");
   }
   expectRun(0, "hxcrate pack n.st in/a");
@@ -50,6 +56,7 @@ TEST_F(TreeCommandTest, TakesWhatGlobsMean) {
                 "only in x.st: a/b/22\nonly in n.st: b/22\n");
   expectRun(2, "hxcrate ls x.st --include ''");
   expectRun(2, "hxcrate ls x.st --include-from /dev/null");
+  expectRun(2, "rm n.st; hxcrate import n.st --include-from - - <globs");
   expectRun(3, "hxcrate ls x.st --exclude-from absent");
   expectRun(2, "hxcrate pack m.st -T - --exclude-from - <globs");
   expectRun(3, "ln -s in lnk; hxcrate pack m.st lnk/a lnk/e || { test ! -e m.st; exit 3; }");

@@ -1,11 +1,11 @@
 #include "archive_input.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 
+#include "list_file.h"
 #include "report.h"
 
 namespace tool {
@@ -36,11 +36,9 @@ constexpr Support kFormats[] = {
 }  // namespace
 
 ArchiveInput::ArchiveInput(const std::string& path)
-    : name_(path == "-" ? "standard input" : path),
-      file_(path == "-" ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
-                        : ::open(path.c_str(), O_RDONLY | O_CLOEXEC)) {
+    : name_(path == "-" ? "standard input" : path), file_(openList(path)) {
   struct stat status {};
-  if (!file_.isOpen() || ::fstat(file_.number(), &status) != 0) throw systemFailure(name_, "open");
+  if (::fstat(file_.number(), &status) != 0) throw systemFailure(name_, "inspect");
   errno = S_ISDIR(status.st_mode) ? EISDIR : 0;
   if (errno != 0) throw systemFailure(name_, "read");
   if (S_ISREG(status.st_mode)) start_ = ::lseek(file_.number(), 0, SEEK_CUR);

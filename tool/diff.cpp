@@ -17,6 +17,7 @@
 #include "compared_tree.h"
 #include "inspected_store.h"
 #include "progress.h"
+#include "store_walk.h"
 
 namespace tool {
 
@@ -106,6 +107,8 @@ class Comparison {
         first_(openTree(session_, options.first, outcome_)),
         second_(openTree(session_, options.second, outcome_)),
         progress_("comparing", ::isatty(STDOUT_FILENO) == 0) {
+    const bool isFirstFolder = isFolder(options.first);
+    expectItems(progress_, session_, isFirstFolder ? options.second : options.first, selection_);
     levels_.push_back({listMeant(*first_, ""), listMeant(*second_, ""), 0});
   }
 

@@ -36,6 +36,7 @@ struct ExportOptions {
   std::string store;
   std::string file = "-";
   std::string format;  // empty: by the file's name
+  SelectionOptions selected;
   bool withoutAttributes = false;
   std::int64_t wait = 0;  // seconds
 };
@@ -56,20 +57,25 @@ MemberAttributes attributesOfFile(const std::string& path) {
 
 class Exporter {
  public:
-  Exporter(const ExportOptions& options, bool linksFiles, ArchiveOutput& output, Progress& progress)
+  Exporter(const ExportOptions& options, const Selection& selection, bool linksFiles,
+           ArchiveOutput& output)
       : options_(options),
+        selection_(selection),
         linksFiles_(linksFiles),
         output_(output),
         usual_(attributesOfFile(options.store)),
         limit_(options.store),
-        pump_(&progress) {}
+        progress_("exporting"),
+        pump_(&progress_) {}
 
   ExitCode run(hxcrate::Session& session) {
     const hxcrate::Store store = openWhatThereIs(session, options_.store, outcome_);
     if (!options_.withoutAttributes) takeManifest(store);
     const MemberAttributes* const top = manifest_ ? manifest_->find("") : nullptr;
     if (linksFiles_ && top != nullptr && top->type == Type::folder) begin("./", *top);
-    StoreWalk walk(session.open(options_.store, hxcrate::Mode::read, {.acceptDamaged = true}));
+    expectItems(progress_, session, options_.store, selection_);
+    StoreWalk walk(session.open(options_.store, hxcrate::Mode::read, {.acceptDamaged = true}),
+                   &selection_);
     for (auto event = walk.next(); event != StoreWalk::Event::end; event = walk.next()) {
       throwIfInterrupted();
       if (event != StoreWalk::Event::leave) take(walk, event == StoreWalk::Event::store);
@@ -205,7 +211,10 @@ class Exporter {
   void addLinks(const hxcrate::Store& store) {
     if (!manifest_) return;
     for (const auto& [path, member] : manifest_->members()) {
-      if (member.type != Type::symbolicLink) continue;
+      if (member.type != Type::symbolicLink ||
+          selection_.judge(path, false) != Selection::Verdict::yes) {
+        continue;
+      }
       const std::size_t slash = path.rfind('/');
       const bool hasFolder = slash == std::string::npos || isStore(store, path.substr(0, slash));
       if (path.empty() || !hasFolder || isThere(store, path)) {
@@ -229,10 +238,12 @@ class Exporter {
   }
 
   const ExportOptions& options_;
+  const Selection& selection_;
   const bool linksFiles_;
   ArchiveOutput& output_;
   const MemberAttributes usual_;
   OwnBytes limit_;
+  Progress progress_;
   BytePump pump_;
   std::optional<Manifest> manifest_;
   std::set<std::string> linkedFiles_;  // those that hard links lead to
@@ -246,53 +257,55 @@ ArchiveKind chooseKind(const ExportOptions& options) {
   return kindOfArchive(options.file).value_or(ArchiveKind{});
 }
 
-ExitCode exportTo(const ExportOptions& options, const std::string& name,
+ExitCode exportTo(const ExportOptions& options, const Selection& selection, const std::string& name,
                   const ArchiveOutput::Give& give) {
   hxcrate::Session session(waitingFor(options.wait));
   const ArchiveKind kind = chooseKind(options);
   ArchiveOutput output(kind, name, give);
-  Progress progress("exporting");
-  return Exporter(options, kind.format == "tar", output, progress).run(session);
+  return Exporter(options, selection, kind.format == "tar", output).run(session);
 }
 
-ExitCode exportToStandardOutput(const ExportOptions& options) {
+ExitCode exportToStandardOutput(const ExportOptions& options, const Selection& selection) {
   Output output;
   if (output.isTerminal()) {
     throw Failure(ExitCode::usage, "", "", "an archive is nothing for a terminal: name a FILE");
   }
-  const ExitCode outcome = exportTo(options, "standard output",
+  const ExitCode outcome = exportTo(options, selection, "standard output",
                                     [&](std::span<const std::byte> bytes) { output.write(bytes); });
   output.finish();
   return outcome;
 }
 
-// Uncompressed it is about as long as the store.
-ExitCode exportToFile(const ExportOptions& options, std::int64_t length) {
+// Uncompressed all is about as long as the store.
+ExitCode exportToFile(const ExportOptions& options, const Selection& selection,
+                      std::int64_t length) {
   const FilePlace place = locateFile(options.file);
   const auto refuse = [&] {
     return Failure(ExitCode::notOpenable, options.file, "", "exists already");
   };
   if (inspect(place.directory, place.name)) throw refuse();
   const ArchiveKind kind = chooseKind(options);
-  if (kind.format != "zip" && kind.filter.empty()) {
+  if (kind.format != "zip" && kind.filter.empty() && selection.isEverything()) {
     requireRoom(place.directory, length, options.file);
   }
   removeLeftovers(place.directory);
   const CopiedFile source(options.store);
   NewFile file(place.directory, place.name, options.file, {.readers = source.rights()});
-  const ExitCode outcome = exportTo(options, options.file, [&](std::span<const std::byte> bytes) {
-    if (!writeAll(file.descriptor(), bytes)) throw systemFailure(options.file, "write");
-  });
+  const ExitCode outcome =
+      exportTo(options, selection, options.file, [&](std::span<const std::byte> bytes) {
+        if (!writeAll(file.descriptor(), bytes)) throw systemFailure(options.file, "write");
+      });
   if (!file.deliver()) throw refuse();
   return outcome;
 }
 
 ExitCode exportStore(const ExportOptions& options) {
+  const Selection selection(options.selected);
   const std::int64_t length =
       hxcrate::InspectedFile(options.store, std::chrono::seconds(options.wait))
           .length();  // it is there
-  const ExitCode outcome =
-      options.file == "-" ? exportToStandardOutput(options) : exportToFile(options, length);
+  const ExitCode outcome = options.file == "-" ? exportToStandardOutput(options, selection)
+                                               : exportToFile(options, selection, length);
   return seeLostMembers(options.store, outcome);
 }
 
@@ -312,6 +325,7 @@ void addExport(CommandLine& line) {
   words.add_option("--format", options->format, "tar, zip or cpio")
       ->check(CLI::IsMember({"tar", "zip", "cpio"}))
       ->type_name("FORMAT");
+  addSelection(words, options->selected);
   words.add_flag("--no-attributes", options->withoutAttributes,
                  "leave out what the item .mtree tells, and keep that as an item");
   addWait(words, options->wait);

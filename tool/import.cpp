@@ -21,10 +21,12 @@ namespace tool {
 namespace {
 
 using Type = MemberAttributes::Type;
+using Verdict = Selection::Verdict;
 
 struct ImportOptions {
   std::string store;
   std::string archive;
+  SelectionOptions selected;
   bool replace = false;
   bool skip = false;
   bool withAttributes = false;
@@ -74,9 +76,14 @@ class StorePath {
 // Goes through an archive once: into a store, or to see what would come of it.
 class Importer {
  public:
-  Importer(const ImportOptions& options, ArchiveInput& archive, hxcrate::Store* store, bool isTold,
-           Progress& progress)
-      : options_(options), archive_(archive), store_(store), isTold_(isTold), pump_(&progress) {
+  Importer(const ImportOptions& options, const Selection& selection, ArchiveInput& archive,
+           hxcrate::Store* store, bool isTold, Progress& progress)
+      : options_(options),
+        selection_(selection),
+        archive_(archive),
+        store_(store),
+        isTold_(isTold),
+        pump_(&progress) {
     if (store != nullptr) path_.emplace(*store);
     if (options.withAttributes) manifest_.emplace();
   }
@@ -114,10 +121,13 @@ class Importer {
     const std::optional<MemberAttributes> member = attributesOf(entry);
     if (written == nullptr) return refuse("", "an entry without a name, or one in no characters");
     if (!path) return refuse(shown, "its path leads out of the store");
+    const bool isFolder = member && member->type == Type::folder;
+    const Verdict verdict = path->empty() ? Verdict::yes : selection_.judge(*path, isFolder);
+    if (verdict == Verdict::no) return;
     if (const char* target = archive_entry_hardlink(entry)) return takeLink(*path, target, entry);
     if (!member) return leaveOut(*path, "skipped: no file, folder or link");
     if (member->type == Type::symbolicLink) return takeSymbolicLink(*path, *member);
-    if (member->type == Type::folder) return takeFolder(*path, *member);
+    if (isFolder) return takeFolder(*path, *member, verdict);
     if (!admitFile(*path, *member)) return;
     if (archive_.isCpio() && member->size == 0 && archive_entry_nlink(entry) > 1) {
       sizes_.emplace(*path, 0);
@@ -155,9 +165,12 @@ class Importer {
     return !fault;
   }
 
-  void takeFolder(const std::string& path, const MemberAttributes& member) {
-    if (const auto fault = tree_.addFolder(path)) return refuse(path, *fault);
-    if (path_) path_->enter(path);
+  // One that is on the way comes with what it leads to.
+  void takeFolder(const std::string& path, const MemberAttributes& member, Verdict verdict) {
+    if (verdict == Verdict::yes) {
+      if (const auto fault = tree_.addFolder(path)) return refuse(path, *fault);
+      if (path_) path_->enter(path);
+    }
     folders_.insert_or_assign(path, member);
   }
 
@@ -170,7 +183,7 @@ class Importer {
   void takeLink(const std::string& path, const std::string& written, archive_entry* entry) {
     const std::optional<std::string> target = pathInside(written);
     if (!target || !sizes_.contains(*target)) {
-      return refuse(path, "a hard link to no file before it: " + written);
+      return refuse(path, "a hard link to no file that was taken before it: " + written);
     }
     archive_entry_set_filetype(entry, AE_IFREG);
     MemberAttributes member = *attributesOf(entry);
@@ -235,13 +248,14 @@ class Importer {
 
   void addManifest() {
     for (const auto& [path, member] : folders_)
-      manifest_->add(path, member);
+      if (tree_.hasFolder(path)) manifest_->add(path, member);
     const std::string text = manifest_->finish();
     forecast_.addItem(static_cast<std::int64_t>(text.size()));
     if (path_) path_->create(std::string(kManifestName)).write(std::string_view(text));
   }
 
   const ImportOptions& options_;
+  const Selection& selection_;
   ArchiveInput& archive_;
   hxcrate::Store* store_;  // null: only looking
   bool isTold_;            // what is left out was told of before
@@ -262,13 +276,14 @@ class Importer {
 // does not fit, and pages have the best size.
 ExitCode import(const ImportOptions& options) {
   const NewStore target(options.store, options.replace, options.wait);
+  const Selection selection(options.selected);
   ArchiveInput archive(options.archive);
   Progress progress("importing");
   SizeForecast forecast;
   ExitCode outcome = ExitCode::fine;
   const bool looksFirst = archive.canRewind() || options.dryRun;
   if (looksFirst) {
-    Importer look(options, archive, nullptr, false, progress);
+    Importer look(options, selection, archive, nullptr, false, progress);
     look.run();
     forecast = look.forecast();
     outcome = look.outcome();
@@ -280,7 +295,7 @@ ExitCode import(const ImportOptions& options) {
   if (looksFirst) archive.rewind();
   progress.expect(looksFirst ? forecast.bytes() : -1);
   target.make(forecast, options.made, [&](hxcrate::Store& store) {
-    Importer importer(options, archive, &store, looksFirst, progress);
+    Importer importer(options, selection, archive, &store, looksFirst, progress);
     importer.run();
     outcome = importer.outcome();
   });
@@ -297,10 +312,11 @@ void addImport(CommandLine& line) {
                              [options] { return import(*options); });
   explain(words,
           "ARCHIVE is a tar, zip, cpio, 7z or another that libarchive reads, compressed or not.\n"
-          "From a pipe, what can't be kept is found only when its turn comes, and pages have 4096\n"
+          "From a pipe, what can't be kept is found only when its turn comes, and pages have 1024\n"
           "bytes unless --page-size says else.");
   words.add_option("STORE", options->store, "the store file to make")->required();
   words.add_option("ARCHIVE", options->archive, "the archive; - for standard input")->required();
+  addSelection(words, options->selected);
   words.add_flag("--attributes", options->withAttributes,
                  "keep modes, owners, times and links in an item .mtree");
   words.add_flag("--skip", options->skip, "leave out what can't be kept, and name it");

@@ -15,7 +15,8 @@ Descriptor openList(const std::string& path) {
   static bool isInputTaken = false;
   const bool isInput = path == "-";
   if (isInput && std::exchange(isInputTaken, true)) {
-    throw Failure(ExitCode::usage, "standard input", "", "it can be one list, not two");
+    throw Failure(ExitCode::usage, "standard input", "",
+                  "it can be one file of a command, not two");
   }
   Descriptor file(repeatInterrupted([&] {
     return isInput ? ::fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)

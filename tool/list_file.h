@@ -8,7 +8,7 @@
 
 namespace tool {
 
-// The file `path`, or standard input for "-", which can be one list of a command only. Throws a
+// The file `path`, or standard input for "-", which can be one file of a command only. Throws a
 // Failure.
 Descriptor openList(const std::string& path);
 

@@ -40,14 +40,14 @@ std::optional<std::string> PlannedTree::add(std::string_view path, bool isFolder
   return std::nullopt;
 }
 
-bool PlannedTree::hasFile(std::string_view path) const {
+bool PlannedTree::hasFolder(std::string_view path) const {
   std::size_t folder = 0;
-  while (true) {
+  while (!path.empty()) {
     const auto node = nodes_.find(Key(folder, takeName(path)));
-    if (node == nodes_.end()) return false;
-    if (path.empty()) return !node->second.isFolder;
+    if (node == nodes_.end() || !node->second.isFolder) return false;
     folder = node->second.number;
   }
+  return true;
 }
 
 }  // namespace tool

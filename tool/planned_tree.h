@@ -19,7 +19,8 @@ class PlannedTree {
   std::optional<std::string> addFolder(std::string_view path) { return add(path, true); }
   std::optional<std::string> addFile(std::string_view path) { return add(path, false); }
 
-  bool hasFile(std::string_view path) const;
+  // The empty path is one.
+  bool hasFolder(std::string_view path) const;
   std::int64_t folders() const { return folders_; }
 
  private:

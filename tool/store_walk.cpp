@@ -158,6 +158,26 @@ std::int64_t ItemSizes::sizeOf(const hxcrate::Store& store, const std::string& p
   return size;
 }
 
+void expectItems(Progress& progress, hxcrate::Session& session, const std::string& path,
+                 const Selection& selection) {
+  if (!progress.isShown()) return;
+  std::int64_t bytes = 0;
+  std::int64_t items = 0;
+  ItemSizes sizes(path);
+  StoreWalk walk(session.open(path, hxcrate::Mode::read, {.acceptDamaged = true}), &selection);
+  for (auto event = walk.next(); event != StoreWalk::Event::end; event = walk.next()) {
+    throwIfInterrupted();
+    try {
+      if (event == StoreWalk::Event::store) walk.enter();
+    } catch (const hxcrate::Error&) {  // it is told of when its turn comes
+    }
+    if (event != StoreWalk::Event::item) continue;
+    bytes += sizes.sizeIfReadable(walk.container(), walk.name()).value_or(0);
+    ++items;
+  }
+  progress.expect(bytes, items);
+}
+
 hxcrate::Store openWhatThereIs(hxcrate::Session& session, const std::string& path,
                                ExitCode& outcome) {
   hxcrate::Store store = session.open(path, hxcrate::Mode::read, {.acceptDamaged = true});

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "hxcrate/crate.hpp"
+#include "progress.h"
 #include "report.h"
 #include "selection.h"
 #include "write_limits.h"
@@ -126,6 +127,11 @@ class ItemSizes {
   std::int64_t bytes_ = 0;
   bool isOver_ = false;
 };
+
+// Tells a progress that is shown how many items of the store file `path` are meant, and how many
+// bytes they have.
+void expectItems(Progress& progress, hxcrate::Session& session, const std::string& path,
+                 const Selection& selection);
 
 // The store file `path`, read only, whatever can be read of it. What can't is told on standard
 // error and changes `outcome`.

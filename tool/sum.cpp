@@ -65,10 +65,11 @@ class Summer {
  private:
   hxcrate::Store open() { return openWhatThereIs(session_, options_.store, outcome_); }
 
-  ItemSums sums(Progress* progress) {
+  ItemSums sums(Progress& progress) {
+    expectItems(progress, session_, options_.store, selection_);
     hxcrate::Store again =
         session_.open(options_.store, hxcrate::Mode::read, {.acceptDamaged = true});
-    return {std::move(again), selection_, progress, [this](const hxcrate::Error& error) {
+    return {std::move(again), selection_, &progress, [this](const hxcrate::Error& error) {
               complain(error);
               outcome_ = worse(outcome_, ExitCode::damaged);
             }};
@@ -76,7 +77,8 @@ class Summer {
 
   // A name is as safe on a terminal as the list's own escapes make it for a program.
   void list() {
-    ItemSums items = sums(nullptr);
+    Progress progress("summing", !output_.isTerminal());
+    ItemSums items = sums(progress);
     while (items.next()) {
       if (items.place() == kManifestName && options_.paths.empty()) continue;
       if (const auto digest = items.sum()) {
@@ -129,7 +131,7 @@ class Summer {
 
   void compare(ChecksumList list) {
     Progress progress("summing");
-    ItemSums items = sums(&progress);
+    ItemSums items = sums(progress);
     FaultCounts counts{};
     const auto tell = [&](SumFault fault, const std::string& place) {
       const auto kind = static_cast<std::size_t>(fault);
