@@ -62,6 +62,7 @@ void initialize(void* data, fuse_conn_info* connection) {
 
 void lookUp(fuse_req_t request, fuse_ino_t parent, const char* name) {
   const NodeId id = systemOf(request).tree().nodes().find(nodeOf(parent), name);
+  if (id != kNoNode) systemOf(request).noteLookUp();
   answer(request, id, [&](StoreTree& tree) {
     fuse_entry_param entry{};
     entry.entry_timeout = kForEver;  // also of what is not there
@@ -109,7 +110,9 @@ void readFile(fuse_req_t request, fuse_ino_t number, std::size_t size, off_t off
 }
 
 // One reply's worth of a folder. Its entries are numbered: 0 is ".", 1 "..", and 2 its first
-// member.
+// member. The kernel makes a file of every name that comes with attributes, which takes it 2 us,
+// and can't know whether anybody wants them. So they come with the first few names, and with others
+// as FileSystem::foresee() says.
 class FolderReply {
  public:
   FolderReply(fuse_req_t request, StoreTree& tree, std::size_t size, bool isPlus)
@@ -128,6 +131,8 @@ class FolderReply {
   }
 
  private:
+  static constexpr off_t kFew = 8;
+
   // Only kind and number count of them: the kernel knows the rest.
   bool add(const char* name, NodeId id, off_t i) {
     fuse_entry_param entry{};
@@ -139,7 +144,7 @@ class FolderReply {
     fuse_entry_param entry{};
     entry.attr = tree_.describe(id);
     try {
-      if (isPlus_) entry = entryOf(tree_, id);
+      if (isPlus_ && (i < kFew || systemOf(request_).foresee())) entry = entryOf(tree_, id);
     } catch (const hxcrate::Error&) {
       // Whoever asks for it alone is told.
     }
@@ -216,7 +221,8 @@ void getExtended(fuse_req_t request, fuse_ino_t number, const char* name, std::s
   answer(request, nodeOf(number), [&](StoreTree& tree) {
     const std::string value = extendedOf(tree, nodeOf(number), name);
     if (value.empty()) {
-      fuse_reply_err(request, ENODATA);
+      // Of kinds that nothing here has, `ls -l` asks no further file then.
+      fuse_reply_err(request, std::string_view(name).starts_with("user.") ? ENODATA : EOPNOTSUPP);
     } else {
       replyBytes(request, value, size);
     }
@@ -260,6 +266,19 @@ fuse_lowlevel_ops listOperations() {
 const fuse_lowlevel_ops& FileSystem::operations() {
   static const fuse_lowlevel_ops operations = listOperations();
   return operations;
+}
+
+void FileSystem::noteLookUp() {
+  constexpr int kWorth = 16;
+  constexpr int kMost = 100'000;
+  if (foreseen_.load(std::memory_order_relaxed) < kMost) {
+    foreseen_.fetch_add(kWorth, std::memory_order_relaxed);
+  }
+}
+
+bool FileSystem::foresee() {
+  return foreseen_.load(std::memory_order_relaxed) > 0 &&
+         foreseen_.fetch_sub(1, std::memory_order_relaxed) > 0;
 }
 
 void FileSystem::noteUse() {

@@ -24,6 +24,13 @@ class FileSystem {
   StoreTree& tree() { return tree_; }
   void noteUse();
 
+  // Whether a member's attributes shall come with its name before they are asked for: of so many as
+  // were looked up alone before, times sixteen. `find` through 100 folders of 1,000 files takes two
+  // thirds of the processor time the first time, and `du` of a source tree no more than when all
+  // come.
+  bool foresee();
+  void noteLookUp();
+
   // Whether the kernel goes on by itself after it was refused the opening of a file, or a folder.
   bool opensAlone = false;
   bool opensFoldersAlone = false;
@@ -31,6 +38,7 @@ class FileSystem {
  private:
   StoreTree& tree_;
   std::atomic<std::int64_t> lastUse_{0};
+  std::atomic<int> foreseen_{0};
 };
 
 }  // namespace mounted
