@@ -120,11 +120,11 @@ class FolderReply {
 
   void send(NodeId folder, off_t from) {
     const Folder& members = tree_.folderOf(folder);
-    const off_t end = static_cast<off_t>(members.count) + 2;
+    const off_t end = static_cast<off_t>(members.size()) + 2;
     for (off_t i = from; i < end; ++i) {
       const bool fits = i == 0   ? add(".", folder, i)
                         : i == 1 ? add("..", tree_.nodes()[folder].parent, i)
-                                 : addMember(members.first + static_cast<NodeId>(i - 2), i);
+                                 : addMember(members[static_cast<NodeId>(i - 2)], i);
       if (!fits) break;
     }
     fuse_reply_buf(request_, room_.data(), used_);

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 #include "mount/fuse_library.h"
 #include "mount/store_tree.h"
@@ -21,7 +22,11 @@ class FileSystem {
   // When it was last asked anything: seconds of the steady clock.
   const std::atomic<std::int64_t>& lastUse() const { return lastUse_; }
 
-  StoreTree& tree() { return tree_; }
+  // The first who asks waits for what the stores' manifests tell.
+  StoreTree& tree() {
+    std::call_once(told_, [this] { tree_.readManifests(); });
+    return tree_;
+  }
   void noteUse();
 
   // Whether a member's attributes shall come with its name before they are asked for: of so many as
@@ -37,6 +42,7 @@ class FileSystem {
 
  private:
   StoreTree& tree_;
+  std::once_flag told_;
   std::atomic<std::int64_t> lastUse_{0};
   std::atomic<int> foreseen_{0};
 };

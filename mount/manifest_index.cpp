@@ -4,23 +4,21 @@
 
 namespace mounted {
 
-ManifestIndex::ManifestIndex(const hxcrate::Store& store) {
-  const std::string failure = store.path() + ": " + std::string(tool::kManifestName) + ": ";
+ManifestIndex::ManifestIndex(const hxcrate::View& item, const std::string& name) {
   try {
-    read(store);
+    if (item.isOpen()) read(item);
   } catch (const hxcrate::Error& error) {
-    say(failure + error.reason());
+    say(name + ": " + error.reason());
   } catch (const tool::ManifestError& error) {
-    say(failure + error.what());
+    say(name + ": " + error.what());
   }
 }
 
-void ManifestIndex::read(const hxcrate::Store& store) {
-  if (!store.exists(tool::kManifestName)) return;
-  if (store.stat(tool::kManifestName).size > std::int64_t{tool::Manifest::kMostBytes}) {
+void ManifestIndex::read(const hxcrate::View& item) {
+  if (item.size() > std::int64_t{tool::Manifest::kMostBytes}) {
     throw tool::ManifestError("it is too long");
   }
-  manifest_ = tool::Manifest(store.get(tool::kManifestName));
+  manifest_ = tool::Manifest(item.readAll());
   for (const auto& member : manifest_.members()) {
     if (member.second.type != tool::MemberAttributes::Type::symbolicLink) continue;
     const std::string_view path = member.first;

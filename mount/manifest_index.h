@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "hxcrate/store.hpp"
+#include "hxcrate/view.hpp"
 #include "tool/manifest.h"
 
 namespace mounted {
@@ -15,9 +15,8 @@ class ManifestIndex {
  public:
   using Links = std::multimap<std::string_view, const tool::Manifest::Members::value_type*>;
 
-  ManifestIndex() = default;  // of nothing
-  // Of a whole store, which may have none. One that can't be read is told in the log.
-  explicit ManifestIndex(const hxcrate::Store& store);
+  // Of nothing when the item is closed. One that can't be read is told in the log by its name.
+  ManifestIndex(const hxcrate::View& item, const std::string& name);
 
   const tool::Manifest::Members& members() const { return manifest_.members(); }
   bool isEmpty() const { return members().empty(); }
@@ -29,7 +28,7 @@ class ManifestIndex {
   }
 
  private:
-  void read(const hxcrate::Store& store);
+  void read(const hxcrate::View& item);
 
   tool::Manifest manifest_;
   Links links_;  // by their folder; both lie in the manifest

@@ -1,5 +1,7 @@
 #include "mount/store_tree.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <utility>
@@ -23,12 +25,24 @@ constexpr mode_t kFolderMode = S_IFDIR | 0555;
 constexpr mode_t kFileMode = S_IFREG | 0444;
 constexpr std::int64_t kBlock = 512;  // bytes, what st_blocks counts
 
+// Closed where none can be read, which is said in the log where there is one.
+hxcrate::View openManifest(const hxcrate::Store& store, const std::string& name) {
+  try {
+    if (store.exists(tool::kManifestName)) return store.view(tool::kManifestName);
+  } catch (const hxcrate::Error& error) {
+    say(name + ": " + error.reason());
+  }
+  return {};
+}
+
 bool isShowable(std::string_view name) {
   return name != "." && name != ".." && name.find('/') == name.npos && name.find('\0') == name.npos;
 }
 
-std::string join(const std::string& folder, const std::string& name) {
-  return folder.empty() ? name : folder + "/" + name;
+std::string join(std::string_view folder, std::string_view name) {
+  std::string path(folder);
+  if (!path.empty()) path += '/';
+  return path.append(name);
 }
 
 }  // namespace
@@ -43,10 +57,27 @@ StoreTree::StoreTree(const std::vector<Source>& sources, std::chrono::seconds lo
   for (std::size_t i = isOneStore ? 0 : 1; i < folders_.size(); ++i)
     fill(i);
   nodes_.index();
-  for (std::size_t i = 0; i < sources.size(); ++i)
-    joinHardLinks(static_cast<std::uint32_t>(i));
-  for (Origin& origin : origins_)
-    origin.manifest = {};
+}
+
+void StoreTree::readManifests() {
+  try {
+    std::vector<ManifestIndex> manifests;
+    for (Origin& origin : origins_)
+      manifests.emplace_back(std::exchange(origin.manifest, {}), origin.manifestName);
+    applyManifests(manifests);
+  } catch (const std::exception& error) {
+    say(std::string("not all modes, times and links are shown: ") + error.what());
+  }
+  ::malloc_trim(0);  // or the program keeps 1,500 bytes a member of what only the reading took
+}
+
+void StoreTree::applyManifests(const std::vector<ManifestIndex>& manifests) {
+  const NodeId members = nodes_.size();
+  for (Folder& folder : folders_)
+    if (folder.store.isOpen()) applyManifest(folder, manifests[folder.source]);
+  if (nodes_.size() > members) nodes_.index();
+  for (std::uint32_t i = 0; i < manifests.size(); ++i)
+    joinHardLinks(i, manifests[i]);
 }
 
 void StoreTree::addStore(hxcrate::Session& session, const Source& source) {
@@ -59,11 +90,13 @@ void StoreTree::addStore(hxcrate::Session& session, const Source& source) {
   }
   const std::int64_t modified = file.st_mtim.tv_sec * kNanoseconds + file.st_mtim.tv_nsec;
   const auto number = static_cast<std::uint32_t>(origins_.size());
+  const std::string manifestName = source.file + ": " + std::string(tool::kManifestName);
   origins_.push_back({{modified, kFileMode, file.st_uid, file.st_gid},
                       file.st_size,
                       store.pageSize(),
                       source.inside,
-                      ManifestIndex(store)});
+                      manifestName,
+                      openManifest(store, manifestName)});
   if (!source.inside.empty()) store = store.openStore(source.inside);
   NodeId node = kRoot;
   if (!source.name.empty()) {
@@ -75,20 +108,14 @@ void StoreTree::addStore(hxcrate::Session& session, const Source& source) {
 
 void StoreTree::fill(std::size_t folder) {
   const NodeId first = nodes_.size();
-  const NodeId self = folders_[folder].node;
-  const Origin& origin = origins_[folders_[folder].source];
-  const std::string path = origin.manifest.isEmpty() ? "" : folders_[folder].store.place();
   leftOut_ += folders_[folder].store.countHidden();
-  setAttributes(self, origin.manifest.find(path, true), origin);
   for (const hxcrate::Member& member : folders_[folder].store.members())
-    addMember(folder, path, member);
-  addLinks(folder, path);
+    addMember(folder, member);
   folders_[folder].first = first;
   folders_[folder].count = nodes_.size() - first;
 }
 
-void StoreTree::addMember(std::size_t folder, const std::string& path,
-                          const hxcrate::Member& member) {
+void StoreTree::addMember(std::size_t folder, const hxcrate::Member& member) {
   if (!isShowable(member.name)) {
     ++leftOut_;
     return;
@@ -100,29 +127,37 @@ void StoreTree::addMember(std::size_t folder, const std::string& path,
       (place != 0 ? place : kNowhere + nodes_.size()) | std::uint64_t{source} << kSourceShift;
   const std::uint32_t number = isStore ? static_cast<std::uint32_t>(folders_.size()) : kNone;
   const NodeId node = nodes_.add(folders_[folder].node, member.name, inode, number);
-  if (isStore) {
-    folders_.push_back({folders_[folder].store.openStore(member.name), source, node});
-  } else if (const Origin& origin = origins_[source]; !origin.manifest.isEmpty()) {
-    setAttributes(node, origin.manifest.find(join(path, member.name), false), origin);
-  }
+  if (isStore) folders_.push_back({folders_[folder].store.openStore(member.name), source, node});
 }
 
-// Those that the manifest alone has.
-void StoreTree::addLinks(std::size_t folder, const std::string& path) {
-  const std::uint32_t source = folders_[folder].source;
-  const Origin& origin = origins_[source];
-  const auto [first, last] = origin.manifest.linksIn(path);
+void StoreTree::applyManifest(Folder& folder, const ManifestIndex& manifest) {
+  if (manifest.isEmpty()) return;
+  const Origin& origin = origins_[folder.source];
+  const std::string path = folder.store.place();
+  setAttributes(folder.node, manifest.find(path, true), origin);
+  for (NodeId id = folder.first; id < folder.first + folder.count; ++id) {
+    if (isFolder(id)) continue;
+    setAttributes(id, manifest.find(join(path, nodes_.nameOf(id)), false), origin);
+  }
+  folder.firstLink = nodes_.size();
+  const auto [first, last] = manifest.linksIn(path);
   for (auto link = first; link != last; ++link) {
     const auto& [whole, told] = *link->second;
-    const std::string_view name =
-        std::string_view(whole).substr(path.empty() ? 0 : path.size() + 1);
-    if (!isShowable(name) || name.empty() || name.size() > kLongestName) {
-      ++leftOut_;
-    } else if (name.size() > hxcrate::kNameCapacity || !folders_[folder].store.exists(name)) {
-      const std::uint64_t inode = (kNowhere + nodes_.size()) | std::uint64_t{source}
-                                                                   << kSourceShift;
-      setAttributes(nodes_.add(folders_[folder].node, name, inode, kNone), &told, origin);
-    }
+    addLink(folder, std::string_view(whole).substr(path.empty() ? 0 : path.size() + 1), told);
+  }
+  folder.links = nodes_.size() - folder.firstLink;
+}
+
+// One that the manifest alone has.
+void StoreTree::addLink(const Folder& folder, std::string_view name,
+                        const tool::MemberAttributes& told) {
+  const Origin& origin = origins_[folder.source];
+  if (!isShowable(name) || name.empty() || name.size() > kLongestName) {
+    say(origin.manifestName + ": a link is left out that no folder can show");
+  } else if (name.size() > hxcrate::kNameCapacity || !folder.store.exists(name)) {
+    const std::uint64_t inode = (kNowhere + nodes_.size()) | std::uint64_t{folder.source}
+                                                                 << kSourceShift;
+    setAttributes(nodes_.add(folder.node, name, inode, kNone), &told, origin);
   }
 }
 
@@ -134,9 +169,8 @@ void StoreTree::setAttributes(NodeId id, const tool::MemberAttributes* told, con
 }
 
 // Files that a manifest calls one and the same, as far as they are: items may have grown since.
-void StoreTree::joinHardLinks(std::uint32_t source) {
-  const Origin& origin = origins_[source];
-  for (const auto& [path, told] : origin.manifest.members()) {
+void StoreTree::joinHardLinks(std::uint32_t source, const ManifestIndex& manifest) {
+  for (const auto& [path, told] : manifest.members()) {
     if (told.type != tool::MemberAttributes::Type::hardLink) continue;
     const NodeId link = findPath(source, path);
     const NodeId first = findPath(source, told.target);

@@ -29,20 +29,29 @@ struct Source {
   std::string name;  // empty: the root
 };
 
-// What lies side by side in a folder: the nodes from `first` on.
+// What lies side by side in a folder: the nodes from `first` on, and from `firstLink` on the links
+// that a manifest alone has.
 struct Folder {
   hxcrate::Store store;  // closed: the folder that several stores lie in
   std::uint32_t source;
   NodeId node;
   NodeId first = 0;
   NodeId count = 0;
+  NodeId firstLink = 0;
+  NodeId links = 0;
+
+  NodeId size() const { return count + links; }
+  NodeId operator[](NodeId i) const { return i < count ? first + i : firstLink + (i - count); }
 };
 
-// Any number of threads may ask it.
+// Any number of threads may ask it after readManifests() has returned.
 class StoreTree {
  public:
   // Opens the stores, damaged ones too, and says in the log what they lack. Throws hxcrate::Error.
   explicit StoreTree(const std::vector<Source>& sources, std::chrono::seconds lockWait = {});
+  // Once. It takes 5 us for a line, and so waits until somebody asks. Throws nothing: what can't be
+  // read is said in the log.
+  void readManifests();
 
   const NodeTable& nodes() const { return nodes_; }
   const Folder& folderOf(NodeId id) const { return folders_[nodes_[id].folder]; }
@@ -84,15 +93,18 @@ class StoreTree {
     std::int64_t bytes;
     std::int64_t pageSize;
     std::string inside;
-    ManifestIndex manifest;  // while the tree is built
+    std::string manifestName;  // for the log
+    hxcrate::View manifest;    // until it is read
   };
 
   void addStore(hxcrate::Session& session, const Source& source);
   void fill(std::size_t folder);
-  void addMember(std::size_t folder, const std::string& path, const hxcrate::Member& member);
-  void addLinks(std::size_t folder, const std::string& path);
+  void addMember(std::size_t folder, const hxcrate::Member& member);
+  void applyManifests(const std::vector<ManifestIndex>& manifests);
+  void applyManifest(Folder& folder, const ManifestIndex& manifest);
+  void addLink(const Folder& folder, std::string_view name, const tool::MemberAttributes& told);
   void setAttributes(NodeId id, const tool::MemberAttributes* told, const Origin& origin);
-  void joinHardLinks(std::uint32_t source);
+  void joinHardLinks(std::uint32_t source, const ManifestIndex& manifest);
   void joinHardLink(NodeId link, NodeId first);
   NodeId findPath(std::uint32_t source, std::string_view path) const;
   Attributes attributesOf(NodeId id) const;

@@ -51,9 +51,9 @@ struct IndexSlot {
   uint32_t hash;  // of the member's name, the index's own
 };
 
-// Of a member's name: what chooses its chain, and what its table's index goes by. Both are made while
-// the name is in the processor's caches: not fetching 100,000 names once more at the first search
-// takes a sixth off the first open.
+// Of a member's name: what chooses its chain, and what its table's index goes by. Both are made
+// while the name is in the processor's caches: not fetching 100,000 names once more at the first
+// search takes a sixth off the first open.
 struct MemberHashes {
   uint32_t chained;
   uint32_t indexed;
