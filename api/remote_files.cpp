@@ -48,16 +48,44 @@ hxremote::OpenFunction* loadOpenFunction(const std::string& url) {
   return function;
 }
 
-// Where the top-level store's ENTRY lies, in either byte order; -1 when that is nowhere.
-std::int64_t findDirectory(RemoteFile& file) {
-  hx::Header header{};
-  if (file.read(0, &header, hx::kHeaderSize) != hx::kHeaderSize) return -1;
-  const auto turned = static_cast<std::int64_t>(
-      __builtin_bswap64(static_cast<std::uint64_t>(header.directoryOffset)));
-  for (const std::int64_t offset : {header.directoryOffset, turned}) {
-    if (offset >= hx::kHeaderSize && offset <= file.length() - hx::kEntrySize) return offset;
+std::int64_t native(std::int64_t field, bool isTurned) {
+  const auto bits = static_cast<std::uint64_t>(field);
+  return isTurned ? static_cast<std::int64_t>(__builtin_bswap64(bits)) : field;
+}
+
+template <typename Record>
+bool readRecord(RemoteFile& file, std::int64_t offset, Record& record) {
+  return file.read(offset, &record, sizeof(record)) == sizeof(record);
+}
+
+// Behind the directory that begins at `start`: the first record of an item's page, where that lies
+// behind the entries, else the file's end, where a writer puts the directory.
+std::int64_t guessDirectoryEnd(RemoteFile& file, std::int64_t start, bool isTurned) {
+  constexpr int kMostSteps = 256;
+  constexpr std::int64_t kFront = 65536;  // which is here anyway
+  std::int64_t link = -start;
+  for (int i = 0; i < kMostSteps && !hx::endsChain(link); ++i) {
+    const std::int64_t at = hx::targetOf(link);
+    hx::Entry entry{};
+    if (at > kFront || !readRecord(file, at, entry)) break;
+    const std::int64_t first = native(entry.firstLink, isTurned);
+    const std::int64_t next = native(entry.next, isTurned);
+    // In a blob each lies behind its own item's entry.
+    const bool isApart = first > at + hx::kEntrySize || (first > at && hx::endsChain(next));
+    if (hx::leadsToItem(link)) return isApart ? first + hx::kChunkSize : file.length();
+    link = hx::endsChain(first) ? next : first;
   }
-  return -1;
+  return file.length();
+}
+
+void expectDirectory(RemoteFile& file) {
+  hx::Header header{};
+  if (!readRecord(file, 0, header)) return;
+  for (const bool isTurned : {false, true}) {
+    const std::int64_t start = native(header.directoryOffset, isTurned);
+    if (start < hx::kHeaderSize || start > file.length() - hx::kEntrySize) continue;
+    return file.expectDirectory(start, guessDirectoryEnd(file, start, isTurned));
+  }
 }
 
 struct OpenFile {
@@ -95,9 +123,7 @@ class OpenFiles {
       const Errc code = failure.error == ENOENT ? Errc::notFound : Errc::fileNotOpen;
       throw Error(code, showPath(url), "", translate(failure, "open", showPath(url)));
     }
-    if (const std::int64_t directory = findDirectory(*file); directory >= 0) {
-      file->expectTail(directory);
-    }
+    expectDirectory(*file);
     const std::lock_guard guard(mutex_);
     std::erase_if(files_, [](const auto& entry) { return entry.second.file.expired(); });
     files_[url] = {file, {}};
@@ -136,9 +162,9 @@ OpenFiles& openFiles() {
   return files;
 }
 
-// Where the pages of each item begin, which are mostly read on to the next such place.
-std::vector<std::int64_t> findRuns(const hx::Store* root) {
-  std::vector<std::int64_t> runs{root->directoryOffset};
+// Where the records of each item's pages begin.
+std::vector<std::int64_t> findRecords(const hx::Store* root) {
+  std::vector<std::int64_t> records;
   std::vector<const hx::Store*> stores{root};
   while (!stores.empty()) {
     const hx::Store* store = stores.back();
@@ -149,11 +175,34 @@ std::vector<std::int64_t> findRuns(const hx::Store* root) {
           stores.push_back(reinterpret_cast<const hx::Store*>(member));
         } else {
           const auto* item = reinterpret_cast<const hx::ItemMember*>(member);
-          runs.push_back(static_cast<std::int64_t>(item->firstChunkOffset));
+          records.push_back(static_cast<std::int64_t>(item->firstChunkOffset));
         }
       }
     }
   }
+  std::ranges::sort(records);
+  return records;
+}
+
+// Where the pages of each item begin, which are mostly read on to the next such place. They lie
+// behind their records but in a file for reading, where all records lie behind the directory and
+// the n-th record's page is the n-th.
+std::vector<std::int64_t> findRuns(RemoteFile& file, const hx::Store* root) {
+  std::vector<std::int64_t> runs = findRecords(root);
+  const std::size_t items = runs.size();
+  hx::DataChunk first{};
+  const bool isForReading = items > 0 && runs.front() >= root->directoryEnd;
+  if (isForReading && readRecord(file, runs.front(), first)) {
+    const bool isTurned =
+        !std::ranges::equal(root->encodingId.bytes, root->extension->encodingId.bytes);
+    const std::int64_t pages = native(first.dataOffset, isTurned);
+    for (std::size_t i = 0; i < items && pages > runs[items - 1]; ++i) {
+      const std::int64_t page = (runs[i] - runs[0]) / hx::kChunkSize;
+      if (page > (file.length() - pages) / root->pageSize) break;
+      runs.push_back(pages + page * root->pageSize);
+    }
+  }
+  runs.push_back(root->directoryOffset);
   return runs;
 }
 
@@ -214,7 +263,7 @@ std::shared_ptr<Opening> openRemote(const std::shared_ptr<Engine>& session, cons
     const auto code = static_cast<Errc>(status);
     throw Error(code == Errc::notFound ? Errc::notAStore : code, file->shownUrl(), "");
   }
-  file->expectRuns(findRuns(root.get()));
+  file->expectRuns(findRuns(*file, root.get()));
   opening->take(std::move(root));
   return opening;
 }

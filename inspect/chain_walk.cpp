@@ -192,11 +192,27 @@ void ChainWalk::checkBehindEmpty(const Slack& empty) {
   const bool isRoomOfPages = (free.length() + hx::kChunkSize) % (pageSize + hx::kChunkSize) == 0;
   strayBytes_ = 0;
   lookForBytes({start, std::min(free.end, start + pageSize)});
-  if (strayBytes_ == 0 && (free.length() == 0 || !isRoomOfPages)) return;
+  const bool isRoom = free.length() > 0 && isRoomOfPages;
+  if (strayBytes_ == 0 && !isRoom && !lacksPageInRow(start - hx::kChunkSize)) return;
   ledger_.report(Severity::error, start - hx::kChunkSize, empty.item,
                  std::string("its record is all zero, as an empty item's is, but ") +
-                     (strayBytes_ > 0 ? "bytes that belong to nothing lie" : "a page has room") +
-                     " behind it");
+                     (strayBytes_ > 0 ? "bytes that belong to nothing lie behind it"
+                      : isRoom        ? "a page has room behind it"
+                                      : "a page beside its neighbours' belongs to nothing"));
+}
+
+// Where all records lie in a row and all pages in another one, as in a file for reading.
+bool ChainWalk::lacksPageInRow(int64_t record) const {
+  const int64_t pageSize = ledger_.reader.pageSize();
+  return std::ranges::any_of(std::array<int64_t, 2>{-1, 1}, [&](int64_t side) {
+    const int64_t neighbour = record + side * hx::kChunkSize;
+    if (!ledger_.reader.holds(neighbour, hx::kChunkSize)) return false;
+    const std::optional<hx::DataChunk> chunk = ledger_.reader.readChunk(neighbour);
+    if (!chunk || chunk->capacity == 0 || !isSound(*chunk, ledger_.reader)) return false;
+    const int64_t page = chunk->dataOffset - side * pageSize;
+    return ledger_.reader.holds(page, pageSize) &&
+           ledger_.claimed.findOwned({page, page + pageSize}).range.length() == 0;
+  });
 }
 
 void ChainWalk::reportStrayBytes() {

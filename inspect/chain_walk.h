@@ -38,6 +38,7 @@ class ChainWalk {
   void claimSlackOf(const Slack& slack);
   void lookForBytes(ByteRange range);
   void checkBehindEmpty(const Slack& empty);
+  bool lacksPageInRow(int64_t record) const;
   void tell(ByteKind kind, ByteRange range, std::size_t item) const;
   bool reportDamage(int64_t offset, std::string reason) const;
 

@@ -2,6 +2,7 @@
 
 #include "hxcrate/inspect.hpp"
 #include "inspect/record_reader.h"
+#include "inspect/refusal.h"
 
 namespace hxcrate {
 
@@ -16,7 +17,7 @@ class Transcoder {
 
   void run() {
     copyAll();
-    Inspection inspection(source_, [this](const Finding& finding) { refuse(finding); });
+    Inspection inspection(source_, refuseDamage(source_));
     const bool turns = isTurned(inspection.encoding()) != isTurned(encodingId_);
     inspection.walkPages({.onExtent = [&](const Extent& extent) {
       if (turns || extent.kind == ByteKind::header) writeTurned(extent, turns);
@@ -24,17 +25,11 @@ class Transcoder {
   }
 
  private:
-  void refuse(const Finding& finding) const {
-    if (finding.severity != Severity::error) return;
-    throw Error(Errc::damaged, source_.name(), finding.place,
-                "byte " + std::to_string(finding.offset) + ": " + finding.reason);
-  }
-
   void copyAll() {
     std::vector<std::byte> buffer(kTransferSize);
     for (int64_t at = 0; at < reader_.length();) {
       const std::size_t count = source_.read(at, buffer);
-      if (count == 0) failReading(at);
+      if (count == 0) failReading(source_, at);
       put_(at, std::span(buffer).first(count));
       at += static_cast<int64_t>(count);
     }
@@ -57,7 +52,7 @@ class Transcoder {
   Record readRaw(int64_t offset) const {
     Record record;
     if (source_.read(offset, std::as_writable_bytes(std::span(&record, 1))) < sizeof(record)) {
-      failReading(offset);
+      failReading(source_, offset);
     }
     return record;
   }
@@ -66,11 +61,6 @@ class Transcoder {
   void write(int64_t offset, Record record, bool turns) {
     if (turns) turn(record);
     put_(offset, std::as_bytes(std::span(&record, 1)));
-  }
-
-  [[noreturn]] void failReading(int64_t offset) const {
-    throw Error(Errc::fileFailed, source_.name(), "",
-                "byte " + std::to_string(offset) + " can't be read");
   }
 
   const ByteSource& source_;
@@ -82,9 +72,7 @@ class Transcoder {
 }  // namespace
 
 void transcode(const ByteSource& source, std::string_view encodingId, const PutBytes& put) {
-  if (!isTurned(encodingId)) {
-    throw Error(Errc::unknownEncoding, std::string(encodingId), "", "known are " + listEncodings());
-  }
+  requireKnown(encodingId);
   Transcoder(source, encodingId, put).run();
 }
 

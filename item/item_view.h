@@ -45,6 +45,12 @@ inline int32_t pageSizeOf(const ItemView* view) {
   return view->item->parent->root->pageSize;
 }
 
+// As in a file for reading, where all records lie behind the directory and no page behind its own.
+// In other files an ENTRY lies behind each record, unless it is new since they were loaded.
+inline bool recordsLieApart(const Store* root, int64_t firstRecord) {
+  return root->directoryEnd > 0 && firstRecord >= root->directoryEnd;
+}
+
 inline bool areAllKnown(const ItemView* view) {
   const int64_t size = knownSize(view);
   return size >= 0 && static_cast<int64_t>(view->runs.pageCount()) * pageSizeOf(view) >= size;

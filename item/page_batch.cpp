@@ -36,11 +36,13 @@ bool PageBatch::start() {
   if (known_ > 0) {
     start_ = position_ = found.place + offset_ % pageSize_;
     const bool isFirst = page_ == 0 && found.place == view_->firstRecord + kChunkSize;
-    isInRow_ = found.stride == pageSize_ + kChunkSize || (isFirst && found.stride == 0);
+    if (found.stride == pageSize_ + kChunkSize || (isFirst && found.stride == 0)) gap_ = kChunkSize;
+    if (found.stride == pageSize_) gap_ = 0;
     return true;
   }
+  if (recordsLieApart(view_->item->parent->root, view_->firstRecord)) return false;
   start_ = position_ = view_->firstRecord;
-  isInRow_ = true;
+  gap_ = kChunkSize;
   return offset_ == 0 && start_ >= kHeaderSize && addNextRecord(0);
 }
 
@@ -55,10 +57,10 @@ void PageBatch::addPages() {
     --known_;
     if (from + count < pageSize_) return;
     if (known_ > 0) {
-      if (taken_ == wanted_ || !isInRow_ || !addPart(&passed_, kChunkSize)) return;
+      if (taken_ == wanted_ || gap_ < 0 || (gap_ > 0 && !addPart(&passed_, gap_))) return;
     } else {
-      if (page_ < view_->runs.pageCount() || areAllKnown(view_) || !addNextRecord(page_)) return;
-      if (taken_ == wanted_ || !isInRow_) return;
+      if (gap_ == 0 || page_ < view_->runs.pageCount() || areAllKnown(view_)) return;
+      if (!addNextRecord(page_) || taken_ == wanted_ || gap_ < 0) return;
     }
   }
 }

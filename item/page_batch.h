@@ -40,10 +40,12 @@ class PageBatch {
   int64_t start_ = 0;     // in the file
   int64_t position_ = 0;  // behind the parts
   int64_t fileEnd_ = 0;
-  int64_t taken_ = 0;     // bytes of the item in the parts
-  int32_t page_ = 0;      // the one that is added next
-  int32_t known_ = 0;     // how many pages are known from there on, in one run
-  bool isInRow_ = false;  // with a record between any two, and so, it is supposed, are those behind
+  int64_t taken_ = 0;  // bytes of the item in the parts
+  int32_t page_ = 0;   // the one that is added next
+  int32_t known_ = 0;  // how many pages are known from there on, in one run
+  // Bytes from a page's end to the next: a record, and so, it is supposed, between those behind; 0
+  // where all records lie elsewhere; -1: not known.
+  int64_t gap_ = -1;
 
   int32_t firstPage_ = 0;   // whose record is the first that is checked
   int64_t firstPlace_ = 0;  // of that record

@@ -105,8 +105,9 @@ Status readMore(Wanted& wanted) {
   const int64_t size = knownSize(view);
   if (size >= 0 && wanted.offset >= size) return kEndOfItem;
   if (wanted.findPage().pages > 0) return readLocked(wanted);
-  // In a file the records that follow are read with the bytes before them.
-  if (!liesInMemory(view)) return followTo(view, wanted.page());
+  // In a file the records that follow are read with the bytes before them, unless they lie apart.
+  const bool liesApart = recordsLieApart(view->item->parent->root, view->firstRecord);
+  if (!liesInMemory(view) && !liesApart) return followTo(view, wanted.page());
   return followTo(view,
                   static_cast<int32_t>((wanted.offset + wanted.count - 1) / pageSizeOf(view)));
 }
@@ -124,19 +125,22 @@ struct SinglePage {
   }
 };
 
-// All of its bytes, or -1: it is longer, its page lies elsewhere than behind its record, or is
-// damaged.
+// All of its bytes, or -1: it is longer, or damaged.
 int64_t SinglePage::readFrom(FileHandle* file) const {
   const Store* root = item->parent->root;
   ChunkPlace first = {static_cast<int64_t>(item->firstChunkOffset), 0, {}};
   const int64_t behind = first.offset + kChunkSize;
   if (!liesInside(root, first.offset, kChunkSize)) return -1;
+  const int32_t partCount = recordsLieApart(root, first.offset) ? 1 : 2;
   int64_t count = capacity < root->pageSize ? capacity : root->pageSize;
   if (count > root->fileEnd - behind) count = root->fileEnd - behind;
   const ReadRequest parts[] = {{&first.chunk, kChunkSize}, {to, count}};
-  if (file->readAt(file, parts, 2, first.offset) != 0 || !isAll(first)) return -1;
-  const bool isRead = first.chunk.dataOffset == behind && first.chunk.used <= count;
-  return isRead || first.chunk.used == 0 ? first.chunk.used : -1;
+  if (file->readAt(file, parts, partCount, first.offset) != 0 || !isAll(first)) return -1;
+  const int32_t used = first.chunk.used;
+  const bool isRead = partCount == 2 && first.chunk.dataOffset == behind && used <= count;
+  if (used == 0 || isRead) return used;
+  const ReadRequest elsewhere{to, used};
+  return file->readAt(file, &elsewhere, 1, first.chunk.dataOffset) == 0 ? used : -1;
 }
 
 int64_t SinglePage::copyFrom(const uint8_t* blob) const {

@@ -333,6 +333,14 @@ TEST_F(CommandTest, CopiesAreTheSameWhateverTheHistory) {
   expectPrinted(0, "hxcrate copy --encoding hxmok1/be/utf-8 x.st be.st; hxcrate diff x.st be.st",
                 "");
   expectPrinted(0, "mkdir back; hxcrate copy be.st back/x.st; cmp x.st back/x.st", "");
+  for (const char* encoding : {"le", "be"}) {
+    expectPrinted(0,
+                  "hxcrate copy --for reading --encoding hxmok1/" + std::string(encoding) +
+                      "/utf-8 x.st r.st; hxcrate check r.st 2>/dev/null; hxcrate unpack r.st r; "
+                      "hxcrate diff r.st r; rm -r back/x.st r; hxcrate copy r.st back/x.st; "
+                      "rm r.st; cmp x.st back/x.st",
+                  "");
+  }
   expectPrinted(4, "hxcrate copy y.st x.st", "", "hxcrate: x.st: exists already\n");
 }
 

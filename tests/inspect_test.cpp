@@ -51,6 +51,15 @@ Bytes makeImage() {
   return {begin, begin + blob.bytes().size()};
 }
 
+Bytes arrange(const Bytes& image) {
+  Bytes arranged(image.size());
+  arrangeForReading(ByteView(std::as_bytes(std::span(image)), "x.st"), "",
+                    [&](std::int64_t offset, std::span<const std::byte> bytes) {
+                      std::memcpy(arranged.data() + offset, bytes.data(), bytes.size());
+                    });
+  return arranged;
+}
+
 // The file of 331 items, empty ones too, in 30 stores. Its directory is its end.
 Bytes makeFile(const std::string& path) {
   Session session;
@@ -334,29 +343,35 @@ TEST_F(InspectFileTest, IsLookedAtUpToTheLongestLengthThatNumbersAllow) {
 // Wherever a sector or a block of the directory was zeroed, check says so, and salvage has the
 // rest.
 TEST_F(InspectFileTest, LosesNothingOfItsDirectoryUnseen) {
-  const Bytes image = makeFile(directory_ / "x.st");
+  Bytes image = makeFile(directory_ / "x.st");
   ASSERT_FALSE(Look(image, true).hasErrors() || Look(makeImage(), true).hasErrors());
-  const auto records = hx::fake::recordsOf(image);
-  std::size_t start = image.size();
-  for (const auto& [kind, offset] : records)
-    if (kind == 'e') start = std::min(start, static_cast<std::size_t>(offset));
   const auto zero = [&](std::size_t at, std::size_t length) {
     Bytes damaged = image;
     std::fill_n(damaged.begin() + static_cast<std::ptrdiff_t>(at), length, std::uint8_t{0});
     return damaged;
   };
-  for (std::size_t at = start; at + 512 <= image.size(); at += 97)
-    ASSERT_TRUE(Look(zero(at, 512), true).hasErrors()) << at;
-  for (std::size_t at = start; at + 4096 <= image.size(); at += 1009)
-    ASSERT_TRUE(Look(zero(at, 4096), true).hasErrors()) << at;
-  for (const auto& [kind, offset] : records) {
-    const bool isEmpty = kind == 'c' && image[static_cast<std::size_t>(offset) + 8] == 0;
-    if (kind == 'h' || isEmpty) continue;
-    const std::size_t size = kind == 'e' ? hx::kEntrySize : hx::kChunkSize;
-    ASSERT_TRUE(Look(zero(static_cast<std::size_t>(offset), size), true).hasErrors()) << offset;
-    if (kind == 'e') continue;
-    ASSERT_TRUE(Look(zero(static_cast<std::size_t>(offset), size + kPageSize), true).hasErrors());
-  }
+  const auto damage = [&](std::size_t start, std::size_t end) {
+    for (std::size_t at = start; at + 512 <= end; at += 97)
+      ASSERT_TRUE(Look(zero(at, 512), true).hasErrors()) << at;
+    for (std::size_t at = start; at + 4096 <= end; at += 1009)
+      ASSERT_TRUE(Look(zero(at, 4096), true).hasErrors()) << at;
+    for (const auto& [kind, offset] : hx::fake::recordsOf(image)) {
+      const bool isEmpty = kind == 'c' && image[static_cast<std::size_t>(offset) + 8] == 0;
+      if (kind == 'h' || isEmpty) continue;
+      const std::size_t size = kind == 'e' ? hx::kEntrySize : hx::kChunkSize;
+      ASSERT_TRUE(Look(zero(static_cast<std::size_t>(offset), size), true).hasErrors()) << offset;
+      if (kind == 'e') continue;
+      ASSERT_TRUE(Look(zero(static_cast<std::size_t>(offset), size + kPageSize), true).hasErrors());
+    }
+  };
+  const std::size_t directory = 362 * hx::kEntrySize;
+  const std::size_t start = image.size() - directory;
+  damage(start, image.size());
+  const Bytes plain = std::exchange(image, arrange(image));
+  Look look(image, true);
+  ASSERT_TRUE(look.findings.empty() && look.contents == Look(plain).contents);
+  damage(hx::kHeaderSize, hx::kHeaderSize + directory);
+  image = plain;
   writeImage(zero(start, 4096));
   expectRun(5, "hxcrate check x.st || hxcrate salvage x.st new.st");
   expectSaid("331 items and ");

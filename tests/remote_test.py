@@ -140,6 +140,14 @@ def test_requests(nginx):
     count_requests(nginx, ("cat", url, "one"), contents["one"], 1, 0, 0)
     count_requests(nginx, ("cat", "--no-cache", url, "parts"), large, 2 + 6, 40 << 20, 42 << 20)
     count_requests(nginx, ("ls", "-R", "--no-cache", url), listed, 2)
+    few = ("--exclude", "many/????", "--exclude", "many/[6-9]??")  # 58 KB of directory
+    run("copy", "--for", "reading", "--page-size", "65536", *few, www / "tree.st", www / "front.st")
+    url = nginx.url + "/front.st"
+    for words in (("ls", "-R"), ("ls", "-lR")):
+        count_requests(nginx, (*words, "--no-cache", url), run(*words, www / "front.st")[1], 1)
+    count_requests(nginx, ("cat", "--no-cache", url, "small"), contents["small"], 2, 0, 300000)
+    count_requests(nginx, ("cat", "--no-cache", url, "one"), contents["one"], 2, 15 << 20, 16 << 20)
+    count_requests(nginx, ("cat", "--no-cache", url, "parts"), large, 1 + 6, 40 << 20, 41 << 20)
     code, printed, _ = run("stat", "--no-cache", "--json", nginx.url + "/many.st")
     replies = nginx.replies()
     expect(f'"requests":{len(replies)},"bytes":{sum(r[1] for r in replies)},'.encode() in

@@ -8,9 +8,10 @@
 namespace hxtest {
 
 // Of the file `from` makes the file `to`.
-inline void transcodeFile(const std::string& from, const char* encodingId, const std::string& to) {
+inline void transcodeFile(const std::string& from, const char* encodingId, const std::string& to,
+                          decltype(hxcrate::transcode) transcode = hxcrate::transcode) {
   std::ofstream file(to, std::ios::binary);
-  hxcrate::transcode(hxcrate::InspectedFile(from), encodingId, [&](auto offset, auto bytes) {
+  transcode(hxcrate::InspectedFile(from), encodingId, [&](auto offset, auto bytes) {
     file.seekp(offset).write(reinterpret_cast<const char*>(bytes.data()), std::ssize(bytes));
   });
 }

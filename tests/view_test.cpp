@@ -99,6 +99,9 @@ TEST_F(ViewTest, EveryKindOfStoreGivesTheSame) {
   const std::string foreign = folder_ / "foreign.st";
   hxtest::transcodeFile(path_, "hxmok1/be/utf-8", foreign);
   compare(session_.open(foreign), false);
+  const std::string forReading = folder_ / "reading.st";
+  hxtest::transcodeFile(foreign, "hxmok1/le/utf-8", forReading, hxcrate::arrangeForReading);
+  compare(session_.open(forReading), false);
   Store memory = fill(session_.createInMemory("m"));
   compare(memory, true);
   const Blob blob = memory.makeBlob();

@@ -16,7 +16,7 @@ _hxcrate_options() {
     mount) echo -f --foreground -d --debug --idle --wait -o ;;
     put) echo -p --append --wait --dry-run ;;
     mkstore) echo -p --wait --dry-run ;;
-    copy) echo --page-size --encoding --include --exclude --include-from --exclude-from --max-bytes --wait --dry-run ;;
+    copy) echo --page-size --encoding --for --include --exclude --include-from --exclude-from --max-bytes --wait --dry-run ;;
     sum) echo --check --include --exclude --include-from --exclude-from --wait ;;
     diff) echo --json --include --exclude --include-from --exclude-from --wait ;;
     stat) echo --json --wait ;;
@@ -144,6 +144,7 @@ _hxcrate_find() {
     --svg | --check | --include-from | --exclude-from | -T) _hxcrate_files -f ;;
     --format) found=(tar zip cpio) ;;
     --encoding) found=(hxmok1/le/utf-8 hxmok1/be/utf-8) ;;
+    --for) found=(reading) ;;
     --sort) found=(name size none) ;;
     --color) found=(auto always never) ;;
     -*) ;;
@@ -169,7 +170,7 @@ _hxcrate() {
       case ${words[i]} in
         --) ended=1 ;;
         --page-size | --strip-components | --max-entries | --max-bytes | --max-transfer | --patience | --offset | --length | --wait | --idle | -o | --include | --exclude) ;&
-        --include-from | --exclude-from | -T | --encoding | --svg | --check | --format | --sort | --color) option=${words[i]} ;;
+        --include-from | --exclude-from | -T | --encoding | --for | --svg | --check | --format | --sort | --color) option=${words[i]} ;;
       esac
     fi
   done

@@ -107,6 +107,7 @@ void addCopy(CommandLine& line) {
       line.add("copy", "Copy what STORE holds into the new file NEW, without unused space",
                "  hxcrate copy docs.st small.st\n"
                "  hxcrate copy --encoding hxmok1/be/utf-8 docs.st foreign.st\n"
+               "  hxcrate copy --for reading docs.st /var/www/html/docs.st\n"
                "  hxcrate copy --exclude 'images/*' --exclude '*.bak' docs.st text.st",
                [options] { return seeLostMembers(options->store, copy(*options)); });
   explain(words,
@@ -116,6 +117,11 @@ void addCopy(CommandLine& line) {
   addFile(words, "NEW", options->target, "the store file to make");
   addPageSize(words, options->made.pageSize, kPageSizeMeaning);
   addEncoding(words, options->made.encoding, "as a machine of this encoding would write it");
+  words
+      .add_option("--for", options->made.use,
+                  "\"reading\": all records in front, for reading far away")
+      ->check(CLI::IsMember({"reading"}))
+      ->type_name("USE");
   addSelection(words, options->selected);
   addCount(words, "--max-bytes", options->maxBytes, "refuse to copy more bytes of items");
   addWait(words, options->wait);

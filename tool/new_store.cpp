@@ -45,11 +45,16 @@ class WrittenBytes : public hxcrate::ByteSource {
   std::int64_t length_;
 };
 
-void turn(const NewFile& from, const std::string& encoding, const NewFile& to) {
+bool isWrittenTwice(const NewStore::Options& options) {
+  return !options.use.empty() || !options.encoding.empty();
+}
+
+void rewrite(const NewFile& from, const NewStore::Options& options, const NewFile& to) {
   const auto put = [&](std::int64_t offset, std::span<const std::byte> bytes) {
     if (!writeAt(to.descriptor(), offset, bytes)) throw systemFailure(to.path(), "write");
   };
-  hxcrate::transcode(WrittenBytes(from), encoding, put);
+  const auto give = options.use.empty() ? hxcrate::transcode : hxcrate::arrangeForReading;
+  give(WrittenBytes(from), options.encoding, put);
 }
 
 // A failure would be told to have left the store as it was, but there is none yet.
@@ -113,10 +118,10 @@ void NewStore::make(const SizeForecast& forecast, const Options& options, const 
   const NewFile::Options made{existing_, options.copyOf};
   NewFile file(place_.directory, place_.name, shown_, made);
   fillFile(file, pageSize, options, fill);
-  if (options.encoding.empty()) return deliver(file);
-  NewFile turned(place_.directory, place_.name, shown_, made);
-  turn(file, options.encoding, turned);
-  deliver(turned);
+  if (!isWrittenTwice(options)) return deliver(file);
+  NewFile rewritten(place_.directory, place_.name, shown_, made);
+  rewrite(file, options, rewritten);
+  deliver(rewritten);
 }
 
 // Delivering waits for the disk, nothing before.
@@ -142,9 +147,9 @@ void NewStore::deliver(NewFile& file) const {
   if (!file.deliver()) refuse("exists already");
 }
 
-// Turned into another encoding it is there twice for a while.
+// Then it is there twice for a while.
 void NewStore::requireRoomFor(std::int64_t bytes, const Options& options) const {
-  requireRoom(place_.directory, options.encoding.empty() ? bytes : 2 * bytes, shown_);
+  requireRoom(place_.directory, isWrittenTwice(options) ? 2 * bytes : bytes, shown_);
 }
 
 void NewStore::announce(const SizeForecast& forecast, const Options& options) const {

@@ -44,6 +44,7 @@ class NewStore {
     std::int32_t pageSize = 0;  // bytes; 0: what makes the smallest file
     bool inMemory = false;      // built as a blob and written in one piece
     std::string encoding = {};  // an identity; empty: this machine's
+    std::string use = {};       // "reading": with all records in front
     // Of a file that it holds bytes of: who may not read that may not read the new one either.
     const FileRights* copyOf = nullptr;
   };

@@ -153,7 +153,7 @@ std::optional<std::int64_t> ItemSizes::sizeIfReadable(const hxcrate::Store& stor
 }
 
 std::int64_t ItemSizes::sizeOf(const hxcrate::Store& store, const std::string& path) {
-  const std::int64_t size = limit_.whileReading(store, [&] { return store.read(path).size(); });
+  const std::int64_t size = limit_.whileReading(store, [&] { return store.stat(path).size; });
   limit_.require((bytes_ += size) / times_);
   return size;
 }

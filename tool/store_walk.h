@@ -40,7 +40,7 @@ class StoreWalk {
   // Where that member lies in the store file. Kept once for all levels: a path for each of them
   // would take as much memory as the square of the depth.
   const std::string& place() const { return place_; }
-  std::int64_t itemSize() const { return container().read(name()).size(); }
+  std::int64_t itemSize() const { return container().stat(name()).size; }
   // Whether it is the last one in its store.
   bool isLast() const { return levels_.back().next == levels_.back().members.size(); }
 

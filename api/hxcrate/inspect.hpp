@@ -197,4 +197,9 @@ using PutBytes = std::function<void(std::int64_t offset, std::span<const std::by
 // damaged when a rule does not hold (severity error); then what was put is no store.
 void transcode(const ByteSource& source, std::string_view encodingId, const PutBytes& put);
 
+// The same with the pieces in another order, and without what is unreachable: all records lie in
+// front, so that little of the file has to be read before any item can be. An empty `encodingId` is
+// that of the source.
+void arrangeForReading(const ByteSource& source, std::string_view encodingId, const PutBytes& put);
+
 }  // namespace hxcrate

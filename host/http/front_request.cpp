@@ -7,7 +7,8 @@
 namespace hxremote {
 namespace {
 
-constexpr int64_t kFrontBytes = 64 * 1024;
+// A directory of 64 KiB is in it, and the records of some pages.
+constexpr int64_t kFrontBytes = 128 * 1024;
 // What is taken whole from a server that sends nothing else.
 constexpr int64_t kSmallFile = int64_t{16} << 20;
 

@@ -124,16 +124,17 @@ void HttpFile::prepare(int64_t offset, int64_t count) noexcept try {
   return;
 }
 
-void HttpFile::expectTail(int64_t offset) {
+void HttpFile::expectDirectory(int64_t from, int64_t to) {
   const std::lock_guard lock(mutex_);
-  tail_ = offset;
+  directory_ = from;
+  directoryEnd_ = std::min(blockStart(to + kBlock - 1), length());
 }
 
 void HttpFile::expectRuns(std::vector<int64_t> starts) {
   const std::lock_guard lock(mutex_);
   std::ranges::sort(starts);
   runs_ = std::move(starts);
-  tail_ = -1;
+  directoryEnd_ = 0;
   window_ = 0;
   downloads_.cancelGuesses();
 }
@@ -170,10 +171,10 @@ std::shared_ptr<Download> HttpFile::findOrStart(int64_t offset, int64_t count) {
 }
 
 void HttpFile::startAt(int64_t offset, int64_t count) {
-  const bool isGuess = tail_ >= 0 && offset >= tail_;
-  if (isGuess) tail_ = -1;
+  const bool isGuess = offset >= directory_ && offset < directoryEnd_;
+  const int64_t wanted = isGuess ? std::exchange(directoryEnd_, 0) : chooseEnd(offset, count);
   const int64_t from = blockStart(offset);
-  const int64_t end = firstKnown(from + kBlock, isGuess ? length() : chooseEnd(offset, count));
+  const int64_t end = firstKnown(from + kBlock, wanted);
   const bool isLong = !isGuess && end - from > kOneRequest;
   longRun_ = {isLong ? from : end, end};
   if (!isLong) downloads_.start(from, end, isGuess);

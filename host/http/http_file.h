@@ -23,7 +23,7 @@ class HttpFile : public RemoteFile {
 
   int64_t length() const override { return context_.identity.length; }
   int64_t read(int64_t offset, void* to, int64_t count) noexcept override;
-  void expectTail(int64_t offset) override;
+  void expectDirectory(int64_t from, int64_t to) override;
   void expectRuns(std::vector<int64_t> starts) override;
   hx::FileIo* files() override { return &service_; }
   std::optional<Failure> takeFailure() override;
@@ -57,7 +57,8 @@ class HttpFile : public RemoteFile {
   Downloads downloads_;
   FileService service_;
   std::optional<Failure> failure_;
-  int64_t tail_ = -1;
+  int64_t directory_ = 0;  // where it begins
+  int64_t directoryEnd_ = 0;
   std::vector<int64_t> runs_;
   LongRun longRun_;
   int64_t window_ = 0;     // how much was asked for last beyond what is known to be wanted

@@ -54,9 +54,9 @@ class RemoteFile {
   // which takeFailure tells.
   virtual int64_t read(int64_t offset, void* to, int64_t count) noexcept = 0;
 
-  // What is read at or behind `offset` will probably be read on to the file's end. Holds until
+  // What is read from `from` on, before `to`, will probably be read on up to there. Holds until
   // expectRuns.
-  virtual void expectTail(int64_t offset) = 0;
+  virtual void expectDirectory(int64_t from, int64_t to) = 0;
 
   // Where something begins that is read in one piece, up to the next of these places.
   virtual void expectRuns(std::vector<int64_t> starts) = 0;
