@@ -235,6 +235,8 @@ TEST_F(CommandTest, ADamagedItemKeepsNoOtherFromBeingRead) {
   expectPrinted(1, "hxcrate cat x.st f g", "fine", damage);
   expectPrinted(5, "hxcrate unpack x.st out f g", "", damage);
   expectPrinted(0, "ls out", "g\n");
+  expectPrinted(1, "(cd in; sha256sum f g) >l; hxcrate sum --check l x.st", "",
+                damage + "hxcrate: x.st: 1 item is as listed, 1 can't be read\n");
 }
 
 TEST_F(CommandTest, AddsToStoresWholeOrNotAtAll) {

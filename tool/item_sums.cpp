@@ -19,26 +19,25 @@ bool ItemSums::next() {
   return false;
 }
 
-// Whether it is an item, and can be read.
+// Whether it is an item.
 bool ItemSums::open(StoreWalk::Event event) {
+  const bool isItem = event == StoreWalk::Event::item;
+  item_.reset();
   try {
-    if (event == StoreWalk::Event::store) {
-      walk_.enter();
-      return false;
-    }
-    item_ = walk_.container().read(walk_.name());
+    isItem ? void(item_ = walk_.container().read(walk_.name())) : walk_.enter();
   } catch (const hxcrate::Error& error) {
     onError_(error);
-    return false;
   }
-  limit_.require(bytes_ += item_.size());
-  return true;
+  limit_.require(bytes_ += size());
+  return isItem;
 }
 
 std::optional<Sha256::Digest> ItemSums::sum(std::int64_t most) {
+  if (!item_) return std::nullopt;
   Sha256 sha256;
   try {
-    pump_.move(most, takeFrom(item_), [&](std::span<const std::byte> bytes) { sha256.add(bytes); });
+    pump_.move(most, takeFrom(*item_),
+               [&](std::span<const std::byte> bytes) { sha256.add(bytes); });
     return sha256.finish();
   } catch (const hxcrate::Error& error) {
     onError_(error);

@@ -26,7 +26,7 @@ class ItemSums {
   bool next();
 
   const std::string& place() const { return walk_.place(); }
-  std::int64_t size() const { return item_.size(); }
+  std::int64_t size() const { return item_ ? item_->size() : 0; }
   // Once, of the first `most` bytes; nothing when they can't be read.
   std::optional<Sha256::Digest> sum(std::int64_t most = BytePump::kEverything);
 
@@ -37,7 +37,7 @@ class ItemSums {
   StoreWalk walk_;
   BytePump pump_;
   OnError onError_;
-  hxcrate::Reader item_;
+  std::optional<hxcrate::Reader> item_;  // nothing: it can't be opened
   std::int64_t bytes_ = 0;
 };
 

@@ -71,6 +71,7 @@ class Summer {
         session_.open(options_.store, hxcrate::Mode::read, {.acceptDamaged = true});
     return {std::move(again), selection_, &progress, [this](const hxcrate::Error& error) {
               complain(error);
+              ++unreadable_;
               outcome_ = worse(outcome_, ExitCode::damaged);
             }};
   }
@@ -148,6 +149,7 @@ class Summer {
       if (counts[i] > 0)
         counted += fmt::format(", {} {}", counts[i], counts[i] == 1 ? one : several);
     }
+    if (unreadable_ > 0) counted += fmt::format(", {} can't be read", unreadable_);
     complain(options_.store, "", counted);
   }
 
@@ -155,6 +157,7 @@ class Summer {
   const Selection selection_;
   hxcrate::Session session_;
   Output output_;
+  std::int64_t unreadable_ = 0;  // items, and stores with all they hold
   ExitCode outcome_ = ExitCode::fine;
 };
 
