@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <exception>
 #include <mutex>
 #include <unordered_map>
 #include <utility>
@@ -31,21 +33,25 @@ FileFailure translate(const hxremote::Failure& failure, const char* operation,
   throw Error(Errc::fileNotOpen, showPath(url), "", why);
 }
 
-hxremote::OpenFunction* loadOpenFunction(const std::string& url) {
+void* loadLibrary(const std::string& url) {
   static std::mutex mutex;
-  static hxremote::OpenFunction* function = nullptr;
+  static void* library = nullptr;
   const std::lock_guard guard(mutex);
-  if (function != nullptr) return function;
-  void* library = dlopen(locateBesideSelf(HX_REMOTE_FILE).c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library == nullptr) {
-    const char* reason = dlerror();  // NOLINT(concurrency-mt-unsafe): glibc keeps one a thread
-    refuse(url, "URLs are read by " HX_REMOTE_FILE ", of the package hxcrate-remote: " +
-                    std::string(reason != nullptr ? reason : "it can't be loaded"));
+    library = dlopen(locateBesideSelf(HX_REMOTE_FILE).c_str(), RTLD_NOW | RTLD_LOCAL);
   }
-  void* symbol = dlsym(library, hxremote::kOpenFunctionName);
+  if (library != nullptr) return library;
+  const char* reason = dlerror();  // NOLINT(concurrency-mt-unsafe): glibc keeps one a thread
+  refuse(url, "URLs are for " HX_REMOTE_FILE ", of the package hxcrate-remote: " +
+                  std::string(reason != nullptr ? reason : "it can't be loaded"));
+}
+
+// For work on `url`.
+template <typename Function>
+Function* loadFunction(const char* name, const std::string& url) {
+  void* symbol = dlsym(loadLibrary(url), name);
   if (symbol == nullptr) refuse(url, HX_REMOTE_FILE " is not the one of this version");
-  function = reinterpret_cast<hxremote::OpenFunction*>(symbol);
-  return function;
+  return reinterpret_cast<Function*>(symbol);
 }
 
 std::int64_t native(std::int64_t field, bool isTurned) {
@@ -101,6 +107,11 @@ class OpenFiles {
     options_ = options;
   }
 
+  std::chrono::milliseconds patience() {
+    const std::lock_guard guard(mutex_);
+    return options_.patience;
+  }
+
   std::shared_ptr<RemoteFile> share(const std::string& url) {
     const std::lock_guard guard(mutex_);
     return files_[url].file.lock();
@@ -116,9 +127,9 @@ class OpenFiles {
 
   std::shared_ptr<RemoteFile> open(const std::string& url,
                                    std::shared_ptr<hxremote::TransferMeter> meter) {
-    hxremote::OpenFunction* function = loadOpenFunction(url);
+    const auto open = loadFunction<hxremote::OpenFunction>(hxremote::kOpenFunctionName, url);
     hxremote::Failure failure;
-    std::shared_ptr<RemoteFile> file(function(url, options(std::move(meter)), failure));
+    std::shared_ptr<RemoteFile> file(open(url, options(std::move(meter)), failure));
     if (file == nullptr) {
       const Errc code = failure.error == ENOENT ? Errc::notFound : Errc::fileNotOpen;
       throw Error(code, showPath(url), "", translate(failure, "open", showPath(url)));
@@ -215,6 +226,28 @@ std::u32string nameOf(const RemoteFile& file) {
 
 void setRemoteOptions(const RemoteOptions& options) {
   openFiles().setOptions(options);
+}
+
+void sendObject(const std::string& url, std::span<const std::byte> bytes,
+                const SendOptions& options) {
+  const auto send = loadFunction<hxremote::SendFunction>(hxremote::kSendFunctionName, url);
+  std::exception_ptr thrown;
+  const auto goesOn = [&](std::int64_t sent) noexcept {
+    try {
+      if (options.onProgress) options.onProgress(sent);
+    } catch (...) {
+      thrown = std::current_exception();
+    }
+    return thrown == nullptr;
+  };
+  hxremote::Failure failure;
+  const bool isSent = send(url, bytes, {options.replace, openFiles().patience(), goesOn}, failure);
+  if (thrown) std::rethrow_exception(thrown);
+  if (isSent) return;
+  const std::string shown = showPath(url);
+  if (failure.error == EEXIST) throw Error(Errc::exists, shown, "", failure.reason);
+  if (failure.error == EROFS || failure.error == EINVAL) refuse(url, failure.reason);
+  throw Error(Errc::fileFailed, shown, "", translate(failure, "send", shown));
 }
 
 bool isUrl(const std::string& path) {

@@ -1,13 +1,16 @@
 #!/usr/bin/env python3
-"""Reads stores that are objects, from an object store that verifies signatures.
+"""Reads and makes stores that are objects, at an object store that verifies signatures.
 
     objects_test.py BUILD SCRATCH
 """
 import datetime
 import hashlib
 import hmac
+import random
+import socket
 import subprocess
 import sys
+import threading
 import urllib.error
 import urllib.parse
 import urllib.request
@@ -38,7 +41,8 @@ class ObjectStore:
         query = urllib.parse.urlencode(
             {"X-Amz-Algorithm": "AWS4-HMAC-SHA256", "X-Amz-Credential": "test:tester/" + scope, "X-Amz-Date": now,
              "X-Amz-Expires": "600", "X-Amz-SignedHeaders": "host"}, quote_via=urllib.parse.quote, safe="")
-        path = urllib.parse.quote(path, safe="/~")
+        path, _, wanted = path.partition("?")
+        path, query = urllib.parse.quote(path, safe="/~"), f"{query}&{wanted}".rstrip("&")
         asked = f"{method}\n{path}\n{query}\nhost:{self.host}\n\nhost\nUNSIGNED-PAYLOAD"
         signed = f"AWS4-HMAC-SHA256\n{now}\n{scope}\n{hashlib.sha256(asked.encode()).hexdigest()}"
         key = ("AWS4" + secret).encode()
@@ -115,6 +119,85 @@ def test_profiles(store, listed):
         expect(profile != "none" or "no profile" in complaint, f"an unknown profile: {complaint}")
 
 
+# What makes an object, the exit code, what is said, and by which requests; then all is as it should be. This
+# object store does not implement If-None-Match: what has it is sent again without.
+def test_sending(store, packed):
+    tree, parts = scratch / "tree", {"HX_TEST_PART_BYTES": str(5 << 20)}
+    large = scratch / "large"
+    large.mkdir()
+    (large / "bytes").write_bytes(random.Random(3).randbytes(12 << 20))
+    sendings = [
+        (("pack", "--in-memory", "s3://bucket/new.st", tree), {}, 0, "", ["GET", "PUT", "PUT"]),
+        (("pack", "s3://bucket/new.st", tree), {}, 4, "exists already", ["GET"]),
+        (("pack", "--replace", "s3://bucket/new.st", tree), {}, 0, "", ["PUT"]),
+        (("copy", packed, f"s3://bucket/2/{ODD}"), {}, 0, "", ["GET", "PUT", "PUT"]),
+        (("copy", "--encoding", "hxmok1/be/utf-8", "s3://bucket/new.st", "s3://bucket/be.st"), {}, 0, "", None),
+        (("pack", "--replace", "--in-memory", "s3://bucket/large.st", large), {}, 0, "", ["PUT"]),
+        (("pack", "--replace", "s3://bucket/parts.st", large), parts, 0, "", ["POST", "PUT", "PUT", "PUT", "POST"]),
+        (("pack", "s3://bucket/no.st", tree), {"AWS_SECRET_ACCESS_KEY": "secret"}, 4, "(403)", ["GET"]),
+        (("pack", "--replace", "s3://bucket/no.st", tree), {"AWS_SECRET_ACCESS_KEY": "secret"}, 3,
+         "written (403), SignatureDoesNotMatch", ["PUT"]),
+        (("pack", "--replace", "s3://none/no.st", tree), {}, 3, "no such bucket (404), NoSuchBucket", ["PUT"]),
+        (("pack", store.url + "/bucket/no.st", tree), {}, 4, "only objects are written", []),
+    ]
+    store.methods()
+    for words, more, code, said, methods in sendings:
+        got, _, complaint = run(*words, **more)
+        expect(got == code and said in complaint, f"{words}: exit code {got}, {complaint}")
+        expect("secret" not in complaint and "testing" not in complaint, f"a key is shown: {complaint}")
+        asked = store.methods()
+        expect(methods is None or asked == methods, f"{words}: {asked}")
+    for name in ("new.st", "be.st", "2/" + ODD):
+        expect(run("diff", packed, f"s3://bucket/{name}")[0] == 0, f"{name} is another one")
+    for name in ("large.st", "parts.st"):
+        expect(run("diff", f"s3://bucket/{name}", large)[0] == 0, f"{name} is another one")
+    expect(store.ask("GET", "/bucket/no.st")[0] == 404, "what was refused is there")
+
+
+# Between the command and the object store: it ends each connection after so many bytes of it.
+class Cutter:
+    def __init__(self, port, most):
+        self.port, self.most, self.cuts = port, most, 0
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.url = f"http://127.0.0.1:{self.listener.getsockname()[1]}"
+        threading.Thread(target=self.serve, daemon=True).start()
+
+    def serve(self):
+        while True:
+            client, _ = self.listener.accept()
+            server = socket.create_connection(("127.0.0.1", self.port))
+            threading.Thread(target=self.move, args=(server, client, 1 << 40), daemon=True).start()
+            threading.Thread(target=self.move, args=(client, server, self.most), daemon=True).start()
+
+    def move(self, source, target, most):
+        with source, target:
+            try:
+                while most > 0 and (piece := source.recv(min(most, 65536))):
+                    target.sendall(piece)
+                    most -= len(piece)
+                self.cuts += most <= 0
+                target.shutdown(socket.SHUT_RDWR)
+                source.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                return  # the other way has ended it
+
+
+# What breaks off leaves what was there, and no parts.
+def test_broken_sending(store):
+    before = store.ask("GET", "/bucket/large.st")[1]
+    for more in ({}, {"HX_TEST_PART_BYTES": str(5 << 20)}):
+        cutter = Cutter(int(store.host.split(":")[1]), 3 << 20)
+        for name, there in (("broken.st", (404, None)), ("large.st", (200, before))):
+            code, _, complaint = run("pack", "--replace", f"s3://bucket/{name}", scratch / "large",
+                                     AWS_ENDPOINT_URL=cutter.url, **more)
+            expect(code == 3 and "5 times" in complaint, f"broken off: exit code {code}, {complaint}")
+            status, content = store.ask("GET", "/bucket/" + name)
+            expect(status == there[0] and there[1] in (None, content), f"half of it is there: {status}")
+        expect(cutter.cuts == 10, f"cut {cutter.cuts} times")
+    status, uploads = store.ask("GET", "/bucket?uploads=")
+    expect(status == 200 and b"<Upload>" not in uploads, f"parts stay: {status} {uploads}")
+
+
 def main():
     if subprocess.run([PYTHON, "-c", "import swift.common.middleware.s3api"], capture_output=True).returncode != 0:
         return print("objects_test: no Swift (python3-swift): objects are not tested: skipped")
@@ -132,6 +215,8 @@ def main():
         test_openings(store, listed)
         test_signed_in_advance(store, listed)
         test_profiles(store, listed)
+        test_sending(store, packed)
+        test_broken_sending(store)
     finally:
         store.end()
 

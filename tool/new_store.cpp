@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "interruption.h"
+#include "object_target.h"
 #include "planted_journal.h"
 #include "write_limits.h"
 
@@ -71,7 +72,13 @@ Failure failureOf(const hxcrate::Error& error, const std::string& path) {
 }  // namespace
 
 NewStore::NewStore(const std::string& path, bool replace, std::int64_t wait)
-    : shown_(path), place_(locateFile(path)) {
+    : shown_(path),
+      place_(hxcrate::isUrl(path) ? locateAside(path) : locateFile(path)),
+      replaces_(replace) {
+  if (hxcrate::isUrl(path)) {
+    requireSendable(path, replace);
+    return;
+  }
   const auto status = inspect(place_.directory, place_.name);
   if (!status && errno != ENOENT) throw systemFailure(path, "inspect");
   if (status && !replace) refuse("exists already");
@@ -144,6 +151,7 @@ void NewStore::fillFile(const NewFile& file, std::int32_t pageSize, const Option
 }
 
 void NewStore::deliver(NewFile& file) const {
+  if (hxcrate::isUrl(shown_)) return sendFile(file, shown_, replaces_);
   if (!file.deliver()) refuse("exists already");
 }
 

@@ -49,10 +49,11 @@ class NewStore {
     const FileRights* copyOf = nullptr;
   };
 
-  // The store file `path` as it was given. Throws a Failure, notOpenable, when there is a file of
-  // that name already, or of that of its journal, or with `replace` something else than a regular
-  // file. That one is locked as by a reader from now on, so that no update of it is lost, and one
-  // that was cut off is undone; one that can't be locked within `wait` seconds is refused, too.
+  // The store file `path` as it was given, or an object, which is sent when all is made. Throws a
+  // Failure, notOpenable, when there is a file of that name already, or of that of its journal, or
+  // with `replace` something else than a regular file. That one is locked as by a reader from now
+  // on, so that no update of it is lost, and one that was cut off is undone; one that can't be
+  // locked within `wait` seconds is refused, too.
   explicit NewStore(const std::string& path, bool replace = false, std::int64_t wait = 0);
 
   const std::optional<struct stat>& existing() const { return existing_; }  // what is replaced
@@ -77,6 +78,7 @@ class NewStore {
 
   std::string shown_;  // the path in messages
   FilePlace place_;    // for an existing file its own rather than a link's to it
+  bool replaces_;
   std::optional<struct stat> existing_;
   std::unique_ptr<hxcrate::InspectedFile> lock_;  // of the existing file
 };

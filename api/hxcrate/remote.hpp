@@ -1,9 +1,12 @@
-// Stores behind URLs: http://, https:// and s3://bucket/key, for reading. They are read where they
-// lie, by libhxremote.so, which is a package of its own.
+// Stores behind URLs: http://, https:// and s3://bucket/key. They are read where they lie, by
+// libhxremote.so, which is a package of its own; an object of s3:// can be made whole.
 #pragma once
 
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <span>
 #include <string>
 
 namespace hxcrate {
@@ -27,6 +30,21 @@ struct Transfers {
   std::int64_t bytes = 0;            // received, without the heads of replies
   std::chrono::nanoseconds time{0};  // for which somebody waited
 };
+
+struct SendOptions {
+  // An object that is there already, else that one stays. Of servers that know no `If-None-Match`
+  // it is replaced all the same: look before.
+  bool replace = false;
+  // Told now and then how many bytes are sent. What it throws ends it and goes through.
+  std::function<void(std::int64_t)> onProgress = {};
+};
+
+// Makes the bytes, a blob's or a store file's, the object `url`, s3://bucket/key: by one request,
+// or above 5 GiB in parts. Whatever is thrown there is no such object, or the one that was before:
+// exists; fileNotOpen where URLs can't be written; fileFailed, also when a reply was lost and all
+// may have come. Options of setRemoteOptions hold.
+void sendObject(const std::string& url, std::span<const std::byte> bytes,
+                const SendOptions& options = {});
 
 // Whether a path is taken for a URL. A file of such a name is "./" and that name.
 bool isUrl(const std::string& path);

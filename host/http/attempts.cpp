@@ -17,17 +17,19 @@ bool isTemporary(long status) {
   return status == 408 || status == 429 || (status >= 500 && status <= 504 && status != 501);
 }
 
-std::string sentenceOf(long status) {
+std::string sentenceOf(long status, bool isWriting) {
   switch (status) {
     case 400:
       return "the server does not understand the request (400)";
     case 401:
       return "the server wants a user and a password, or others (401)";
     case 403:
-      return "the server does not let it be read (403)";
+      return std::string("the server does not let it be ") + (isWriting ? "written" : "read") +
+             " (403)";
     case 404:
     case 410:
-      return "the server has no such file (" + std::to_string(status) + ")";
+      return std::string("the server has no such ") + (isWriting ? "bucket" : "file") + " (" +
+             std::to_string(status) + ")";
     case 429:
       return "the server has had too many requests (429)";
     case 503:
@@ -88,8 +90,9 @@ std::optional<std::chrono::milliseconds> waitFor(const std::string& retryAfter) 
 Attempts::Verdict Attempts::judge(CURLcode code, const WebRequest& request) {
   if (refusal_) return fail(*refusal_);
   const long status = request.status();
-  const bool isBad = status != 0 && status != 200 && status != 206 && status != 304;
-  if (isBad) return judgeStatus(request);
+  const bool isGood =
+      status == 200 || (isWriting() ? status == 204 : status == 206 || status == 304);
+  if (status != 0 && !isGood) return judgeStatus(request);
   if (code == CURLE_OK) return Verdict::done;
   const Failure reason{errorOf(code), curl_easy_strerror(code)};
   return isTemporary(code) ? tryAgain(reason) : fail(reason);
@@ -98,16 +101,28 @@ Attempts::Verdict Attempts::judge(CURLcode code, const WebRequest& request) {
 Attempts::Verdict Attempts::judgeStatus(const WebRequest& request) {
   const long status = request.status();
   if (status >= 300 && status < 400) return follow(request);
-  if (status == 412) return fail({ESTALE, "the file on the server was changed meanwhile (412)"});
-  Failure reason{errorOf(status), sentenceOf(status)};
-  const bool isRefused = status == 400 || errorOf(status) == EACCES;
-  if (isRefused && address_.isObject() && !address_.signing) {
-    reason.reason += "; it was asked without keys";
-  }
+  const Failure reason = failureOf(status);
   return isTemporary(status) ? tryAgain(reason, request.head().retryAfter) : fail(reason);
 }
 
+Failure Attempts::failureOf(long status) const {
+  if (status == 412 && isWriting()) {
+    return {EEXIST, faults_ == 0 ? "" : "perhaps made by the request before, whose reply was lost"};
+  }
+  if (status == 412) return {ESTALE, "the file on the server was changed meanwhile (412)"};
+  Failure failure{errorOf(status), sentenceOf(status, isWriting())};
+  const bool isRefused = status == 400 || failure.error == EACCES;
+  if (isRefused && address_.isObject() && !address_.signing) {
+    failure.reason += "; it was asked without keys";
+  }
+  return failure;
+}
+
 Attempts::Verdict Attempts::follow(const WebRequest& request) {
+  if (isWriting()) {
+    return fail({EIO, "the server sends elsewhere (" + std::to_string(request.status()) +
+                          "), where nothing is written: is the region another one?"});
+  }
   const std::string target = request.redirection();
   if (target.empty()) return fail({EIO, "the server sends elsewhere and does not say where"});
   if (++redirections_ > kMostRedirections) return fail({ELOOP, "the server sends in circles"});

@@ -15,9 +15,11 @@ using Clock = std::chrono::steady_clock;
 class Attempts {
  public:
   enum class Verdict { done, again, failed };
+  enum class Purpose { reading, writing };
 
-  // `address` is where to ask; a redirection changes it.
-  explicit Attempts(WebAddress& address) : address_(address) {}
+  // `address` is where to ask; a redirection changes it, which what is written does not follow.
+  explicit Attempts(WebAddress& address, Purpose purpose = Purpose::reading)
+      : address_(address), purpose_(purpose) {}
 
   // The request is over with `code`. Told by failure() when it failed, by notBefore() when it is
   // to be made again.
@@ -34,12 +36,15 @@ class Attempts {
   Clock::time_point notBefore() const { return notBefore_; }
 
  private:
+  bool isWriting() const { return purpose_ == Purpose::writing; }
+  Failure failureOf(long status) const;
   Verdict judgeStatus(const WebRequest& request);
   Verdict follow(const WebRequest& request);
   Verdict tryAgain(Failure reason, const std::string& retryAfter = {});
   Verdict fail(Failure failure);
 
   WebAddress& address_;
+  const Purpose purpose_;
   int faults_ = 0;
   int redirections_ = 0;
   std::optional<Failure> refusal_;

@@ -227,8 +227,6 @@ int64_t HttpFile::firstKnown(int64_t from, int64_t to) const {
 
 extern "C" __attribute__((visibility("default"))) hxremote::RemoteFile* hxremoteOpen(
     const std::string& url, const hxremote::Options& options, hxremote::Failure& failure) {
-  static const CURLcode kIsReady = curl_global_init(CURL_GLOBAL_DEFAULT);
-  if (kIsReady == CURLE_OK) return hxremote::HttpFile::open(url, options, failure).release();
-  failure = {EIO, curl_easy_strerror(kIsReady)};
-  return nullptr;
+  if (!hxremote::beginTransfers(failure)) return nullptr;
+  return hxremote::HttpFile::open(url, options, failure).release();
 }

@@ -105,24 +105,23 @@ bool isBucketName(std::string_view name) {
   return !name.empty() && name.find_first_not_of(kPlain) == std::string_view::npos;
 }
 
-// All but what a path may hold as it is, and "/", as the signature wants it.
-std::string escapeKey(std::string_view key) {
+}  // namespace
+
+std::string escapeForUrl(std::string_view text, std::string_view plain) {
   constexpr std::string_view kPlain =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~/";
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._~";
   constexpr std::string_view kDigits = "0123456789ABCDEF";
-  std::string text;
-  for (const char c : key) {
+  std::string escaped;
+  for (const char c : text) {
     const auto byte = static_cast<unsigned char>(c);
-    if (kPlain.find(c) != std::string_view::npos) {
-      text += c;
+    if (kPlain.find(c) != std::string_view::npos || plain.find(c) != std::string_view::npos) {
+      escaped += c;
     } else {
-      text += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+      escaped += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
     }
   }
-  return text;
+  return escaped;
 }
-
-}  // namespace
 
 std::optional<ObjectPlace> locateObject(const std::string& url, Failure& failure) {
   const std::string path = url.substr(std::string_view("s3://").size());
@@ -140,7 +139,8 @@ std::optional<ObjectPlace> locateObject(const std::string& url, Failure& failure
   ObjectPlace place;
   findKeys(profile, place);
   findRegion(profile, place);
-  place.url = urlOf(bucket, profile, place.region) + "/" + escapeKey(path.substr(slash + 1));
+  place.url =
+      urlOf(bucket, profile, place.region) + "/" + escapeForUrl(path.substr(slash + 1), "/");
   return place;
 }
 

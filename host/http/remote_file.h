@@ -1,11 +1,15 @@
-// What libhxremote.so gives to whoever loads it: files that lie behind a URL, for reading.
+// What libhxremote.so gives to whoever loads it: files that lie behind a URL, for reading, and a
+// way to make objects.
 #pragma once
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -77,7 +81,21 @@ class RemoteFile {
 // Null, with the reason in `failure`, when it can't be opened. Throws std::bad_alloc.
 using OpenFunction = RemoteFile*(const std::string& url, const Options& options, Failure& failure);
 
-// The name of the one function that the library exports.
+struct SendOptions {
+  bool replaces = false;                      // an object that is there already
+  std::chrono::milliseconds patience{30000};  // with a server that nothing comes from or goes to
+  // Told now and then how many bytes are sent. False: this is to end.
+  std::function<bool(int64_t)> goesOn = [](int64_t) { return true; };
+};
+
+// Makes the bytes the object `url`, s3://bucket/key. False, with the reason in `failure`, when
+// there is no such object now, or the one that was before: EEXIST, ECANCELED, or as for a file.
+// Throws std::bad_alloc.
+using SendFunction = bool(const std::string& url, std::span<const std::byte> bytes,
+                          const SendOptions& options, Failure& failure);
+
+// The names of the functions that the library exports.
 inline constexpr char kOpenFunctionName[] = "hxremoteOpen";
+inline constexpr char kSendFunctionName[] = "hxremoteSend";
 
 }  // namespace hxremote

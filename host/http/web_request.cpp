@@ -1,6 +1,7 @@
 #include "host/http/web_request.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdlib>
 #include <new>
@@ -60,6 +61,12 @@ void ReplyHead::take(std::string_view line) {
   if (isNamed(name, "retry-after")) retryAfter = value;
 }
 
+bool beginTransfers(Failure& failure) {
+  static const CURLcode kIsReady = curl_global_init(CURL_GLOBAL_DEFAULT);
+  if (kIsReady != CURLE_OK) failure = {EIO, curl_easy_strerror(kIsReady)};
+  return kIsReady == CURLE_OK;
+}
+
 WebRequest::WebRequest(const WebAddress& address) : easy_(curl_easy_init()) {
   if (easy_ == nullptr) throw std::bad_alloc();
   set(CURLOPT_URL, address.url.c_str());
@@ -80,7 +87,7 @@ WebRequest::WebRequest(const WebAddress& address) : easy_(curl_easy_init()) {
 long WebRequest::status() const {
   long status = 0;
   curl_easy_getinfo(easy(), CURLINFO_RESPONSE_CODE, &status);
-  return status;
+  return status >= 200 ? status : 0;  // "continue" and the like are none yet
 }
 
 void WebRequest::addHeader(const std::string& line) {

@@ -38,6 +38,9 @@ struct ReplyHead {
   void take(std::string_view line);
 };
 
+// Before the first request. False with the reason.
+bool beginTransfers(Failure& failure);
+
 // What is asked for, and what becomes of the reply, is added by the kinds of requests.
 class WebRequest {
  public:
