@@ -76,6 +76,8 @@ OPENINGS = [
     ("bucket/tree.st", {"AWS_REGION": "elsewhere"}, 4, "(400)"),
     ("bucket/tree.st", {"AWS_ACCESS_KEY_ID": ""}, 4, "without keys"),
     ("bucket/none.st", {}, 4, "no such file (404)"), ("none/tree.st", {}, 4, "no such file (404)"),
+    ("../key", {}, 4, "s3://bucket/key"), ("b?c/key", {}, 4, "s3://bucket/key"),
+    ("bucket/key", {"AWS_REGION": "x.evil.test/#"}, 4, "the region of the object store is no name"),
     ("bucket", {}, 4, "s3://bucket/key"), ("bucket/", {}, 4, "s3://bucket/key"),
     ("user:secret@bucket/tree.st", {}, 4, "s3://bucket/key"),
 ]

@@ -52,6 +52,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
             return self.answer(404)
         self.serve(fault, content, changed=fault == "changes" and count > 1)
 
+    def told_length(self, fault, content):
+        return {"endless": 2**63 - 1, "vast": 10**15}.get(fault, len(content))
+
     def serve(self, fault, content, changed):
         tag = '"2"' if changed else '"1"'
         if changed:
@@ -67,7 +70,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         begin, end = int(wanted[1]), min(int(wanted[2]) + 1, len(content))
         body = content[begin:end]
         told = begin + 1 if fault == "shifted" and begin else begin
-        headers["Content_Range"] = f"bytes {told}-{end - 1 - begin + told}/{len(content)}"
+        headers["Content_Range"] = f"bytes {told}-{end - 1 - begin + told}/{self.told_length(fault, content)}"
         if fault in ("cut", "reset") and begin and len(body) > 20000:
             self.answer(206, body[:20000], len(body), **headers)
             self.wfile.flush()

@@ -42,6 +42,7 @@ FAULTS = [
     ("whole", True, "", 1), ("elsewhere", True, "", 1),
     ("changes", False, "was changed meanwhile", 2), ("shifted", False, "another part of the file", 2),
     ("longer", False, "another part of the file", 2), ("encoded", False, "encoded, as nobody asked for", 1),
+    ("endless", False, "a length that no file has", 1), ("vast", False, "another part of the file", 3),
     ("nameless", False, "neither ETag nor Last-Modified", 1), ("loop", False, "in circles", 10),
     ("401", False, "wants a user", 1), ("403", False, "does not let it be read", 1),
     ("404", False, "no such file", 1), ("503", False, "not available now (503), 5 times", 5),

@@ -9,6 +9,7 @@ namespace {
 
 // A directory of 64 KiB is in it, and the records of some pages.
 constexpr int64_t kFrontBytes = 128 * 1024;
+constexpr int64_t kLongestFile = int64_t{1} << 62;
 // What is taken whole from a server that sends nothing else.
 constexpr int64_t kSmallFile = int64_t{16} << 20;
 
@@ -24,6 +25,9 @@ class FrontSink : public ByteSink {
     isWhole_ = head.status == 200;
     expected_ = isWhole_ ? head.contentLength : std::min(kFrontBytes, head.identity.length);
     if (isWhole_ && expected_ > kSmallFile) return refuseWhole();
+    if (head.identity.length > kLongestFile) {
+      return refuse(EFBIG, "the server tells a length that no file has");
+    }
     if (!isWhole_ && (head.from != 0 || head.identity.length < 0 || head.to != expected_)) {
       return refuse(EIO, "the server sends another part of the file than was asked for");
     }

@@ -215,9 +215,9 @@ int64_t HttpFile::growWindow(int64_t offset, int64_t count) {
   return offset + std::max(window_, std::min(count, kFirstWindow));
 }
 
-// Up to where nothing is here or on its way.
+// Up to where nothing is here or on its way. The farther off, the less it matters.
 int64_t HttpFile::firstKnown(int64_t from, int64_t to) const {
-  for (int64_t at = from; at < to; at += kBlock) {
+  for (int64_t at = from; at < std::min(to, from + kAhead); at += kBlock) {
     if (spool_.seemsToHave(at / kBlock) || downloads_.find(at)) return at;
   }
   return to;

@@ -99,10 +99,12 @@ std::string urlOf(const std::string& bucket, const Profile& profile, const std::
   return (endpoint.empty() ? "https://" + host : endpoint) + "/" + bucket;
 }
 
-bool isBucketName(std::string_view name) {
+// Becomes part of a host's name or of a path. So no "..", "/", "?", "#" or "@" is among it.
+bool isPlainName(std::string_view name) {
   constexpr std::string_view kPlain =
-      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-._";
-  return !name.empty() && name.find_first_not_of(kPlain) == std::string_view::npos;
+      "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_.";
+  return !name.empty() && name.find_first_not_of(kPlain) == std::string_view::npos &&
+         name.front() != '.';
 }
 
 }  // namespace
@@ -127,7 +129,7 @@ std::optional<ObjectPlace> locateObject(const std::string& url, Failure& failure
   const std::string path = url.substr(std::string_view("s3://").size());
   const size_t slash = path.find('/');
   const std::string bucket = path.substr(0, slash);
-  if (!isBucketName(bucket) || slash == std::string::npos || slash + 1 == path.size()) {
+  if (!isPlainName(bucket) || slash == std::string::npos || slash + 1 == path.size()) {
     failure = {EINVAL, "an object is named as s3://bucket/key"};
     return std::nullopt;
   }
@@ -139,6 +141,10 @@ std::optional<ObjectPlace> locateObject(const std::string& url, Failure& failure
   ObjectPlace place;
   findKeys(profile, place);
   findRegion(profile, place);
+  if (!isPlainName(place.region)) {
+    failure = {EINVAL, "the region of the object store is no name"};
+    return std::nullopt;
+  }
   place.url =
       urlOf(bucket, profile, place.region) + "/" + escapeForUrl(path.substr(slash + 1), "/");
   return place;

@@ -5,6 +5,9 @@ namespace {
 
 constexpr char kHashOfNothing[] =
     "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855";
+// Who sends a byte now and then keeps nobody waiting for ever.
+constexpr long kLeastSpeed = 256;  // bytes a second
+constexpr long kSlowSeconds = 60;
 
 }  // namespace
 
@@ -12,6 +15,8 @@ RangeRequest::RangeRequest(const WebAddress& address, int64_t from, int64_t to,
                            const Condition& condition, ByteSink& sink)
     : WebRequest(address), sink_(sink) {
   set(CURLOPT_RANGE, (std::to_string(from) + "-" + std::to_string(to - 1)).c_str());
+  set(CURLOPT_LOW_SPEED_LIMIT, kLeastSpeed);
+  set(CURLOPT_LOW_SPEED_TIME, kSlowSeconds);
   addHeader("Accept-Encoding: identity");
   addCondition(condition);
   addCredentials(address, kHashOfNothing);

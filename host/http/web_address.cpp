@@ -13,8 +13,9 @@ namespace {
 class UrlParts {
  public:
   explicit UrlParts(const std::string& url) : parts_(curl_url()) {
-    isSound_ = parts_ != nullptr &&
-               curl_url_set(parts_, CURLUPART_URL, url.c_str(), CURLU_NO_DEFAULT_PORT) == CURLUE_OK;
+    isSound_ =
+        parts_ != nullptr && curl_url_set(parts_, CURLUPART_URL, url.c_str(),
+                                          CURLU_NO_DEFAULT_PORT | CURLU_PATH_AS_IS) == CURLUE_OK;
   }
   ~UrlParts() { curl_url_cleanup(parts_); }
   UrlParts(const UrlParts&) = delete;

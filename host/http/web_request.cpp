@@ -53,6 +53,7 @@ void ReplyHead::take(std::string_view line) {
   if (colon == std::string_view::npos) return;
   const std::string_view name = line.substr(0, colon);
   const std::string_view value = trimmed(line.substr(colon + 1));
+  if (std::ranges::any_of(value, [](unsigned char c) { return c < ' ' || c == 127; })) return;
   if (isNamed(name, "etag")) identity.etag = value;
   if (isNamed(name, "last-modified")) identity.modified = value;
   if (isNamed(name, "content-length")) contentLength = numberIn(value);
@@ -70,6 +71,7 @@ bool beginTransfers(Failure& failure) {
 WebRequest::WebRequest(const WebAddress& address) : easy_(curl_easy_init()) {
   if (easy_ == nullptr) throw std::bad_alloc();
   set(CURLOPT_URL, address.url.c_str());
+  set(CURLOPT_PATH_AS_IS, 1L);  // "a/../b" may be an object's name
   set(CURLOPT_PROTOCOLS_STR, "http,https");
   set(CURLOPT_FOLLOWLOCATION, 0L);  // by us: only so is https never left on the way
   set(CURLOPT_NOSIGNAL, 1L);
