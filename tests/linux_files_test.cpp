@@ -202,6 +202,14 @@ TEST(LinuxCacheTest, TransfersAreFew) {
   EXPECT_TRUE(file->writeAt(kEnd - 4120, record));
   file->close();
   expectAtMost(9, 0, 0);
+  file.emplace(
+      files.open(kCrashStore));  // what records of large pages are walked for is announced, once
+  std::vector<int64_t> expected;
+  for (int64_t at = 40; at < kEnd; at += 41200) {
+    EXPECT_EQ(file->readAt(at, 24), noise(24));
+    if (at > 3 * 41200) expected.push_back(at);
+  }
+  EXPECT_EQ(disk.announced, expected);
 }
 
 class LinuxFilesTest : public testing::Test {

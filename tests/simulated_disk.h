@@ -99,6 +99,8 @@ class SimulatedDisk : public hxhost::FileOps {
   bool fallsShort = false;       // transfers deliver at most half of what was asked for
   bool hasBecomeDevice = false;  // what is opened is not what was there a moment ago
 
+  std::vector<int64_t> announced;  // where reads were
+
   // Called before each operation that gets through to the disk.
   std::function<void(const DiskStep&)> watch;
 
@@ -151,6 +153,8 @@ class SimulatedDisk : public hxhost::FileOps {
     if (got > 0) std::memcpy(out, bytes.data() + offset, static_cast<size_t>(got));
     return got;
   }
+
+  void announceRead(int, int64_t offset, int64_t) override { announced.push_back(offset); }
 
   int64_t writeAt(int file, const void* bytes, size_t count, int64_t offset) override {
     if (fails(DiskOperation::kWrite, pathOf(file))) return -failure;

@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstring>
 #include <new>
+#include <utility>
 
 namespace hxhost {
 namespace {
@@ -21,6 +22,9 @@ constexpr int64_t kFirstRead = 1024;
 // Reading goes on while it skips no more than this, or no more than is known: so does a walk over
 // the records of pages of 4 KiB.
 constexpr int64_t kShortSkip = 8192;
+
+constexpr int64_t kStepsAhead = 64;
+constexpr int64_t kLargestStep = int64_t{1} << 32;  // no page is larger
 
 // A stretch that is read on grows by this multiple of itself.
 constexpr int64_t kGrowth = 4;
@@ -166,11 +170,28 @@ bool BlockCache::load(Frame& frame, int64_t from, int64_t to) {
   if (!frame.isDirty() && !goesOn) {
     frame.restartAt(from);
     known = 0;
+    followSteps(frame.base + from);
   }
   const int64_t ahead = std::max(kFirstRead, kGrowth * known);
   if (from < frame.begin && !extendDown(frame, from, std::min(from, frame.end - ahead)))
     return false;
   return to <= frame.end || extendUp(frame, to, std::clamp(frame.end + ahead, to, blockBytes_));
+}
+
+// Whoever takes equal steps walks over the records of large pages, and the next lie as far apart.
+// The disk brings many of them at once: the length of an item of 1 GiB that is in no cache is known
+// in a fifth of the time.
+void BlockCache::followSteps(int64_t offset) {
+  const int64_t step = offset - std::exchange(lastStart_, offset);
+  if (std::exchange(step_, step) != step || step <= 0 || step > kLargestStep) {
+    announcedTo_ = offset;
+    return;
+  }
+  const int64_t end = std::min(offset + kStepsAhead * step, disk_.length());
+  for (int64_t next = std::max(announcedTo_, offset) + step; next < end; next += step) {
+    disk_.announceRead(next, kFirstRead);
+    announcedTo_ = next;
+  }
 }
 
 // Makes the stretch touch [from, to), which is about to be written, and hold what the file had of

@@ -70,6 +70,7 @@ class BlockCache {
   bool readWithin(int64_t base, int64_t from, int64_t to, std::byte* out);
   bool writeWithin(int64_t base, int64_t from, int64_t to, const std::byte* bytes);
   bool load(Frame& frame, int64_t from, int64_t to);
+  void followSteps(int64_t offset);
   bool approach(Frame& frame, int64_t from, int64_t to);
   bool extendUp(Frame& frame, int64_t needed, int64_t wanted);
   bool extendDown(Frame& frame, int64_t needed, int64_t wanted);
@@ -92,7 +93,10 @@ class BlockCache {
   int64_t blockBytes_;  // a power of two, at least 64
   uint64_t clock_ = 0;
   std::vector<Frame> frames_;
-  Frame* current_;  // the one used last
+  Frame* current_;           // the one used last
+  int64_t lastStart_ = 0;    // where a stretch began last,
+  int64_t step_ = 0;         // how far that was from the one before,
+  int64_t announcedTo_ = 0;  // and the last place of such steps that the disk was told
 };
 
 }  // namespace hxhost

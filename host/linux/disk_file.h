@@ -47,6 +47,11 @@ class DiskFile {
   // what it is to hold lies in memory, too.
   bool tryReadParts(const hx::ReadRequest* parts, int32_t count, int64_t offset) const noexcept;
 
+  // Brings them nearer while others are read, if that can be done.
+  void announceRead(int64_t offset, int64_t count) const noexcept {
+    ops_.announceRead(lease_.file().descriptor.number(), offset, count);
+  }
+
   // Whether a write there would have to put something into the journal first, and wait for it.
   bool needsAnnouncement(int64_t offset, int64_t count) const {
     return journal_->lacksRecords(offset, count);

@@ -212,6 +212,10 @@ class SystemFileOps : public FileOps {
     return repeatInterrupted([&]() -> int64_t { return ::preadv(file, parts, count, offset); });
   }
 
+  void announceRead(int file, int64_t offset, int64_t count) override {
+    ::posix_fadvise(file, offset, count, POSIX_FADV_WILLNEED);
+  }
+
   int64_t writeAt(int file, const void* bytes, size_t count, int64_t offset) override {
     return repeatInterrupted([&]() -> int64_t { return ::pwrite(file, bytes, count, offset); });
   }

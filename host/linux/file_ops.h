@@ -88,6 +88,9 @@ class FileOps {
     return readAt(file, parts->iov_base, parts->iov_len, offset);
   }
 
+  // Tells the system that these bytes will be read soon; nobody waits for it.
+  virtual void announceRead(int /*file*/, int64_t /*offset*/, int64_t /*count*/) {}
+
   // Where the first byte at or behind `offset` may lie that is not zero; ENXIO when all are.
   virtual int64_t findData(int, int64_t offset) { return offset; }
 
