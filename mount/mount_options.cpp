@@ -25,9 +25,9 @@ bool isFile(const std::string& path) {
   return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
 }
 
-// "STORE:PATH", where both may hold colons: STORE is the first that is a file.
+// "STORE:PATH", where both may hold colons: STORE is the first that is a file. A URL has no PATH.
 Source splitSource(const std::string& word) {
-  if (isFile(word)) return {word, "", ""};
+  if (hxcrate::isUrl(word) || isFile(word)) return {word, "", ""};
   for (std::size_t colon = word.find(':'); colon != word.npos; colon = word.find(':', colon + 1)) {
     if (isFile(word.substr(0, colon))) {
       return {word.substr(0, colon), word.substr(colon + 1), ""};
@@ -38,7 +38,7 @@ Source splitSource(const std::string& word) {
 
 // The last component of the place in the store, or of the file's path.
 std::string folderName(const Source& source) {
-  const std::string& path = source.inside.empty() ? source.file : source.inside;
+  const std::string path = source.inside.empty() ? hxcrate::showPath(source.file) : source.inside;
   return path.substr(path.rfind('/') + 1);
 }
 

@@ -36,7 +36,7 @@ class Arguments {
     // Who mounts for others does not give them what the modes in the store keep from them.
     if (isForOthers) addOption("default_permissions");
     addOption(std::string("ro,subtype=") + kSubtype);
-    addName(options.sources.size() == 1 ? options.sources[0].file : "stores");
+    addName(options.sources.size() == 1 ? hxcrate::showPath(options.sources[0].file) : "stores");
     if (options.isDebugged) add("-d");
   }
   ~Arguments() { fuse_opt_free_args(&list_); }

@@ -1,11 +1,14 @@
 #include "mount/store_tree.h"
 
 #include <malloc.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <ctime>
 #include <utility>
 
+#include "hxcrate/inspect.hpp"
 #include "mount/mount_log.h"
 
 namespace mounted {
@@ -43,6 +46,20 @@ std::string join(std::string_view folder, std::string_view name) {
   std::string path(folder);
   if (!path.empty()) path += '/';
   return path.append(name);
+}
+
+// What lies behind a URL is this user's, and of now.
+struct stat inspect(const std::string& path) {
+  struct stat file {};
+  if (hxcrate::isUrl(path)) {
+    file.st_mtim.tv_sec = ::time(nullptr);
+    file.st_uid = ::geteuid();
+    file.st_gid = ::getegid();
+    file.st_size = hxcrate::InspectedFile(path).length();
+  } else if (::stat(path.c_str(), &file) != 0) {
+    throw std::system_error(errno, std::generic_category(), path);
+  }
+  return file;
 }
 
 }  // namespace
@@ -83,14 +100,12 @@ void StoreTree::applyManifests(const std::vector<ManifestIndex>& manifests) {
 void StoreTree::addStore(hxcrate::Session& session, const Source& source) {
   hxcrate::Store store = session.open(source.file, hxcrate::Mode::read, {.acceptDamaged = true});
   const std::error_code damage = store.damage();
-  if (damage) say(source.file + ": " + damage.message() + ": what can be read of it is shown");
-  struct stat file {};
-  if (::stat(source.file.c_str(), &file) != 0) {
-    throw std::system_error(errno, std::generic_category(), source.file);
-  }
+  const std::string shown = hxcrate::showPath(source.file);
+  if (damage) say(shown + ": " + damage.message() + ": what can be read of it is shown");
+  const struct stat file = inspect(source.file);
   const std::int64_t modified = file.st_mtim.tv_sec * kNanoseconds + file.st_mtim.tv_nsec;
   const auto number = static_cast<std::uint32_t>(origins_.size());
-  const std::string manifestName = source.file + ": " + std::string(tool::kManifestName);
+  const std::string manifestName = shown + ": " + std::string(tool::kManifestName);
   origins_.push_back({{modified, kFileMode, file.st_uid, file.st_gid},
                       file.st_size,
                       store.pageSize(),

@@ -43,6 +43,12 @@ class Handler(http.server.BaseHTTPRequestHandler):
         if fault in ("loop", "elsewhere"):
             target = self.path if fault == "loop" else self.path.replace("/elsewhere/", "/-/")
             return self.answer(302, Location=target)
+        if fault == "later" and count == 1:
+            return self.answer(503, b"later", Retry_After="1")
+        if fault == "expires":  # each address that it sends to is good for one request
+            return self.answer(302, Location=f"/ticket{count}/{name}")
+        if fault.startswith("ticket") and count > 1:
+            return self.answer(403)
         if fault == "plain":
             return self.answer(302, Location=server.plain_url + "/-/" + name)
         try:
@@ -79,8 +85,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 self.connection.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, linger)
             self.close_connection = True
             return None
+        if fault == "stalls" and begin and self.server.counts[fault] == 2:
+            self.answer(206, body[:20000], len(body), **headers)
+            return self.server.ended.wait(20)
         if fault == "longer" and begin:
             body += b"more"
+        if fault == "shorter" and begin:
+            body = body[:-1]
         return self.answer(206, body, **headers)
 
 

@@ -48,8 +48,8 @@ class Differences {
 
   void addOnlyIn(bool isFirst, const std::string& place, bool isContainer) {
     const std::string& tree = isFirst ? options_.first : options_.second;
-    add(isFirst ? "onlyInFirst" : "onlyInSecond", "only in " + escape(tree), place,
-        isContainer ? "/" : "");
+    add(isFirst ? "onlyInFirst" : "onlyInSecond", "only in " + escape(hxcrate::showPath(tree)),
+        place, isContainer ? "/" : "");
   }
   void addKind(const std::string& place, const char* first, const char* second) {
     add("kind", "kind differs", place, fmt::format(": {} and {}", first, second));
