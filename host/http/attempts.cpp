@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <charconv>
 #include <string_view>
+#include <utility>
 
 namespace hxremote {
 namespace {
@@ -101,6 +102,7 @@ Attempts::Verdict Attempts::judge(CURLcode code, const WebRequest& request) {
 Attempts::Verdict Attempts::judgeStatus(const WebRequest& request) {
   const long status = request.status();
   if (status >= 300 && status < 400) return follow(request);
+  if (returnToAsked(status)) return Verdict::again;
   const Failure reason = failureOf(status);
   return isTemporary(status) ? tryAgain(reason, request.head().retryAfter) : fail(reason);
 }
@@ -116,6 +118,15 @@ Failure Attempts::failureOf(long status) const {
     failure.reason += "; it was asked without keys";
   }
   return failure;
+}
+
+// Where a server sends to may be good for a while only.
+bool Attempts::returnToAsked(long status) {
+  const bool isRefused = errorOf(status) == EACCES || errorOf(status) == ENOENT || status == 400;
+  if (!isRefused || !std::exchange(mayHaveExpired_, false)) return false;
+  address_ = WebAddress(*address_.asked);
+  notBefore_ = {};
+  return true;
 }
 
 Attempts::Verdict Attempts::follow(const WebRequest& request) {

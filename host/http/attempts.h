@@ -19,7 +19,7 @@ class Attempts {
 
   // `address` is where to ask; a redirection changes it, which what is written does not follow.
   explicit Attempts(WebAddress& address, Purpose purpose = Purpose::reading)
-      : address_(address), purpose_(purpose) {}
+      : address_(address), purpose_(purpose), mayHaveExpired_(address.asked != nullptr) {}
 
   // The request is over with `code`. Told by failure() when it failed, by notBefore() when it is
   // to be made again.
@@ -39,12 +39,14 @@ class Attempts {
   bool isWriting() const { return purpose_ == Purpose::writing; }
   Failure failureOf(long status) const;
   Verdict judgeStatus(const WebRequest& request);
+  bool returnToAsked(long status);
   Verdict follow(const WebRequest& request);
   Verdict tryAgain(Failure reason, const std::string& retryAfter = {});
   Verdict fail(Failure failure);
 
   WebAddress& address_;
   const Purpose purpose_;
+  bool mayHaveExpired_;  // the address, to which another request was sent
   int faults_ = 0;
   int redirections_ = 0;
   std::optional<Failure> refusal_;

@@ -50,6 +50,7 @@ bool Download::begin(const ReplyHead& head) {
   if (head.from != position_ || head.to != to_ || isLonger) {
     return refuse(EIO, "the server sends another part of the file than was asked for");
   }
+  context_.address = address_;
   return true;
 }
 

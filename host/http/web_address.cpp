@@ -65,6 +65,7 @@ std::optional<WebAddress> WebAddress::redirectedTo(const std::string& target) co
   std::optional<WebAddress> next = parseWeb(target);
   if (!next || (isEncrypted() && !next->isEncrypted())) return std::nullopt;
   next->shown = shown;
+  next->asked = asked ? asked : std::make_shared<const WebAddress>(*this);
   if (next->origin() != origin()) return next;
   next->user = user;
   next->password = password;

@@ -1,6 +1,7 @@
 // Where a file lies on the web, and who asks for it.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -20,6 +21,7 @@ struct WebAddress {
   std::string user;
   std::string password;
   std::optional<SigningScope> signing;
+  std::shared_ptr<const WebAddress> asked;  // that led here by redirection; null: none
 
   // Scheme, host and port: who may be told user and password.
   std::string origin() const;
