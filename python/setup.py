@@ -12,7 +12,8 @@ from setuptools.command.build_ext import build_ext
 
 TREE = Path(__file__).resolve().parent.parent
 VERSION = re.search(r"project\(hxcrate VERSION ([\d.]+)", (TREE / "CMakeLists.txt").read_text())[1]
-LIBRARIES = [f"lib{name}.so.{VERSION.split('.')[0]}" for name in ("hxhost", "hxcrate")]
+*LIBRARIES, REMOTE_LIBRARY = [f"lib{name}.so.{VERSION.split('.')[0]}"
+                              for name in ("hxhost", "hxcrate", "hxremote")]
 
 
 class CMakeBuild(build_ext):
@@ -29,6 +30,8 @@ class CMakeBuild(build_ext):
         package.mkdir(parents=True, exist_ok=True)
         for library in LIBRARIES:
             shutil.copy(build / library, package)
+        if (build / REMOTE_LIBRARY).exists():  # where libcurl is
+            shutil.copy(build / REMOTE_LIBRARY, package)
         shutil.copy(build / "python" / self.get_ext_filename(extension.name), package)
 
 

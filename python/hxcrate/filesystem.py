@@ -21,8 +21,10 @@ class HxcrateFileSystem(fsspec.AbstractFileSystem):
     target_protocol, target_options: the file system that it lies in, as fsspec says it of a chain.
 
     A local file is opened for each call and for as long as a file of it is open: an update of it gets
-    in between, and is seen. The session keeps what it needs to open it again at once. A file that lies
-    elsewhere is copied once into a file without a name, and read where that is mapped.
+    in between, and is seen. The session keeps what it needs to open it again at once. Of a file behind
+    http://, https:// or s3:// what is asked for is read by requests for parts of it (libhxremote.so),
+    unless there are target_options, which fsspec alone understands. A file that lies elsewhere is copied
+    once into a file without a name, and read where that is mapped.
     """
 
     protocol = "hxcrate"
@@ -35,10 +37,13 @@ class HxcrateFileSystem(fsspec.AbstractFileSystem):
             raise ValueError("a store is read here; hxcrate.open writes")
         self.fo = fo
         self._target, self._path = self._find(fo, target_protocol, target_options or {})
-        self._copy: tuple[int, hxcrate.Store] | None = None
+        self._kept: tuple[int, hxcrate.Store] | None = None
 
     @staticmethod
     def _find(fo: str, protocol: str | None, options: dict[str, Any]) -> tuple[Any, str]:
+        known = protocol or fsspec.core.split_protocol(fo)[0]
+        if known in ("http", "https", "s3") and not options:
+            return None, fo if "://" in fo else f"{known}://{fo}"
         if protocol is None:
             return fsspec.core.url_to_fs(fo, **options)  # type: ignore[no-any-return]
         target = fsspec.filesystem(protocol, **options)
@@ -51,9 +56,9 @@ class HxcrateFileSystem(fsspec.AbstractFileSystem):
     def _open_store(self) -> hxcrate.Store:
         if isinstance(self._target, LocalFileSystem):
             return hxcrate.open(self._path)
-        if self._copy is None or self._copy[0] != os.getpid():
-            self._copy = os.getpid(), self._open_copy()
-        return self._copy[1]
+        if self._kept is None or self._kept[0] != os.getpid():
+            self._kept = os.getpid(), self._open_copy() if self._target else hxcrate.open(self._path)
+        return self._kept[1]
 
     def _open_copy(self) -> hxcrate.Store:
         with tempfile.TemporaryFile() as file:
@@ -87,8 +92,9 @@ class HxcrateFileSystem(fsspec.AbstractFileSystem):
     def cat_file(self, path: str, start: int | None = None, end: int | None = None,
                  **kwargs: Any) -> bytes:
         view = self._open_store().view(self._strip_protocol(path))
-        first, last, _ = slice(start, end).indices(view.size)
-        return view.read(max(last - first, 0), first)
+        if (start or 0) < 0 or end is None or end < 0:  # counted from the item's end
+            start, end, _ = slice(start, end).indices(view.size)
+        return view.read(max(end - (start or 0), 0), start or 0)
 
     def _open(self, path: str, mode: str = "rb", block_size: Any = None, autocommit: bool = True,
               cache_options: Any = None, **kwargs: Any) -> io.BufferedReader:
@@ -100,4 +106,5 @@ class HxcrateFileSystem(fsspec.AbstractFileSystem):
 
     def ukey(self, path: str) -> str:
         """Changes with the file."""
-        return str(fsspec.utils.tokenize(self._target.ukey(self._path), path))
+        file = self._target.ukey(self._path) if self._target else self._path
+        return str(fsspec.utils.tokenize(file, path))

@@ -1,4 +1,6 @@
 """Stores in fsspec, pandas and dask."""
+import importlib.util
+import pathlib
 import pickle
 
 import hxcrate
@@ -59,3 +61,33 @@ def test_dask_reads_in_two_processes(url):
         frame = dataframe.read_csv(f"hxcrate://d/*.csv::{url}")
         assert frame.npartitions == 4 and frame.groupby("a").b.sum().compute().to_dict() == dict.fromkeys(range(4), 4950)
         assert len(client.scheduler_info()["workers"]) == 2
+
+
+def test_behind_a_url_only_what_is_asked_for_is_read(tmp_path, monkeypatch):
+    if not list(pathlib.Path(hxcrate.__file__).parents[2].glob("libhxremote.so.1")):
+        pytest.skip("libhxremote.so is not built")
+    server = pathlib.Path(__file__).parents[2] / "tests/range_server.py"
+    spec = importlib.util.spec_from_file_location("served", server)
+    served = importlib.util.module_from_spec(spec)
+    spec.loader.exec_module(served)
+    sent, answer = [], served.Handler.answer
+
+    def count(self, status, body=b"", *more, **heads):
+        sent.append(len(body))
+        answer(self, status, body, *more, **heads)
+    monkeypatch.setattr(served.Handler, "answer", count)
+    monkeypatch.setenv("XDG_CACHE_HOME", str(tmp_path / "cache"))
+    with hxcrate.open("served.st", "w", page_size=65536) as store:
+        store["large"] = bytes(range(256)) * 65536
+        store["a.csv"] = b"a,b\n1,2\n"
+    url = served.Server(str(tmp_path)).url + "/-/served.st"
+    with hxcrate.open(url) as store, store.view("large") as view:
+        assert sorted(store) == ["a.csv", "large"] and store["a.csv"] == b"a,b\n1,2\n"
+        assert pickle.loads(pickle.dumps(view)).read(4, 3) == b"\3\4\5\6" and store.filename == url
+        with pytest.raises(OSError):
+            hxcrate.open(url, "r+")
+    fs, path = fsspec.core.url_to_fs("hxcrate://a.csv::" + url)
+    assert pickle.loads(pickle.dumps(fs)).cat(path) == b"a,b\n1,2\n" and fs.ukey(path)
+    with fsspec.open("hxcrate://a.csv::" + url, "rt") as file:
+        assert file.readline() == "a,b\n"
+    assert 0 < sum(sent) < 2_000_000, "of 16 MiB"
