@@ -158,8 +158,8 @@ class OpenFiles {
 
   hxremote::Options options(std::shared_ptr<hxremote::TransferMeter> meter) {
     const std::lock_guard guard(mutex_);
-    return {options_.useCache, options_.maxBytes, options_.cacheBytes, options_.patience,
-            std::move(meter)};
+    return {options_.useCache, options_.maxBytes, options_.cacheBytes,
+            options_.patience, std::move(meter),  options_.goesOn};
   }
 
   std::mutex mutex_;

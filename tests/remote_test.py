@@ -64,6 +64,9 @@ def test_faults():
                f"{fault}: exit code {code}, {complaint}")
         expect(said in complaint and "secret" not in complaint, f"{fault} says: {complaint}")
         expect(server.counts[fault] <= most, f"{fault}: {server.counts[fault]} requests")
+    began = time.monotonic()
+    run("-s", "INT", "1", build / "hxcrate", "unpack", f"{server.url}/silent/many.st", scratch / "no", command="timeout")
+    expect(time.monotonic() - began < 15, "a signal does not end the waiting for a server")
     code, _, complaint = run("cat", server.url + "/whole/tree.st", "one")
     expect(code == 4 and "too long to be read whole" in complaint, f"a long file as a whole: {complaint}")
     for command in ("copy", "salvage", "export"):  # which have no file's rights to take over

@@ -146,6 +146,7 @@ ExitCode CommandLine::run(int argc, char** argv) {
     return refuse(error.what(), isOption ? "" : name + " ");
   }
   if (patience_ != 0) remote_.patience = std::chrono::seconds(patience_);
+  remote_.goesOn = [] { return pendingSignal() == 0; };
   hxcrate::setRemoteOptions(remote_);
   return command_ ? command_() : refuse("no command given", "");
 }
@@ -251,6 +252,7 @@ ExitCode runCommand(int argc, char** argv) {
     failure.print();
     return failure.code();
   } catch (const hxcrate::Error& error) {
+    if (const int signal = pendingSignal(); signal != 0) endBySignal(signal);
     complain(error);
     return exitCodeOf(error);
   } catch (const Interrupted& interrupted) {

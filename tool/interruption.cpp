@@ -36,6 +36,10 @@ InterruptionGuard::~InterruptionGuard() {
   ::raise(signal);  // a guard around this one notes it again
 }
 
+int pendingSignal() {
+  return lastSignal;
+}
+
 void throwIfInterrupted() {
   if (lastSignal != 0) throw Interrupted(lastSignal);
 }

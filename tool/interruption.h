@@ -38,6 +38,8 @@ class InterruptionGuard {
   std::array<struct sigaction, kEndingSignals.size()> before_{};
 };
 
+// The signal that came; 0: none.
+int pendingSignal();
 void throwIfInterrupted();
 
 // Ends the process as the signal would have.

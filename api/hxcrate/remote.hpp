@@ -19,6 +19,9 @@ struct RemoteOptions {
   std::int64_t maxBytes = -1;  // received for one opening of a URL; below zero: any number
   // With a server that sends nothing. What fails for a moment is asked for again, with pauses.
   std::chrono::milliseconds patience{30000};
+  // Asked a few times a second while somebody waits for a server, by any thread; does not throw.
+  // What it is false for fails.
+  std::function<bool()> goesOn = [] { return true; };
 };
 
 // For all that is opened from now on in this process. Safe for several threads.

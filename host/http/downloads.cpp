@@ -7,6 +7,11 @@
 
 namespace hxremote {
 
+std::optional<Failure> RequestContext::findEnd() const {
+  if (options.goesOn()) return std::nullopt;
+  return Failure{ECANCELED, "it was interrupted"};
+}
+
 std::optional<Failure> RequestContext::findExcess(int64_t bytes) const {
   if (options.mostBytes < 0 || bytes <= options.mostBytes - transfers.bytes) return std::nullopt;
   return Failure{EFBIG, "more than " + std::to_string(options.mostBytes) +
@@ -121,7 +126,8 @@ void Downloads::cancelGuesses() {
 void Downloads::await(std::unique_lock<std::mutex>& lock, const Download& download,
                       int64_t offset) {
   const Clock::time_point began = Clock::now();
-  while (!download.isOver_ && !download.isCancelled_ && download.position() <= offset)
+  while (!download.isOver_ && !download.isCancelled_ && download.position() <= offset &&
+         !context_.findEnd())
     drive(lock);
   context_.count({.time = Clock::now() - began});
 }

@@ -19,6 +19,9 @@ struct RequestContext {
   Options options;
   Transfers transfers;
 
+  // Nothing when it is still wanted.
+  std::optional<Failure> findEnd() const;
+
   // Nothing when so many bytes more may be received.
   std::optional<Failure> findExcess(int64_t bytes) const;
 

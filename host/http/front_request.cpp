@@ -9,6 +9,7 @@ namespace {
 
 // A directory of 64 KiB is in it, and the records of some pages.
 constexpr int64_t kFrontBytes = 128 * 1024;
+constexpr std::chrono::milliseconds kNap{50};
 constexpr int64_t kLongestFile = int64_t{1} << 62;
 // What is taken whole from a server that sends nothing else.
 constexpr int64_t kSmallFile = int64_t{16} << 20;
@@ -65,12 +66,12 @@ class FrontSink : public ByteSink {
   int64_t expected_ = -1;
 };
 
-// Ends a request to which nothing comes any more.
+// Ends a request to which nothing comes any more, or that nobody wants.
 int watch(void* clock, curl_off_t, curl_off_t received, curl_off_t, curl_off_t) noexcept;
 
 class Watch {
  public:
-  explicit Watch(std::chrono::milliseconds patience) : patience_(patience) {}
+  explicit Watch(const RequestContext& context) : context_(context) {}
 
   void attach(CURL* easy) {
     curl_easy_setopt(easy, CURLOPT_XFERINFOFUNCTION, &watch);
@@ -81,15 +82,15 @@ class Watch {
     const Clock::time_point now = Clock::now();
     if (received != received_) last_ = now;
     received_ = received;
-    hasEnded_ = now - last_ >= patience_;
-    return hasEnded_;
+    hasEnded_ = now - last_ >= context_.options.patience;
+    return hasEnded_ || context_.findEnd();
   }
   CURLcode correct(CURLcode code) const {
     return hasEnded_ && code == CURLE_ABORTED_BY_CALLBACK ? CURLE_OPERATION_TIMEDOUT : code;
   }
 
  private:
-  const std::chrono::milliseconds patience_;
+  const RequestContext& context_;
   Clock::time_point last_ = Clock::now();
   int64_t received_ = 0;
   bool hasEnded_ = false;
@@ -121,10 +122,15 @@ std::optional<FileFront> requestFront(RequestContext& context, const std::option
                             known.value_or(Identity{})};
   for (;;) {
     const Clock::time_point began = Clock::now();
-    std::this_thread::sleep_until(attempts.notBefore());
+    while (Clock::now() < attempts.notBefore() && !context.findEnd())
+      std::this_thread::sleep_for(kNap);
+    if (auto end = context.findEnd()) {
+      failure = *std::move(end);
+      return std::nullopt;
+    }
     FrontSink sink(context, attempts);
     const RangeRequest request(context.address, 0, kFrontBytes, condition, sink);
-    Watch clock(context.options.patience);
+    Watch clock(context);
     clock.attach(request.easy());
     CURLcode code = clock.correct(curl_easy_perform(request.easy()));
     context.count({.requests = 1, .time = Clock::now() - began});

@@ -153,6 +153,8 @@ Transfers HttpFile::transfers() const {
 bool HttpFile::fetch(std::unique_lock<std::mutex>& lock, int64_t offset, int64_t count) {
   const std::shared_ptr<Download> download = findOrStart(offset, count);
   downloads_.await(lock, *download, offset);
+  failure_ = context_.findEnd();
+  if (failure_) return false;
   if (download->position() > offset || download->failure().reason.empty()) return true;
   failure_ = download->failure();
   failure_->offset = offset;

@@ -30,6 +30,8 @@ struct Options {
   int64_t cacheBytes = int64_t{1} << 30;      // of the whole cache
   std::chrono::milliseconds patience{30000};  // with a server that sends nothing
   std::shared_ptr<TransferMeter> meter;       // null: none
+  // Asked a few times a second while somebody waits, by whichever thread. False: nobody wants it.
+  std::function<bool()> goesOn = [] { return true; };
 };
 
 // `error` is an errno that comes near it: ENOENT, EACCES, ETIMEDOUT, ESTALE for a file that was

@@ -12,10 +12,10 @@ constexpr std::time_t kSeconds = 60;  // for one input
 
 // The fuzzer's own watch is the alarm, which interrupts a command as a person would.
 timer_t makeWatch() {
-  std::signal(SIGVTALRM, [](int) { std::abort(); });
+  std::signal(SIGRTMIN, [](int) { std::abort(); });
   sigevent event{};
   event.sigev_notify = SIGEV_SIGNAL;
-  event.sigev_signo = SIGVTALRM;
+  event.sigev_signo = SIGRTMIN;
   timer_t watch{};
   if (::timer_create(CLOCK_MONOTONIC, &event, &watch) != 0) std::abort();
   return watch;
