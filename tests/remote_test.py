@@ -3,6 +3,7 @@
 
     remote_test.py BUILD SCRATCH
 """
+import os
 import random
 import shutil
 import socket
@@ -10,6 +11,7 @@ import ssl
 import subprocess
 import sys
 import time
+from pathlib import Path
 
 from range_server import Server
 from web_checks import build, cache, environment, expect, failures, run, scratch
@@ -74,7 +76,34 @@ def test_faults():
         expect(code == 0, f"{command}: {complaint}")
     for path, code in (("/-/many.st", 4), ("/404/many.st", 4)):
         expect(run("put", server.url + path, "x")[0] == code, "put to a URL")
+    secret = server.url.replace("//", "//user:secret@") + "/-/many.st?signature=secret"
+    for words in (("diff", secret, tree), ("tree", secret), ("stat", "--json", secret), ("mount", secret, www / "no")):
+        _, output, complaint = run(*words)
+        expect(b"secret" not in output and "secret" not in complaint, f"{words[0]} shows a secret")
     server.ended.set()
+
+
+def test_mount():
+    program, place = build / "hxcrate-mount", scratch / "mounted"
+    if not program.exists() or not Path("/dev/fuse").exists():
+        return print("remote_test: no hxcrate-mount or no /dev/fuse: no URL is mounted: skipped")
+    place.mkdir()
+    code, _, complaint = run("mount", Server(www).url.replace("//", "//user:secret@") + "/-/tree.st", place)
+    if code != 0 and ("ermitted" in complaint or "ermission denied" in complaint):
+        return print(f"remote_test: {complaint.strip()}: no URL is mounted: skipped")
+    try:
+        expect(code == 0 and (place / "parts").read_bytes() == large, f"a mounted URL: {complaint}")
+        expect("secret" not in Path("/proc/mounts").read_text(), "the mount's name shows a secret")
+    finally:
+        subprocess.run(["fusermount3", "-u", place], check=code == 0)
+
+
+def test_python():
+    if not list((build / "python" / "hxcrate").glob("_native.*.so")):
+        return print("remote_test: the Python package is not built: it opens no URL: skipped")
+    code = "import hxcrate, sys; sys.stdout.buffer.write(bytes(hxcrate.open(sys.argv[1])['many/49']))"
+    got = run("-c", code, Server(www).url + "/-/tree.st", command="/usr/bin/python3", PYTHONPATH=str(build / "python"))
+    expect(got[:2] == (0, b"x" * 49), f"Python: {got}")
 
 
 def test_encryption():
@@ -94,6 +123,8 @@ def test_encryption():
     expect(run("ls", "-R", plain.url + "/plain/many.st", **trusted)[1] == listed_many, "sent to https")
     code, _, complaint = run("ls", server.url + "/-/many.st", SSL_CERT_FILE="/dev/null")
     expect(code == 4 and "ertificate" in complaint.replace("SSL", "certificate"), f"unknown: {complaint}")
+    code, _, complaint = run("ls", server.url.replace("127.0.0.1", "localhost") + "/-/many.st", **trusted)
+    expect(code == 4 and "certificate" in complaint, f"the certificate of another host: {complaint}")
     code, _, complaint = run("ls", server.url + "/plain/many.st", **trusted)
     expect(code == 4 and "nothing is encrypted" in complaint, f"sent to http: {complaint}")
     expect(plain.counts == {"plain": 1}, "https was left")
@@ -180,6 +211,27 @@ def test_cache(nginx):
     nginx.replies()
     count_requests(nginx, ("ls", "-R", url), listed, 2, 65536)
     folder.chmod(0o700)
+    victim = scratch / "victim"
+    victim.mkdir(mode=0o700)
+    (victim / "file").write_bytes(b"precious")
+    for file in folder.iterdir():  # the user's own links, to what is not of the cache
+        file.unlink()
+        file.symlink_to(victim / "file")
+    count_requests(nginx, ("cat", url, "small"), contents["small"], 3, 65536)
+    forget()
+    folder.symlink_to(victim)
+    count_requests(nginx, ("cat", url, "small"), contents["small"], 3, 65536)
+    expect([file.read_bytes() for file in victim.iterdir()] == [b"precious"], "what is not of the cache was changed")
+    folder.unlink()
+    run("ls", url)
+    large_file, other = folder / ("f" * 32), folder / "other"
+    if subprocess.run(["fallocate", "-l", "1025M", large_file], capture_output=True).returncode == 0:
+        os.utime(large_file, (1, 1))
+        other.write_bytes(b"precious")
+        run("ls", url)
+        expect(not large_file.exists() and other.exists(), "the cache has no bound")
+    else:
+        print("remote_test: no room for 1 GiB: the bound of the cache is not tested: skipped")
     forget()
     readers = [subprocess.Popen([build / "hxcrate", "cat", url, "one", "parts"], env=environment,
                                 stdout=subprocess.PIPE) for _ in range(4)]
@@ -199,6 +251,8 @@ def test_without_library():
 
 
 test_faults()
+test_mount()
+test_python()
 test_encryption()
 test_without_library()
 program = shutil.which("nginx") or shutil.which("nginx", path="/usr/sbin")

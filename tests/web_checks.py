@@ -13,7 +13,7 @@ shutil.rmtree(scratch, ignore_errors=True)
 cache = scratch / "cache"
 cache.mkdir(parents=True)
 environment = {**{name: value for name, value in os.environ.items() if not name.startswith("AWS_")},
-               "XDG_CACHE_HOME": str(cache), "HOME": str(scratch), "no_proxy": "127.0.0.1", "LC_ALL": "C"}
+               "XDG_CACHE_HOME": str(cache), "HOME": str(scratch), "no_proxy": "127.0.0.1,localhost", "LC_ALL": "C"}
 failures = []
 
 

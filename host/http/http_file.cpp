@@ -75,6 +75,16 @@ HttpFile::HttpFile(std::string shown, RequestContext context, int file)
       downloads_(context_, spool_),
       service_(*this) {}
 
+// What it has kept may have made the cache too large.
+HttpFile::~HttpFile() {
+  const Options& options = context_.options;
+  try {
+    if (options.usesCache) WebCache(options.cacheBytes).removeOldest();
+  } catch (const std::bad_alloc&) {
+    return;  // the next one does it
+  }
+}
+
 void HttpFile::keepFront(std::span<const std::byte> bytes) {
   for (int64_t block = 0; !bytes.empty(); ++block) {
     const auto size = static_cast<size_t>(spool_.sizeOf(block));

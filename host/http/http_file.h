@@ -20,6 +20,7 @@ class HttpFile : public RemoteFile {
 
   // See open, which has asked for the front. `file` is the spool's.
   HttpFile(std::string shown, RequestContext context, int file);
+  ~HttpFile() override;
 
   int64_t length() const override { return context_.identity.length; }
   int64_t read(int64_t offset, void* to, int64_t count) noexcept override;

@@ -169,6 +169,7 @@ void WebCache::removeOldest() const {
     int64_t bytes;
   };
   std::vector<Kept> files;
+  if (!isOpen()) return;
   const int copy = ::openat(folder_, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   DIR* folder = copy >= 0 ? ::fdopendir(copy) : nullptr;
   if (folder == nullptr) return;

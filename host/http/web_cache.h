@@ -33,9 +33,10 @@ class WebCache {
   // A new file that takes the place of what was kept. A descriptor, or -1.
   int make(const WebAddress& address, const Identity& identity) const;
 
- private:
+  // As many files, the longest unused first, as are too much.
   void removeOldest() const;
 
+ private:
   int64_t mostBytes_;
   int folder_ = -1;
 };
