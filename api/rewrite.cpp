@@ -24,6 +24,7 @@ class MemberCopy {
   }
 
   void run() {
+    requireListed(source_, "");
     for (const ListedMember& member : source_.list("", {.isSorted = true})) {
       const bool isInDropped = !dropped_.empty() && member.path.starts_with(dropped_);
       if (isInDropped) continue;
@@ -48,6 +49,7 @@ class MemberCopy {
     const std::string name = nameOf(member);
     Store& container = *open_.back().store;
     if (member.kind == MemberKind::item) return copyItem(member.path, container.create(name));
+    requireListed(source_.openStore(member.path), member.path);
     auto nested = std::make_unique<Store>(container.createStore(name));
     Store* const store = nested.get();
     open_.push_back({member.path + "/", store, std::move(nested)});
@@ -59,6 +61,11 @@ class MemberCopy {
     if (name.find('/') != name.npos) refuse(Errc::badName, member, "its new name holds a \"/\"");
     if (open_.back().store->exists(name)) refuse(Errc::exists, member, "as " + name);
     return name;
+  }
+
+  void requireListed(const Store& store, const std::string& path) const {
+    if (store.countHidden() == 0) return;
+    throw Error(Errc::damaged, source_.path(), path, "it has members that no listing shows");
   }
 
   [[noreturn]] void refuse(Errc code, const ListedMember& member, const std::string& why) const {

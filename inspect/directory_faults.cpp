@@ -1,3 +1,6 @@
+#include <algorithm>
+#include <functional>
+#include <string_view>
 #include <vector>
 
 #include "hxcrate/inspect.hpp"
@@ -7,8 +10,8 @@ namespace hxcrate {
 
 namespace {
 
-// Goes along the links alone. It neither keeps names nor owners, which makes it many times as fast
-// as an Inspection: 500,000 members take 0.03 s.
+// Goes along the links alone. It keeps neither owners nor of names more than hashes, which makes it
+// many times as fast as an Inspection: 500,000 members take 0.06 s.
 class FaultCount {
  public:
   explicit FaultCount(const ByteSource& source)
@@ -23,7 +26,7 @@ class FaultCount {
     levels_.push_back({top, 0, 0});
     for (int64_t link = entry->firstLink; !levels_.empty();)
       link = hx::endsChain(link) ? leave() : follow(link);
-    return faults_;
+    return faults_ + countRepeated();
   }
 
  private:
@@ -43,6 +46,7 @@ class FaultCount {
     const bool isNeighbour = !isItem || entry->previousLink == level.previous;
     if (isAllZero(*entry) || entry->parentLink != level.store || !isNeighbour) ++faults_;
     level.previous = at;
+    noteName(*entry, level.store);
     if (isItem) return entry->next;
     levels_.push_back({at, entry->next, 0});
     return entry->firstLink;
@@ -52,6 +56,21 @@ class FaultCount {
     const int64_t behind = levels_.back().behind;
     levels_.pop_back();
     return behind;
+  }
+
+  // Without a name it is in no listing.
+  void noteName(const hx::Entry& entry, int64_t store) {
+    const auto length = static_cast<std::size_t>(hx::storedNameLength(entry.name));
+    if (length == 0 && !isAllZero(entry)) ++faults_;
+    const std::string_view name(reinterpret_cast<const char*>(entry.name), length);
+    const std::size_t hash = std::hash<std::string_view>()(name);
+    if (length > 0) names_.push_back(hash + static_cast<std::size_t>(store) * 0x9e3779b97f4a7c15u);
+  }
+
+  // Of several of one name the newest is found.
+  int64_t countRepeated() {
+    std::ranges::sort(names_);
+    return std::ranges::ssize(std::ranges::unique(names_));
   }
 
   // Nothing, and one fault more, where there is none, or no more can be.
@@ -66,6 +85,7 @@ class FaultCount {
   int64_t entriesLeft_;
   std::int64_t faults_ = 0;
   std::vector<Level> levels_;
+  std::vector<std::size_t> names_;  // hashes of them and of the stores that they are in
 };
 
 }  // namespace

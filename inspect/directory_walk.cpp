@@ -146,10 +146,10 @@ class DirectoryWalk {
       expect(entry, kPreviousLink, levels_.back().previous, ", its neighbour's", at, index);
     }
     checkName(entry, at, index);
-    if (member.name.empty() || member.name.find('/') != std::string::npos) {
-      report(Severity::warning, at + kName, index,
-             member.name.empty() ? "it has no name, so no path leads to it"
-                                 : "a name with \"/\" in it, so no path leads to it");
+    if (member.name.empty()) {
+      report(Severity::warning, at + kName, index, "it has no name, so no listing shows it");
+    } else if (member.name.find('/') != std::string::npos) {
+      report(Severity::error, at + kName, index, "a name with \"/\" in it, so no path leads to it");
     }
   }
 
@@ -178,7 +178,8 @@ class DirectoryWalk {
     }
   }
 
-  // Only one of two can be opened by its name.
+  // Only the newest can be opened by its name. The others are lost to every reader, even where the
+  // module made them of names that were one when they had been cut.
   void reportSharedNames() const {
     std::vector<std::size_t> order(members_.size());
     std::iota(order.begin(), order.end(), std::size_t{0});
@@ -193,9 +194,8 @@ class DirectoryWalk {
     const auto isShared = [&](std::size_t a, std::size_t b) { return keyOf(a) == keyOf(b); };
     for (auto pair = std::adjacent_find(begin, order.end(), isShared); pair != order.end();
          pair = std::adjacent_find(pair + 1, order.end(), isShared)) {
-      const std::size_t later = *(pair + 1);
-      report(Severity::warning, members_[later].entryOffset + kName, later,
-             "another member of its store has the same name");
+      report(Severity::error, members_[*pair].entryOffset + kName, *pair,
+             "another member of its store has the same name and is found instead");
     }
   }
 

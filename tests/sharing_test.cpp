@@ -430,6 +430,10 @@ TEST_F(Sharing, RewritesWithoutAJournal) {
   EXPECT_GT(::read(made, events, sizeof(events)), 0);
   ::close(made);
   EXPECT_EQ(std::string(events, sizeof(events)).find("-journal"), std::string::npos);
+  std::string file = readFile(path_);
+  file[file.find("10" + std::string(62, '\0')) + 1] = '1';
+  writeFile(path_, file);
+  EXPECT_EQ(errorOf([&] { session_.rewrite(path_); }), Errc::damaged) << "two are called 11";
 }
 
 // Nothing but waiting comes of it.

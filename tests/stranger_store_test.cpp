@@ -67,6 +67,17 @@ TEST_F(StrangerStoreTest, MakesNoMoreOfItThanTheFileHas) {
                 "fine.st\nin\nout\nx.st\ny.st\n");
 }
 
+TEST_F(StrangerStoreTest, HidesNoMemberBehindAnother) {
+  writeFile(directory_ / "a/itemBBX", "1");
+  writeFile(directory_ / "a/storeBB/x", "2");
+  expectRun(0, "hxcrate pack s.st a; sed s,itemBBX,storeBB, s.st >x.st");
+  for (const std::string words : {"ls x.st", "sum x.st", "unpack x.st o", "copy x.st y.st",
+                                  "export x.st e.tar", "diff x.st y.st", "check x.st"})
+    expectRun(1, "hxcrate " + words);
+  expectPrinted(0, "hxcrate salvage x.st z.st >l 2>&1; hxcrate cat z.st storeBB storeBB~2/x", "12");
+  expectRun(1, "sed s,itemBBX,ite/BBX, s.st >x.st; hxcrate check x.st");
+}
+
 TEST_F(StrangerStoreTest, FillsNoDisk) {
   {
     hxcrate::Session session;

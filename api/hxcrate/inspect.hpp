@@ -184,9 +184,9 @@ std::optional<bool> isBigEndian(std::string_view identity) noexcept;
 std::string listEncodings();
 
 // How many records of the directory show that it has lost members: they are all zero, are where no
-// record can be, or name another store or another neighbour than those from which a link leads to
-// them. Some ten times as fast as an Inspection, and blind to all else. Throws notAStore,
-// unknownEncoding.
+// record can be, name another store or another neighbour than those from which a link leads to
+// them, or are in no listing (Store::countHidden). Some ten times as fast as an Inspection, and
+// blind to all else. Throws notAStore, unknownEncoding.
 std::int64_t countDirectoryFaults(const ByteSource& source);
 
 // Told of bytes and of where they belong; some of a place more than once, the last ones count.

@@ -106,7 +106,7 @@ class [[nodiscard]] Session {
   // place in one step when it is complete and on disk; other hard links of the file keep the old
   // one. Whatever is thrown, be it by a callback, the file is as it was, unless
   // FileFailure::happened. Needs room for both. Throws otherEncoding for a file of another byte
-  // order, exists where two members get one name.
+  // order, exists where two members get one name, damaged for members that no listing shows.
   void rewrite(const FilePath& path, const RewriteOptions& options = {});
   void rewrite(const FilePath& path, std::error_code& error, const RewriteOptions& options = {}) {
     captureError(error, [&] { rewrite(path, options); });
