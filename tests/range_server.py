@@ -56,7 +56,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
                 content = file.read()
         except OSError:
             return self.answer(404)
-        self.serve(fault, content, changed=fault == "changes" and count > 1)
+        self.serve(fault, content, changed=fault.startswith("changes") and count > int(fault[7:] or 1))
 
     def told_length(self, fault, content):
         return {"endless": 2**63 - 1, "vast": 10**15}.get(fault, len(content))

@@ -77,6 +77,10 @@ def test_faults():
     for path, code in (("/-/many.st", 4), ("/404/many.st", 4)):
         expect(run("put", server.url + path, "x")[0] == code, "put to a URL")
     secret = server.url.replace("//", "//user:secret@") + "/-/many.st?signature=secret"
+    for count in (2, 3, 5):  # of eight requests that were good, some of them at once
+        code, output, complaint = run("cat", "--no-cache", f"{server.url}/changes{count}/tree.st", "parts")
+        expect(code == 3 and output == large[:len(output)] and "was changed meanwhile" in complaint,
+               f"changed after {count} requests: exit code {code}, {len(output)} bytes, {complaint}")
     for words in (("diff", secret, tree), ("tree", secret), ("stat", "--json", secret), ("mount", secret, www / "no")):
         _, output, complaint = run(*words)
         expect(b"secret" not in output and "secret" not in complaint, f"{words[0]} shows a secret")

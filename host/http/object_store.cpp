@@ -54,7 +54,7 @@ class Profile {
 
  private:
   std::optional<std::string> find(std::string_view name) const {
-    const auto value = lookUp(pathOf("AWS_SHARED_CREDENTIALS_FILE", "credentials"), name_, name);
+    auto value = lookUp(pathOf("AWS_SHARED_CREDENTIALS_FILE", "credentials"), name_, name);
     if (value) return value;
     return lookUp(pathOf("AWS_CONFIG_FILE", "config"),
                   name_ == "default" ? name_ : "profile " + name_, name);

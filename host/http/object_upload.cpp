@@ -20,7 +20,7 @@ constexpr int64_t kMostParts = 10000;
 int64_t mostAtOnce() {
   // NOLINTNEXTLINE(concurrency-mt-unsafe): nobody here sets any
   const char* told = std::getenv("HX_TEST_PART_BYTES");
-  return told != nullptr ? std::max(std::atoll(told), 1LL) : kMostAtOnce;
+  return told != nullptr ? std::max<int64_t>(std::strtoll(told, nullptr, 10), 1) : kMostAtOnce;
 }
 
 std::span<const std::byte> bytesOf(const std::string& text) {
