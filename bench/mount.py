@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Mounted stores beside other mounted archives and the plain folder, as a table in Markdown.
 
-    mount.py BIN SCRATCH [--quick] [--rounds N]
+    mount.py BIN SCRATCH [--quick] [--rounds N] [--document FILE]
 
 BIN holds the built hxcrate and hxcrate-mount. Needs root, to empty the kernel's caches. Every figure is
 the median of the rounds, in each of which the engines take turns; "-" stands for what an engine was not
@@ -17,11 +17,14 @@ import subprocess
 import sys
 import time
 
+from report import replace_tables
+
 arguments = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
 arguments.add_argument("bin", type=pathlib.Path)
 arguments.add_argument("scratch", type=pathlib.Path)
 arguments.add_argument("--quick", action="store_true", help="a tenth of everything, one round")
 arguments.add_argument("--rounds", type=int, default=5)
+arguments.add_argument("--document", type=pathlib.Path, help="put the table between its lines <!-- mount --> and <!-- /mount -->")
 options = arguments.parse_args()
 ROUNDS = 1 if options.quick else options.rounds
 FOLDERS = 10 if options.quick else 100
@@ -189,10 +192,13 @@ def main():
     for round_ in range(ROUNDS):
         print(f"round {round_ + 1} of {ROUNDS}", file=sys.stderr)
         measure(results)
-    print("| | " + " | ".join(ENGINES) + " |\n|---|" + "---:|" * len(ENGINES))
+    table = "| | " + " | ".join(ENGINES) + " |\n|---|" + "--:|" * len(ENGINES) + "\n"
     for figure, engines in results.items():
         cells = [f"{statistics.median(engines[engine]):.1f}" if engine in engines else "-" for engine in ENGINES]
-        print(f"| {figure} | " + " | ".join(cells) + " |")
+        table += f"| {figure} | " + " | ".join(cells) + " |\n"
+    print(table, end="")
+    if options.document:
+        replace_tables(options.document, table, "mount")
     shutil.rmtree(WORK)
 
 

@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Measures the package beside lmdb, h5py, zipfile and sqlite3, and prints a table of what came out.
 
-    ./dev python --bench [--items N] [--megabytes N] [--rounds N] [--folder DIR]
+    ./dev python --bench [--items N] [--megabytes N] [--rounds N] [--folder DIR] [--document FILE]
 
 Each figure is the median of the rounds; in each the engines take turns, on fresh openings of files
 that are in the system's cache. An engine that can't do a thing has no figure there.
@@ -9,6 +9,7 @@ that are in the system's cache. An engine that can't do a thing has no figure th
 
 import argparse
 import os
+import pathlib
 import random
 import shutil
 import sqlite3
@@ -24,6 +25,7 @@ import lmdb
 import numpy
 
 import hxcrate
+from report import replace_tables
 
 ITEM = os.urandom(100)
 SMALL_STORES = 1000
@@ -249,6 +251,8 @@ def main():
     parser.add_argument("--megabytes", type=int, default=256)
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--folder", help="where the files go; a temporary one unless told")
+    parser.add_argument("--document", type=pathlib.Path,
+                        help="put the table between its lines <!-- python --> and <!-- /python -->")
     arguments = parser.parse_args()
     folder = tempfile.mkdtemp(dir=arguments.folder)
     try:
@@ -298,12 +302,15 @@ def report(taken, arguments):
              "two threads": (arguments.megabytes / 1024, "GiB/s"),
              "1,000 small stores": (SMALL_STORES / 1e3, "k/s")}
     kinds = ["Hxcrate", "HxcrateMapped", "Lmdb", "H5py", "Zipfile", "Sqlite", "C++"]
-    print("| | " + " | ".join(kinds) + " |\n|---" * 1 + "|---" * len(kinds) + "|")
+    table = "| | " + " | ".join(kinds) + " |\n|---" + "|--:" * len(kinds) + "|\n"
     for what, engines in taken.items():
         amount, unit = units[what]
         cells = [f"{amount / statistics.median(engines[kind]):.3g}" if kind in engines else ""
                  for kind in kinds]
-        print(f"| {what}, {unit} | " + " | ".join(cells) + " |")
+        table += f"| {what}, {unit} | " + " | ".join(cells) + " |\n"
+    print(table, end="")
+    if arguments.document:
+        replace_tables(arguments.document, table, "python")
 
 
 if __name__ == "__main__":

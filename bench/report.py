@@ -265,11 +265,11 @@ def draw(results, folder):
         pyplot.close(figure)
 
 
-def replace_tables(document, tables):
-    head, begin, rest = document.read_text().partition("<!-- bench -->\n")
-    _, end, tail = rest.partition("<!-- /bench -->")
+def replace_tables(document, tables, mark="bench"):
+    head, begin, rest = document.read_text().partition(f"<!-- {mark} -->\n")
+    _, end, tail = rest.partition(f"<!-- /{mark} -->")
     if not end:
-        sys.exit(f"{document}: has no lines <!-- bench --> and <!-- /bench -->")
+        sys.exit(f"{document}: has no lines <!-- {mark} --> and <!-- /{mark} -->")
     document.write_text(head + begin + tables + end + tail)
 
 
@@ -290,4 +290,5 @@ def main():
     return int(any("failure" in cell for row in results["rows"] for cell in row["engines"]))
 
 
-sys.exit(main())
+if __name__ == "__main__":
+    sys.exit(main())
