@@ -61,6 +61,13 @@ class Handler(http.server.BaseHTTPRequestHandler):
     def told_length(self, fault, content):
         return {"endless": 2**63 - 1, "vast": 10**15}.get(fault, len(content))
 
+    # Of /put503/NAME the answer is 503.
+    def do_PUT(self):
+        self.rfile.read(int(self.headers["Content-Length"]))
+        status = int(self.path[4:7])
+        known = status != 412 or self.headers["If-None-Match"] == "*"
+        self.answer(status if known else 200, Retry_After="0", Location="/elsewhere/x")
+
     def serve(self, fault, content, changed):
         tag = '"2"' if changed else '"1"'
         if changed:

@@ -81,6 +81,11 @@ def test_faults():
         code, output, complaint = run("cat", "--no-cache", f"{server.url}/changes{count}/tree.st", "parts")
         expect(code == 3 and output == large[:len(output)] and "was changed meanwhile" in complaint,
                f"changed after {count} requests: exit code {code}, {len(output)} bytes, {complaint}")
+    for status, code, said in ((200, 0, ""), (412, 4, "exists already"), (307, 3, "sends elsewhere (307)"),
+                               (503, 3, "not available now (503), 5 times")):
+        got, _, complaint = run("pack", f"s3://put{status}/x", tree / "many", AWS_ENDPOINT_URL=server.url,
+                                AWS_ACCESS_KEY_ID="id", AWS_SECRET_ACCESS_KEY="secret")
+        expect(got == code and said in complaint, f"sent, and answered {status}: exit code {got}, {complaint}")
     for words in (("diff", secret, tree), ("tree", secret), ("stat", "--json", secret), ("mount", secret, www / "no")):
         _, output, complaint = run(*words)
         expect(b"secret" not in output and "secret" not in complaint, f"{words[0]} shows a secret")
