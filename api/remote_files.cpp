@@ -294,7 +294,8 @@ std::shared_ptr<Opening> openRemote(const std::shared_ptr<Engine>& session, cons
   }
   if (root == nullptr) {
     const auto code = static_cast<Errc>(status);
-    throw Error(code == Errc::notFound ? Errc::notAStore : code, file->shownUrl(), "");
+    const bool isNone = code == Errc::notFound || code == Errc::damaged;
+    throw Error(isNone ? Errc::notAStore : code, file->shownUrl(), "");
   }
   file->expectRuns(findRuns(*file, root.get()));
   opening->take(std::move(root));

@@ -74,6 +74,9 @@ def test_faults():
     for command in ("copy", "salvage", "export"):  # which have no file's rights to take over
         code, _, complaint = run(command, server.url + "/-/many.st", scratch / f"{command}.tar")
         expect(code == 0, f"{command}: {complaint}")
+    (www / "page").write_bytes(b" " * 2000)
+    code, _, complaint = run("ls", server.url + "/-/page")
+    expect(code == 4 and "not a store" in complaint, f"what is no store: {complaint}")
     for path, code in (("/-/many.st", 4), ("/404/many.st", 4)):
         expect(run("put", server.url + path, "x")[0] == code, "put to a URL")
     secret = server.url.replace("//", "//user:secret@") + "/-/many.st?signature=secret"

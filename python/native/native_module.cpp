@@ -93,6 +93,21 @@ py::object createInMemory(const std::string& name, std::int32_t pageSize) {
   return wrapStore(sessionFor(hxcrate::Durability::full).createInMemory(name, pageSize), {});
 }
 
+// Python's object.__new__ would make objects around memory that nobody has filled.
+PyObject* refuseNew(PyTypeObject* type, PyObject*, PyObject*) {
+  return PyErr_Format(PyExc_TypeError, "a %.100s comes from a store, or from hxcrate.open",
+                      type->tp_name);
+}
+
+void refuseNewOfAll(const py::module_& module) {
+  for (const auto& [name, value] : py::dict(module.attr("__dict__"))) {
+    if (PyType_Check(value.ptr()) == 0) continue;
+    auto* type = reinterpret_cast<PyTypeObject*>(value.ptr());
+    if (PyType_IsSubtype(type, reinterpret_cast<PyTypeObject*>(PyExc_BaseException)) == 0)
+      type->tp_new = refuseNew;
+  }
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_native, module) {
@@ -102,6 +117,7 @@ PYBIND11_MODULE(_native, module) {
   defineItems(module);
   defineStores(module);
   defineWritableStores(module);
+  refuseNewOfAll(module);
   module.attr("__version__") = std::string(hxcrate::version());
   module.def("open", open);
   module.def(

@@ -19,7 +19,6 @@ constexpr std::size_t kReadAtOnce = 4097;
 // alone. Asking pybind11 for it by its type would cost a get 40 ns of 1000.
 StoreHandle& handleOf(PyObject* self) {
   void* handle = reinterpret_cast<py::detail::instance*>(self)->get_value_and_holder().value_ptr();
-  if (handle == nullptr) throw py::type_error("a store comes from hxcrate.open");
   return *static_cast<StoreHandle*>(handle);
 }
 
