@@ -77,7 +77,8 @@ bool ObjectUpload::complete(const std::string& id) {
 void ObjectUpload::abandon(const std::string& id) {
   Failure reason = std::exchange(failure_, {});
   isEnding_ = true;
-  if (!ask({"DELETE", id, {}, hashOf({}), false})) {
+  const bool isGone = ask({"DELETE", id, {}, hashOf({}), false}) || failure_.error == ENOENT;
+  if (!isGone) {
     reason.reason += "; parts of it stay with the server until it is told to remove them";
   }
   failure_ = std::move(reason);
