@@ -46,17 +46,29 @@ class Printer {
 
  private:
   void print(const hxcrate::Store& store, const std::string& path) {
-    std::optional<hxcrate::Reader> reader = openIfItem(store, path);
-    if (!reader) {
+    const std::optional<hxcrate::View> view = openIfItem(store, path);
+    if (!view) {
       complain(options_.store, path.empty() ? "/" : path, "is a store");
       outcome_ = worse(outcome_, ExitCode::notOpenable);
       return;
     }
-    reader->skip(options_.offset);
-    expected_ += std::clamp<std::int64_t>(reader->size() - options_.offset, 0, options_.length);
-    progress_.expect(expected_, static_cast<std::int64_t>(options_.paths.size()));
-    pump_.move(options_.length, takeFrom(*reader),
+    const bool isFar = hxcrate::isUrl(options_.store);
+    if (!isFar || progress_.isShown()) expect(view->size() - options_.offset);
+    std::int64_t at = options_.offset;
+    const auto take = [&](std::span<std::byte> room) {
+      const std::size_t count = view->readAt(at, room);
+      at += static_cast<std::int64_t>(count);
+      return count;
+    };
+    pump_.move(options_.length, take,
                [&](std::span<const std::byte> bytes) { output_.write(bytes); });
+  }
+
+  // All records have been looked at then, so that nothing is printed of an item that is damaged. Far
+  // away they come with the bytes, and nobody waits for them.
+  void expect(std::int64_t bytes) {
+    expected_ += std::clamp<std::int64_t>(bytes, 0, options_.length);
+    progress_.expect(expected_, static_cast<std::int64_t>(options_.paths.size()));
   }
 
   const CatOptions& options_;

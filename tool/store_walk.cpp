@@ -100,9 +100,9 @@ std::optional<hxcrate::Store> openIfStore(hxcrate::Store& store, const std::stri
   return nested;
 }
 
-std::optional<hxcrate::Reader> openIfItem(const hxcrate::Store& store, const std::string& path) {
+std::optional<hxcrate::View> openIfItem(const hxcrate::Store& store, const std::string& path) {
   if (path.empty()) return std::nullopt;
-  auto item = openIfThere([&] { return store.read(path); });
+  auto item = openIfThere([&] { return store.view(path); });
   if (!item) store.openStore(path).close();
   return item;
 }

@@ -97,7 +97,7 @@ std::optional<hxcrate::Store> openIfStore(hxcrate::Store& store, const std::stri
 
 // `path` in `store` as an item; nothing when it is a store's. Throws hxcrate::Error when it is
 // nobody's.
-std::optional<hxcrate::Reader> openIfItem(const hxcrate::Store& store, const std::string& path);
+std::optional<hxcrate::View> openIfItem(const hxcrate::Store& store, const std::string& path);
 
 // What `path` leads to; nothing when there is nothing.
 std::optional<hxcrate::MemberKind> kindOf(const hxcrate::Store& store, const std::string& path);

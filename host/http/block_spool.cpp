@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <bit>
 #include <cerrno>
 #include <cstring>
@@ -11,7 +12,7 @@
 namespace hxremote {
 namespace {
 
-constexpr size_t kSlots = 256;
+constexpr size_t kSlots = 2560;  // 40 MiB
 constexpr int64_t kPage = 4096;
 
 int64_t alignUp(int64_t offset) {
@@ -65,8 +66,9 @@ uint64_t sumOf(int64_t block, std::span<const std::byte> bytes) {
 
 }  // namespace
 
-BlockSpool::BlockSpool(int file, int64_t length, int64_t mostBytes)
+BlockSpool::BlockSpool(int file, bool isShared, int64_t length, int64_t mostBytes)
     : file_(file),
+      isShared_(isShared),
       length_(length),
       firstBlock_(alignUp(kFrontSize + (length / kBlockSize + 1) * 8)),
       mostBlocks_(static_cast<size_t>(std::max<int64_t>(mostBytes / kBlockSize, 64))),
@@ -85,27 +87,53 @@ uint64_t BlockSpool::sumIn(int64_t block) const {
   return readWhole(file_, &sum, sizeof(sum), kFrontSize + block * 8) ? sum : 0;
 }
 
-BlockSpool::Slot& BlockSpool::slotOf(int64_t block) {
-  Slot& slot = slots_[static_cast<size_t>(block) % kSlots];
-  if (slot.bytes == nullptr) slot.bytes = std::make_unique<std::byte[]>(kBlockSize);
-  return slot;
-}
-
-bool BlockSpool::seemsToHave(int64_t block) const {
-  return slots_[static_cast<size_t>(block) % kSlots].block == block || sumIn(block) != 0;
-}
-
-std::span<const std::byte> BlockSpool::load(int64_t block) {
-  Slot& slot = slotOf(block);
-  if (slot.block != block) {
-    slot.block = -1;
-    if (!read(block, slot.bytes.get())) return {};
-    slot.block = block;
+int64_t BlockSpool::findFirst(int64_t from, int64_t to) const {
+  std::array<uint64_t, 512> sums;
+  for (int64_t count = 1; from < to; from += count) {
+    if (isInMemory(from)) return from;
+    count = std::min(std::ssize(sums), to - from);
+    sums.fill(0);  // behind the file's end none is kept
+    readWhole(file_, sums.data(), count * 8, kFrontSize + from * 8);
+    for (int64_t i = 0; i < count; ++i)
+      if (sums[static_cast<size_t>(i)] != 0 || isInMemory(from + i)) return from + i;
   }
-  return {slot.bytes.get(), static_cast<size_t>(sizeOf(block))};
+  return to;
 }
 
-bool BlockSpool::read(int64_t block, std::byte* to) const {
+// Makes room for that block.
+int BlockSpool::vacate(Slot& slot, int64_t block) {
+  if (slot.bytes == nullptr) slot.bytes = std::make_unique_for_overwrite<std::byte[]>(kBlockSize);
+  const bool isOther = slot.block >= 0 && slot.block != block;
+  const bool isThrough = slot.isPassing && slot.given >= sizeOf(slot.block);
+  const int error = isOther && !slot.isKept && !isThrough ? keep(slot) : 0;
+  slot.block = -1;
+  return error;
+}
+
+int64_t BlockSpool::read(int64_t offset, std::span<std::byte> to) {
+  Slot* slot = load(offset / kBlockSize);
+  if (slot == nullptr) return 0;
+  const int64_t start = offset % kBlockSize;
+  const int64_t count = std::min(sizeOf(slot->block) - start, std::ssize(to));
+  std::memcpy(to.data(), slot->bytes.get() + start, static_cast<size_t>(count));
+  slot->given += count;
+  return count;
+}
+
+BlockSpool::Slot* BlockSpool::load(int64_t block) {
+  Slot& slot = slotOf(block);
+  if (slot.block == block) return &slot;
+  if (sumIn(block) == 0) return nullptr;
+  // What the disk does not take is asked for again when it is read.
+  static_cast<void>(vacate(slot, block));
+  if (!fetch(block, slot.bytes.get())) return nullptr;
+  slot.block = block;
+  slot.given = 0;
+  slot.isKept = true;
+  return &slot;
+}
+
+bool BlockSpool::fetch(int64_t block, std::byte* to) const {
   const uint64_t sum = sumIn(block);
   if (sum == 0) return false;
   const bool isRead = readWhole(file_, to, sizeOf(block), placeOf(block));
@@ -115,18 +143,27 @@ bool BlockSpool::read(int64_t block, std::byte* to) const {
   return false;
 }
 
-int BlockSpool::store(int64_t block, std::span<const std::byte> bytes) {
+int BlockSpool::store(int64_t block, std::span<const std::byte> bytes, bool isPassing) {
   Slot& slot = slotOf(block);
-  std::ranges::copy(bytes, slot.bytes.get());
+  const int error = vacate(slot, block);
+  std::memcpy(slot.bytes.get(), bytes.data(), bytes.size());
   slot.block = block;
+  slot.given = 0;
+  slot.isPassing = isPassing;
+  slot.isKept = isShared_;
+  return error == 0 && isShared_ ? keep(slot) : error;
+}
+
+int BlockSpool::keep(const Slot& slot) {
+  const std::span<const std::byte> bytes{slot.bytes.get(), static_cast<size_t>(sizeOf(slot.block))};
   if (stored_.size() >= mostBlocks_) dropOldest();
-  if (const int error = writeWhole(file_, bytes.data(), std::ssize(bytes), placeOf(block));
+  if (const int error = writeWhole(file_, bytes.data(), std::ssize(bytes), placeOf(slot.block));
       error != 0) {
     return error;
   }
-  const uint64_t sum = sumOf(block, bytes);
-  stored_.push_back(block);
-  return writeWhole(file_, &sum, sizeof(sum), kFrontSize + block * 8);
+  const uint64_t sum = sumOf(slot.block, bytes);
+  stored_.push_back(slot.block);
+  return writeWhole(file_, &sum, sizeof(sum), kFrontSize + slot.block * 8);
 }
 
 // Gives its room on the disk back.

@@ -19,7 +19,9 @@
 
 namespace hxremote {
 
-// One thread at a time calls it.
+// The blocks that came last are in memory as well, as many as may be under way at once, so that who
+// reads on meets them there. A file of this object alone gets a block when that leaves memory:
+// whoever passes through a long item once writes nothing. One thread at a time calls it.
 class BlockSpool {
  public:
   static constexpr int64_t kBlockSize = 16384;
@@ -27,7 +29,7 @@ class BlockSpool {
 
   // For a remote file of `length` bytes, of which at most `mostBytes` are kept. Takes the
   // descriptor over. Throws std::bad_alloc.
-  BlockSpool(int file, int64_t length, int64_t mostBytes);
+  BlockSpool(int file, bool isShared, int64_t length, int64_t mostBytes);
   ~BlockSpool();
   BlockSpool(const BlockSpool&) = delete;
   BlockSpool& operator=(const BlockSpool&) = delete;
@@ -36,28 +38,40 @@ class BlockSpool {
   // The last may be shorter.
   int64_t sizeOf(int64_t block) const;
 
-  // Whether the block seems to be here; load may find otherwise.
-  bool seemsToHave(int64_t block) const;
+  // The first block from `from` on and before `to` that seems to be here, else `to`; read may find
+  // otherwise.
+  int64_t findFirst(int64_t from, int64_t to) const;
 
-  // The block's bytes, which stay until the next call; empty when it is not here.
-  std::span<const std::byte> load(int64_t block);
+  // Bytes from `offset` on, as far as its block goes; 0 when that is not here.
+  int64_t read(int64_t offset, std::span<std::byte> to);
 
-  // An errno when the disk does not take it; then it is here until others come.
-  int store(int64_t block, std::span<const std::byte> bytes);
+  // An errno when the disk does not take it or what it takes the place of; it is here until others
+  // come. `isPassing`: once all of it was read, nobody asks for it again.
+  int store(int64_t block, std::span<const std::byte> bytes, bool isPassing);
 
  private:
   struct Slot {
     int64_t block = -1;
+    int64_t given = 0;  // bytes of it that were read
+    bool isPassing = false;
+    bool isKept = false;  // in the file as well
     std::unique_ptr<std::byte[]> bytes;
   };
 
   int64_t placeOf(int64_t block) const { return firstBlock_ + block * kBlockSize; }
+  Slot& slotOf(int64_t block) { return slots_[static_cast<size_t>(block) % slots_.size()]; }
+  bool isInMemory(int64_t block) const {
+    return slots_[static_cast<size_t>(block) % slots_.size()].block == block;
+  }
+  int vacate(Slot& slot, int64_t block);
+  Slot* load(int64_t block);
+  int keep(const Slot& slot);
   uint64_t sumIn(int64_t block) const;
-  Slot& slotOf(int64_t block);
-  bool read(int64_t block, std::byte* to) const;
+  bool fetch(int64_t block, std::byte* to) const;
   void dropOldest();
 
   const int file_;
+  const bool isShared_;
   const int64_t length_;
   const int64_t firstBlock_;
   const size_t mostBlocks_;

@@ -28,14 +28,13 @@ void RequestContext::count(const Transfers& more) {
   options.meter->nanoseconds += more.time.count();
 }
 
-Download::Download(RequestContext& context, BlockSpool& spool, int64_t from, int64_t to,
-                   bool isGuess)
+Download::Download(RequestContext& context, BlockSpool& spool, int64_t from, int64_t to, Kind kind)
     : context_(context),
       spool_(spool),
       address_(context.address),
       position_(from),
       to_(to),
-      isGuess_(isGuess) {}
+      kind_(kind) {}
 
 bool Download::refuse(int error, std::string reason) {
   attempts_.refuse({error, std::move(reason), position_});
@@ -85,7 +84,7 @@ bool Download::take(std::span<const std::byte> bytes) {
 
 bool Download::putBlock(std::span<const std::byte> bytes) {
   const int64_t block = position_ / BlockSpool::kBlockSize;
-  if (const int error = spool_.store(block, bytes); error != 0) {
+  if (const int error = spool_.store(block, bytes, kind_ == Kind::part); error != 0) {
     return refuse(error, "what was read can't be kept: " + std::generic_category().message(error));
   }
   position_ += std::ssize(bytes);
@@ -106,8 +105,8 @@ Downloads::~Downloads() {
   curl_multi_cleanup(multi_);
 }
 
-void Downloads::start(int64_t from, int64_t to, bool isGuess) {
-  list_.push_back(std::make_shared<Download>(context_, spool_, from, to, isGuess));
+void Downloads::start(int64_t from, int64_t to, Download::Kind kind) {
+  list_.push_back(std::make_shared<Download>(context_, spool_, from, to, kind));
   curl_multi_wakeup(multi_);
 }
 

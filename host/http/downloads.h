@@ -31,12 +31,18 @@ struct RequestContext {
 // One range of blocks, from block to block, by one request or, after faults, several.
 class Download : public ByteSink {
  public:
-  Download(RequestContext& context, BlockSpool& spool, int64_t from, int64_t to, bool isGuess);
+  enum class Kind {
+    wanted,
+    guess,  // of what is wanted next
+    part,   // of a long run
+  };
+
+  Download(RequestContext& context, BlockSpool& spool, int64_t from, int64_t to, Kind kind);
 
   bool covers(int64_t offset) const { return position_ <= offset && offset < to_; }
   int64_t position() const { return position_; }
   int64_t to() const { return to_; }
-  bool isGuess() const { return isGuess_; }  // of what is wanted next
+  bool isGuess() const { return kind_ == Kind::guess; }
   const Failure& failure() const { return attempts_.failure(); }
 
   bool begin(const ReplyHead& head) override;
@@ -53,7 +59,7 @@ class Download : public ByteSink {
   WebAddress address_;
   int64_t position_;  // all before is in the spool; where a block begins
   const int64_t to_;
-  const bool isGuess_;
+  const Kind kind_;
   bool isCancelled_ = false;
   bool isOver_ = false;
   Attempts attempts_{address_};
@@ -72,7 +78,7 @@ class Downloads {
   Downloads(const Downloads&) = delete;
   Downloads& operator=(const Downloads&) = delete;
 
-  void start(int64_t from, int64_t to, bool isGuess);
+  void start(int64_t from, int64_t to, Download::Kind kind);
 
   // The one that will bring the byte; null: none.
   std::shared_ptr<Download> find(int64_t offset) const;

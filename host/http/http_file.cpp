@@ -60,18 +60,19 @@ std::unique_ptr<HttpFile> HttpFile::open(const std::string& url, const Options& 
   context.identity = front->identity;
   int file = isSame ? cached->file : -1;
   if (file < 0 && cache && front->identity.isTold()) file = cache->make(*address, front->identity);
-  if (file < 0) file = makeNamelessFile();
+  const bool isInCache = file >= 0;
+  if (!isInCache) file = makeNamelessFile();
   if (file < 0) failure = {errno, "there is no room for what is read"};
   if (file < 0) return nullptr;
-  auto opened = std::make_unique<HttpFile>(address->shown, std::move(context), file);
+  auto opened = std::make_unique<HttpFile>(address->shown, std::move(context), file, isInCache);
   opened->keepFront(front->bytes);
   return opened;
 }
 
-HttpFile::HttpFile(std::string shown, RequestContext context, int file)
+HttpFile::HttpFile(std::string shown, RequestContext context, int file, bool isInCache)
     : shown_(std::move(shown)),
       context_(std::move(context)),
-      spool_(file, context_.identity.length, keptBytes(context_.options)),
+      spool_(file, isInCache, context_.identity.length, keptBytes(context_.options)),
       downloads_(context_, spool_),
       service_(*this) {}
 
@@ -89,7 +90,7 @@ void HttpFile::keepFront(std::span<const std::byte> bytes) {
   for (int64_t block = 0; !bytes.empty(); ++block) {
     const auto size = static_cast<size_t>(spool_.sizeOf(block));
     if (bytes.size() < size) return;
-    spool_.store(block, bytes.first(size));
+    spool_.store(block, bytes.first(size), false);
     bytes = bytes.subspan(size);
     windowEnd_ = std::min((block + 1) * kBlock, length());
   }
@@ -99,20 +100,15 @@ int64_t HttpFile::read(int64_t offset, void* to, int64_t count) noexcept try {
   std::unique_lock lock(mutex_);
   if (offset < 0 || offset >= length()) return 0;
   count = std::min(count, length() - offset);
+  const std::span bytes(static_cast<std::byte*>(to), static_cast<size_t>(count));
   int64_t done = 0;
   int tries = 0;
   while (done < count) {
     const int64_t from = offset + done;
-    const std::span<const std::byte> block = spool_.load(from / kBlock);
-    if (block.empty()) {
-      if (++tries > kMostTries || !fetch(lock, from, count - done)) break;
-      continue;
-    }
-    tries = 0;
-    const std::span<const std::byte> found = block.subspan(static_cast<size_t>(from % kBlock));
-    const auto taken = std::min(found.size(), static_cast<size_t>(count - done));
-    std::memcpy(static_cast<std::byte*>(to) + done, found.data(), taken);
-    done += static_cast<int64_t>(taken);
+    const int64_t taken = spool_.read(from, bytes.subspan(static_cast<size_t>(done)));
+    tries = taken > 0 ? 0 : tries + 1;
+    if (taken == 0 && (tries > kMostTries || !fetch(lock, from, count - done))) break;
+    done += taken;
   }
   if (done < count && !failure_)
     failure_ = {EIO, "what was read does not stay on the disk", offset};
@@ -126,7 +122,7 @@ void HttpFile::prepare(int64_t offset, int64_t count) noexcept try {
   if (offset < 0 || offset >= length()) return;
   const int64_t end = std::min(offset + count, length());
   for (int64_t at = offset; at < end; at = blockStart(at) + kBlock) {
-    if (spool_.seemsToHave(at / kBlock)) continue;
+    if (spool_.findFirst(at / kBlock, at / kBlock + 1) == at / kBlock) continue;
     findOrStart(at, end - at);
     return;
   }
@@ -189,7 +185,8 @@ void HttpFile::startAt(int64_t offset, int64_t count) {
   const int64_t end = firstKnown(from + kBlock, wanted);
   const bool isLong = !isGuess && end - from > kOneRequest;
   longRun_ = {isLong ? from : end, end};
-  if (!isLong) downloads_.start(from, end, isGuess);
+  const auto kind = isGuess ? Download::Kind::guess : Download::Kind::wanted;
+  if (!isLong) downloads_.start(from, end, kind);
 }
 
 // Behind what was asked for of a long run, or a little farther on.
@@ -200,8 +197,9 @@ bool HttpFile::goesOnInLongRun(int64_t offset) const {
 void HttpFile::startParts(int64_t offset) {
   if (offset < longRun_.next - kAhead || offset >= longRun_.end) return;
   while (longRun_.next < longRun_.end && longRun_.next - offset < kAhead) {
-    const int64_t end = std::min(longRun_.next + kPart, longRun_.end);
-    downloads_.start(longRun_.next, end, false);
+    int64_t end = std::min(longRun_.next + kPart, longRun_.end);
+    if (longRun_.end - end <= kShortSkip) end = longRun_.end;
+    downloads_.start(longRun_.next, end, Download::Kind::part);
     longRun_.next = end;
   }
 }
@@ -229,8 +227,10 @@ int64_t HttpFile::growWindow(int64_t offset, int64_t count) {
 
 // Up to where nothing is here or on its way. The farther off, the less it matters.
 int64_t HttpFile::firstKnown(int64_t from, int64_t to) const {
-  for (int64_t at = from; at < std::min(to, from + kAhead); at += kBlock) {
-    if (spool_.seemsToHave(at / kBlock) || downloads_.find(at)) return at;
+  const int64_t last = std::min(to, from + kAhead);
+  const int64_t here = spool_.findFirst(from / kBlock, (last + kBlock - 1) / kBlock) * kBlock;
+  for (int64_t at = from; at < last; at += kBlock) {
+    if (at >= here || downloads_.find(at)) return at;
   }
   return to;
 }

@@ -18,8 +18,8 @@ class HttpFile : public RemoteFile {
   static std::unique_ptr<HttpFile> open(const std::string& url, const Options& options,
                                         Failure& failure);
 
-  // See open, which has asked for the front. `file` is the spool's.
-  HttpFile(std::string shown, RequestContext context, int file);
+  // See open, which has asked for the front. `file` is the spool's, or that of the cache.
+  HttpFile(std::string shown, RequestContext context, int file, bool isInCache);
   ~HttpFile() override;
 
   int64_t length() const override { return context_.identity.length; }
