@@ -64,6 +64,12 @@ bool readRecord(RemoteFile& file, std::int64_t offset, Record& record) {
   return file.read(offset, &record, sizeof(record)) == sizeof(record);
 }
 
+// With one record for each ENTRY, where that is not much, else with the first one.
+std::int64_t endWithRecords(std::int64_t start, std::int64_t records) {
+  const std::int64_t more = (records - start) / hx::kEntrySize * hx::kChunkSize;
+  return records + (more <= (1 << 20) ? more : hx::kChunkSize);
+}
+
 // Behind the directory that begins at `start`: the first record of an item's page, where that lies
 // behind the entries, else the file's end, where a writer puts the directory.
 std::int64_t guessDirectoryEnd(RemoteFile& file, std::int64_t start, bool isTurned) {
@@ -77,8 +83,9 @@ std::int64_t guessDirectoryEnd(RemoteFile& file, std::int64_t start, bool isTurn
     const std::int64_t first = native(entry.firstLink, isTurned);
     const std::int64_t next = native(entry.next, isTurned);
     // In a blob each lies behind its own item's entry.
-    const bool isApart = first > at + hx::kEntrySize || (first > at && hx::endsChain(next));
-    if (hx::leadsToItem(link)) return isApart ? first + hx::kChunkSize : file.length();
+    const std::int64_t nearest = at + (hx::endsChain(next) ? 1 : 2) * hx::kEntrySize;
+    const bool isApart = first >= nearest && first < file.length();
+    if (hx::leadsToItem(link)) return isApart ? endWithRecords(start, first) : file.length();
     link = hx::endsChain(first) ? next : first;
   }
   return file.length();

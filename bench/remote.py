@@ -1,11 +1,14 @@
 #!/usr/bin/env python3
-"""Reads one tree from nginx through a proxy that delays, in several formats, and prints a table.
+"""Reads one tree from nginx through a proxy that delays, in several formats, and prints tables.
 
-    bench/remote.py [--build DIR] [--items N] [--large MIB] [--delay MS] [--rounds N]
+    bench/remote.py [--build DIR] [--items N] [--large MIB] [--delay MS] [--rounds N] [--disk]
+                    [--document FILE]
 
 Needs nginx-light, curl, python3-fsspec, python3-aiohttp, python3-h5py and python3-apsw; what is missing
 is left out. Each run is a process of its own, and nothing is kept between them. Requests and bytes are
-those of nginx's log.
+those of nginx's log. The large item is read without the proxy as well. --disk, as root: the files are also
+opened from the disk, with all caches dropped before each run. --document: what is printed takes the place of
+what stands between the marks "<!-- remote -->" and "<!-- /remote -->" of a file.
 """
 import argparse
 import asyncio
@@ -27,6 +30,8 @@ from pathlib import Path
 
 
 def open_remote(url):
+    if url.startswith("/"):
+        return open(url, "rb")
     import fsspec
     return fsspec.filesystem("http").open(url)
 
@@ -95,6 +100,7 @@ def run_hdf5(url, item):
     return len(list(file.keys())) if item is None else len(file[item][()])
 
 
+OURS = ("hxcrate", "reading")  # the latter is made by copy --for reading
 ENGINES = {"zip": (run_zip, "fsspec"), "sqlite": (run_sqlite, "apsw"), "hdf5": (run_hdf5, "h5py")}
 
 
@@ -120,6 +126,7 @@ def make_files(www, options, hxcrate):
     for name, data in items.items():
         (tree / name).write_bytes(data)
     subprocess.run([hxcrate, "pack", www / "tree.hxcrate", tree], check=True)
+    subprocess.run([hxcrate, "copy", "--for", "reading", www / "tree.hxcrate", www / "tree.reading"], check=True)
     shutil.rmtree(tree)
     with zipfile.ZipFile(www / "tree.zip", "w") as archive:
         for name, data in items.items():
@@ -221,45 +228,89 @@ def measure(words, log):
 def commands(engine, hxcrate, url, item):
     if engine == "curl":
         return None if item != "large" else ["curl", "-s", "-o", "/dev/null", url + "/large"]
-    if engine == "hxcrate":
-        words = ["ls", url + "/tree.hxcrate"] if item is None else ["cat", url + "/tree.hxcrate", item]
-        return [hxcrate, words[0], "--no-cache", *words[1:]]
+    if engine in OURS:
+        words = [f"{url}/tree.{engine}", *([item] if item else [])]
+        return [hxcrate, "cat" if item else "ls", *(["--no-cache"] if "://" in url else []), *words]
     return [sys.executable, __file__, "--worker", engine, f"{url}/tree.{engine}", item or ""]
+
+
+class Bench:
+    def __init__(self, options, scratch):
+        self.options, self.scratch = options, scratch
+        self.hxcrate = options.build.resolve() / "hxcrate"
+        self.told = []
+
+    def tell(self, line):
+        print(line, flush=True)
+        self.told.append(line + "\n")
+
+    # Takes turns; tells medians, and of times the least as well.
+    def compare(self, case, url, item, engines, before=lambda: None):
+        words = {engine: commands(engine, self.hxcrate, url, item) for engine in engines}
+        runs = {engine: [] for engine in engines if words[engine]}
+        for _ in range(self.options.rounds):
+            for engine, done in runs.items():
+                before()
+                done.append(measure(words[engine], self.scratch / "access.log"))
+        for engine, done in runs.items():
+            if not all(done):
+                continue
+            seconds, requests, size = (statistics.median(column) for column in zip(*done))
+            self.tell(f"| {case} | {engine} | {seconds * 1000:.0f} | {min(done)[0] * 1000:.0f} | {requests:.0f} "
+                      f"| {size:.0f} |")
+
+    # What was loaded to measure with is loaded again, but for the files.
+    def drop_caches(self):
+        os.sync()
+        Path("/proc/sys/vm/drop_caches").write_text("3")
+        for words in ((self.hxcrate, "--version"), (sys.executable, "-c", "import zipfile, fsspec, aiohttp")):
+            subprocess.run(words, stdout=subprocess.DEVNULL, check=False)
+
+    def run(self):
+        www, large = self.scratch / "www", f"{self.options.large} MiB"
+        make_files(www, self.options, self.hxcrate)
+        with open(www / "large", "wb") as file:
+            file.write(random.randbytes(self.options.large << 20))
+        port = free_port()
+        nginx = start_nginx(self.scratch, port)
+        try:
+            near = f"http://127.0.0.1:{port}"
+            far = f"http://127.0.0.1:{Delay(port, self.options.delay / 1000).port}"
+            time.sleep(1)
+            self.tell(f"{self.options.items} items, {self.options.delay} ms each way, {self.options.rounds} rounds, "
+                      f"load {os.getloadavg()[0]:.1f} at the start.\n\n| what | with | ms | least | requests | bytes |"
+                      "\n|---|---|--:|--:|--:|--:|")
+            self.compare("open and list", far, None, (*OURS, *ENGINES))
+            self.compare("open and 64 KiB", far, "item", (*OURS, *ENGINES))
+            if self.options.large:
+                self.compare(f"open and {large}", far, "large", (*OURS, "curl", *ENGINES))
+                self.compare(f"open and {large}, no delay", near, "large", (*OURS, "curl"))
+            if self.options.disk:
+                self.compare("open and list, cold disk", str(www), None, (*OURS, "zip"), self.drop_caches)
+                self.compare("open and 64 KiB, cold disk", str(www), "item", (*OURS, "zip"), self.drop_caches)
+        finally:
+            nginx.terminate()
+            nginx.wait()
 
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("--build", type=Path, default=Path("build/release"))
+    parser.add_argument("--disk", action="store_true")
+    parser.add_argument("--document", type=Path)
     for name, value in (("--items", 100000), ("--large", 256), ("--delay", 20), ("--rounds", 5)):
         parser.add_argument(name, type=int, default=value)
-    options = parser.parse_args()
-    hxcrate = options.build.resolve() / "hxcrate"
-    with tempfile.TemporaryDirectory() as folder:
+    with tempfile.TemporaryDirectory(dir="/var/tmp") as folder:
         scratch = Path(folder)
         scratch.chmod(0o755)
         (scratch / "www").mkdir()
-        make_files(scratch / "www", options, hxcrate)
-        with open(scratch / "www" / "large", "wb") as large:
-            large.write(random.randbytes(options.large << 20))
-        port = free_port()
-        nginx = start_nginx(scratch, port)
-        try:
-            url = f"http://127.0.0.1:{Delay(port, options.delay / 1000).port}"
-            time.sleep(1)
-            print(f"{options.items} items, {options.delay} ms each way, medians of {options.rounds} runs\n\n"
-                  "| what | with | ms | requests | bytes |\n|---|---|---|---|---|")
-            cases = {"open and list": None, "open and 64 KiB": "item", f"open and {options.large} MiB": "large"}
-            for case, item in list(cases.items())[:3 if options.large else 2]:
-                for engine in ("hxcrate", "curl", *ENGINES):
-                    words = commands(engine, hxcrate, url, item)
-                    runs = [words and measure(words, scratch / "access.log") for _ in range(options.rounds)]
-                    if not all(runs):
-                        continue
-                    seconds, requests, size = (statistics.median(column) for column in zip(*runs))
-                    print(f"| {case} | {engine} | {seconds * 1000:.0f} | {requests:.0f} | {size:.0f} |", flush=True)
-        finally:
-            nginx.terminate()
-            nginx.wait()
+        options = parser.parse_args()
+        bench = Bench(options, scratch)
+        bench.run()
+    if options.document:
+        before, rest = options.document.read_text().split("<!-- remote -->\n")
+        after = rest.split("<!-- /remote -->")[1]
+        options.document.write_text(f"{before}<!-- remote -->\n{''.join(bench.told)}<!-- /remote -->{after}")
 
 
 if sys.argv[1:2] == ["--worker"]:

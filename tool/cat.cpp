@@ -64,8 +64,8 @@ class Printer {
                [&](std::span<const std::byte> bytes) { output_.write(bytes); });
   }
 
-  // All records have been looked at then, so that nothing is printed of an item that is damaged. Far
-  // away they come with the bytes, and nobody waits for them.
+  // All records have been looked at then, so that nothing is printed of an item that is damaged.
+  // Far away they come with the bytes, and nobody waits for them.
   void expect(std::int64_t bytes) {
     expected_ += std::clamp<std::int64_t>(bytes, 0, options_.length);
     progress_.expect(expected_, static_cast<std::int64_t>(options_.paths.size()));

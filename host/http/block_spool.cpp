@@ -102,10 +102,13 @@ int64_t BlockSpool::findFirst(int64_t from, int64_t to) const {
 
 // Makes room for that block.
 int BlockSpool::vacate(Slot& slot, int64_t block) {
+  if (slot.bytes == nullptr && !free_.empty()) {
+    slot.bytes = std::move(free_.back());
+    free_.pop_back();
+  }
   if (slot.bytes == nullptr) slot.bytes = std::make_unique_for_overwrite<std::byte[]>(kBlockSize);
   const bool isOther = slot.block >= 0 && slot.block != block;
-  const bool isThrough = slot.isPassing && slot.given >= sizeOf(slot.block);
-  const int error = isOther && !slot.isKept && !isThrough ? keep(slot) : 0;
+  const int error = isOther && !slot.isKept ? keep(slot) : 0;
   slot.block = -1;
   return error;
 }
@@ -117,7 +120,13 @@ int64_t BlockSpool::read(int64_t offset, std::span<std::byte> to) {
   const int64_t count = std::min(sizeOf(slot->block) - start, std::ssize(to));
   std::memcpy(to.data(), slot->bytes.get() + start, static_cast<size_t>(count));
   slot->given += count;
+  if (isThrough(*slot)) leave(*slot);
   return count;
+}
+
+void BlockSpool::leave(Slot& slot) {
+  free_.push_back(std::move(slot.bytes));
+  slot.block = -1;
 }
 
 BlockSpool::Slot* BlockSpool::load(int64_t block) {
@@ -129,6 +138,7 @@ BlockSpool::Slot* BlockSpool::load(int64_t block) {
   if (!fetch(block, slot.bytes.get())) return nullptr;
   slot.block = block;
   slot.given = 0;
+  slot.isPassing = false;
   slot.isKept = true;
   return &slot;
 }

@@ -63,6 +63,10 @@ class BlockSpool {
   bool isInMemory(int64_t block) const {
     return slots_[static_cast<size_t>(block) % slots_.size()].block == block;
   }
+  bool isThrough(const Slot& slot) const {
+    return slot.isPassing && slot.given >= sizeOf(slot.block);
+  }
+  void leave(Slot& slot);
   int vacate(Slot& slot, int64_t block);
   Slot* load(int64_t block);
   int keep(const Slot& slot);
@@ -75,8 +79,9 @@ class BlockSpool {
   const int64_t length_;
   const int64_t firstBlock_;
   const size_t mostBlocks_;
-  std::vector<Slot> slots_;     // in memory, by the low digits of their numbers
-  std::deque<int64_t> stored_;  // by this object, oldest first
+  std::vector<Slot> slots_;                         // in memory, by the low digits of their numbers
+  std::vector<std::unique_ptr<std::byte[]>> free_;  // the last one is in the processor's cache
+  std::deque<int64_t> stored_;                      // by this object, oldest first
 };
 
 }  // namespace hxremote

@@ -6,6 +6,13 @@
 #include <system_error>
 
 namespace hxremote {
+namespace {
+
+// So much of a part that is not due comes at once.
+constexpr int64_t kOnce = int64_t{1} << 20;
+constexpr int kMoment = 1;  // millisecond, in which a fast server sends more
+
+}  // namespace
 
 std::optional<Failure> RequestContext::findEnd() const {
   if (options.goesOn()) return std::nullopt;
@@ -33,6 +40,7 @@ Download::Download(RequestContext& context, BlockSpool& spool, int64_t from, int
       spool_(spool),
       address_(context.address),
       position_(from),
+      limit_(from + kOnce),
       to_(to),
       kind_(kind) {}
 
@@ -107,7 +115,7 @@ Downloads::~Downloads() {
 
 void Downloads::start(int64_t from, int64_t to, Download::Kind kind) {
   list_.push_back(std::make_shared<Download>(context_, spool_, from, to, kind));
-  curl_multi_wakeup(multi_);
+  if (isDriven_) curl_multi_wakeup(multi_);
 }
 
 std::shared_ptr<Download> Downloads::find(int64_t offset) const {
@@ -122,34 +130,58 @@ void Downloads::cancelGuesses() {
     download->isCancelled_ |= download->isGuess();
 }
 
-void Downloads::await(std::unique_lock<std::mutex>& lock, const Download& download,
-                      int64_t offset) {
+void Downloads::await(std::unique_lock<std::mutex>& lock, Download& download, int64_t offset) {
+  download.limit_ = download.to();
+  if (isDriven_) curl_multi_wakeup(multi_);
   const Clock::time_point began = Clock::now();
-  while (!download.isOver_ && !download.isCancelled_ && download.position() <= offset &&
-         !context_.findEnd())
-    drive(lock);
+  while (download.isStillDue(offset) && !context_.findEnd())
+    drive(lock, download, offset);
   context_.count({.time = Clock::now() - began});
 }
 
 // Without the mutex only the waiting for the network, in which nobody else touches the handle.
-void Downloads::drive(std::unique_lock<std::mutex>& lock) {
+void Downloads::drive(std::unique_lock<std::mutex>& lock, const Download& wanted, int64_t offset) {
   if (isDriven_) return progress_.wait(lock);
   isDriven_ = true;
   const Clock::time_point now = Clock::now();
   startDue(now);
+  advance();
+  endStalled(now);
+  lastDrive_ = Clock::now();
+  for (int round = 0; round < 2 && wanted.isStillDue(offset); ++round) {
+    if (round > 0) raiseLimits();
+    const int wait = round > 0 ? timeout(lastDrive_) : kMoment;
+    lock.unlock();
+    curl_multi_poll(multi_, nullptr, 0, wait, nullptr);
+    lock.lock();
+    advance();
+  }
+  isDriven_ = false;
+  progress_.notify_all();
+}
+
+void Downloads::advance() {
+  resume();
   int count = 0;
   curl_multi_perform(multi_, &count);
   collect();
-  endStalled(now);
-  lastDrive_ = Clock::now();
-  const int wait = timeout(lastDrive_);
-  lock.unlock();
-  curl_multi_poll(multi_, nullptr, 0, wait, nullptr);
-  lock.lock();
-  curl_multi_perform(multi_, &count);
-  collect();
-  isDriven_ = false;
-  progress_.notify_all();
+  for (const auto& download : list_)
+    download->isPaused_ = download->isFull();
+}
+
+void Downloads::raiseLimits() {
+  for (const auto& download : list_)
+    if (download->isFull()) download->limit_ = download->position() + kOnce;
+  resume();
+}
+
+void Downloads::resume() {
+  for (const auto& download : list_) {
+    if (!download->isPaused_ || download->isFull() || !download->request_) continue;
+    download->isPaused_ = false;
+    download->lastProgress_ = Clock::now();
+    download->request_->resume();
+  }
 }
 
 void Downloads::startDue(Clock::time_point now) {
@@ -205,7 +237,8 @@ void Downloads::end(Download& download, CURLcode code) {
 void Downloads::endStalled(Clock::time_point now) {
   const bool hasPaused = now - lastDrive_ > std::chrono::seconds(1);
   for (const auto& download : list_) {
-    if (hasPaused) download->lastProgress_ = std::max(download->lastProgress_, now);
+    if (hasPaused || download->isPaused_)
+      download->lastProgress_ = std::max(download->lastProgress_, now);
     if (!download->request_ || now - download->lastProgress_ < context_.options.patience) continue;
     end(*download, CURLE_OPERATION_TIMEDOUT);
   }

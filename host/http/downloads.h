@@ -47,10 +47,12 @@ class Download : public ByteSink {
 
   bool begin(const ReplyHead& head) override;
   bool take(std::span<const std::byte> bytes) override;
+  bool isFull() const override { return kind_ == Kind::part && position_ >= limit_; }
 
  private:
   friend class Downloads;
 
+  bool isStillDue(int64_t offset) const { return !isOver_ && !isCancelled_ && position_ <= offset; }
   bool refuse(int error, std::string reason);
   bool putBlock(std::span<const std::byte> bytes);
 
@@ -58,10 +60,12 @@ class Download : public ByteSink {
   BlockSpool& spool_;
   WebAddress address_;
   int64_t position_;  // all before is in the spool; where a block begins
+  int64_t limit_;     // of a part, for now
   const int64_t to_;
   const Kind kind_;
   bool isCancelled_ = false;
   bool isOver_ = false;
+  bool isPaused_ = false;  // it was full
   Attempts attempts_{address_};
   Clock::time_point lastProgress_{};
   std::vector<std::byte> begun_;           // of the block at the position
@@ -69,7 +73,9 @@ class Download : public ByteSink {
 };
 
 // Their bytes come while somebody waits for some: else they stay with the server, which sends no
-// more than the system takes. The thread that waits first moves all of them on.
+// more than the system takes. The thread that waits first moves all of them on: the parts of a long
+// run that are not due yet by a little, whenever nothing comes of what it waits for. So a fast
+// server's bytes are read while the processor's caches have them, which takes a third off.
 class Downloads {
  public:
   // The mutex is held by whoever calls.
@@ -84,12 +90,15 @@ class Downloads {
   std::shared_ptr<Download> find(int64_t offset) const;
 
   // Until the download has come past the offset or is over.
-  void await(std::unique_lock<std::mutex>& lock, const Download& download, int64_t offset);
+  void await(std::unique_lock<std::mutex>& lock, Download& download, int64_t offset);
 
   void cancelGuesses();
 
  private:
-  void drive(std::unique_lock<std::mutex>& lock);
+  void drive(std::unique_lock<std::mutex>& lock, const Download& wanted, int64_t offset);
+  void advance();
+  void raiseLimits();
+  void resume();
   void startDue(Clock::time_point now);
   void begin(Download& download);
   void collect();

@@ -17,6 +17,7 @@ class ByteSink {
   virtual ~ByteSink() = default;
   virtual bool begin(const ReplyHead& head) = 0;            // false: this is not what was asked for
   virtual bool take(std::span<const std::byte> bytes) = 0;  // false: no more of it is wanted
+  virtual bool isFull() const { return false; }             // the rest is for later
 };
 
 class RangeRequest : public WebRequest {
@@ -27,6 +28,7 @@ class RangeRequest : public WebRequest {
 
  private:
   bool takeBody(std::span<const std::byte> bytes) override;
+  bool isFull() const override { return hasBegun_ && sink_.isFull(); }
   void addCondition(const Condition& condition);
 
   ByteSink& sink_;

@@ -127,6 +127,7 @@ size_t WebRequest::headCallback(const char* line, size_t, size_t count, void* se
 size_t WebRequest::bodyCallback(const char* bytes, size_t, size_t count, void* self) noexcept try {
   auto& request = *static_cast<WebRequest*>(self);
   if (request.head_.status == 0) request.head_.status = request.status();
+  if (request.isFull()) return CURL_WRITEFUNC_PAUSE;
   return request.takeBody(std::as_bytes(std::span(bytes, count))) ? count : 0;
 } catch (const std::bad_alloc&) {
   return 0;

@@ -49,6 +49,7 @@ class WebRequest {
 
   CURL* easy() const { return easy_.get(); }
   const ReplyHead& head() const { return head_; }
+  void resume() const { curl_easy_pause(easy(), CURLPAUSE_CONT); }
   long status() const;              // 0: no reply
   std::string redirection() const;  // where the reply sends to; empty: nowhere
 
@@ -69,6 +70,7 @@ class WebRequest {
 
   // Of the reply, as it comes. False: no more of it is wanted.
   virtual bool takeBody(std::span<const std::byte> bytes) = 0;
+  virtual bool isFull() const { return false; }  // until it is resumed
 
  private:
   static size_t headCallback(const char* line, size_t, size_t count, void* self) noexcept;
