@@ -78,6 +78,14 @@ TEST_F(StrangerStoreTest, HidesNoMemberBehindAnother) {
   expectRun(1, "sed s,itemBBX,ite/BBX, s.st >x.st; hxcrate check x.st");
 }
 
+TEST_F(StrangerStoreTest, ReplacesNothingThatWasJustMade) {
+  for (const std::string path : {"a/a/x", "a/b/x", "o/x"})
+    writeFile(directory_ / path, path);
+  expectPrinted(5, "hxcrate pack x.st a; hxcrate unpack --overwrite --strip-components 1 x.st o",
+                "", "hxcrate: o/x: was made of another item just now\n");
+  EXPECT_EQ(readFile(directory_ / "o/x"), "a/a/x");
+}
+
 TEST_F(StrangerStoreTest, FillsNoDisk) {
   {
     hxcrate::Session session;

@@ -9,7 +9,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <optional>
+#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "byte_pump.h"
@@ -249,6 +251,9 @@ class Unpacker {
     if (!(existing ? file.deliver() : file.deliverUnsynced())) {
       throw Failure(ExitCode::partial, path, "", "exists already");
     }
+    struct stat status {};
+    if (options_.overwrite && ::fstat(file.descriptor().number(), &status) == 0)
+      made_.emplace(status.st_dev, status.st_ino);
   }
 
   // All that it gets it has before it has a name.
@@ -316,6 +321,9 @@ class Unpacker {
   }
 
   void requireReplaceable(const struct stat& existing, const std::string& path) const {
+    if (made_.contains({existing.st_dev, existing.st_ino})) {
+      throw Failure(ExitCode::partial, path, "", "was made of another item just now");
+    }
     if (options_.overwrite && S_ISREG(existing.st_mode)) return;
     const char* reason =
         options_.overwrite ? "exists already and is no regular file" : "exists already";
@@ -340,7 +348,8 @@ class Unpacker {
   const Manifest* manifest_;
   TreeRestorer tree_;
   std::optional<DirectoryCursor> cursor_;
-  std::string top_;  // where that began
+  std::string top_;                         // where that began
+  std::set<std::pair<dev_t, ino_t>> made_;  // files, which nothing else of the store may replace
   StoreWalk walk_;
   UnpackQuota quota_;
   const OwnBytes ownBytes_;
