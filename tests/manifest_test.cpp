@@ -55,12 +55,21 @@ TEST_F(ManifestTest, HostileOnesAreErrorsOrLeftOut) {
   std::string many = "#mtree\n/set";
   for (int i = 0; i < 1000; ++i)
     many += " k" + std::to_string(i) + "=v";
-  const std::string value = "#mtree\n/set flags=" + std::string(500000, 'x') + "\n";
+  const std::string value = std::string(60000, 'x') + "\n";
   std::string lines;
-  for (int i = 0; i < 5000; ++i)
-    lines += "./a\n";
+  for (int i = 0; i < 9000; ++i)
+    lines += "./" + std::to_string(i) + "\n";
+  const auto repeat = [](const std::string& line) {
+    std::string all = "#mtree\n";
+    for (int i = 0; i < 200; ++i)
+      all += i % 2 == 0 ? line : "./\\141\\\n type=dir\n";
+    return all;
+  };
   for (const std::string& text :
-       {many, value + lines, std::string("no manifest"), std::string("#mtree\n/what\n")})
+       {many, "#mtree\n /se\\\nt flags=" + value + lines, "#mtree\n/set flags=" + value + lines,
+        repeat("./a type=dir\n"), repeat("a type=dir\n"), std::string("#mtree\ntype=dir ./a\n"),
+        std::string("#mtree\n./\\0a\n"), std::string("no manifest"),
+        std::string("#mtree\n/what\n")})
     EXPECT_THROW(parse(text), tool::ManifestError) << text.substr(0, 30);
   const Manifest rest = parse(
       "#mtree\n./../x type=file\n./a//b type=file\n./dev type=block\n"

@@ -1,7 +1,9 @@
 #include "manifest.h"
 
 #include <algorithm>
+#include <functional>
 #include <optional>
+#include <vector>
 
 namespace tool {
 
@@ -19,49 +21,80 @@ std::string_view takeUntil(std::string_view& rest, std::string_view ends) {
   return taken;
 }
 
-// The library copies what "/set" says into every line behind it, so that a short text could take
-// any amount of memory, and a line of many words any amount of time.
+// What the library would take too much memory or time for. It copies what "/set" says into every
+// line behind it, goes through all lines of a path for each of them, and takes a line whose path
+// has no slash to lie in the folder of the line before.
 class WeightLimit {
  public:
   void require(std::string_view text) {
     if (text.size() > Manifest::kMostBytes) throw ManifestError("a manifest of too many bytes");
-    while (!text.empty()) {
-      const std::string_view line = takeUntil(text, "\n");
-      weigh(line);
-      isContinued_ = line.ends_with('\\');
-    }
+    while (!text.empty())
+      weigh(takeLine(text));
+    std::ranges::sort(paths_);
+    for (std::size_t i = kMostLines; i < paths_.size(); ++i)
+      if (paths_[i] == paths_[i - kMostLines]) throw ManifestError("too many lines for one path");
   }
 
  private:
-  void weigh(std::string_view line) {
-    if (!isContinued_) {
-      words_ = 0;
-      isSet_ = line.starts_with("/set");
+  static constexpr std::size_t kLongest = 65536;  // as the library has it
+  static constexpr std::size_t kMostLines = 64;   // of one path
+
+  // With those that continue it, as the library joins them.
+  std::string_view takeLine(std::string_view& text) {
+    line_.clear();
+    for (bool isContinued = true; isContinued && !text.empty();) {
+      const std::string_view piece = takeUntil(text, "\n");
+      line_ += piece;
+      isContinued = (piece.size() - (piece.find_last_not_of('\\') + 1)) % 2 == 1;
+      if (isContinued) line_.pop_back();
+      if (line_.size() > kLongest) throw ManifestError("a line of too many bytes");
+      weight_ += kLineWeight;
     }
-    while (!line.empty()) {
+    const std::string_view line = line_;
+    return line.substr(std::min(line.find_first_not_of(" \t"), line.size()));
+  }
+
+  void weigh(std::string_view line) {
+    const bool isSet = line.starts_with("/set");
+    if (!line.empty() && std::string_view("/#\r").find(line[0]) == line.npos)
+      notePath(line.substr(0, line.find_first_of(" \t\r")));
+    for (std::size_t words = 0; !line.empty();) {
       const std::string_view word = takeUntil(line, " \t\r");
       if (word.empty()) continue;
-      if (++words_ > kMostWords) throw ManifestError("a line of too many words");
-      if (isSet_) note(word);
+      if (++words > kMostWords) throw ManifestError("a line of too many words");
+      if (isSet) noteSet(word);
     }
-    weight_ += kLineWeight + setWeight_;
+    weight_ += setWeight_;
     if (weight_ > kMostWeight) throw ManifestError("a manifest of too many lines");
   }
 
+  // So none is the last word of its line either, as others write them.
+  void notePath(std::string_view path) {
+    if (path != "." && !path.starts_with("./")) {
+      throw ManifestError("a path that does not begin with \"./\"");
+    }
+    for (std::size_t at = 0; (at = path.find('\\', at)) != path.npos; at += 4) {
+      const std::string_view digits = path.substr(at + 1, 3);
+      if (digits.size() < 3 || digits[0] > '3' ||
+          digits.find_first_not_of("01234567") != digits.npos)
+        throw ManifestError("a backslash in a path without three octal digits");
+    }
+    paths_.push_back(std::hash<std::string_view>()(unescape(path).c_str()));
+  }
+
   // An older value of the keyword goes.
-  void note(std::string_view word) {
-    std::size_t& weight = set_[word.substr(0, word.find('='))];
+  void noteSet(std::string_view word) {
+    std::size_t& weight = set_[std::string(word.substr(0, word.find('=')))];
     setWeight_ += kLineWeight / 4 + word.size() - weight;
     weight = kLineWeight / 4 + word.size();
     if (set_.size() > kMostWords) throw ManifestError("too many keywords are set for all lines");
   }
 
-  std::map<std::string_view, std::size_t> set_;
+  std::string line_;
+  std::map<std::string, std::size_t> set_;
   std::size_t setWeight_ = 0;
   std::size_t weight_ = 0;
-  std::size_t words_ = 0;
-  bool isContinued_ = false;
-  bool isSet_ = false;
+  std::vector<std::size_t> paths_;  // hashes
 };
 
 ManifestError errorOf(const ArchiveHandle& subject) {

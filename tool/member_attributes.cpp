@@ -12,21 +12,6 @@ std::string_view textOf(const char* text) {
   return text == nullptr ? std::string_view() : std::string_view(text);
 }
 
-// The library writes names of users and groups escaped, and reads them as they stand there.
-std::string unescape(std::string_view text) {
-  std::string plain;
-  const auto isDigit = [](char c) { return c >= '0' && c <= '7'; };
-  while (!text.empty()) {
-    const bool isEscape = text[0] == '\\' && text.size() > 3 &&
-                          std::all_of(text.begin() + 1, text.begin() + 4, isDigit);
-    plain += isEscape
-                 ? static_cast<char>((text[1] - '0') * 64 + (text[2] - '0') * 8 + text[3] - '0')
-                 : text[0];
-    text.remove_prefix(isEscape ? 4 : 1);
-  }
-  return plain;
-}
-
 std::optional<MemberAttributes::Type> typeOf(archive_entry* entry) {
   using Type = MemberAttributes::Type;
   switch (archive_entry_filetype(entry)) {
@@ -61,6 +46,20 @@ std::optional<Sha256::Digest> sha256Of(archive_entry* entry) {
 
 }  // namespace
 
+std::string unescape(std::string_view text) {
+  std::string plain;
+  const auto isDigit = [](char c) { return c >= '0' && c <= '7'; };
+  while (!text.empty()) {
+    const bool isEscape = text[0] == '\\' && text.size() > 3 &&
+                          std::all_of(text.begin() + 1, text.begin() + 4, isDigit);
+    plain += isEscape
+                 ? static_cast<char>((text[1] - '0') * 64 + (text[2] - '0') * 8 + text[3] - '0')
+                 : text[0];
+    text.remove_prefix(isEscape ? 4 : 1);
+  }
+  return plain;
+}
+
 std::optional<MemberAttributes> attributesOf(archive_entry* entry) {
   using Type = MemberAttributes::Type;
   const std::optional<Type> type = typeOf(entry);
@@ -69,6 +68,7 @@ std::optional<MemberAttributes> attributesOf(archive_entry* entry) {
                           .mode = archive_entry_perm(entry),
                           .uid = archive_entry_uid(entry),
                           .gid = archive_entry_gid(entry),
+                          // The library writes them escaped, and reads them as they stand there.
                           .user = unescape(textOf(archive_entry_uname(entry))),
                           .group = unescape(textOf(archive_entry_gname(entry))),
                           .modified = modifiedOf(entry)};

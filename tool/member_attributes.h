@@ -40,6 +40,9 @@ struct MemberAttributes {
 // symbolic link. A hard link is a file here.
 std::optional<MemberAttributes> attributesOf(archive_entry* entry);
 
+// Of manifests: a backslash and three octal digits are a byte.
+std::string unescape(std::string_view text);
+
 // All but the path, a hard link's target and the checksum.
 void describe(archive_entry* entry, const MemberAttributes& member);
 
