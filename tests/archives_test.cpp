@@ -152,6 +152,11 @@ TEST_F(ArchivesTest, NothingOfAHostileArchiveIsTakenOrItIsLeftOutByName) {
                      " -f - a | cat | hxcrate import x.st - || exit 3");
     expectSaid("is imported from a file");
   }
+  expectRun(0,
+            "cd a; tar cPf ../deep d/g --transform s,^,$(printf 'a/%.0s' $(seq 30000)),;"
+            "cd ..; (" +
+                std::string(HX_SANITIZED ? "" : "ulimit -v 400000;") +
+                "hxcrate import x.st deep); rm x.st");
   expectPrinted(0, "ls x.st 2>e || hxcrate export h.st | tar tv | cut -c1,49-",
                 "dd/\n-d/f\n-ok\nlsl -> /etc\n");
 }

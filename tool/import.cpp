@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <optional>
@@ -47,30 +48,34 @@ class StorePath {
   }
 
   void enter(const std::string& folder) {
-    while (!nested_.empty() && !lies(folder, nested_.back().path))
+    const auto differs = std::ranges::mismatch(folder, folder_).in1;
+    const auto shared = static_cast<std::size_t>(differs - folder.begin());
+    while (!nested_.empty() && !isIn(folder, nested_.back().length, shared))
       nested_.pop_back();
-    for (std::size_t at = nested_.empty() ? 0 : nested_.back().path.size() + 1;
-         at < folder.size();) {
+    for (std::size_t at = nested_.empty() ? 0 : nested_.back().length + 1; at < folder.size();) {
       const std::size_t end = std::min(folder.find('/', at), folder.size());
       hxcrate::Store next = current().openOrCreateStore(folder.substr(at, end - at));
-      nested_.push_back({std::move(next), folder.substr(0, end)});
+      nested_.push_back({std::move(next), end});
       at = end + 1;
     }
+    folder_ = folder;
   }
 
  private:
+  // A path for each of them would take as much memory as the square of the depth.
   struct Level {
     hxcrate::Store store;
-    std::string path;
+    std::size_t length;  // of its path, with which `folder_` begins
   };
 
-  static bool lies(const std::string& folder, const std::string& in) {
-    return folder.starts_with(in) && (folder.size() == in.size() || folder[in.size()] == '/');
+  static bool isIn(const std::string& folder, std::size_t length, std::size_t shared) {
+    return length <= shared && (folder.size() == length || folder[length] == '/');
   }
   hxcrate::Store& current() { return nested_.empty() ? top_ : nested_.back().store; }
 
   hxcrate::Store& top_;
   std::vector<Level> nested_;
+  std::string folder_;  // the path of the innermost
 };
 
 // Goes through an archive once: into a store, or to see what would come of it.
