@@ -11,7 +11,6 @@
 #include <optional>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "byte_pump.h"
@@ -74,7 +73,9 @@ class Unpacker {
       tree_.finishFolders([&](const std::string& target, const auto& finish) {
         attempt([&] { finish(target.empty() ? options_.directory : cursor_->pathTo(target)); });
       });
-      syncAll();
+      // At once for all that was made.
+      if (::syncfs(cursor_->descriptor().number()) != 0)
+        throw systemFailure(options_.directory, "sync");
       told_.finish();
     }
     if (purpose_ == Purpose::announce) announce();
@@ -321,20 +322,12 @@ class Unpacker {
   }
 
   void requireReplaceable(const struct stat& existing, const std::string& path) const {
-    if (made_.contains({existing.st_dev, existing.st_ino})) {
-      throw Failure(ExitCode::partial, path, "", "was made of another item just now");
-    }
-    if (options_.overwrite && S_ISREG(existing.st_mode)) return;
-    const char* reason =
-        options_.overwrite ? "exists already and is no regular file" : "exists already";
+    const bool isOwn = made_.contains({existing.st_dev, existing.st_ino});
+    if (options_.overwrite && S_ISREG(existing.st_mode) && !isOwn) return;
+    const char* reason = isOwn                ? "was made of another item just now"
+                         : options_.overwrite ? "exists already and is no regular file"
+                                              : "exists already";
     throw Failure(ExitCode::partial, path, "", reason);
-  }
-
-  // At once for all that was made.
-  void syncAll() const {
-    if (::syncfs(cursor_->descriptor().number()) != 0) {
-      throw systemFailure(options_.directory, "sync");
-    }
   }
 
   void announce() const {
