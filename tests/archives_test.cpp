@@ -108,7 +108,15 @@ TEST_F(ArchivesTest, ATreeGoesThroughArchivesAndBack) {
             " -cf ../f mark sizes names/hard;"
             "rm -f ../f.st; hxcrate import --attributes ../f.st ../f; hxcrate sum --check ../f.st;"
             "hxcrate sum ../f.st | sha256sum --quiet -c; hxcrate cat ../f.st names/hard | cmp - "
-            "mark");
+            "mark; test " +
+            form + " = 7zip || cat ../f | hxcrate import --replace ../f.st -");
+  expectPrinted(0,
+                "mkdir u; touch u/e\u0301; tar --format pax -c u | hxcrate import u.st -;"
+                "hxcrate ls u.st u",
+                "e\u0301\n");
+  expectRun(124,
+            "truncate -s 60G u/big; (tar c u/big | head -c 512; cat /dev/zero) |"
+            "timeout -s INT -k 5 1 hxcrate import --exclude big x.st -");
 }
 
 TEST_F(ArchivesTest, WhatComesOutIsNoMorePublicThanTheStore) {

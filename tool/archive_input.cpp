@@ -3,8 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
+#include "interruption.h"
 #include "list_file.h"
 #include "report.h"
 
@@ -13,6 +15,7 @@ namespace tool {
 namespace {
 
 constexpr std::size_t kBlock = 65536;
+constexpr std::size_t kLongestHead = 64 << 20;
 
 using Support = int (*)(archive*);
 
@@ -42,7 +45,9 @@ ArchiveInput::ArchiveInput(const std::string& path)
   errno = S_ISDIR(status.st_mode) ? EISDIR : 0;
   if (errno != 0) throw systemFailure(name_, "read");
   if (S_ISREG(status.st_mode)) start_ = ::lseek(file_.number(), 0, SEEK_CUR);
-  open();
+  length_ = status.st_size;
+  block_.resize(kBlock);
+  start("C");
 }
 
 void ArchiveInput::rewind() {
@@ -50,17 +55,86 @@ void ArchiveInput::rewind() {
   open();
 }
 
+void ArchiveInput::start(const char* locale) {
+  locale_.reset();  // before the next one begins
+  locale_.emplace(locale);
+  canRewind() ? rewind() : open();
+}
+
 void ArchiveInput::open() {
   reader_ = own(archive_read_new());
+  replayed_ = 0;
   for (const Support support : kFilters)
     support(reader_.get());
   for (const Support support : kFormats)
     support(reader_.get());
-  if (archive_read_open_fd(reader_.get(), file_.number(), kBlock) != ARCHIVE_OK) fail(nullptr);
+  archive_read_set_callback_data(reader_.get(), this);
+  archive_read_set_read_callback(reader_.get(), &ArchiveInput::give);
+  archive_read_set_skip_callback(reader_.get(), &ArchiveInput::skip);
+  archive_read_set_seek_callback(reader_.get(), &ArchiveInput::seek);
+  if (archive_read_open1(reader_.get()) != ARCHIVE_OK) fail(nullptr);
 }
 
+// It may be called while entries are passed over, which can take as long as they are.
+la_ssize_t ArchiveInput::give(archive*, void* self, const void** bytes) {
+  auto& input = *static_cast<ArchiveInput*>(self);
+  try {
+    throwIfInterrupted();
+    const std::span<const std::byte> block = input.readBlock();
+    *bytes = block.data();
+    return static_cast<la_ssize_t>(block.size());
+  } catch (...) {
+    input.failure_ = std::current_exception();
+    return ARCHIVE_FATAL;
+  }
+}
+
+std::span<const std::byte> ArchiveInput::readBlock() {
+  if (replayed_ < head_.size()) {
+    const auto rest = std::span(head_).subspan(replayed_);
+    const auto block = rest.first(std::min(rest.size(), kBlock));
+    replayed_ += block.size();
+    std::ranges::copy(block, block_.begin());
+    return std::span(block_).first(block.size());
+  }
+  const ssize_t count = readSome(file_, block_);
+  if (count < 0) throw systemFailure(name_, "read");
+  const auto block = std::span(block_).first(static_cast<std::size_t>(count));
+  if (!canRewind() && !isFormatKnown_) head_.insert(head_.end(), block.begin(), block.end());
+  if (head_.size() > kLongestHead) {
+    throw Failure(ExitCode::inputOutput, name_, "", "its first entry is too far behind its start");
+  }
+  replayed_ = head_.size();
+  return block;
+}
+
+// Not beyond the end, where nobody would see that it is cut.
+la_int64_t ArchiveInput::skip(archive*, void* self, la_int64_t count) {
+  const auto& input = *static_cast<ArchiveInput*>(self);
+  const off_t at = ::lseek(input.file_.number(), 0, SEEK_CUR);
+  const off_t wanted = std::min<off_t>(count, input.length_ - at);
+  if (at < 0 || wanted <= 0 || ::lseek(input.file_.number(), wanted, SEEK_CUR) < 0) return 0;
+  return wanted;
+}
+
+la_int64_t ArchiveInput::seek(archive* reader, void* self, la_int64_t offset, int from) {
+  const off_t at = ::lseek(static_cast<ArchiveInput*>(self)->file_.number(), offset, from);
+  if (at >= 0) return at;
+  archive_set_error(reader, errno, "it can't seek");
+  return ARCHIVE_FATAL;
+}
+
+// The library takes names of some formats, those of a tar as well, for text in other characters
+// than the locale's. Where it can't turn them into these it gives those of a tar as they are, and
+// the locale "C" has none but ASCII.
 archive_entry* ArchiveInput::next() {
-  const int result = archive_read_next_header(reader_.get(), &entry_);
+  int result = archive_read_next_header(reader_.get(), &entry_);
+  const int format = archive_format(reader_.get()) & ARCHIVE_FORMAT_BASE_MASK;
+  if (!isFormatKnown_ && !failure_ && format != ARCHIVE_FORMAT_TAR) {
+    start("C.UTF-8");
+    result = archive_read_next_header(reader_.get(), &entry_);
+  }
+  isFormatKnown_ = true;
   if (result == ARCHIVE_EOF && archive_format(reader_.get()) == ARCHIVE_FORMAT_EMPTY) {
     throw Failure(ExitCode::inputOutput, name_, "", "is empty: no archive");
   }
@@ -90,6 +164,7 @@ std::string ArchiveInput::reason() const {
 }
 
 void ArchiveInput::fail(archive_entry* entry) const {
+  if (failure_) std::rethrow_exception(failure_);
   const char* const path = entry == nullptr ? nullptr : archive_entry_pathname(entry);
   throw Failure(ExitCode::inputOutput, name_, path == nullptr ? "" : path, reason());
 }
