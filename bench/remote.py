@@ -122,9 +122,10 @@ def make_files(www, options, hxcrate):
     items = {f"{n:06}": numbers.randbytes(numbers.randrange(100)) for n in range(options.items)}
     items["item"] = numbers.randbytes(65536)
     if options.large:
-        items["large"] = numbers.randbytes(options.large << 20)
+        items["large"] = b"".join(numbers.randbytes(1 << 20) for _ in range(options.large))
     for name, data in items.items():
         (tree / name).write_bytes(data)
+    (www / "large").write_bytes(items.get("large", b""))
     subprocess.run([hxcrate, "pack", www / "tree.hxcrate", tree], check=True)
     subprocess.run([hxcrate, "copy", "--for", "reading", www / "tree.hxcrate", www / "tree.reading"], check=True)
     shutil.rmtree(tree)
@@ -269,8 +270,6 @@ class Bench:
     def run(self):
         www, large = self.scratch / "www", f"{self.options.large} MiB"
         make_files(www, self.options, self.hxcrate)
-        with open(www / "large", "wb") as file:
-            file.write(random.randbytes(self.options.large << 20))
         port = free_port()
         nginx = start_nginx(self.scratch, port)
         try:
@@ -308,9 +307,8 @@ def main():
         bench = Bench(options, scratch)
         bench.run()
     if options.document:
-        before, rest = options.document.read_text().split("<!-- remote -->\n")
-        after = rest.split("<!-- /remote -->")[1]
-        options.document.write_text(f"{before}<!-- remote -->\n{''.join(bench.told)}<!-- /remote -->{after}")
+        from report import replace_tables
+        replace_tables(options.document, "".join(bench.told), "remote")
 
 
 if sys.argv[1:2] == ["--worker"]:
