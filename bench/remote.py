@@ -211,15 +211,21 @@ def start_nginx(scratch, port):
 # ---- the runs
 
 
+LONGEST = 60  # seconds, after which a run is given up
+
+
 def measure(words, log):
     before = len(log.read_text().splitlines())
     environment = {**os.environ, "no_proxy": "127.0.0.1"}
     began = time.monotonic()
-    done = subprocess.run(words, capture_output=True, env=environment, check=False)
+    try:
+        done = subprocess.run(words, capture_output=True, env=environment, check=False, timeout=LONGEST)
+    except subprocess.TimeoutExpired:
+        done = None
     seconds = time.monotonic() - began
-    if done.returncode:
+    if done and done.returncode:
         return None
-    if words[0] == sys.executable:
+    if done and words[0] == sys.executable:
         seconds = float(done.stdout.split()[0])
     time.sleep(0.2)
     lines = log.read_text().splitlines()[before:]
@@ -251,13 +257,16 @@ class Bench:
         runs = {engine: [] for engine in engines if words[engine]}
         for _ in range(self.options.rounds):
             for engine, done in runs.items():
+                if done and (not done[-1] or done[-1][0] >= LONGEST):
+                    continue
                 before()
                 done.append(measure(words[engine], self.scratch / "access.log"))
         for engine, done in runs.items():
             if not all(done):
                 continue
             seconds, requests, size = (statistics.median(column) for column in zip(*done))
-            self.tell(f"| {case} | {engine} | {seconds * 1000:.0f} | {min(done)[0] * 1000:.0f} | {requests:.0f} "
+            more = "over " if seconds >= LONGEST else ""
+            self.tell(f"| {case} | {engine} | {more}{seconds * 1000:.0f} | {min(done)[0] * 1000:.0f} | {requests:.0f} "
                       f"| {size:.0f} |")
 
     # What was loaded to measure with is loaded again, but for the files.
