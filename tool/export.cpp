@@ -106,6 +106,7 @@ class Exporter {
     } catch (const hxcrate::Error& error) {
       complain(error);
       outcome_ = worse(outcome_, ExitCode::damaged);
+      limit_.requireRead(walk.container().bytesRead());
     }
   }
 

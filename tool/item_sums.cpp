@@ -27,6 +27,7 @@ bool ItemSums::open(StoreWalk::Event event) {
     isItem ? void(item_ = walk_.container().read(walk_.name())) : walk_.enter();
   } catch (const hxcrate::Error& error) {
     onError_(error);
+    limit_.requireRead(walk_.container().bytesRead());
   }
   limit_.require(bytes_ += size());
   return isItem;
