@@ -165,6 +165,10 @@ TEST_F(ArchivesTest, NothingOfAHostileArchiveIsTakenOrItIsLeftOutByName) {
             "cd ..; (" +
                 std::string(HX_SANITIZED ? "" : "ulimit -v 400000;") +
                 "hxcrate import x.st deep); rm x.st");
+  expectRun(3, "echo 123 >q; ln q r; tar cf l q r; hxcrate import --max-bytes 7 x.st l");
+  expectSaid("l: r: its 4 bytes go beyond the 7 allowed");
+  for (const std::string most : {"bytes 7", "bytes 3", "entries 1"})
+    expectRun(3, "cat l | hxcrate import --max-" + most + " x.st -");
   expectPrinted(0, "ls x.st 2>e || hxcrate export h.st | tar tv | cut -c1,49-",
                 "dd/\n-d/f\n-ok\nlsl -> /etc\n");
 }

@@ -8,7 +8,7 @@ _hxcrate_options() {
   case $1 in
     pack) echo -T --null --no-recursion --include --exclude --include-from --exclude-from --attributes --skip --page-size --replace --in-memory --wait --dry-run ;;
     unpack) echo -v --strip-components --no-attributes --same-owner --set-id --overwrite --journals --max-entries --max-bytes --include --exclude --include-from --exclude-from --wait --dry-run ;;
-    import) echo --include --exclude --include-from --exclude-from --attributes --skip --page-size --replace --wait --dry-run ;;
+    import) echo --include --exclude --include-from --exclude-from --attributes --skip --page-size --max-entries --max-bytes --replace --wait --dry-run ;;
     export) echo --format --include --exclude --include-from --exclude-from --no-attributes --wait ;;
     ls) echo -l -h -R -r --sort -0 --json --include --exclude --include-from --exclude-from --color --wait ;;
     tree) echo -d --ascii --color --wait ;;

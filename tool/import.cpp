@@ -16,6 +16,7 @@
 #include "manifest.h"
 #include "new_store.h"
 #include "planned_tree.h"
+#include "unpack_quota.h"
 
 namespace tool {
 
@@ -32,6 +33,8 @@ struct ImportOptions {
   bool skip = false;
   bool withAttributes = false;
   bool dryRun = false;
+  std::int64_t maxEntries = kUnlimited;
+  std::int64_t maxBytes = kUnlimited;
   std::int64_t wait = 0;  // seconds
   NewStore::Options made;
 };
@@ -88,7 +91,8 @@ class Importer {
         archive_(archive),
         store_(store),
         isTold_(isTold),
-        pump_(&progress) {
+        pump_(&progress),
+        quota_(archive.name(), options.maxEntries, options.maxBytes, ExitCode::inputOutput) {
     if (store != nullptr) path_.emplace(*store);
     if (options.withAttributes) manifest_.emplace();
   }
@@ -167,13 +171,21 @@ class Importer {
       fault = tree_.addFile(path);
     }
     if (fault) refuse(path, *fault);
+    countMembers(path);
     return !fault;
+  }
+
+  // With the folders that lead to it.
+  void countMembers(const std::string& path) {
+    while (quota_.entries() < tree_.members())
+      quota_.takeEntry(path);
   }
 
   // One that is on the way comes with what it leads to.
   void takeFolder(const std::string& path, const MemberAttributes& member, Verdict verdict) {
     if (verdict == Verdict::yes) {
       if (const auto fault = tree_.addFolder(path)) return refuse(path, *fault);
+      countMembers(path);
       if (path_) path_->enter(path);
     }
     folders_.insert_or_assign(path, member);
@@ -216,19 +228,22 @@ class Importer {
       copy(link, member);
   }
 
-  // From the entry's bytes.
+  // From the entry's bytes, which may be more than it says.
   void create(const std::string& path, MemberAttributes member, bool hasBytes = true) {
     if (store_ != nullptr) {
+      const std::int64_t most = std::min(quota_.bytesLeft(), BytePump::kEverything - 1) + 1;
       hxcrate::Writer writer = path_->create(path);
       const auto take = [&](std::span<std::byte> room) { return archive_.read(room); };
-      member.size = hasBytes ? pump_.move(BytePump::kEverything, take, giveTo(writer)) : 0;
+      member.size = hasBytes ? pump_.move(most, take, giveTo(writer)) : 0;
       writer.close();
     }
+    quota_.takeBytes(path, member.size);
     add(path, member);
   }
 
   void copy(const std::string& path, MemberAttributes member) {
     member.size = sizes_.at(member.target);
+    quota_.takeBytes(path, member.size);
     if (store_ != nullptr) {
       hxcrate::Reader reader = store_->read(member.target);
       hxcrate::Writer writer = path_->create(path);
@@ -265,6 +280,7 @@ class Importer {
   hxcrate::Store* store_;  // null: only looking
   bool isTold_;            // what is left out was told of before
   BytePump pump_;
+  UnpackQuota quota_;
   std::optional<StorePath> path_;
   std::optional<ManifestWriter> manifest_;
   PlannedTree tree_;
@@ -326,6 +342,8 @@ void addImport(CommandLine& line) {
                  "keep modes, owners, times and links in an item .mtree");
   words.add_flag("--skip", options->skip, "leave out what can't be kept, and name it");
   addPageSize(words, options->made.pageSize, kPageSizeMeaning);
+  addCount(words, "--max-entries", options->maxEntries, "refuse to make more items and stores");
+  addCount(words, "--max-bytes", options->maxBytes, "refuse to make more bytes of items");
   words.add_flag("--replace", options->replace, "replace an existing STORE, once all is imported");
   addWait(words, options->wait);
   addDryRun(words, options->dryRun);

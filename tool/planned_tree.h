@@ -22,6 +22,7 @@ class PlannedTree {
   // The empty path is one.
   bool hasFolder(std::string_view path) const;
   std::int64_t folders() const { return folders_; }
+  std::int64_t members() const { return static_cast<std::int64_t>(nodes_.size()); }
 
  private:
   struct Node {

@@ -1,4 +1,4 @@
-// How much may be unpacked.
+// How much may be unpacked or imported.
 #pragma once
 
 #include <fmt/format.h>
@@ -23,12 +23,14 @@ class TargetFailure : public Failure {
 
 class UnpackQuota {
  public:
-  // kUnlimited where there is no limit. `store` is for messages.
-  UnpackQuota(std::string store, std::int64_t maxEntries, std::int64_t maxBytes)
-      : store_(std::move(store)), maxEntries_(maxEntries), maxBytes_(maxBytes) {}
+  // kUnlimited where there is no limit. `store` is for messages, `outcome` that of a QuotaFailure.
+  UnpackQuota(std::string store, std::int64_t maxEntries, std::int64_t maxBytes,
+              ExitCode outcome = ExitCode::partial)
+      : store_(std::move(store)), maxEntries_(maxEntries), maxBytes_(maxBytes), outcome_(outcome) {}
 
   std::int64_t entries() const { return entries_; }
   std::int64_t bytes() const { return bytes_; }
+  std::int64_t bytesLeft() const { return maxBytes_ - bytes_; }
 
   // Before an entry is made of `place`, and before its bytes are written. Throw QuotaFailure.
   void takeEntry(const std::string& place) {
@@ -46,12 +48,13 @@ class UnpackQuota {
 
  private:
   [[noreturn]] void fail(const std::string& place, const std::string& reason) const {
-    throw QuotaFailure(ExitCode::partial, store_, place, reason + "; stopped");
+    throw QuotaFailure(outcome_, store_, place, reason + "; stopped");
   }
 
   const std::string store_;
   const std::int64_t maxEntries_;
   const std::int64_t maxBytes_;
+  const ExitCode outcome_;
   std::int64_t entries_ = 0;
   std::int64_t bytes_ = 0;
 };
