@@ -99,6 +99,10 @@ Engine::Engine(SessionOptions options, std::shared_ptr<hxremote::RemoteFile> fil
       module_(makeModuleInstance(host_.handle())),
       files_(module_, 0) {}
 
+Session Engine::makeSession(std::shared_ptr<Engine> engine) {
+  return Session(std::move(engine));
+}
+
 Engine::~Engine() {
   module_->destroy(module_);
 }

@@ -47,13 +47,14 @@ class Engine {
   // Of the one file that lies behind a URL.
   Engine(SessionOptions options, std::shared_ptr<hxremote::RemoteFile> file);
   ~Engine();
+  static Session makeSession(std::shared_ptr<Engine> engine);
   Engine(const Engine&) = delete;
   Engine& operator=(const Engine&) = delete;
 
   const SessionOptions& options() const { return options_; }
   hx::ExtensionInstance* module() const { return module_; }
   hx::HostHandle* host() { return host_.handle(); }
-  hxhost::FileOps& fileOps() { return *fileOps_; }
+  const std::shared_ptr<hxhost::FileOps>& fileOps() const { return fileOps_; }
   // Counts what is read behind URLs for the session.
   const std::shared_ptr<hxremote::TransferMeter>& transferMeter() const { return meter_; }
   hxremote::RemoteFile* remoteFile() const { return remoteFile_.get(); }  // null: files of the disk

@@ -36,7 +36,7 @@ FileOpener::FileOpener(std::shared_ptr<Engine> engine, const std::string& path, 
       name_(decodeFilePath(path)) {}
 
 std::shared_ptr<Opening> FileOpener::open() {
-  if (mode_ == Mode::create) requireNothing(engine_->fileOps(), path_);
+  if (mode_ == Mode::create) requireNothing(*engine_->fileOps(), path_);
   auto opening = std::make_shared<Opening>(engine_, path_, mode_ != Mode::read);
   for (int left = kMostAttempts; left > 0; --left) {
     if (attempt(*opening)) return opening;

@@ -102,8 +102,8 @@ void Session::rewrite(const FilePath& path, const RewriteOptions& options) {
   hxhost::Replacement replacement(old.ops, old.file);
   if (const int error = replacement.create()) fail(path.text(), "make its new file", error, false);
   const std::int32_t pageSize = options.pageSize != 0 ? options.pageSize : source.pageSize();
-  Session unsynced({.durability = Durability::none});  // it is synced below, as a whole
-  Store target = unsynced.createIn(replacement.number(), path, {.pageSize = pageSize});
+  Store target = createIn(replacement.number(), path, {.pageSize = pageSize},
+                          Durability::none);  // it is synced below, as a whole
   MemberCopy(source, target, options).run();
   target.close();
   source.opening_->abandon();  // its close would write a directory, and a journal of the old file

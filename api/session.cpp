@@ -62,10 +62,18 @@ Store Session::open(const FilePath& path, Mode mode, OpenOptions options) {
   return store;
 }
 
-// By an engine of its own, whose host has no other file.
 Store Session::createIn(int file, const FilePath& path, OpenOptions options) {
+  return createIn(file, path, options, engine()->options().durability);
+}
+
+// By an engine of its own, whose host has no other file.
+Store Session::createIn(int file, const FilePath& path, OpenOptions options,
+                        Durability durability) const {
   options.pageSize = choosePageSize(options.pageSize, path.text());
-  const auto own = std::make_shared<Engine>(engine()->options(), hxhost::makeNamelessFileOps(file));
+  SessionOptions ownOptions = engine()->options();
+  ownOptions.durability = durability;
+  const auto own = std::make_shared<Engine>(std::move(ownOptions),
+                                            hxhost::makeNamelessFileOps(engine()->fileOps(), file));
   const auto opening = FileOpener(own, path.text(), Mode::openOrCreate, options).openEmpty();
   return {opening, opening->root()};
 }

@@ -402,6 +402,7 @@ TEST_F(Sharing, RewritesAFileInItsPlace) {
   EXPECT_EQ(readFile(path_), before);
   options.keeps = keeps;
   options.pageSize = 512;
+  hxtest::writeFile(directory_ / ".hxcrate-0123456789abcdef", "left by one who was killed");
   session_.rewrite(link, options);
   EXPECT_TRUE(std::filesystem::is_symlink(link));
   const Store written = session_.open(link);

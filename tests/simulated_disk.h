@@ -98,6 +98,7 @@ class SimulatedDisk : public hxhost::FileOps {
   bool isReadOnly = false;       // opens for writing fail with EACCES
   bool fallsShort = false;       // transfers deliver at most half of what was asked for
   bool hasBecomeDevice = false;  // what is opened is not what was there a moment ago
+  bool knowsNameless = true;     // makes files that have no name
 
   std::vector<int64_t> announced;  // where reads were
 
@@ -134,11 +135,27 @@ class SimulatedDisk : public hxhost::FileOps {
     if (live_.has(path) && isNew) return -EEXIST;
     if (!live_.has(path)) {
       if (!isNew && mode != OpenMode::kCreate) return -ENOENT;
-      const uint64_t last = live_.inodes.empty() ? 0 : live_.inodes.rbegin()->first;
-      change({DiskOperation::kOpen, last + 1, path});
+      change({DiskOperation::kOpen, unusedInode(), path});
     }
     openings_[++lastOpening_] = {live_.names[path]};
     return lastOpening_;
+  }
+
+  int createUnfinished(int directory, std::string& name) override {
+    const uint64_t inode = unusedInode();
+    const std::string aside = "aside" + std::to_string(inode);
+    if (!knowsNameless) return open(directory, name = aside, hxhost::OpenMode::kCreatePrivate);
+    if (fails(DiskOperation::kLook)) return -failure;
+    live_.inodes[inode] = synced_.inodes[inode] = {};
+    openings_[++lastOpening_] = {inode};
+    return lastOpening_;
+  }
+
+  int replace(int, const std::string& from, int file, const std::string& to) override {
+    const std::string aside = from.empty() ? "/unnamed" : "/" + from;
+    if (from.empty()) change({DiskOperation::kOpen, openings_.at(file).inode, aside});
+    rename(aside, "/" + to);
+    return hasFired ? failure : 0;
   }
 
   int close(int file) override {
@@ -288,7 +305,11 @@ class SimulatedDisk : public hxhost::FileOps {
   DiskImage live_, synced_;
   std::vector<DiskChange> pending_;
   std::map<int, Opening> openings_;
-  static constexpr int kDirectory = 2;  // the descriptor of "/"
+  uint64_t unusedInode() const {
+    return live_.inodes.empty() ? 1 : live_.inodes.rbegin()->first + 1;
+  }
+
+  static constexpr int kDirectory = 1 << 20;  // "/"; the system's own descriptors are lower
   int lastOpening_ = kDirectory;
 };
 

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <hxcrate/leftovers.hpp>
 #include <map>
 #include <memory>
 #include <optional>
@@ -289,7 +290,7 @@ ExitCode exportToFile(const ExportOptions& options, const Selection& selection,
   if (kind.format != "zip" && kind.filter.empty() && selection.isEverything()) {
     requireRoom(place.directory, length, options.file);
   }
-  removeLeftovers(place.directory);
+  hxcrate::removeLeftovers(place.directory.number());
   const CopiedFile source(options.store);
   NewFile file(place.directory, place.name, options.file, {.readers = source.rights()});
   const ExitCode outcome =

@@ -1,12 +1,10 @@
 #include "new_file.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
-#include <sys/random.h>
 #include <unistd.h>
 
-#include <array>
 #include <cerrno>
+#include <hxcrate/leftovers.hpp>
 
 #include "report.h"
 
@@ -14,34 +12,9 @@ namespace tool {
 
 namespace {
 
-constexpr std::size_t kDigits = 16;
 constexpr int kMostTries = 100;
 constexpr mode_t kUsual = 0666;    // less what the process masks
 constexpr mode_t kPrivate = 0600;  // until it gets rights of its own
-
-// Nobody can guess it and wait for it.
-std::string makeAsideName() {
-  std::array<unsigned char, kDigits / 2> random{};
-  if (::getrandom(random.data(), random.size(), 0) != static_cast<ssize_t>(random.size())) {
-    throw systemFailure("", "get random numbers");
-  }
-  std::string name(NewFile::kPrefix);
-  for (const unsigned char byte : random) {
-    name += "0123456789abcdef"[byte >> 4];
-    name += "0123456789abcdef"[byte & 15];
-  }
-  return name;
-}
-
-bool isAsideName(std::string_view name) {
-  return name.size() == NewFile::kPrefix.size() + kDigits && name.starts_with(NewFile::kPrefix) &&
-         name.find_first_not_of("0123456789abcdef", NewFile::kPrefix.size()) == name.npos;
-}
-
-// Whoever makes the file keeps it locked as long as it has that kind of name.
-bool lockAside(const Descriptor& file) {
-  return ::flock(file.number(), LOCK_EX | LOCK_NB) == 0;
-}
 
 bool leadsTo(const Descriptor& directory, const std::string& name, const Descriptor& file) {
   struct stat status {};
@@ -59,18 +32,6 @@ Descriptor tryOpenNameless(const Descriptor& directory, mode_t mode) {
 bool linkNameless(const Descriptor& file, const Descriptor& directory, const std::string& name) {
   return ::linkat(AT_FDCWD, file.asPath().c_str(), directory.number(), name.c_str(),
                   AT_SYMLINK_FOLLOW) == 0;
-}
-
-// What an uncatchable signal, or a second one, left: of this user, and nobody is making it.
-void removeLeftover(const Descriptor& directory, const std::string& name) {
-  const Descriptor file = openBeneath(directory, name, O_RDWR | O_NONBLOCK);
-  struct stat status {};
-  if (!file.isOpen() || ::fstat(file.number(), &status) != 0) return;
-  const bool isOurs =
-      S_ISREG(status.st_mode) && status.st_uid == ::geteuid() && status.st_nlink == 1;
-  if (isOurs && lockAside(file) && leadsTo(directory, name, file)) {
-    ::unlinkat(directory.number(), name.c_str(), 0);
-  }
 }
 
 }  // namespace
@@ -98,10 +59,12 @@ NewFile::~NewFile() {
 // One that somebody's removal of leftovers was quicker to lock is left to that.
 void NewFile::createAside(mode_t mode) {
   for (int i = 0; i < kMostTries; ++i) {
-    const std::string name = makeAsideName();
+    const std::string name = hxcrate::makeUnfinishedName();
     file_ = openBeneath(directory_, name, O_RDWR | O_CREAT | O_EXCL, mode);
     if (!file_.isOpen() && errno != EEXIST) throw systemFailure(path_, "create");
-    if (!file_.isOpen() || !lockAside(file_) || !leadsTo(directory_, name, file_)) continue;
+    if (!file_.isOpen() || !hxcrate::lockUnfinished(file_.number()) ||
+        !leadsTo(directory_, name, file_))
+      continue;
     aside_ = name;
     return;
   }
@@ -165,9 +128,9 @@ bool NewFile::replace() {
 }
 
 bool NewFile::linkAside() {
-  if (!lockAside(file_)) return false;
+  if (!hxcrate::lockUnfinished(file_.number())) return false;
   for (int i = 0; i < kMostTries && aside_.empty(); ++i) {
-    const std::string name = makeAsideName();
+    const std::string name = hxcrate::makeUnfinishedName();
     if (linkNameless(file_, directory_, name)) aside_ = name;
     if (aside_.empty() && errno != EEXIST) return false;
   }
@@ -177,20 +140,12 @@ bool NewFile::linkAside() {
 Descriptor openNameless(const Descriptor& directory, const std::string& path) {
   Descriptor file = tryOpenNameless(directory, kPrivate);
   if (file.isOpen()) return file;
-  const std::string name = makeAsideName();
+  const std::string name = hxcrate::makeUnfinishedName();
   file = openBeneath(directory, name, O_RDWR | O_CREAT | O_EXCL, kPrivate);
   if (!file.isOpen() || ::unlinkat(directory.number(), name.c_str(), 0) != 0) {
     throw systemFailure(path, "create a file in it");
   }
   return file;
-}
-
-void removeLeftovers(const Descriptor& directory) {
-  const auto names = listNames(directory);
-  if (!names) return;
-  for (const std::string& name : *names) {
-    if (isAsideName(name)) removeLeftover(directory, name);
-  }
 }
 
 }  // namespace tool

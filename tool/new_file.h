@@ -5,7 +5,6 @@
 
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "directory.h"
 #include "file_rights.h"
@@ -14,13 +13,11 @@
 namespace tool {
 
 // It has no name while it is written, so that nothing is left of it however the command ends. Where
-// the file system knows no such files it has a name that begins with kPrefix, as it has for a
-// moment before it replaces another one: what a killed command leaves under such a name, the next
-// one removes. No name is touched that leads to a file that somebody else made.
+// the file system knows no such files it has a name of their kind (hxcrate/leftovers.hpp), as it
+// has for a moment before it replaces another one. No name is touched that leads to a file that
+// somebody else made.
 class NewFile {
  public:
-  static constexpr std::string_view kPrefix = ".hxcrate-";
-
   struct Options {
     // The regular file that is there under the name and is replaced; its rights are the new one's.
     std::optional<struct stat> replaced = {};
@@ -67,8 +64,4 @@ class NewFile {
 // A file in an open directory that never gets a name, for reading and writing. Throws a Failure, in
 // which the directory is called `path`.
 Descriptor openNameless(const Descriptor& directory, const std::string& path);
-
-// Removes what killed commands of this user left in the directory.
-void removeLeftovers(const Descriptor& directory);
-
 }  // namespace tool

@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <filesystem>
+#include <hxcrate/leftovers.hpp>
 #include <span>
 #include <system_error>
 
@@ -119,7 +120,7 @@ void NewStore::refuse(const std::string& reason) const {
 void NewStore::make(const SizeForecast& forecast, const Options& options, const Fill& fill) const {
   const std::int32_t pageSize = pageSizeOf(forecast, options);
   requireRoomFor(forecast.fileSize(pageSize, options.inMemory), options);
-  removeLeftovers(place_.directory);
+  hxcrate::removeLeftovers(place_.directory.number());
   // A journal that was the replaced file's must not come back beside the new one.
   if (existing_ && !sync(place_.directory)) throw systemFailure(shown_, "sync its folder");
   const NewFile::Options made{existing_, options.copyOf};

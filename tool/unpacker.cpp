@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <hxcrate/leftovers.hpp>
 #include <optional>
 #include <set>
 #include <string>
@@ -318,7 +319,7 @@ class Unpacker {
   }
 
   void tidyUp() const {
-    if (isMaking()) removeLeftovers(cursor_->descriptor());
+    if (isMaking()) hxcrate::removeLeftovers(cursor_->descriptor().number());
   }
 
   void requireReplaceable(const struct stat& existing, const std::string& path) const {

@@ -104,9 +104,10 @@ class [[nodiscard]] Session {
   // space, and without those that the options leave out, or under new names. Nobody else has it
   // open meanwhile; the new file, which has the owner, group and rights of the old one, takes its
   // place in one step when it is complete and on disk; other hard links of the file keep the old
-  // one. Whatever is thrown, be it by a callback, the file is as it was, unless
-  // FileFailure::happened. Needs room for both. Throws otherEncoding for a file of another byte
-  // order, exists where two members get one name, damaged for members that no listing shows.
+  // one. What a process left beside it that was killed in here goes. Whatever is thrown, be it by a
+  // callback, the file is as it was, unless FileFailure::happened. Needs room for both. Throws
+  // otherEncoding for a file of another byte order, exists where two members get one name, damaged
+  // for members that no listing shows.
   void rewrite(const FilePath& path, const RewriteOptions& options = {});
   void rewrite(const FilePath& path, std::error_code& error, const RewriteOptions& options = {}) {
     captureError(error, [&] { rewrite(path, options); });
@@ -161,7 +162,11 @@ class [[nodiscard]] Session {
   Transfers transfers() const;
 
  private:
+  friend class Engine;
+  explicit Session(std::shared_ptr<Engine> engine) noexcept : engine_(std::move(engine)) {}
+
   const std::shared_ptr<Engine>& engine() const;
+  Store createIn(int file, const FilePath& path, OpenOptions options, Durability durability) const;
   std::int32_t choosePageSize(std::int32_t wanted, const std::string& store) const;
 
   std::shared_ptr<Engine> engine_;

@@ -1,9 +1,7 @@
 #include "host/linux/file_ops.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/mman.h>
-#include <sys/random.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <sys/xattr.h>
@@ -11,13 +9,15 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cinttypes>
-#include <cstdio>
 #include <cstdlib>
 #include <vector>
 
+#include "host/linux/unfinished_file.h"
+
 namespace hxhost {
 namespace {
+
+constexpr int kMostTries = 100;
 
 template <typename Call>
 auto repeatInterrupted(Call call) {
@@ -81,17 +81,6 @@ int openDirectoryAt(int from, const char* path, int access) {
   return repeatInterrupted([&] { return ::openat(from, path, flags); });
 }
 
-// Looked at right before: so whoever exchanges files there meanwhile hardly has one of somebody
-// else's removed.
-int removeFrom(int directory, const char* name, int file) {
-  struct stat there {};
-  struct stat own {};
-  if (::fstatat(directory, name, &there, AT_SYMLINK_NOFOLLOW) != 0) return errno;
-  if (::fstat(file, &own) != 0) return errno;
-  if (there.st_dev != own.st_dev || there.st_ino != own.st_ino) return ESTALE;
-  return ::unlinkat(directory, name, 0) == 0 ? 0 : errno;
-}
-
 int setLock(int file, LockPart part, LockKind kind) {
   struct flock range {};
   range.l_type = lockType(kind);
@@ -124,19 +113,6 @@ int createLocked(int directory, const char* name) {
   return -error;
 }
 
-// As the command calls what it has not finished, and removes when nobody has it locked.
-std::string makeUnfinishedName() {
-  uint64_t random = 0;
-  if (::getrandom(&random, sizeof(random), 0) != sizeof(random)) return "";
-  char name[32];
-  std::snprintf(name, sizeof(name), ".hxcrate-%016" PRIx64, random);
-  return name;
-}
-
-int lockUnfinished(int file) {
-  return ::flock(file, LOCK_EX | LOCK_NB) == 0 ? 0 : errno;
-}
-
 // A descriptor of a file that can get a name later, or an errno below zero.
 int openNameless(int directory) {
   const int file = repeatInterrupted(
@@ -144,6 +120,17 @@ int openNameless(int directory) {
   if (file < 0 || ::access(pathOfOpen(file).c_str(), F_OK) == 0) return file;
   ::close(file);
   return -ENOENT;
+}
+
+// ESTALE when somebody took it for left over before it was locked.
+int createHeld(int directory, const char* name) {
+  const int flags = accessFlags(OpenMode::kCreatePrivate) | O_CLOEXEC;
+  const int file = repeatInterrupted([&] { return ::openat(directory, name, flags, 0600); });
+  if (file < 0) return file;
+  if (lockUnfinished(file) && compareName(directory, name, file) == 0) return file;
+  removeFrom(directory, name, file);
+  ::close(file);
+  return -ESTALE;
 }
 
 // The access rights behind the mode, of which the group's bits are then no more than a bound.
@@ -173,29 +160,30 @@ class SystemFileOps : public FileOps {
   }
 
   int createUnfinished(int directory, std::string& name) override {
+    removeLeftovers(directory);
     name.clear();
     const int nameless = openNameless(directory);
     if (nameless >= 0) return nameless;
-    name = makeUnfinishedName();
-    const int file = open(directory, name, OpenMode::kCreatePrivate);
-    if (file >= 0 && lockUnfinished(file) == 0) return file;
-    const int error = file < 0 ? file : -EAGAIN;
-    if (file >= 0) ::close(file);
-    name.clear();
-    return error;
+    for (int i = 0; i < kMostTries; ++i) {
+      const std::string tried = makeUnfinishedName();
+      const int file = createHeld(directory, tried.c_str());
+      if (file >= 0) name = tried;
+      if (file != -EEXIST && file != -ESTALE) return file;
+    }
+    return -EEXIST;
   }
 
   int replace(int directory, const std::string& from, int file, const std::string& to) override {
     std::string name = from;
     if (name.empty()) {
       name = makeUnfinishedName();
-      int error = lockUnfinished(file);
-      if (error == 0) error = linkOpen(file, directory, name.c_str());
-      if (error != 0) return error;
+      if (!lockUnfinished(file)) return errno;
+      if (const int error = linkOpen(file, directory, name.c_str()); error != 0) return error;
     }
-    if (::renameat(directory, name.c_str(), directory, to.c_str()) == 0) return 0;
-    const int error = errno;
-    if (from.empty()) ::unlinkat(directory, name.c_str(), 0);
+    int error = compareName(directory, name.c_str(), file);
+    if (error == 0 && ::renameat(directory, name.c_str(), directory, to.c_str()) != 0)
+      error = errno;
+    if (error != 0 && from.empty()) removeFrom(directory, name.c_str(), file);
     return error;
   }
 
