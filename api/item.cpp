@@ -24,50 +24,72 @@ constexpr std::size_t kReadAhead = 4096;  // a reader holds a page's worth
 }  // namespace
 
 OpenItem::OpenItem(std::shared_ptr<Opening> opening, hx::ItemHandle* handle) noexcept
-    : opening_(std::move(opening)), handle_(handle) {}
+    : opening_(std::move(opening)), item_(handle->item), handle_(handle) {}
+
+OpenItem::OpenItem(std::shared_ptr<Opening> opening, hx::ItemMember* item) noexcept
+    : opening_(std::move(opening)), item_(item) {}
 
 OpenItem::OpenItem(OpenItem&& other) noexcept
-    : opening_(std::move(other.opening_)), handle_(std::exchange(other.handle_, nullptr)) {}
+    : opening_(std::move(other.opening_)),
+      item_(std::exchange(other.item_, nullptr)),
+      handle_(std::exchange(other.handle_, nullptr)) {}
 
 OpenItem& OpenItem::operator=(OpenItem&& other) noexcept {
   OpenItem taken(std::move(other));
   std::swap(opening_, taken.opening_);
+  std::swap(item_, taken.item_);
   std::swap(handle_, taken.handle_);
   return *this;
 }
 
 OpenItem::~OpenItem() {
-  if (handle_ == nullptr) return;
+  if (item_ == nullptr) return;
   opening_->engine().reportFailureOf(opening_->path(), [this] { close(); });
 }
 
 std::int64_t OpenItem::size() const {
-  return handle()->item->size;
+  hx::ItemMember* open = item();
+  if (handle_ != nullptr) return open->size;
+  std::int32_t status = hx::kOk;
+  const std::int64_t size = open->extension->sizeOfItem(open, &status);
+  if (size < 0) fail(status);
+  return size;
 }
 
 std::int64_t OpenItem::position() const {
-  return handle()->position;
+  item();
+  return handle_ != nullptr ? handle_->position : 0;
 }
 
 std::string OpenItem::path() const {
-  return handle_ == nullptr ? std::string() : pathOf(*handle_->item);
+  return item_ == nullptr ? std::string() : pathOf(*item_);
 }
 
 void OpenItem::close() {
-  if (handle_ == nullptr) return;
-  const hx::ItemMember& item = *handle_->item;
-  const bool wasWriter = handle_->access == hx::kUpdate;
-  if (item.close(handle_) != 0) fail(hx::kNotLocked);
+  if (item_ == nullptr) return;
+  const bool wasWriter = handle_ != nullptr && handle_->access == hx::kUpdate;
+  if (handle_ != nullptr && item_->close(handle_) != 0) fail(hx::kNotLocked);
   handle_ = nullptr;
+  const hx::ItemMember& item = *std::exchange(item_, nullptr);
   const std::shared_ptr<Opening> opening = std::move(opening_);
   if (!wasWriter) return;
   --opening->writers();
   opening->requireKept(item);
 }
 
-hx::ItemHandle* OpenItem::handle() const {
-  if (handle_ == nullptr) throw Error(Errc::closed, "", "");
-  opening_->requireKept(*handle_->item);
+hx::ItemMember* OpenItem::item() const {
+  if (item_ == nullptr) throw Error(Errc::closed, "", "");
+  opening_->requireKept(*item_);
+  return item_;
+}
+
+hx::ItemHandle* OpenItem::handle() {
+  const hx::ItemMember& open = *item();
+  if (handle_ != nullptr) return handle_;
+  std::int32_t status = hx::kOk;
+  handle_ = open.extension->openItem(open.extension, open.parent, open.name, open.nameLength,
+                                     hx::kRead, &status);
+  if (handle_ == nullptr) fail(status);
   return handle_;
 }
 
@@ -108,10 +130,10 @@ void Reader::close() {
 
 void Reader::leave(std::int64_t position) {
   if (!view_.isOpen()) {
-    const hx::ItemMember& item = *handle()->item;
+    const hx::ItemMember& open = *item();
     std::int32_t status = hx::kOk;
     hx::ItemView* view =
-        item.extension->openView(item.extension, item.parent, item.name, item.nameLength, &status);
+        open.extension->openView(open.extension, open.parent, open.name, open.nameLength, &status);
     if (view == nullptr) fail(status);
     view_ = View(opening(), view);
   }
@@ -121,20 +143,19 @@ void Reader::leave(std::int64_t position) {
 
 // Past the cache of a file that is open for reading, where that takes fewer steps.
 bool Reader::isFasterAway(std::size_t count) const {
-  return count >= kReadAwayFrom && !opening()->writable() && !opening()->isInMemory() &&
-         !hx::isInBlob(opening()->root());
+  return count >= kReadAwayFrom && opening()->isReadFile();
 }
 
 // Elements of a store of the other byte order are turned; the two are all that stores can have.
 std::size_t Reader::readAway(std::span<std::byte> buffer, std::size_t width) {
   std::size_t total = 0;
   while (total < buffer.size()) {
-    const std::size_t count = readAhead(buffer.subspan(total));
+    const std::size_t count = readAhead(buffer.subspan(total), total > 0);
     if (count == 0) break;
     position_ += static_cast<std::int64_t>(count);
     total += count;
   }
-  const hx::Store& store = *handle()->item->parent;
+  const hx::Store& store = *item()->parent;
   if (!std::ranges::equal(store.encodingId.bytes, store.extension->encodingId.bytes)) {
     hxhost::swapElements(reinterpret_cast<std::uint8_t*>(buffer.data()),
                          static_cast<std::int64_t>(total), static_cast<std::int64_t>(width));
@@ -142,8 +163,8 @@ std::size_t Reader::readAway(std::span<std::byte> buffer, std::size_t width) {
   return total;
 }
 
-// Some bytes from the position on; 0 at the item's end.
-std::size_t Reader::readAhead(std::span<std::byte> buffer) {
+// Some bytes from the position on; 0 at the item's end, and before a failure that may wait.
+std::size_t Reader::readAhead(std::span<std::byte> buffer, bool mayWait) try {
   if (buffer.size() >= kReadAhead) return view_.readAt(position_, buffer);
   const std::int64_t known = aheadFrom_ + std::ssize(ahead_);
   if (position_ < aheadFrom_ || position_ >= known) {
@@ -155,6 +176,9 @@ std::size_t Reader::readAhead(std::span<std::byte> buffer) {
   const std::size_t count = std::min(ready.size(), buffer.size());
   std::copy_n(ready.begin(), count, buffer.begin());
   return count;
+} catch (const Error&) {
+  if (!mayWait) throw;
+  return 0;
 }
 
 std::size_t Reader::countLeft(std::size_t width, std::size_t wanted) const {
@@ -168,10 +192,11 @@ std::size_t Reader::countLeft(std::size_t width, std::size_t wanted) const {
 }
 
 std::size_t Reader::transfer(std::span<std::byte> buffer, std::size_t width) {
-  hx::ItemHandle* item = handle();
+  item();
   const bool isSound = pendingStatus_ == hx::kOk;
   if (!view_.isOpen() && isSound && isFasterAway(buffer.size())) leave(position());
   if (view_.isOpen()) return readAway(buffer, width);
+  hx::ItemHandle* item = handle();
   hx::ItemConversion conversion{static_cast<std::int32_t>(width), 0};
   void* argument = width == 1 ? nullptr : &conversion;
   const std::size_t longest = width == 1 ? kLongestTransfer : kConvertedPiece;

@@ -68,21 +68,13 @@ class ListingWalk {
   std::string path_;
 };
 
-Listing::Iterator::Iterator(std::unique_ptr<ListingWalk> walk) : walk_(std::move(walk)) {
-  advance();
-}
-
-Listing::Iterator::Iterator(Iterator&& other) noexcept = default;
-Listing::Iterator& Listing::Iterator::operator=(Iterator&& other) noexcept = default;
-Listing::Iterator::~Iterator() = default;
-
-void Listing::Iterator::advance() {
-  if (walk_ != nullptr && !walk_->next(member_)) walk_.reset();
+bool showNext(ListingWalk& walk, ListedMember& listed) {
+  return walk.next(listed);
 }
 
 Listing::Iterator Listing::begin() const {
   if (opening_ == nullptr) throw Error(Errc::closed, "", "");
-  return Iterator(std::make_unique<ListingWalk>(opening_, store_, options_));
+  return Iterator(std::make_shared<ListingWalk>(opening_, store_, options_));
 }
 
 }  // namespace hxcrate

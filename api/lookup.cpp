@@ -68,6 +68,17 @@ hx::Member* Store::findMember(std::string_view path) const {
   });
 }
 
+hx::ItemMember* Store::findItem(std::string_view path) const {
+  return useMember(path, [&](hx::Store* holder, const WideName& name) {
+    std::int32_t status = hx::kOk;
+    hx::Member* found =
+        opening_->module()->findMember(holder, name.characters(), name.length(), &status);
+    const bool isItem = found != nullptr && found->kind == hx::kItemKind;
+    if (!isItem) failItem(status == hx::kOk ? hx::kNotFound : status, holder, path);
+    return hx::asItem(found);
+  });
+}
+
 bool Store::exists(std::string_view path) const {
   try {
     return findMember(path) != nullptr;

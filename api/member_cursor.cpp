@@ -26,6 +26,10 @@ bool MemberCursor::next(Member& member) {
   return true;
 }
 
+bool showNext(MemberCursor& cursor, Member& member) {
+  return cursor.next(member);
+}
+
 hx::Member* MemberCursor::next(std::string& name) {
   opening_->requireKept(*store_);
   while (shown_ == chain_.size()) {

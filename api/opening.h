@@ -42,6 +42,8 @@ class Opening {
   bool writable() const { return writable_; }
   bool isInMemory() const { return (root_->flags & hx::kNoFileStore) != 0; }
   bool isIn(int file) const;
+  // A file of the disk or behind a URL, not mapped, that is open for reading.
+  bool isReadFile() const { return !writable_ && !isInMemory() && !hx::isInBlob(root_); }
   std::int64_t bytesRead() const { return outcome_ != nullptr ? outcome_->bytesRead() : 0; }
 
   // Of a store file that is open.

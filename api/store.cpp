@@ -5,6 +5,7 @@
 
 #include "file/format.h"
 #include "hxcrate/error.hpp"
+#include "hxcrate/session.hpp"
 #include "member_cursor.h"
 #include "member_path.h"
 #include "opening.h"
@@ -141,21 +142,9 @@ class WriterCount {
 
 }  // namespace
 
-MemberRange::Iterator::Iterator(std::unique_ptr<MemberCursor> cursor) : cursor_(std::move(cursor)) {
-  advance();
-}
-
-MemberRange::Iterator::Iterator(Iterator&& other) noexcept = default;
-MemberRange::Iterator& MemberRange::Iterator::operator=(Iterator&& other) noexcept = default;
-MemberRange::Iterator::~Iterator() = default;
-
-void MemberRange::Iterator::advance() {
-  if (cursor_ != nullptr && !cursor_->next(member_)) cursor_.reset();
-}
-
 MemberRange::Iterator MemberRange::begin() const {
   if (opening_ == nullptr) throw Error(Errc::closed, "", "");
-  return Iterator(std::make_unique<MemberCursor>(opening_, store_));
+  return Iterator(std::make_shared<MemberCursor>(opening_, store_));
 }
 
 Store::Store(std::shared_ptr<Opening> opening, hx::Store* store) noexcept
@@ -255,8 +244,17 @@ Handle Store::openItem(std::string_view path, std::uint32_t flags, Parents paren
   return handle;
 }
 
+// Behind a URL the records that an opening goes through are fetched with what will be read. Where
+// small pages lie anywhere, to read each takes far longer than to open the item and to find that
+// its records are damaged, which many items may share.
 Reader Store::read(std::string_view path) const {
-  return openItem<Reader>(path, hx::kRead, Parents::mustExist);
+  const hx::Store& start = *store();
+  const bool isRemote = opening_->engine().remoteFile() != nullptr;
+  if (!opening_->isReadFile() || isRemote || pageSize() < kNewPageSize) {
+    return openItem<Reader>(path, hx::kRead, Parents::mustExist);
+  }
+  requireSound(start, hx::kRead);
+  return {opening_, findItem(path)};
 }
 
 Writer Store::create(std::string_view path, Parents parents) {

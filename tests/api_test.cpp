@@ -478,8 +478,15 @@ TEST_F(ApiTest, TakesNoDamageForTheEndOfAnItem) {
     const auto read = [&] { return reader.read(std::as_writable_bytes(std::span(text))); };
     EXPECT_EQ(read(), readable);
     EXPECT_EQ(text.substr(0, readable), bytes.substr(0, readable));
+    const std::string damaged = blob;
     std::copy(file.begin(), file.end(), blob.begin());
     EXPECT_EQ(errorOf(read), Errc::damaged);
+    hxtest::writeFile(path_, damaged);
+    const Store stored = session_.open(path_);
+    reader = stored.read("a");
+    text.resize(1 << 16);
+    EXPECT_EQ(read(), readable) << "at once, past the cache";
+    EXPECT_EQ(errorOf(read) == Errc::damaged, readable == 4096) << "or the item is shorter";
   }
 }
 

@@ -20,7 +20,8 @@
 
 namespace hx {
 struct ItemHandle;
-}
+struct ItemMember;
+}  // namespace hx
 
 namespace hxcrate {
 
@@ -56,7 +57,7 @@ class OpenItem {
   OpenItem(const OpenItem&) = delete;
   OpenItem& operator=(const OpenItem&) = delete;
 
-  bool isOpen() const noexcept { return handle_ != nullptr; }
+  bool isOpen() const noexcept { return item_ != nullptr; }
   std::int64_t size() const;      // of the item, bytes
   std::int64_t position() const;  // of the next byte
   std::string path() const;       // inside the store; empty when closed
@@ -71,23 +72,27 @@ class OpenItem {
  protected:
   OpenItem() noexcept = default;
   OpenItem(std::shared_ptr<Opening> opening, hx::ItemHandle* handle) noexcept;
+  OpenItem(std::shared_ptr<Opening> opening, hx::ItemMember* item) noexcept;
   OpenItem(OpenItem&& other) noexcept;
   OpenItem& operator=(OpenItem&& other) noexcept;  // closes what was open
   // Closes. A failure goes to the session's onUnreportedError.
   ~OpenItem();
 
-  hx::ItemHandle* handle() const;  // throws closed, and what its update is over by
+  hx::ItemMember* item() const;  // throws closed, and what its update is over by
+  hx::ItemHandle* handle();      // the same, and opens the item where that was put off
   [[noreturn]] void fail(std::int32_t status) const;
   [[noreturn]] void refuse(Errc code, std::string_view detail) const;
   const std::shared_ptr<Opening>& opening() const noexcept { return opening_; }  // of an open item
 
  private:
   std::shared_ptr<Opening> opening_;
-  hx::ItemHandle* handle_ = nullptr;
+  hx::ItemMember* item_ = nullptr;
+  hx::ItemHandle* handle_ = nullptr;  // null as long as nobody needs one
 };
 
 // Reads an item from its start, or from where it is sent. Any number of readers may have one item
-// open.
+// open. Of a file that is open for reading, damage of the item is told by the first call that meets
+// it.
 class [[nodiscard]] Reader : public OpenItem {
  public:
   Reader() noexcept = default;  // closed
@@ -150,6 +155,10 @@ class [[nodiscard]] Reader : public OpenItem {
   friend class Store;
   Reader(std::shared_ptr<Opening> opening, hx::ItemHandle* handle) noexcept
       : OpenItem(std::move(opening), handle) {}
+  // Of a file that is open for reading, where the item stays what it is: opening it would go
+  // through all of its records, which reading much of it at once does not need.
+  Reader(std::shared_ptr<Opening> opening, hx::ItemMember* item) noexcept
+      : OpenItem(std::move(opening), item) {}
 
   template <typename Elements>
   Elements readRest() {
@@ -167,7 +176,7 @@ class [[nodiscard]] Reader : public OpenItem {
   void leave(std::int64_t position);
   bool isFasterAway(std::size_t count) const;
   std::size_t readAway(std::span<std::byte> buffer, std::size_t width);
-  std::size_t readAhead(std::span<std::byte> buffer);
+  std::size_t readAhead(std::span<std::byte> buffer, bool mayWait);
   // All of `buffer`, of which the item has enough, or throws.
   void fill(std::span<std::byte> buffer, std::size_t width);
 

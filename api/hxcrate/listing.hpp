@@ -9,6 +9,7 @@
 #include <string>
 
 #include "hxcrate/error.hpp"
+#include "hxcrate/shown_iterator.hpp"
 
 namespace hx {
 struct Store;
@@ -41,43 +42,14 @@ struct ListedMember {
   std::int64_t size;  // of an item, bytes, where sizes were asked for; else -1
 };
 
+bool showNext(ListingWalk& walk, ListedMember& listed);  // false at the end
+
 // The members of a store, and of the stores in it. A range and a view of C++20 that can be gone
 // through any number of times; it holds the store's file open as a MemberRange does. An iterator
 // that asks for sizes throws where the records of an item are damaged.
 class [[nodiscard]] Listing : public std::ranges::view_base {
  public:
-  // Movable, not copyable; an input iterator. What was moved from is at the end, where ++ does
-  // nothing.
-  class Iterator {
-   public:
-    using value_type = ListedMember;
-    using difference_type = std::ptrdiff_t;
-    using iterator_concept = std::input_iterator_tag;
-
-    Iterator(Iterator&& other) noexcept;
-    Iterator& operator=(Iterator&& other) noexcept;
-    ~Iterator();
-
-    // Stays until the iterator moves on, and is its own: copy what is to stay longer.
-    const ListedMember& operator*() const& noexcept { return member_; }
-    const ListedMember* operator->() const& noexcept { return &member_; }
-    const ListedMember& operator*() const&& = delete;
-    const ListedMember* operator->() const&& = delete;
-    Iterator& operator++() {
-      advance();
-      return *this;
-    }
-    void operator++(int) { advance(); }
-    bool operator==(std::default_sentinel_t) const noexcept { return walk_ == nullptr; }
-
-   private:
-    friend class Listing;
-    explicit Iterator(std::unique_ptr<ListingWalk> walk);
-    void advance();
-
-    std::unique_ptr<ListingWalk> walk_;  // null at the end
-    ListedMember member_{};
-  };
+  using Iterator = ShownIterator<ListedMember, ListingWalk>;
 
   Listing() noexcept = default;  // of nothing, as what was moved from: begin() throws closed
 

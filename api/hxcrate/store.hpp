@@ -17,6 +17,7 @@
 #include "hxcrate/view.hpp"
 
 namespace hx {
+struct ItemMember;
 struct Member;
 struct Store;
 }  // namespace hx
@@ -34,6 +35,8 @@ struct Member {
   std::int64_t place;  // of its first record in the file or blob; 0: it has none yet
 };
 
+bool showNext(MemberCursor& cursor, Member& member);  // false at the end
+
 // The members that a store had when begin() was called, each once, in the order of its table. A
 // range and a view of C++20 that can be gone through any number of times. It holds what it needs of
 // the store, whose file therefore stays open; a whole store throws membersOpen at its close as long
@@ -41,38 +44,7 @@ struct Member {
 // own.
 class [[nodiscard]] MemberRange : public std::ranges::view_base {
  public:
-  // Holds the store as well, wherever that is moved. Movable, not copyable; an input iterator. What
-  // was moved from is at the end, where ++ does nothing.
-  class Iterator {
-   public:
-    using value_type = Member;
-    using difference_type = std::ptrdiff_t;
-    using iterator_concept = std::input_iterator_tag;
-
-    Iterator(Iterator&& other) noexcept;
-    Iterator& operator=(Iterator&& other) noexcept;
-    ~Iterator();
-
-    // The member stays until the iterator moves on, and is its own: copy what is to stay longer.
-    const Member& operator*() const& noexcept { return member_; }
-    const Member* operator->() const& noexcept { return &member_; }
-    const Member& operator*() const&& = delete;
-    const Member* operator->() const&& = delete;
-    Iterator& operator++() {
-      advance();
-      return *this;
-    }
-    void operator++(int) { advance(); }
-    bool operator==(std::default_sentinel_t) const noexcept { return cursor_ == nullptr; }
-
-   private:
-    friend class MemberRange;
-    explicit Iterator(std::unique_ptr<MemberCursor> cursor);
-    void advance();
-
-    std::unique_ptr<MemberCursor> cursor_;  // null at the end
-    Member member_{};
-  };
+  using Iterator = ShownIterator<Member, MemberCursor>;
 
   Iterator begin() const;
   std::default_sentinel_t end() const noexcept { return {}; }
@@ -194,8 +166,8 @@ class [[nodiscard]] Store {
   // one for the path alone: a path may lead to another file each time. False without a file, and of
   // one that is mapped.
   bool isIn(int file) const;
-  // Bytes of the file that were read so far, records included, by all who share its opening; what
-  // views read does not count. Far more than the file has: its items share chains of pages.
+  // Bytes of the file that were read so far, records included, by all who share its opening. Far
+  // more than the file has: its items share chains of pages.
   std::int64_t bytesRead() const;
   bool isOpen() const noexcept { return store_ != nullptr; }
 
@@ -239,6 +211,7 @@ class [[nodiscard]] Store {
   template <typename Use>
   auto useMember(std::string_view path, Use use) const;
   hx::Member* findMember(std::string_view path) const;
+  hx::ItemMember* findItem(std::string_view path) const;
   [[noreturn]] void failItem(std::int32_t status, hx::Store* holder, std::string_view path) const;
   std::size_t readAtOnce(std::string_view path, std::span<std::byte> buffer, View& rest) const;
   template <typename Handle>

@@ -69,11 +69,10 @@ class FileOutcome {
   // file behind that might leave it with the same times.
   std::optional<FileInfo> closed() const;
 
-  // How many bytes were asked for by reads that advance the position, over and over or not.
+  // How many bytes were asked for, over and over or not.
   int64_t bytesRead() const { return bytesRead_; }
 
-  // By the one thread that reads.
-  void noteRead(int64_t count) { bytesRead_.store(bytesRead_ + count, std::memory_order_relaxed); }
+  void noteRead(int64_t count) { bytesRead_.fetch_add(count, std::memory_order_relaxed); }
   void noteOpened(const FileInfo& info) { opened_ = info; }
   void noteClosed(const FileInfo& info);
   void noteLoss(const FileFailure& failure);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <limits>
+#include <span>
 #include <utility>
 
 namespace hxhost {
@@ -76,7 +77,10 @@ int32_t OpenFile::readOn(hx::ReadRequest& request, int64_t& count) noexcept {
 
 int32_t OpenFile::readPartsAt(const hx::ReadRequest* parts, int32_t count,
                               int64_t offset) const noexcept {
-  return disk_.tryReadParts(parts, count, offset) ? kDone : kFailed;
+  if (!disk_.tryReadParts(parts, count, offset)) return kFailed;
+  for (const hx::ReadRequest& part : std::span(parts, static_cast<size_t>(count)))
+    disk_.outcome()->noteRead(part.count);
+  return kDone;
 }
 
 int32_t OpenFile::writeOn(const void* source, int64_t count) noexcept {
