@@ -36,8 +36,11 @@ class StoreTree : public ComparedTree {
   void leave() override { stores_.pop_back(); }
 
   void open(const std::string& name) override {
-    item_ = limit_.whileReading(store(), [&] { return store().read(name); });
-    limit_.require(bytes_ += item_.size());
+    bytes_ += limit_.whileReading(store(), [&] {
+      item_ = store().read(name);
+      return item_.size();
+    });
+    limit_.require(bytes_);
   }
   std::size_t read(std::span<std::byte> room) override {
     return limit_.whileReading(store(), [&] { return item_.read(room); });

@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <hxcrate/leftovers.hpp>
 #include <map>
 #include <memory>
 #include <optional>

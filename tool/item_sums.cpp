@@ -25,11 +25,13 @@ bool ItemSums::open(StoreWalk::Event event) {
   item_.reset();
   try {
     isItem ? void(item_ = walk_.container().read(walk_.name())) : walk_.enter();
+    bytes_ += size();
   } catch (const hxcrate::Error& error) {
+    item_.reset();
     onError_(error);
     limit_.requireRead(walk_.container().bytesRead());
   }
-  limit_.require(bytes_ += size());
+  limit_.require(bytes_);
   return isItem;
 }
 

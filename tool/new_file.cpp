@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <hxcrate/leftovers.hpp>
 
 #include "report.h"
 

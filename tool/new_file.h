@@ -3,6 +3,7 @@
 
 #include <sys/stat.h>
 
+#include <hxcrate/leftovers.hpp>
 #include <optional>
 #include <string>
 

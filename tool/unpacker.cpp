@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <hxcrate/leftovers.hpp>
 #include <optional>
 #include <set>
 #include <string>
