@@ -90,4 +90,4 @@ def test_behind_a_url_only_what_is_asked_for_is_read(tmp_path, monkeypatch):
     assert pickle.loads(pickle.dumps(fs)).cat(path) == b"a,b\n1,2\n" and fs.ukey(path)
     with fsspec.open("hxcrate://a.csv::" + url, "rt") as file:
         assert file.readline() == "a,b\n"
-    assert 0 < sum(sent) < 2_000_000, "of 16 MiB"
+    assert 0 < sum(sent) < 2_000_000, f"of 16 MiB: {sent}"
