@@ -44,6 +44,9 @@ class Opening {
   bool isIn(int file) const;
   // A file of the disk or behind a URL, not mapped, that is open for reading.
   bool isReadFile() const { return !writable_ && !isInMemory() && !hx::isInBlob(root_); }
+  std::optional<std::int64_t> openedLength() const {
+    return outcome_ != nullptr ? std::optional(outcome_->opened().size) : std::nullopt;
+  }
   std::int64_t bytesRead() const { return outcome_ != nullptr ? outcome_->bytesRead() : 0; }
 
   // Of a store file that is open.

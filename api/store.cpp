@@ -302,6 +302,11 @@ std::int64_t Store::bytesRead() const {
   return opening_->bytesRead();
 }
 
+std::optional<std::int64_t> Store::openedLength() const {
+  store();
+  return opening_->openedLength();
+}
+
 bool Store::isIn(int file) const {
   store();
   return opening_->isIn(file);

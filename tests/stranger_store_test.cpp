@@ -1,8 +1,12 @@
 // What a store of a stranger, or one that is too large, may do by the command.
 
+#include <fcntl.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <cstdio>
 #include <hxcrate/crate.hpp>
+#include <thread>
 #include <vector>
 
 #include "file/format.h"
@@ -65,6 +69,25 @@ TEST_F(StrangerStoreTest, MakesNoMoreOfItThanTheFileHas) {
                 "hxcrate copy --max-bytes 300000 x.st y.st; "
                 "hxcrate unpack --max-bytes 300000 x.st out; cmp out/a out/c; ls",
                 "fine.st\nin\nout\nx.st\ny.st\n");
+}
+
+// Its name leads to another file by turns, as it does when a writer replaces it.
+TEST_F(StrangerStoreTest, MeasuresItByTheFileThatWasOpened) {
+  writeFile(directory_ / "a/1", "");
+  writeFile(directory_ / "b/2", makeBytes(100000));
+  expectRun(0, "hxcrate pack a.st a; hxcrate pack b.st b");
+  std::atomic<bool> isOver = false;
+  std::thread other([&] {
+    while (!isOver)
+      ::renameat2(AT_FDCWD, (directory_ / "a.st").c_str(), AT_FDCWD, (directory_ / "b.st").c_str(),
+                  RENAME_EXCHANGE);
+  });
+  expectRun(0,
+            "for i in $(seq 20); do for c in 'ls -l' tree sum export; do hxcrate $c a.st; done; "
+            "for c in copy salvage unpack; do hxcrate $c a.st new; rm -rf new; done; done || :");
+  isOver = true;
+  other.join();
+  EXPECT_EQ(err_.find("share pages"), std::string::npos) << err_;
 }
 
 TEST_F(StrangerStoreTest, HidesNoMemberBehindAnother) {

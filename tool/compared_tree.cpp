@@ -18,9 +18,7 @@ using Kind = ComparedMember::Kind;
 
 class StoreTree : public ComparedTree {
  public:
-  StoreTree(const std::string& path, hxcrate::Store store) : limit_(path) {
-    stores_.push_back(std::move(store));
-  }
+  explicit StoreTree(hxcrate::Store store) { stores_.push_back(std::move(store)); }
 
   std::vector<ComparedMember> list() override {
     std::vector<ComparedMember> members;
@@ -40,7 +38,7 @@ class StoreTree : public ComparedTree {
       item_ = store().read(name);
       return item_.size();
     });
-    limit_.require(bytes_);
+    limit_.require(store(), bytes_);
   }
   std::size_t read(std::span<std::byte> room) override {
     return limit_.whileReading(store(), [&] { return item_.read(room); });
@@ -117,7 +115,7 @@ bool isFolder(const std::string& path) {
 std::unique_ptr<ComparedTree> openTree(hxcrate::Session& session, const std::string& path,
                                        ExitCode& outcome) {
   if (isFolder(path)) return std::make_unique<FolderTree>(path);
-  return std::make_unique<StoreTree>(path, openWhatThereIs(session, path, outcome));
+  return std::make_unique<StoreTree>(openWhatThereIs(session, path, outcome));
 }
 
 }  // namespace tool

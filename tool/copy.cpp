@@ -52,7 +52,7 @@ SizeForecast forecastOf(KeptMembers members, const OwnBytes& limit) {
   for (auto event = members.next(); event != StoreWalk::Event::end; event = members.next()) {
     if (event == StoreWalk::Event::store) forecast.addStore();
     if (event == StoreWalk::Event::item) forecast.addItem(members.walk().itemSize());
-    limit.require(forecast.bytes());
+    limit.require(members.walk().container(), forecast.bytes());
   }
   return forecast;
 }
@@ -87,7 +87,7 @@ ExitCode copy(const CopyOptions& options) {
   const auto members = [&] {
     return KeptMembers(selection, source.require(session.open(options.store)));
   };
-  const SizeForecast forecast = forecastOf(members(), OwnBytes(options.store, options.maxBytes));
+  const SizeForecast forecast = forecastOf(members(), OwnBytes(options.maxBytes));
   if (options.dryRun) {
     target.announce(forecast, made);
     return ExitCode::fine;

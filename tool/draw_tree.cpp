@@ -47,8 +47,7 @@ class Drawer {
   explicit Drawer(const TreeOptions& options)
       : options_(options),
         strokes_(options.asAscii ? kAscii : kLines),
-        output_(options.colour),
-        sizes_(options.store) {}
+        output_(options.colour) {}
 
   ExitCode draw() {
     hxcrate::Session session(waitingFor(options_.wait));

@@ -64,7 +64,6 @@ class Exporter {
         linksFiles_(linksFiles),
         output_(output),
         usual_(attributesOfFile(options.store)),
-        limit_(options.store),
         progress_("exporting"),
         pump_(&progress_) {}
 
@@ -106,7 +105,7 @@ class Exporter {
     } catch (const hxcrate::Error& error) {
       complain(error);
       outcome_ = worse(outcome_, ExitCode::damaged);
-      limit_.requireRead(walk.container().bytesRead());
+      limit_.requireRead(walk.container());
     }
   }
 
@@ -154,7 +153,7 @@ class Exporter {
   void addItem(StoreWalk& walk) {
     if (manifest_ && walk.place() == kManifestName) return;  // the entries have what it tells
     hxcrate::Reader item = walk.container().read(walk.name());
-    limit_.require(bytes_ += item.size());
+    limit_.require(walk.container(), bytes_ += item.size());
     MemberAttributes member = attributesAt(walk.place(), false);
     member.size = item.size();
     const std::string& first = member.type == Type::hardLink ? member.target : walk.place();
@@ -243,7 +242,7 @@ class Exporter {
   const bool linksFiles_;
   ArchiveOutput& output_;
   const MemberAttributes usual_;
-  OwnBytes limit_;
+  const OwnBytes limit_;
   Progress progress_;
   BytePump pump_;
   std::optional<Manifest> manifest_;

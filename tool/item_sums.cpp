@@ -6,8 +6,7 @@ namespace tool {
 
 ItemSums::ItemSums(hxcrate::Store store, const Selection& selection, Progress* progress,
                    OnError onError)
-    : limit_(store.path()),
-      walk_(std::move(store), &selection),
+    : walk_(std::move(store), &selection),
       pump_(progress),
       onError_(std::move(onError)) {}
 
@@ -29,9 +28,9 @@ bool ItemSums::open(StoreWalk::Event event) {
   } catch (const hxcrate::Error& error) {
     item_.reset();
     onError_(error);
-    limit_.requireRead(walk_.container().bytesRead());
+    limit_.requireRead(walk_.container());
   }
-  limit_.require(bytes_);
+  limit_.require(walk_.container(), bytes_);
   return isItem;
 }
 

@@ -66,8 +66,7 @@ class Lister {
   explicit Lister(const ListOptions& options)
       : options_(options),
         selection_(options.selected),
-        answer_(options.asJson, options.colour),
-        sizes_(options.store) {}
+        answer_(options.asJson, options.colour) {}
 
   ExitCode list() {
     hxcrate::Session session(waitingFor(options_.wait));
@@ -140,7 +139,7 @@ class Lister {
   const Selection selection_;
   Answer answer_;
   ItemSizes sizes_;
-  ItemSizes sortedSizes_{options_.store, 2};  // a selection makes the walk twice
+  ItemSizes sortedSizes_{2};  // a selection makes the walk twice
   ExitCode outcome_ = ExitCode::fine;
 };
 

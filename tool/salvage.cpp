@@ -206,7 +206,7 @@ ExitCode rebuild(InspectedStore& source, const SalvageOptions& options,
   std::string kept;
   NewStore target(options.target);
   const SizeForecast forecast = forecastOf(source.file(), header);
-  OwnBytes(options.store, options.maxBytes).require(forecast.bytes());
+  OwnBytes(options.maxBytes).require(options.store, source.file().length(), forecast.bytes());
   Progress progress("salvaging");
   progress.expect(forecast.bytes(), forecast.items());
   target.make(forecast, {.copyOf = copied.rights()}, [&](hxcrate::Store& store) {

@@ -154,7 +154,7 @@ std::optional<std::int64_t> ItemSizes::sizeIfReadable(const hxcrate::Store& stor
 
 std::int64_t ItemSizes::sizeOf(const hxcrate::Store& store, const std::string& path) {
   const std::int64_t size = limit_.whileReading(store, [&] { return store.stat(path).size; });
-  limit_.require((bytes_ += size) / times_);
+  limit_.require(store, (bytes_ += size) / times_);
   return size;
 }
 
@@ -163,7 +163,7 @@ void expectItems(Progress& progress, hxcrate::Session& session, const std::strin
   if (!progress.isShown()) return;
   std::int64_t bytes = 0;
   std::int64_t items = 0;
-  ItemSizes sizes(path);
+  ItemSizes sizes;
   StoreWalk walk(session.open(path, hxcrate::Mode::read, {.acceptDamaged = true}), &selection);
   for (auto event = walk.next(); event != StoreWalk::Event::end; event = walk.next()) {
     throwIfInterrupted();

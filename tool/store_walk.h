@@ -110,8 +110,7 @@ bool enterOrNote(StoreWalk& walk, ExitCode& outcome);
 class ItemSizes {
  public:
   // Each item is asked for so often at most.
-  explicit ItemSizes(const std::string& store, std::int64_t times = 1)
-      : limit_(store), times_(times) {}
+  explicit ItemSizes(std::int64_t times = 1) : times_(times) {}
 
   // Nothing when it can't be read, which is noted as above, and behind items that share pages.
   std::optional<std::int64_t> sizeOrNote(const hxcrate::Store& store, const std::string& path,

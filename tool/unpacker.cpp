@@ -52,7 +52,7 @@ class Unpacker {
         tree_(manifest, options.restored),
         walk_(std::move(store), &selection),
         quota_(options.store, options.maxEntries, options.maxBytes),
-        ownBytes_(options.store, options.maxBytes),
+        ownBytes_(options.maxBytes),
         pump_(&progress) {}
 
   ExitCode unpack() {
@@ -99,7 +99,7 @@ class Unpacker {
         leaveStore();
       } else {
         take(event);
-        if (purpose_ == Purpose::measure) ownBytes_.require(quota_.bytes());
+        if (purpose_ == Purpose::measure) ownBytes_.require(walk_.container(), quota_.bytes());
       }
     }
   }
@@ -121,7 +121,7 @@ class Unpacker {
       throw;
     } catch (const hxcrate::Error& error) {
       leaveOut(Failure(ExitCode::partial, error.store(), error.member(), error.reason()));
-      ownBytes_.requireRead(walk_.container().bytesRead());
+      ownBytes_.requireRead(walk_.container());
     } catch (const Failure& failure) {
       if (failure.isOfWholeDisk()) throw;
       leaveOut(failure);

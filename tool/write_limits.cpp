@@ -7,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <filesystem>
 
 #include "report.h"
 
@@ -30,31 +29,24 @@ void requireWritable(const Descriptor& directory, const std::string& path) {
   throw systemFailure(path, "create");
 }
 
-OwnBytes::OwnBytes(const std::string& store, std::optional<std::int64_t> most)
-    : store_(store), most_(most) {
-  std::error_code failed;
-  const std::uintmax_t length = std::filesystem::file_size(store, failed);
-  if (!failed && most.value_or(kUnlimited) == kUnlimited)
-    length_ = static_cast<std::int64_t>(length);
-}
-
-void OwnBytes::requireRead(std::int64_t bytes) const {
+void OwnBytes::requireRead(const hxcrate::Store& store) const {
   constexpr std::int64_t kTimes = 16;
   constexpr std::int64_t kAnyway = 16 << 20;
-  if (length_ == kUnlimited || bytes / kTimes <= length_ + kAnyway) return;
-  throw Failure(ExitCode::damaged, store_, "",
+  const auto length = store.openedLength();
+  if (!length || allowsShared() || store.bytesRead() / kTimes <= *length + kAnyway) return;
+  throw Failure(ExitCode::damaged, store.path(), "",
                 "its items share pages that lead to damage: what follows is not looked at");
 }
 
-void OwnBytes::require(std::int64_t bytes) const {
+void OwnBytes::require(const std::string& path, std::int64_t length, std::int64_t bytes) const {
   if (bytes > most_.value_or(kUnlimited)) {
-    throw Failure(ExitCode::inputOutput, store_, "",
+    throw Failure(ExitCode::inputOutput, path, "",
                   fmt::format("its items have more than the {} bytes allowed", *most_));
   }
-  if (bytes <= length_) return;
-  throw Failure(ExitCode::damaged, store_, "",
+  if (bytes <= length || allowsShared()) return;
+  throw Failure(ExitCode::damaged, path, "",
                 fmt::format("its items have more bytes than the file's {}, so they share pages{}",
-                            length_, most_ ? "; --max-bytes allows it" : ""));
+                            length, most_ ? "; --max-bytes allows it" : ""));
 }
 
 Descriptor openOrAbove(std::string path) {

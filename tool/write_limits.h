@@ -30,29 +30,33 @@ Descriptor openOrAbove(std::string path);
 class OwnBytes {
  public:
   // `most`: of --max-bytes, where the command has it; any but kUnlimited allows shared pages.
-  explicit OwnBytes(const std::string& store, std::optional<std::int64_t> most = std::nullopt);
+  explicit OwnBytes(std::optional<std::int64_t> most = std::nullopt) : most_(most) {}
 
   // Throws a Failure when the `bytes` of the items so far are more than the file has or than the
-  // most. To be asked after each item, so that the work ends there as well.
-  void require(std::int64_t bytes) const;
+  // most. To be asked after each item, so that the work ends there as well. The length is that of
+  // the file that was opened: its path may lead to another one by now.
+  void require(const hxcrate::Store& store, std::int64_t bytes) const {
+    require(store.path(), store.openedLength().value_or(kUnlimited), bytes);
+  }
+  void require(const std::string& path, std::int64_t length, std::int64_t bytes) const;
 
-  // The same when `bytes` of the file were read so far that are far more than it has. To be asked
-  // after each item that can't be read: nobody knows how many pages it shares with others.
-  void requireRead(std::int64_t bytes) const;
+  // The same when far more bytes of the file were read so far than it has. To be asked after each
+  // item that can't be read: nobody knows how many pages it shares with others.
+  void requireRead(const hxcrate::Store& store) const;
   template <typename Read>
   auto whileReading(const hxcrate::Store& store, Read read) const {
     try {
       return read();
     } catch (const hxcrate::Error&) {
-      requireRead(store.bytesRead());
+      requireRead(store);
       throw;
     }
   }
 
  private:
-  std::string store_;
+  bool allowsShared() const { return most_.value_or(kUnlimited) != kUnlimited; }
+
   std::optional<std::int64_t> most_;
-  std::int64_t length_ = kUnlimited;
 };
 
 }  // namespace tool

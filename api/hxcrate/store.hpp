@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <iterator>
 #include <memory>
+#include <optional>
 #include <ranges>
 #include <string>
 #include <string_view>
@@ -166,6 +167,8 @@ class [[nodiscard]] Store {
   // one for the path alone: a path may lead to another file each time. False without a file, and of
   // one that is mapped.
   bool isIn(int file) const;
+  // Of that file, in bytes, when it was opened; nothing where there is none for `isIn`.
+  std::optional<std::int64_t> openedLength() const;
   // Bytes of the file that were read so far, records included, by all who share its opening. Far
   // more than the file has: its items share chains of pages.
   std::int64_t bytesRead() const;
