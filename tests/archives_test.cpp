@@ -33,6 +33,10 @@ TEST_F(ArchivesTest, SumsAreThoseOfSha256sumAndTellWhatDiffers) {
   expectRun(2, "hxcrate sum --check");
   expectRun(3, "{ cat l; echo what; } | hxcrate sum in.st --check -");
   expectSaid("-: line 14: it does not begin with a checksum");
+  expectRun(3, "{ sed 's/^..../0000/' l; cat l; } | hxcrate sum in.st --check -");
+  expectPrinted(0, "{ echo '# of'; echo; cat l; } | hxcrate sum in.st --check - 2>e", "");
+  expectPrinted(3, "{ cat l; seq 99; } | hxcrate sum in.st --check - 2>&1 | grep -c line && exit 3",
+                "21\n");
   for (const std::string list : {"", "what\n", "#mtree\n./mark type=file size=9\n"}) {
     writeFile(directory_ / "m", list);
     expectRun(3, "hxcrate sum --check m in.st");

@@ -62,6 +62,7 @@ const char* parseLine(std::string_view line, ChecksumList& list) {
   const bool isEscaped = line.starts_with('\\');
   if (isEscaped) line.remove_prefix(1);
   if (line.ends_with('\r')) line.remove_suffix(1);
+  if (line.empty() || line.starts_with('#')) return nullptr;
   const auto digest = parseHex(line.substr(0, kHexLength));
   if (!digest) return "it does not begin with a checksum (SHA-256)";
   line.remove_prefix(kHexLength);
@@ -70,8 +71,9 @@ const char* parseLine(std::string_view line, ChecksumList& list) {
   const auto path = isEscaped ? unescapeAsSums(line) : std::optional<std::string>(line);
   if (!path || path->empty()) return "its name can't be read";
   const bool isRelative = path->starts_with("./");
-  list.insert_or_assign(isRelative ? path->substr(2) : *path, ExpectedItem{*digest});
-  return nullptr;
+  const auto [known, isNew] =
+      list.try_emplace(isRelative ? path->substr(2) : *path, ExpectedItem{*digest});
+  return isNew || known->second.sha256 == digest ? nullptr : "another line has another checksum";
 }
 
 }  // namespace

@@ -124,10 +124,15 @@ class Summer {
   }
 
   ChecksumList readAsSums(const std::string& text) {
-    return parseChecksums(text, [this](std::size_t line, const char* fault) {
-      complain(options_.list, "line " + std::to_string(line), fault);
+    constexpr std::int64_t kMostTold = 20;
+    std::int64_t faults = 0;
+    ChecksumList list = parseChecksums(text, [&](std::size_t line, const char* fault) {
+      if (++faults <= kMostTold) complain(options_.list, "line " + std::to_string(line), fault);
       outcome_ = worse(outcome_, ExitCode::inputOutput);
     });
+    if (faults > kMostTold)
+      complain(options_.list, "", countThings(faults - kMostTold, "more line") + " can't be used");
+    return list;
   }
 
   void compare(ChecksumList list) {
