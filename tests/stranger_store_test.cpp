@@ -71,23 +71,29 @@ TEST_F(StrangerStoreTest, MakesNoMoreOfItThanTheFileHas) {
                 "fine.st\nin\nout\nx.st\ny.st\n");
 }
 
-// Its name leads to another file by turns, as it does when a writer replaces it.
+// Its name leads to another file by turns, as it does when a writer replaces it; a file goes.
 TEST_F(StrangerStoreTest, MeasuresItByTheFileThatWasOpened) {
   writeFile(directory_ / "a/1", "");
   writeFile(directory_ / "b/2", makeBytes(100000));
+  writeFile(directory_ / "c/3", "");
   expectRun(0, "hxcrate pack a.st a; hxcrate pack b.st b");
   std::atomic<bool> isOver = false;
   std::thread other([&] {
-    while (!isOver)
+    for (int i = 0; !isOver; ++i) {
       ::renameat2(AT_FDCWD, (directory_ / "a.st").c_str(), AT_FDCWD, (directory_ / "b.st").c_str(),
                   RENAME_EXCHANGE);
+      std::rename((directory_ / (i % 2 ? "c/4" : "c/3")).c_str(),
+                  (directory_ / (i % 2 ? "c/3" : "c/4")).c_str());
+    }
   });
-  expectRun(0,
-            "for i in $(seq 20); do for c in 'ls -l' tree sum export; do hxcrate $c a.st; done; "
-            "for c in copy salvage unpack; do hxcrate $c a.st new; rm -rf new; done; done || :");
+  expectRun(
+      0,
+      "for i in $(seq 20); do for c in 'ls -l' tree sum export 'diff c'; do hxcrate $c a.st; done; "
+      "for c in copy salvage unpack; do hxcrate $c a.st new; rm -rf new; done; done || :");
   isOver = true;
   other.join();
   EXPECT_EQ(err_.find("share pages"), std::string::npos) << err_;
+  EXPECT_EQ(err_.find("c/"), std::string::npos) << err_;
 }
 
 TEST_F(StrangerStoreTest, HidesNoMemberBehindAnother) {

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <optional>
 #include <utility>
@@ -59,15 +60,14 @@ class StoreTree : public ComparedTree {
 
 class FolderTree : public ComparedTree {
  public:
-  explicit FolderTree(const std::string& path) : folder_(path) {}
+  FolderTree(const std::string& path, ExitCode& outcome) : folder_(path), outcome_(outcome) {}
 
   std::vector<ComparedMember> list() override {
     std::optional<std::vector<std::string>> names = listNames(folder_.descriptor());
     if (!names) throw systemFailure(folder_.path(), "list");
     std::vector<ComparedMember> members;
     for (std::string& name : *names) {
-      const Kind kind = kindOf(name);
-      members.push_back({std::move(name), kind});
+      if (const auto kind = kindOf(name)) members.push_back({std::move(name), *kind});
     }
     return members;
   }
@@ -93,14 +93,22 @@ class FolderTree : public ComparedTree {
   }
 
  private:
-  Kind kindOf(const std::string& name) const {
+  // Nothing of what has gone since it was listed, and of what is told of.
+  std::optional<Kind> kindOf(const std::string& name) {
     const auto status = inspect(folder_.descriptor(), name);
-    if (!status) throw systemFailure(folder_.pathTo(name), "inspect");
+    if (!status) {
+      if (errno == ENOENT) return std::nullopt;
+      const Failure failure = systemFailure(folder_.pathTo(name), "inspect");
+      failure.print();
+      outcome_ = worse(outcome_, failure.code());
+      return std::nullopt;
+    }
     if (S_ISDIR(status->st_mode)) return Kind::container;
     return S_ISREG(status->st_mode) ? Kind::item : Kind::other;
   }
 
   DirectoryCursor folder_;
+  ExitCode& outcome_;
   std::string path_;  // of the file
   Descriptor file_;
 };
@@ -114,7 +122,7 @@ bool isFolder(const std::string& path) {
 
 std::unique_ptr<ComparedTree> openTree(hxcrate::Session& session, const std::string& path,
                                        ExitCode& outcome) {
-  if (isFolder(path)) return std::make_unique<FolderTree>(path);
+  if (isFolder(path)) return std::make_unique<FolderTree>(path, outcome);
   return std::make_unique<StoreTree>(openWhatThereIs(session, path, outcome));
 }
 
