@@ -442,6 +442,19 @@ TEST_F(CommandTest, ShowsATerminalNothingThatItWouldObey) {
       "31mred\r\nback\\134slash\r\n\\302\\23331m\r\n\xc3\xa4\r\n\\342\\200\\256\r\n\\377\r\n");
 }
 
+TEST_F(CommandTest, PrintsNoNameThatPassesForALine) {
+  makeStore("x.st", {"a\nb: differs"});
+  expectRun(0, "hxcrate mkstore x.st s; hxcrate mkstore x.st \"$(printf 's/c\\nd')\"; mkdir e");
+  const std::pair<const char*, const char*> cases[] = {
+      {"diff x.st e", "only in x.st: a\\012b: differs\nonly in x.st: s/\n"},
+      {"sum --check none x.st", "a\\012b: differs: is not listed\n"},
+      {"tree --ascii x.st | grep -c '[a-c].012'", "2\n"}};
+  for (const auto& [words, out] : cases) {
+    expectRun(0, "printf '%064d  z\n' 0 >none; hxcrate " + std::string(words) + " || :");
+    EXPECT_EQ(out_.substr(0, std::string(out).size()), out);
+  }
+}
+
 TEST_F(CommandTest, TakesFilesOfAnyName) {
   expectPrinted(
       0, "d=$(printf 'd\\351\\304'); mkdir $d; echo 1 | hxcrate put $d/s.st a 2>$d/a; cat $d/a",

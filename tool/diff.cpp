@@ -68,19 +68,14 @@ class Differences {
   void add(std::string_view difference, const std::string& what, const std::string& place,
            const std::string& how, std::optional<std::int64_t> offset = std::nullopt) {
     any_ = true;
-    answer_.tell(
-        [&](Output& text) {
-          text.print("{}: ", what);
-          text.writeName(place);
-          text.print("{}\n", how);
-        },
-        [&](JsonWriter& json) {
-          json.beginObject();
-          json.writeName("path", place);
-          json.writeText("difference", difference);
-          if (offset) json.writeNumber("offset", *offset);
-          json.endObject();
-        });
+    answer_.tell([&](Output& text) { text.print("{}: {}{}\n", what, escape(place), how); },
+                 [&](JsonWriter& json) {
+                   json.beginObject();
+                   json.writeName("path", place);
+                   json.writeText("difference", difference);
+                   if (offset) json.writeNumber("offset", *offset);
+                   json.endObject();
+                 });
   }
 
   const DiffOptions& options_;

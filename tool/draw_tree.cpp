@@ -45,15 +45,14 @@ constexpr Strokes kAscii = {"|   ", "    ", "|-- ", "`-- "};
 class Drawer {
  public:
   explicit Drawer(const TreeOptions& options)
-      : options_(options),
-        strokes_(options.asAscii ? kAscii : kLines),
-        output_(options.colour) {}
+      : options_(options), strokes_(options.asAscii ? kAscii : kLines), output_(options.colour) {}
 
   ExitCode draw() {
     hxcrate::Session session(waitingFor(options_.wait));
     hxcrate::Store store = openWhatThereIs(session, options_.store, outcome_);
     std::optional<hxcrate::Store> start = openIfStore(store, options_.path);
-    output_.writeName(options_.path.empty() ? hxcrate::showPath(options_.store) : options_.path);
+    output_.write(
+        escape(options_.path.empty() ? hxcrate::showPath(options_.store) : options_.path));
     if (start) {
       if (options_.storesOnly) measure(session);
       output_.write(options_.storesOnly ? fmt::format("  {}\n", bytes_) : "\n");
@@ -78,7 +77,7 @@ class Drawer {
       output_.write(margin_);
       output_.write(walk.isLast() ? strokes_.last : strokes_.branch);
       if (event == StoreWalk::Event::item) {
-        output_.writeName(walk.name());
+        output_.write(escape(walk.name()));
         drawSize(walk.container(), walk.name());
       } else {
         enter(walk);
@@ -87,7 +86,7 @@ class Drawer {
   }
 
   void enter(StoreWalk& walk) {
-    output_.writeStoreName(walk.name());
+    output_.writeStoreName(escape(walk.name()));
     ++stores_;
     output_.write(options_.storesOnly ? fmt::format("  {}\n", sums_[stores_]) : "\n");
     const char* beside = walk.isLast() ? strokes_.blank : strokes_.through;

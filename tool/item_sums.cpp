@@ -6,9 +6,7 @@ namespace tool {
 
 ItemSums::ItemSums(hxcrate::Store store, const Selection& selection, Progress* progress,
                    OnError onError)
-    : walk_(std::move(store), &selection),
-      pump_(progress),
-      onError_(std::move(onError)) {}
+    : walk_(std::move(store), &selection), pump_(progress), onError_(std::move(onError)) {}
 
 bool ItemSums::next() {
   for (auto event = walk_.next(); event != StoreWalk::Event::end; event = walk_.next()) {

@@ -64,9 +64,7 @@ std::vector<hxcrate::Member> listAsAsked(const hxcrate::Store& store, const List
 class Lister {
  public:
   explicit Lister(const ListOptions& options)
-      : options_(options),
-        selection_(options.selected),
-        answer_(options.asJson, options.colour) {}
+      : options_(options), selection_(options.selected), answer_(options.asJson, options.colour) {}
 
   ExitCode list() {
     hxcrate::Session session(waitingFor(options_.wait));
@@ -122,7 +120,8 @@ class Lister {
   void printLine(Output& text, const std::string& size, const std::string& path,
                  bool isStore) const {
     if (options_.withSizes) text.print("{:>10}  ", size);  // has room for the longest item's
-    isStore ? text.writeStoreName(path) : text.writeName(path);
+    const std::string shown = text.isTerminal() ? escape(path) : path;
+    isStore ? text.writeStoreName(shown) : text.write(shown);
     text.write(options_.endWithNul ? std::string_view("\0", 1) : "\n");
   }
 

@@ -39,9 +39,9 @@ void Output::writeName(std::string_view name) {
   isTerminal_ ? write(escape(name)) : write(name);
 }
 
-void Output::writeStoreName(std::string_view name) {
+void Output::writeStoreName(std::string_view shown) {
   if (isColoured_) write(kStoreColour);
-  writeName(name);
+  write(shown);
   if (isColoured_) write(kNoColour);
   write("/");
 }

@@ -26,11 +26,12 @@ class Output {
     write(fmt::format(pattern, std::forward<Values>(values)...));
   }
 
-  // A name: as it is for a program, escaped for a terminal.
+  // A name alone: as it is for a program, escaped for a terminal. Beside other words names are
+  // always escaped: one with a new line in it would look like a line of the command's own.
   void writeName(std::string_view name);
 
-  // The name of a store, with a slash behind it.
-  void writeStoreName(std::string_view name);
+  // What is shown of the name of a store, with a slash behind it.
+  void writeStoreName(std::string_view shown);
 
   bool isTerminal() const { return isTerminal_; }
   bool isColoured() const { return isColoured_; }

@@ -143,8 +143,7 @@ class Summer {
       const auto kind = static_cast<std::size_t>(fault);
       ++counts[kind];
       outcome_ = worse(outcome_, ExitCode::differs);
-      output_.writeName(place);
-      output_.print(": {}\n", kFaults[kind].first);
+      output_.print("{}: {}\n", escape(place), kFaults[kind].first);
     };
     const std::int64_t equal = compareSums(items, std::move(list), selection_, tell);
     output_.finish();
