@@ -97,6 +97,19 @@ class WeightLimit {
   std::vector<std::size_t> paths_;  // hashes
 };
 
+// The library passes over checksums with capital letters.
+std::string lowerChecksums(std::string_view text) {
+  std::string lowered(text);
+  for (const std::string_view keyword : {" sha256=", " sha256digest="}) {
+    std::size_t at = 0;
+    while ((at = lowered.find(keyword, at)) != lowered.npos) {
+      for (at += keyword.size(); at < lowered.size() && lowered[at] > ' '; ++at)
+        if (lowered[at] >= 'A' && lowered[at] <= 'F') lowered[at] += 'a' - 'A';
+    }
+  }
+  return lowered;
+}
+
 ManifestError errorOf(const ArchiveHandle& subject) {
   return ManifestError(archiveErrorOf(subject.get()));
 }
@@ -104,13 +117,15 @@ ManifestError errorOf(const ArchiveHandle& subject) {
 }  // namespace
 
 Manifest::Manifest(std::span<const std::byte> bytes) {
-  WeightLimit().require({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+  const std::string_view written(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+  WeightLimit().require(written);
+  const std::string text = lowerChecksums(written);
   const ArchiveHandle reader = own(archive_read_new());
   if (bytes.empty()) return;
   // Nothing is looked at on the disk.
   if (archive_read_support_format_mtree(reader.get()) != ARCHIVE_OK ||
       archive_read_set_options(reader.get(), "mtree:!checkfs") != ARCHIVE_OK ||
-      archive_read_open_memory(reader.get(), bytes.data(), bytes.size()) != ARCHIVE_OK) {
+      archive_read_open_memory(reader.get(), text.data(), text.size()) != ARCHIVE_OK) {
     throw errorOf(reader);
   }
   archive_entry* entry = nullptr;
