@@ -115,10 +115,13 @@ TEST_F(TreeCommandTest, AttributesComeBackAsTheyWere) {
                      "[ $(stat -c %b u/hole) -le $(($(stat -c %b in/hole) + 64)) ]");
     expectPrinted(0, as + "hxcrate unpack t.st v; find v -perm /6000; [ -r v/.mtree ] || echo no",
                   "no\n");
-    expectRun(0, as + "hxcrate unpack --no-attributes t.st w; " + as + "hxcrate diff t.st t.st; " +
+    expectRun(0, as + "hxcrate unpack --no-attributes t.st w; " + as + "hxcrate diff t.st in; " +
                      "[ -f w/.mtree ] && ! [ -L w/a/b/l ] && ! [ w/zz -ef w/a/c.o ]");
     expectRun(0, "chmod -R u+w u v w; rm -r u v w t.st");
   }
+  expectPrinted(1, "hxcrate pack --attributes t.st in; ln -sfn b 'in/l\ni'; hxcrate diff in t.st",
+                "link differs: l\\012i\n");
+  expectRun(0, "rm t.st");
   if (::geteuid() != 0) return;
   expectRun(0,
             "chown -hR 12345:54321 in/hole in/a/b; chmod 6711 in/hole;"

@@ -2,11 +2,14 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <map>
 #include <optional>
 #include <utility>
 
+#include "checksum_list.h"
 #include "directory.h"
 #include "store_walk.h"
 #include "write_limits.h"
@@ -21,14 +24,35 @@ class StoreTree : public ComparedTree {
  public:
   explicit StoreTree(hxcrate::Store store) { stores_.push_back(std::move(store)); }
 
+  void takeLinks(ExitCode& outcome) {
+    manifest_ = readOwnManifest(store(), outcome);
+    if (!manifest_) return;
+    for (const auto& [path, member] : manifest_->members()) {
+      if (member.type != MemberAttributes::Type::symbolicLink) continue;
+      const std::size_t slash = path.rfind('/');
+      const bool isInTop = slash == path.npos;
+      links_[isInTop ? "" : path.substr(0, slash)][path.substr(isInTop ? 0 : slash + 1)] =
+          member.target;
+    }
+  }
+
   std::vector<ComparedMember> list() override {
     std::vector<ComparedMember> members;
-    for (hxcrate::Member& member : listSorted(stores_.back())) {
+    // The path of each store would take as much memory as the square of the depth.
+    const auto known = links_.empty() ? links_.end() : links_.find(store().place());
+    auto links = known == links_.end() ? std::map<std::string, std::string>() : known->second;
+    for (hxcrate::Member& member : listSorted(store())) {
+      if (manifest_ && stores_.size() == 1 && member.name == kManifestName) continue;
+      links.erase(member.name);
       const bool isStore = member.kind == hxcrate::MemberKind::store;
       members.push_back({std::move(member.name), isStore ? Kind::container : Kind::item});
     }
+    for (const auto& [name, target] : links)
+      members.push_back({name, Kind::link});
+    std::ranges::sort(members, {}, &ComparedMember::name);
     return members;
   }
+  std::string targetOf(const std::string& name) override { return links_[store().place()][name]; }
   void enter(const std::string& name) override {
     stores_.push_back(stores_.back().openStore(name));
   }
@@ -46,6 +70,7 @@ class StoreTree : public ComparedTree {
   }
 
   const char* describe(Kind kind) const override {
+    if (kind == Kind::link) return "a link";
     return kind == Kind::container ? "a store" : "an item";
   }
 
@@ -53,6 +78,9 @@ class StoreTree : public ComparedTree {
   const hxcrate::Store& store() const { return stores_.back(); }
 
   std::vector<hxcrate::Store> stores_;
+  std::optional<Manifest> manifest_;
+  // Targets by name, of the links in each store by its path.
+  std::map<std::string, std::map<std::string, std::string>> links_;
   hxcrate::Reader item_;
   const OwnBytes limit_;
   std::int64_t bytes_ = 0;
@@ -75,6 +103,11 @@ class FolderTree : public ComparedTree {
     if (!folder_.enter(name)) throw systemFailure(folder_.pathTo(name), "open");
   }
   void leave() override { folder_.leave(); }
+  std::string targetOf(const std::string& name) override {
+    const auto target = readLink(folder_.descriptor(), name);
+    if (!target) throw systemFailure(folder_.pathTo(name), "read");
+    return *target;
+  }
 
   void open(const std::string& name) override {
     path_ = folder_.pathTo(name);
@@ -88,7 +121,7 @@ class FolderTree : public ComparedTree {
   }
 
   const char* describe(Kind kind) const override {
-    if (kind == Kind::other) return "no regular file";
+    if (kind == Kind::other || kind == Kind::link) return "no regular file";
     return kind == Kind::container ? "a folder" : "a file";
   }
 
@@ -104,6 +137,7 @@ class FolderTree : public ComparedTree {
       return std::nullopt;
     }
     if (S_ISDIR(status->st_mode)) return Kind::container;
+    if (S_ISLNK(status->st_mode)) return Kind::link;
     return S_ISREG(status->st_mode) ? Kind::item : Kind::other;
   }
 
@@ -121,9 +155,11 @@ bool isFolder(const std::string& path) {
 }
 
 std::unique_ptr<ComparedTree> openTree(hxcrate::Session& session, const std::string& path,
-                                       ExitCode& outcome) {
+                                       bool withLinks, ExitCode& outcome) {
   if (isFolder(path)) return std::make_unique<FolderTree>(path, outcome);
-  return std::make_unique<StoreTree>(openWhatThereIs(session, path, outcome));
+  auto tree = std::make_unique<StoreTree>(openWhatThereIs(session, path, outcome));
+  if (withLinks) tree->takeLinks(outcome);
+  return tree;
 }
 
 }  // namespace tool

@@ -13,7 +13,8 @@
 namespace tool {
 
 struct ComparedMember {
-  enum class Kind { item, container, other };  // other: what no store can hold
+  // A link is one that a store's manifest has, or any of a folder; other: what no store can hold.
+  enum class Kind { item, container, link, other };
 
   std::string name;
   Kind kind;
@@ -31,6 +32,9 @@ class ComparedTree {
   virtual void enter(const std::string& name) = 0;
   virtual void leave() = 0;
 
+  // Where a link leads.
+  virtual std::string targetOf(const std::string& name) = 0;
+
   // An item is open until the next.
   virtual void open(const std::string& name) = 0;
   // How many bytes came, 0 at the end only.
@@ -40,10 +44,10 @@ class ComparedTree {
   virtual const char* describe(ComparedMember::Kind kind) const = 0;
 };
 
-// What `path` leads to. What can't be read of a store's directory is told on standard error and
-// changes `outcome`.
+// What `path` leads to. Of a store `withLinks` its own manifest is no item, and has links. What
+// can't be read of a store's directory is told on standard error and changes `outcome`.
 std::unique_ptr<ComparedTree> openTree(hxcrate::Session& session, const std::string& path,
-                                       ExitCode& outcome);
+                                       bool withLinks, ExitCode& outcome);
 
 bool isFolder(const std::string& path);
 

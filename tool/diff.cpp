@@ -54,6 +54,7 @@ class Differences {
   void addKind(const std::string& place, const char* first, const char* second) {
     add("kind", "kind differs", place, fmt::format(": {} and {}", first, second));
   }
+  void addTarget(const std::string& place) { add("target", "link differs", place, ""); }
   void addContents(const std::string& place, std::int64_t offset) {
     add("contents", "contents differ", place, fmt::format(": at byte {}", offset), offset);
   }
@@ -99,8 +100,8 @@ class Comparison {
       : selection_(options.selected),
         session_(waitingFor(options.wait)),
         differences_(options),
-        first_(openTree(session_, options.first, outcome_)),
-        second_(openTree(session_, options.second, outcome_)),
+        first_(openTree(session_, options.first, isFolder(options.second), outcome_)),
+        second_(openTree(session_, options.second, isFolder(options.first), outcome_)),
         progress_("comparing", ::isatty(STDOUT_FILENO) == 0) {
     const bool isFirstFolder = isFolder(options.first);
     expectItems(progress_, session_, isFirstFolder ? options.second : options.first, selection_);
@@ -208,6 +209,8 @@ class Comparison {
     goOnAfterFailures([&] {
       if (a.kind == Kind::container) return descend(a, true, true);
       if (a.kind == Kind::item) compareItems(a.name);
+      if (a.kind == Kind::link && first_->targetOf(a.name) != second_->targetOf(a.name))
+        differences_.addTarget(place);
     });
   }
 

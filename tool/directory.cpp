@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <memory>
 
@@ -101,6 +102,15 @@ std::optional<struct stat> inspect(const Descriptor& directory, const std::strin
   struct stat status {};
   if (::fstatat(directory.number(), name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) return {};
   return status;
+}
+
+std::optional<std::string> readLink(const Descriptor& directory, const std::string& name) {
+  std::string target(PATH_MAX, '\0');
+  const ssize_t length =
+      ::readlinkat(directory.number(), name.c_str(), target.data(), target.size());
+  if (length < 0) return {};
+  target.resize(static_cast<std::size_t>(length));
+  return target;
 }
 
 bool isSameFile(const struct stat& a, const struct stat& b) {

@@ -65,6 +65,8 @@ Descriptor openBeneath(const Descriptor& directory, const std::string& name, int
 
 // The status of an entry itself, of no link's target. Null with errno set.
 std::optional<struct stat> inspect(const Descriptor& directory, const std::string& name);
+// Where a link leads. Null with errno set.
+std::optional<std::string> readLink(const Descriptor& directory, const std::string& name);
 bool isSameFile(const struct stat& a, const struct stat& b);
 
 // Whether a file in a directory can be called so.

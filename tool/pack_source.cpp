@@ -5,7 +5,6 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include <climits>
 #include <utility>
 
 #include "directory.h"
@@ -147,12 +146,9 @@ class TreeScanner {
   }
 
   void takeLink(std::string name, const struct stat& status) {
-    std::string target(PATH_MAX, '\0');
-    const ssize_t length =
-        ::readlinkat(cursor_.descriptor().number(), name.c_str(), target.data(), target.size());
-    if (length < 0) return void(refuse(cursor_.pathTo(name), systemReason()));
-    target.resize(static_cast<std::size_t>(length));
-    source_.steps.push_back({SourceStep::Kind::link, std::move(name), status, 0, target});
+    const auto target = readLink(cursor_.descriptor(), name);
+    if (!target) return void(refuse(cursor_.pathTo(name), systemReason()));
+    source_.steps.push_back({SourceStep::Kind::link, std::move(name), status, 0, *target});
   }
 
   void enter(std::string name, const struct stat& status, bool isMeant) {
