@@ -9,7 +9,7 @@
 #include <vector>
 
 #include "mount/node_table.h"
-#include "tool/manifest.h"
+#include "tool/manifest/manifest.h"
 
 namespace mounted {
 

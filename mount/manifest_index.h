@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "hxcrate/view.hpp"
-#include "tool/manifest.h"
+#include "tool/manifest/manifest.h"
 
 namespace mounted {
 

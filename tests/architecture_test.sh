@@ -19,7 +19,7 @@ rules=(
   "api/: + api/ host/http/remote_file.h host/linux/ file/format.h item/item_view.h records/lock_guard.h records/records.h records/status.h module/entry.h $slots"
   "inspect/: + inspect/ api/hxcrate/ file/format.h"
   "tool/: + tool/ api/hxcrate/"
-  "mount/: + mount/ api/hxcrate/ tool/manifest.h"
+  "mount/: + mount/ api/hxcrate/ tool/manifest/manifest.h"
   "python/: + python/native/ api/hxcrate/"
   "examples/memory_host.c: + module/crate.h"
   "examples/: + api/hxcrate/"

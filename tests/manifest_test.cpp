@@ -1,5 +1,5 @@
 // Manifests: what is written is read again, here and by others, and hostile ones do no harm.
-#include "tool/manifest.h"
+#include "tool/manifest/manifest.h"
 
 #include "tests/command_fixture.h"
 

@@ -18,8 +18,8 @@
 #include <vector>
 
 #include "tests/command_fixture.h"
-#include "tool/copied_file.h"
-#include "tool/report.h"
+#include "tool/files/copied_file.h"
+#include "tool/report/report.h"
 
 namespace {
 

@@ -11,10 +11,10 @@
 #include <utility>
 #include <vector>
 
-#include "further_command.h"
 #include "hxcrate/inspect.hpp"
-#include "interruption.h"
-#include "output.h"
+#include "tool/commands/further_command.h"
+#include "tool/files/interruption.h"
+#include "tool/files/output.h"
 
 namespace tool {
 

@@ -6,8 +6,8 @@
 #include <string>
 
 #include "hxcrate/crate.hpp"
-#include "report.h"
-#include "selection.h"
+#include "tool/report/report.h"
+#include "tool/trees/selection.h"
 
 namespace tool {
 
