@@ -70,7 +70,7 @@ class FaultCount {
   // Of several of one name the newest is found.
   int64_t countRepeated() {
     std::ranges::sort(names_);
-    return std::ranges::ssize(std::ranges::unique(names_));
+    return names_.end() - std::unique(names_.begin(), names_.end());
   }
 
   // Nothing, and one fault more, where there is none, or no more can be.
