@@ -184,7 +184,7 @@ OpenResult LockedFiles::openNew(const std::string& path, Purpose purpose, LockWa
   const bool wasThere = !file.path.empty();
   OpenResult result{openRegularFile(*ops_, path, purpose, file)};
   // It was there a moment ago: somebody removes it, and may make the next.
-  if (result.error == ENOENT && (wasThere || file.wasCreated)) result.error = kTryAgain;
+  if (result.error == ENOENT && (wasThere || file.descriptor.isOpen())) result.error = kTryAgain;
   if (result.error == 0) result = lockAndRecover(file, purpose, wait);
   if (result.error != 0 && result.error != kTryAgain) dropCreated(file);
   if (result.error == EBUSY) result.holder = findHolder(file.info, isUpdate);
