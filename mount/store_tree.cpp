@@ -26,7 +26,8 @@ constexpr std::size_t kLongestName = 255;  // bytes, of what the kernel can show
 
 constexpr mode_t kFolderMode = S_IFDIR | 0555;
 constexpr mode_t kFileMode = S_IFREG | 0444;
-constexpr std::int64_t kBlock = 512;  // bytes, what st_blocks counts
+constexpr std::int64_t kBlock = 512;        // bytes, what st_blocks counts
+constexpr std::size_t kCompared = 1 << 17;  // bytes at once
 
 // Closed where none can be read, which is said in the log where there is one.
 hxcrate::View openManifest(const hxcrate::Store& store, const std::string& name) {
@@ -202,10 +203,24 @@ void StoreTree::joinHardLink(NodeId link, NodeId first) {
   if (!S_ISREG(one.mode) || !S_ISREG(other.mode) || one.first != kNoNode) return;
   std::error_code ignored;
   hxcrate::captureError(ignored, [&] {
-    if (sizeOf(link) != sizeOf(first)) return;
+    if (!haveEqualBytes(link, first)) return;
     other.first = first;
     ++one.links;
   });
+}
+
+// A program that copies takes the bytes of one for those of both.
+bool StoreTree::haveEqualBytes(NodeId one, NodeId other) {
+  const std::int64_t size = sizeOf(one);
+  std::vector<std::byte> bytes(kCompared), others(kCompared);
+  bool isEqual = size == sizeOf(other);
+  for (std::int64_t at = 0; isEqual && at < size; at += std::ssize(bytes)) {
+    const std::size_t count = viewOf(one)->view.readAt(at, bytes);
+    isEqual = count > 0 && viewOf(other)->view.readAt(at, others) == count &&
+              std::equal(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count),
+                         others.begin());
+  }
+  return isEqual;
 }
 
 // Of a path in the whole store, if that part of it is mounted; kNoNode: there is none.

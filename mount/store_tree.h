@@ -106,6 +106,7 @@ class StoreTree {
   void setAttributes(NodeId id, const tool::MemberAttributes* told, const Origin& origin);
   void joinHardLinks(std::uint32_t source, const ManifestIndex& manifest);
   void joinHardLink(NodeId link, NodeId first);
+  bool haveEqualBytes(NodeId one, NodeId other);
   NodeId findPath(std::uint32_t source, std::string_view path) const;
   Attributes attributesOf(NodeId id) const;
   std::int64_t sizeOf(NodeId id);

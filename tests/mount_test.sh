@@ -85,15 +85,16 @@ cat > manifest << END
 . type=dir mode=0750 time=1000000001.0
 ./one type=file mode=0640 uid=12 gid=13 time=1000000000.5 size=1 nlink=2 resdevice=1 inode=7 sha256digest=$(sha256sum < in/one | head -c 64)
 ./twin type=file size=1 nlink=2 resdevice=1 inode=7
+./false type=file size=1 nlink=2 resdevice=1 inode=7
 ./odd type=file mode=0600
 ./odd/link type=link link=../../nowhere\040at\040all
 ./1 type=link link=one
 ./empty/link type=link link=../one
 END
-cp small.st told.st && hxcrate put told.st .mtree manifest
+cp small.st told.st && hxcrate put told.st .mtree manifest && printf z | hxcrate put told.st false
 hxcrate mount told.st m
 same "$(cd m && stat -c '%a %u %g %Y' one odd . empty/link 1 | sed 3q | xargs)" "640 12 13 1000000000 555 $(id -u) $(id -g) $(stat -c %Y told.st) 750 0 0 1000000001"
-same "$(stat -c '%h %i' m/twin)" "2 $(stat -c %i m/one)"
+same "$(stat -c '%h %i' m/twin) $(cat m/one m/false)" "2 $(stat -c %i m/one) xz"
 same "$(readlink m/odd/link) $(cat m/empty/link) $(stat -c '%F %s' m/1)" "../../nowhere at all x regular file 1"
 same "$(python3 -c 'import os; print(os.getxattr("m/one", "user.hxcrate.sha256").decode())')" "$(sha256sum < in/one | head -c 64)"
 unmount m
